@@ -1,0 +1,122 @@
+// Flowa, the reactive state-machine runtime: the control record that a machine is given, the base
+// of its input machines, and the reactor by which each hears of changes.
+#pragma once
+
+#include "platform/Kiln.h"
+#include "platform/Lumo.h"
+#include "platform/Zel.h"
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Flowa {
+
+/// How a machine is to work. A value: whoever is given one has its own copy.
+class SmControl {
+public:
+  Zel::Ptr<Kiln::TaskScheduler> taskScheduler; ///< null: the machine takes the default scheduler
+  Kiln::TaskPriority taskPriority = 0;
+  std::string traceHandlerName;     ///< empty: the machine's own handler
+  std::uint8_t synchronousMode = 0; ///< 1 synchronous, 2 in tasks, else the machine's default
+  std::uint32_t version = 0;        // carried, not read by the machines
+  bool codefEnabled = false;        // likewise
+  bool defaultSynchronous = false;  // likewise
+
+  Skein::TraceHandle qtHandle() const { return qtHandle_; }
+  void qtHandleIs(Skein::TraceHandle handle) { qtHandle_ = handle; }
+
+private:
+  Skein::TraceHandle qtHandle_;
+};
+
+namespace Gen {
+
+/// Base of the child machines, one per input.
+class InputStateMachine : public Zel::PtrInterface {
+public:
+  /// A child does nothing before it is initialized.
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+  /// While set, the child never yields.
+  bool noYield() const { return noYield_; }
+  void noYieldIs(bool noYield) { noYield_ = noYield; }
+
+private:
+  bool initialized_ = false;
+  bool noYield_ = false;
+};
+
+/// The key of a change of an attribute that is no collection.
+struct NoKey {
+  bool operator==(NoKey const &) const = default;
+};
+
+/// Hands the changes of one object on to the machine that owns the reactor.
+///
+/// While its notification is switched off it holds what it hears, each (attribute, key) once and in
+/// order, and delivers it when notification comes on again, or when zelDoZombieReactors() finds the
+/// owner about to go. Once ownerDeletedIs() has been called it ignores everything. The owner may
+/// release its reactor from inside a delivery.
+template <class Owner, class Key = NoKey>
+class InReactor final : public Zel::Notifiee {
+public:
+  using Handler = void (Owner::*)(Zel::Attribute const &, Key const &);
+
+  InReactor(Owner & owner, Handler handler, Zel::PtrInterface const * notifier)
+      : owner_(&owner),
+        handler_(handler) {
+    Zel::PtrInterface::hasNotificationActiveIs(true);
+    notifierIs(notifier);
+  }
+
+  void onNotification(Zel::Notification const & notification) override {
+    if constexpr (std::is_same_v<Key, NoKey>)
+      take(notification.attribute(), NoKey());
+    else
+      take(notification.attribute(), notification.template key<Key>());
+  }
+  void hasNotificationActiveIs(bool on) override {
+    Zel::PtrInterface::hasNotificationActiveIs(on);
+    if (on)
+      deliverHeld();
+  }
+  /// Delivers what is held now, whether or not notification is on.
+  void zelDoZombieReactors(bool doIt) {
+    if (doIt)
+      deliverHeld();
+  }
+  /// The owner is going: from now on nothing reaches it.
+  void ownerDeletedIs() {
+    owner_ = nullptr;
+    held_.clear();
+    notifierIs(nullptr);
+  }
+
+private:
+  using Change = std::pair<Zel::Attribute const *, Key>;
+
+  void take(Zel::Attribute const & attribute, Key const & key) {
+    if (owner_ == nullptr)
+      return;
+    if (hasNotificationActive())
+      (owner_->*handler_)(attribute, key);
+    else if (Change change{&attribute, key};
+             std::find(held_.begin(), held_.end(), change) == held_.end())
+      held_.push_back(std::move(change));
+  }
+  void deliverHeld() {
+    Zel::Ptr<InReactor> const self(this); // a delivery may release us
+    for (auto const & [attribute, key] : std::exchange(held_, {}))
+      if (owner_ != nullptr)
+        (owner_->*handler_)(*attribute, key);
+  }
+
+  Owner * owner_; // null once it is going
+  Handler handler_;
+  std::vector<Change> held_;
+};
+
+} // namespace Gen
+} // namespace Flowa

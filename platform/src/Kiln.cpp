@@ -1,0 +1,126 @@
+// The cooperative task scheduler.
+#include "platform/Kiln.h"
+#include "platform/Lumo.h"
+#include <algorithm>
+
+namespace Kiln {
+
+TaskScheduler::TaskScheduler(Clock clock, std::chrono::microseconds share)
+    : clock_(std::move(clock)),
+      share_(share) {}
+TaskScheduler::~TaskScheduler() = default;
+
+Zel::Type const & TaskScheduler::type() const {
+  static Zel::Type const type{"Kiln::TaskScheduler", {}, nullptr};
+  return type;
+}
+
+bool TaskScheduler::runOne() {
+  LUMO_ASSERT(!running_, "a task runs inside another run");
+  if (queues_.empty())
+    return false;
+  auto const mostUrgent = queues_.begin();
+  running_ = takeNext(mostUrgent->second);
+  if (mostUrgent->second.empty())
+    queues_.erase(mostUrgent);
+  struct RunEnd {
+    TaskScheduler & scheduler;
+    ~RunEnd() { scheduler.running_ = nullptr; }
+  } const runEnd{*this};
+  ++runs_;
+  runBegan_ = clock_();
+  running_->run();
+  return true;
+}
+
+std::size_t TaskScheduler::scheduled() const {
+  std::size_t count = 0;
+  for (auto const & [priority, queue] : queues_)
+    count += queue.size();
+  return count;
+}
+
+bool TaskScheduler::shouldYield(Task const &) const {
+  return !running_ || clock_() - runBegan_ >= share_;
+}
+
+Zel::Ptr<Task> TaskScheduler::takeNext(std::deque<Zel::Ptr<Task>> & equals) {
+  auto next = equals.front();
+  equals.pop_front();
+  return next;
+}
+
+void TaskScheduler::schedule(Task & task) {
+  auto const wasIdle = queues_.empty();
+  queues_[task.priority()].push_back(Zel::Ptr<Task>(&task));
+  if (wasIdle && wakeUp_)
+    wakeUp_();
+}
+
+namespace {
+Zel::Ptr<TaskScheduler> const & notNull(Zel::Ptr<TaskScheduler> const & scheduler) {
+  LUMO_ASSERT(scheduler, "a task needs a scheduler");
+  return scheduler;
+}
+} // namespace
+
+Task::Task(Zel::Ptr<TaskScheduler> scheduler, TaskPriority priority, std::string_view name)
+    : scheduler_(notNull(scheduler)),
+      priority_(priority),
+      name_(name) {
+  hasNotificationActiveIs(true);
+  scheduler_->tasks_.push_back(this);
+}
+
+Task::~Task() {
+  std::erase(scheduler_->tasks_, this);
+}
+
+Zel::Type const & Task::type() const {
+  static Zel::Attribute const * const attributes[] = {&runAttribute()};
+  static Zel::Type const type{"Kiln::Task", attributes, nullptr};
+  return type;
+}
+
+Zel::Attribute const & Task::runAttribute() {
+  static Zel::Attribute const attribute{"run", "bool"};
+  return attribute;
+}
+
+void Task::scheduleTask() {
+  if (!std::exchange(scheduled_, true))
+    scheduler_->schedule(*this);
+}
+
+bool Task::taskShouldYield() const {
+  return scheduler_->shouldYield(*this);
+}
+
+bool Task::taskCurrentlyRunning() const {
+  return scheduler_->running() == this;
+}
+
+void Task::run() {
+  scheduled_ = false;
+  ++runs_;
+  notify(runAttribute());
+}
+
+namespace {
+Zel::Ptr<TaskScheduler> & defaultScheduler() {
+  static Zel::Ptr<TaskScheduler> scheduler;
+  return scheduler;
+}
+} // namespace
+
+Zel::Ptr<TaskScheduler> TaskSchedulerRoot::findOrCreateScheduler() {
+  if (!defaultScheduler())
+    defaultScheduler() = Zel::makePtr<TaskScheduler>();
+  return defaultScheduler();
+}
+
+void TaskSchedulerRoot::schedulerIs(Zel::Ptr<TaskScheduler> scheduler) {
+  defaultScheduler() = std::move(scheduler);
+}
+
+} // namespace Kiln

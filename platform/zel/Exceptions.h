@@ -1,0 +1,62 @@
+// The errors of the object framework. Broken preconditions do not come here: they are fatal.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace Zel {
+
+/// Base of every error below. what() is one line that names the attribute or the place.
+class Exception : public std::runtime_error {
+public:
+  using std::runtime_error::runtime_error;
+};
+
+/// A mutator was called again for an existing key with a different argument.
+class ReinstantiationError : public Exception {
+public:
+  explicit ReinstantiationError(std::string_view attribute);
+};
+
+/// A mutator was given null where an object is required.
+class NullArgumentError : public Exception {
+public:
+  explicit NullArgumentError(std::string_view attribute);
+};
+
+/// An empty Optional was dereferenced.
+class BadOptionalAccess : public Exception {
+public:
+  BadOptionalAccess();
+};
+
+/// A value does not fit where it should go.
+class RangeException : public Exception {
+public:
+  using Exception::Exception;
+};
+
+/// A text form could not be parsed.
+class StrepError : public RangeException {
+public:
+  using RangeException::RangeException;
+};
+
+/// The text of one attribute of a value could not be parsed; attribute() names it.
+class DeserialisationError : public StrepError {
+public:
+  DeserialisationError(std::string_view attribute, std::string_view reason);
+  std::string const & attribute() const { return attribute_; }
+
+private:
+  std::string attribute_;
+};
+
+/// A type, an attribute or an argument list that the generic interface does not know.
+class GenericAccessError : public Exception {
+public:
+  using Exception::Exception;
+};
+
+} // namespace Zel

@@ -1,0 +1,98 @@
+// Who hears of a change, and what the hearer is told.
+#pragma once
+
+#include "platform/zel/Ptr.h"
+#include <cstddef>
+#include <typeinfo>
+#include <vector>
+
+namespace Zel {
+
+namespace Detail {
+[[noreturn]] void wrongKeyType(std::type_info const & told, std::type_info const & asked);
+} // namespace Detail
+
+/// One change: the object, its attribute and, for a collection, the key. Valid only inside the
+/// notification; a notifiee that needs the key later copies it.
+class Notification {
+public:
+  Notification(PtrInterface const & source, Attribute const & attribute)
+      : source_(source),
+        attribute_(attribute) {}
+  template <class Key>
+  Notification(PtrInterface const & source, Attribute const & attribute, Key const & key)
+      : source_(source),
+        attribute_(attribute),
+        key_(&key),
+        keyType_(&typeid(Key)) {}
+
+  PtrInterface const & source() const { return source_; }
+  /// Attributes are told apart by identity: compare addresses.
+  Attribute const & attribute() const { return attribute_; }
+  bool isAbout(Attribute const & attribute) const { return &attribute_ == &attribute; }
+  /// The key that changed. Asking for another type than the collection's own is fatal.
+  template <class Key>
+  Key const & key() const {
+    if (keyType_ == nullptr || *keyType_ != typeid(Key))
+      Detail::wrongKeyType(keyType_ ? *keyType_ : typeid(void), typeid(Key));
+    return *static_cast<Key const *>(key_);
+  }
+
+private:
+  PtrInterface const & source_;
+  Attribute const & attribute_;
+  void const * key_ = nullptr;
+  std::type_info const * keyType_ = nullptr;
+};
+
+/// Hears the changes of one object, from its connection to its destruction or disconnection,
+/// whichever comes first. Both ends may go in any order.
+class Notifiee : public PtrInterface {
+public:
+  ~Notifiee() override;
+
+  /// Listens to `notifier` from now on, and no longer to what it listened to before. Null: to none.
+  void notifierIs(PtrInterface const * notifier);
+  /// What it listens to, or null. Not owned.
+  PtrInterface const * notifier() const { return notifier_; }
+
+  /// Called after each change, when the object is consistent again. May change the object, connect
+  /// and disconnect any notifiee, and release its own last reference.
+  virtual void onNotification(Notification const & notification) = 0;
+
+private:
+  friend class NotifieeList;
+  friend class PtrInterface;
+  PtrInterface const * notifier_ = nullptr;
+};
+
+/// The notifiees of one object.
+///
+/// While a notification is under way: a notifiee that leaves is not called any more; one that comes
+/// hears the next change, not this one; a change made by a notifiee is told in full, inside, before
+/// the rest of the outer notification goes on. An exception of a notifiee does not stop the others:
+/// when all have been called the first exception is thrown on to the caller of the mutator; each
+/// further one is dropped and counted ("zel-notifiee-exceptions-dropped").
+class NotifieeList {
+public:
+  void add(Notifiee & notifiee);
+  void del(Notifiee & notifiee);
+  /// Disconnects all, those included that a running notification has not reached.
+  void delAll();
+  bool empty() const;
+  void notify(Notification const & notification);
+
+private:
+  void compact();
+
+  std::vector<Notifiee *> notifiees_; // a null marks one that left during a notification
+  int depth_ = 0;
+};
+
+template <class Key>
+void PtrInterface::notify(Attribute const & attribute, Key const & key) const {
+  if (notificationActive_ && notifiees_)
+    notifyAll(Notification(*this, attribute, key));
+}
+
+} // namespace Zel

@@ -1,0 +1,52 @@
+// The state database: entities mounted at paths, inside this process.
+//
+// It owns what it mounts. The input entities are its own; a plug-in's entities are created by type
+// name and reached by path, so that nobody includes the plug-in's headers. StateDocument.h shows
+// and changes the inputs as one JSON document.
+#pragma once
+
+#include "platform/Interface.h"
+#include "platform/IntfSnmp.h"
+#include "platform/Ipsec.h"
+#include "platform/Zel.h"
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace StateDb {
+
+/// A path is names joined by "/", without one at either end: "snmp/tunnelIntf/tunnelMib".
+class StateDb {
+public:
+  /// Mounts the three empty input entities at "tunnelIntfStatusDir", "ifMib" and "ikeStatus".
+  StateDb();
+  StateDb(StateDb const &) = delete;
+  StateDb & operator=(StateDb const &) = delete;
+  ~StateDb();
+
+  /// Mounts the entity. Raises std::invalid_argument when the path is malformed, taken, or below or
+  /// above a mounted one, or the entity is null.
+  void mount(std::string_view path, Zel::Ptr<Zel::Entity> entity);
+  /// Makes an entity of that type, named as the last name of the path, and mounts it. Raises what
+  /// Zel::createByTypeName raises, and std::invalid_argument as mount does or for no entity type.
+  Zel::Ptr<Zel::Entity> create(std::string_view path, std::string_view typeName);
+  /// Releases the entity at the path; does nothing when there is none.
+  void unmount(std::string_view path);
+  /// The entity at exactly that path, or null.
+  Zel::Ptr<Zel::Entity> lookup(std::string_view path) const;
+  /// The mounted paths in order.
+  std::vector<std::string> paths() const;
+
+  Zel::Ptr<Interface::TunnelIntfStatusDir> const & tunnelIntfStatusDir() const { return statuses_; }
+  Zel::Ptr<IntfSnmp::IfMib> const & ifMib() const { return ifMib_; }
+  Zel::Ptr<Ipsec::Ike::Status> const & ikeStatus() const { return ikeStatus_; }
+
+private:
+  Zel::Ptr<Interface::TunnelIntfStatusDir> const statuses_;
+  Zel::Ptr<IntfSnmp::IfMib> const ifMib_;
+  Zel::Ptr<Ipsec::Ike::Status> const ikeStatus_;
+  std::map<std::string, Zel::Ptr<Zel::Entity>, std::less<>> mounted_;
+};
+
+} // namespace StateDb
