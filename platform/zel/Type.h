@@ -84,24 +84,21 @@ Ptr<PtrInterface> attributeIs(PtrInterface & object, std::string_view name,
                               std::span<Ptr<PtrInterface> const> arguments);
 
 // Values out of C++ types, for the `get` of an attribute.
-inline Value toValue(bool value) {
-  return {value};
-}
-template <std::unsigned_integral T>
-Value toValue(T value) {
-  return {static_cast<std::uint64_t>(value)};
-}
+inline Value toValue(std::string const & text) { return {text}; }
 template <class T>
 Value toValue(Ptr<T> const & object) {
   return object ? Value{Ptr<PtrInterface const>(object)} : Value{};
 }
-inline Value toValue(std::string const & text) {
-  return {text};
-}
-/// Any other type by its text form, found as valueToStrep beside the type or in this namespace.
+/// bool and unsigned numbers themselves, any other type by its text form, found as valueToStrep
+/// beside the type or in this namespace.
 template <class T>
 Value toValue(T const & value) {
-  return {std::string(valueToStrep(value))};
+  if constexpr (std::same_as<T, bool>)
+    return {value};
+  else if constexpr (std::unsigned_integral<T>)
+    return {static_cast<std::uint64_t>(value)};
+  else
+    return {std::string(valueToStrep(value))};
 }
 template <class Key>
 std::string keyText(Key const & key) {
