@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace Zel {
@@ -35,8 +36,10 @@ extern bool threadSafePtrs;
 
 /// Base of every counted object: a reference count, a description of the type, and the notifiees.
 ///
-/// A new object has count zero and notification switched off; the first Ptr brings it to life, the
-/// end of the last one destroys it through handleZeroReferences(). Never copied.
+/// A new object has one reference, which makePtr() hands to the Ptr that it returns, so that an
+/// object may refer to itself while it is constructed; nothing else may create one on the heap. The
+/// end of the last reference destroys it through handleZeroReferences(). Notification is off at
+/// first. Never copied.
 /// Not thread-safe but for the count, and that only while threadSafePtrs() is on.
 class PtrInterface {
 public:
@@ -75,7 +78,7 @@ private:
   virtual void handleZeroReferences() const { delete this; }
   void notifyAll(Notification const & notification) const;
 
-  std::atomic<std::uint32_t> mutable references_{0};
+  std::atomic<std::uint32_t> mutable references_{1};
   bool notificationActive_ = false;
   std::unique_ptr<NotifieeList> notifiees_; // made by the first notifiee: most objects have none
 };
@@ -88,6 +91,7 @@ public:
 
   constexpr Ptr() noexcept = default;
   constexpr Ptr(std::nullptr_t) noexcept {}
+  /// Another reference to an object that has one already. Null gives a null pointer.
   explicit Ptr(T * object) noexcept : object_(object) { inc(); }
   Ptr(Ptr const & other) noexcept : object_(other.object_) { inc(); }
   Ptr(Ptr && other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
@@ -98,6 +102,13 @@ public:
   requires std::convertible_to<U *, T *> Ptr(Ptr<U> && other)
   noexcept : object_(other.release()) {}
   ~Ptr() { dec(object_); }
+
+  /// Takes over a reference that somebody gave up: release(), or the one a new object has.
+  static Ptr adopt(T * object) noexcept {
+    Ptr adopted;
+    adopted.object_ = object;
+    return adopted;
+  }
 
   Ptr & operator=(Ptr other) noexcept {
     std::swap(object_, other.object_);
@@ -139,7 +150,7 @@ private:
 /// Makes a T on the heap and returns its first reference.
 template <class T, class... Args>
 Ptr<T> makePtr(Args &&... args) {
-  return Ptr<T>(new T(std::forward<Args>(args)...));
+  return Ptr<T>::adopt(new T(std::forward<Args>(args)...));
 }
 
 /// The object as a U, or null when it is none.

@@ -13,7 +13,9 @@
 #pragma once
 
 #include "platform/zel/Exceptions.h"
+#include <algorithm>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -21,6 +23,14 @@
 #include <tuple>
 
 namespace Zel {
+
+/// A text that a template can be given, such as the name of a value type.
+template <std::size_t N>
+struct FixedText {
+  char text[N];
+  constexpr FixedText(char const (&literal)[N]) { std::copy_n(literal, N, text); }
+  constexpr std::string_view view() const { return {text, N - 1}; }
+};
 
 template <class T, class Member>
 struct Field {

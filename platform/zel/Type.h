@@ -8,6 +8,7 @@
 #include "platform/zel/Ptr.h"
 #include "platform/zel/RbTreeMap.h"
 #include "platform/zel/Strep.h"
+#include <array>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -54,6 +55,15 @@ struct Module {
   /// Types of other modules that this one's attributes refer to.
   std::span<std::string_view const> outsideTypes;
 };
+
+/// The addresses of an array of attributes, as Type wants them.
+template <std::size_t N>
+std::array<Attribute const *, N> pointersTo(Attribute const (&list)[N]) {
+  std::array<Attribute const *, N> pointers;
+  for (std::size_t i = 0; i != N; ++i)
+    pointers[i] = &list[i];
+  return pointers;
+}
 
 /// Keeps a module known for as long as it lives: a static object of the unit that defines it.
 class zelModuleIs {

@@ -1,0 +1,331 @@
+// The pattern of the table state machines, as far as it does not depend on a key type: construction,
+// the two passes, readiness, tasks, deletion. In the order of TableSmRuntime.h.
+#include "TunnelIntfSnmp/TableSmRuntime.h"
+
+namespace TunnelIntfSnmp {
+
+namespace {
+Lumo::Counter zombieExceptions("table-sm-zombie-exceptions");
+} // namespace
+
+// Which scans are complete, and whether the output is ready
+
+Zel::Attribute const & InputSmScanState::ifMibStreamScanAttribute() {
+  static Zel::Attribute const attribute{"ifMibStreamScan", "bool"};
+  return attribute;
+}
+Zel::Attribute const & InputSmScanState::idleAttribute() {
+  static Zel::Attribute const attribute{"idle", "bool"};
+  return attribute;
+}
+
+void InputSmScanState::ifMibStreamScanIs(bool complete) {
+  if (std::exchange(ifMibStreamScan_, complete) != complete)
+    notify(ifMibStreamScanAttribute());
+}
+void InputSmScanState::tisStreamScanIs(bool complete) {
+  if (std::exchange(tisStreamScan_, complete) != complete)
+    notify(names_.tisStreamScan);
+}
+void InputSmScanState::handleIdle() {
+  if (!std::exchange(idle_, true))
+    notify(idleAttribute());
+}
+
+Zel::Attribute const & OutputState::readyAttribute() {
+  static Zel::Attribute const attribute{"ready", "bool"};
+  return attribute;
+}
+
+void OutputState::mibOutputReadyIs(bool ready) {
+  if (std::exchange(mibOutputReady_, ready) == ready)
+    return;
+  handleReady();
+  notify(names_.outputReady);
+}
+void OutputState::handleReady() {
+  if (std::exchange(ready_, mibOutputReady_) != mibOutputReady_)
+    notify(readyAttribute());
+}
+
+// One input
+
+bool InputSm::synchronous() const {
+  return parent_.synchronous();
+}
+bool InputSm::initialScanDone() const {
+  return parent_.initialScanDone();
+}
+Lumo::DebugHandler const & InputSm::trace() const {
+  return parent_.trace();
+}
+char const * InputSm::unit() const {
+  return parent_.names().machine.data();
+}
+
+Zel::Type const & InputSm::type() const {
+  static Zel::Attribute const list[] = {
+      {"scanState", "U8",
+       [](Zel::PtrInterface const & child) {
+         auto const state = static_cast<InputSm const &>(child).scanState();
+         return Zel::toValue(static_cast<std::uint8_t>(state));
+       }},
+      {"scanComplete", "bool", Zel::getBy<&InputSm::inputScanComplete>},
+      {"scanned", "U64", Zel::getBy<&InputSm::scanned>},
+      {"inputSize", "U64", Zel::getBy<&InputSm::inputSize>}};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::InputSm", attributes};
+  return type;
+}
+
+void InputSm::start() {
+  initializedIs(true);
+  doInitializeTask();
+  if (synchronous())
+    doInputScan();
+}
+
+void InputSm::doInitializeTask() {
+  if (synchronous())
+    return;
+  auto const & control = parent_.flowaControl();
+  taskIs(control.taskScheduler, control.taskPriority,
+         fmt::format("TunnelIntfSnmp::{}-{}InputScanTask", parent_.names().machine, name_));
+}
+
+void InputSm::taskIs(Zel::Ptr<Kiln::TaskScheduler> const & scheduler, Kiln::TaskPriority priority,
+                     std::string_view name) {
+  if (task_ && (*task_)->scheduler() == scheduler && (*task_)->priority() == priority &&
+      (*task_)->name() == name)
+    return;
+  task_ =
+      Zel::makePtr<ZelTask<InputSm>>(*this, &InputSm::handleTask, scheduler, priority, name);
+  doInputScan();
+}
+
+bool InputSm::shouldYield() const {
+  return task_ && !noYield() && (*task_)->taskShouldYield();
+}
+
+void InputSm::hasNotificationActiveIs(bool on) {
+  InputStateMachine::hasNotificationActiveIs(on);
+  if (task_)
+    task_->hasNotificationActiveIs(on);
+}
+
+void InputSm::zelDoZombieReactors(bool doIt) {
+  if (auto const task = task_) // a run may complete the scan and release it
+    task->zelDoZombieReactors(doIt);
+}
+
+void InputSm::scanBegins() {
+  LUMO_TRACE(trace(), 9, unit(), "");
+  LUMO_TRACE(trace(), 9, unit(), " scan complete: {} resumed: {} scan: {}",
+             (parent_.inputSmScanState().get()->*flag_.get)(), inputScanComplete(),
+             static_cast<unsigned>(scanState_));
+}
+
+void InputSm::scanYields(std::uint64_t iterations) {
+  scanState_ = ScanState::yielded;
+  auto const size = inputSize();
+  auto & task = *task_;
+  task->taskWorkCountInc(iterations);
+  task->taskWorkPendingIs(size);
+  task->scheduleTask();
+  LUMO_TRACE(trace(), 8, unit(), "{} {} yielding after {} iterations ({} remaining)", unit(), name_,
+             iterations, size > scanned_ ? size - scanned_ : 1);
+}
+
+void InputSm::scanCompletes() {
+  auto const * pass = "";
+  if (initialScanDone()) {
+    scanState_ = ScanState::complete;
+    task_ = nullptr;
+  } else {
+    scanState_ = ScanState::initialComplete;
+    pass = " initial";
+  }
+  LUMO_TRACE(trace(), 9, unit(), "{}{} scan, and parent scan, complete.", name_, pass);
+  (parent_.inputSmScanState().get()->*flag_.set)(true);
+}
+
+// The machine: construction
+
+TableSmBase::TableSmBase(TableSmNames const & names, Lumo::DebugHandler const & defaultTrace,
+                         Flowa::SmControl const & control)
+    : names_(names), trace_(&defaultTrace), flowaControl_(control) {}
+
+void TableSmBase::handleInitialized() {
+  if (initialized_)
+    return;
+  if (!flowaControl_.traceHandlerName.empty())
+    trace_ = Lumo::Platform::getDebugHandler(flowaControl_.traceHandlerName, false).get();
+  LUMO_TRACE(trace(), 8, unit(), "");
+  if (flowaControl_.synchronousMode == 1 || flowaControl_.synchronousMode == 2)
+    synchronous_ = flowaControl_.synchronousMode == 1;
+  inputSmScanState_ = Zel::makePtr<InputSmScanState>(names_);
+  inputSmScanState_->hasNotificationActiveIs(true);
+  zelInputSmScanState_ = Zel::makePtr<Flowa::Gen::InReactor<TableSmBase>>(
+      *this, &TableSmBase::handleInputScan, inputSmScanState_.get());
+  outputState_ = Zel::makePtr<OutputState>(names_);
+  checkInputs();
+  if (!synchronous_)
+    createTask();
+  mibOutputReconciling_ = outputHasRows();
+  LUMO_TRACE(trace(), 9, unit(), "Reconciling {}: {:}", names_.output, mibOutputReconciling_);
+  LUMO_TRACE(trace(), 9, unit(), "create local SMs");
+  LUMO_TRACE(trace(), 9, unit(), "create non-public arg SMs");
+  ifIndexSm_ = createIfIndexSm();
+  ifIndexSm_->start();
+  intfStatusSm_ = createIntfStatusSm();
+  intfStatusSm_->start();
+  LUMO_TRACE(trace(), 9, unit(), "initialized");
+  initialized_ = true;
+  handleMibOutputInputReady();
+}
+
+void TableSmBase::createTask() {
+  if (!flowaControl_.taskScheduler)
+    flowaControl_.taskScheduler = Kiln::TaskSchedulerRoot::findOrCreateScheduler();
+  reconciliationTask_ = Zel::makePtr<ZelTask<TableSmBase>>(
+      *this, &TableSmBase::handleReconciliationTask, flowaControl_.taskScheduler,
+      flowaControl_.taskPriority, fmt::format("{}-{}Task", names_.machine, names_.output));
+}
+
+// First pass and second pass
+
+void TableSmBase::handleInitialScanDone() {
+  if (initialScanDone_)
+    return;
+  if (!inputSmScanState_->ifMibStreamScan()) {
+    LUMO_TRACE(trace(), 9, unit(), " ifMibStream scan is false");
+    return;
+  }
+  if (!inputSmScanState_->tisStreamScan()) {
+    LUMO_TRACE(trace(), 9, unit(), " {} scan is false", names_.tisStream);
+    return;
+  }
+  initialScanDone_ = true; // first: clearing a flag notifies, and comes back here
+  inputSmScanState_->ifMibStreamScanIs(false);
+  inputSmScanState_->tisStreamScanIs(false);
+  startScan(*ifIndexSm_);
+  startScan(*intfStatusSm_);
+  inputSmScanState_->handleIdle();
+  LUMO_TRACE(trace(), 9, unit(),
+             "Initial scan done for child SMs. Now scanning with events triggered.");
+  handleMibOutputInputReady();
+}
+
+void TableSmBase::startScan(InputSm & child) const {
+  if (child.hasOutstandingWork())
+    (*child.task_)->scheduleTask();
+  else
+    child.doInputScan();
+}
+
+// Reconciliation
+
+void TableSmBase::handleMibOutputInputReady() {
+  if (!initialized_)
+    return;
+  LUMO_TRACE(trace(), 8, unit(), "");
+  if (outputState_->mibOutputReady()) {
+    LUMO_TRACE(trace(), 9, unit(), " already ready, not reconciling.");
+    return;
+  }
+  if (!inputSmScanState_->ifMibStreamScan() || !inputSmScanState_->tisStreamScan())
+    return;
+  if (!initialScanDone_) {
+    handleInitialScanDone();
+    return;
+  }
+  LUMO_TRACE(trace(), 9, unit(), "Input scans for {} complete", names_.output);
+  if (mibOutputReconciling_ && !deletionScan())
+    return;
+  mibOutputReconciling_ = false;
+  outputKeysForgotten();
+  outputState_->mibOutputReadyIs(true);
+}
+
+bool TableSmBase::deletionScanShouldYield() const {
+  if (!reconciliationTask_ || synchronous_)
+    return false;
+  auto const & task = *reconciliationTask_;
+  return !task->taskCurrentlyRunning() || task->taskShouldYield();
+}
+
+void TableSmBase::deletionScanYields(std::size_t items, std::size_t deletions) {
+  LUMO_TRACE(trace(), 9, unit(),
+             "Yielding in reconciliation processing after processing {} items, including {} "
+             "deletions .",
+             items, deletions);
+  auto & task = *reconciliationTask_;
+  task->taskWorkCountInc(items);
+  task->scheduleTask();
+}
+
+void TableSmBase::deletionScanEnds(std::size_t items, std::size_t deletions) {
+  LUMO_TRACE(trace(), 9, unit(),
+             "Deletion scan for reconciliation is done, last task run processed {} items, deleting "
+             "{} items.",
+             items, deletions);
+  if (reconciliationTask_)
+    (*reconciliationTask_)->taskWorkCountInc(items);
+  reconciliationTask_ = nullptr;
+}
+
+void TableSmBase::doDeleteAll() {
+  Zel::Ptr<TableSmBase> const self(this);
+  ifIndexSm_->doDeleteAll();
+  intfStatusSm_->doDeleteAll();
+}
+
+// Reactors
+
+void TableSmBase::handleInputScan(Zel::Attribute const & attribute, Flowa::Gen::NoKey const &) {
+  Zel::Ptr<TableSmBase> const self(this);
+  if (&attribute != &InputSmScanState::idleAttribute())
+    handleMibOutputInputReady();
+}
+
+void TableSmBase::handleReconciliationTask(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
+  Zel::Ptr<TableSmBase> const self(this);
+  handleMibOutputInputReady();
+}
+
+void TableSmBase::hasNotificationActiveIs(bool on) {
+  PtrInterface::hasNotificationActiveIs(on);
+  inputSmScanState_->hasNotificationActiveIs(on);
+  outputState_->hasNotificationActiveIs(on);
+  zelInputSmScanState_->hasNotificationActiveIs(on);
+  if (reconciliationTask_)
+    reconciliationTask_->hasNotificationActiveIs(on);
+  ifIndexSm_->hasNotificationActiveIs(on);
+  intfStatusSm_->hasNotificationActiveIs(on);
+}
+
+void TableSmBase::zelDoZombieReactors(bool doIt) {
+  zelInputSmScanState_->zelDoZombieReactors(doIt);
+  if (auto const task = reconciliationTask_)
+    task->zelDoZombieReactors(doIt);
+  ifIndexSm_->zelDoZombieReactors(doIt);
+  intfStatusSm_->zelDoZombieReactors(doIt);
+}
+
+// Destruction
+
+void TableSmBase::tearDown() {
+  if (!initialized_) // construction failed half-way
+    return;
+  try {
+    zelDoZombieReactors(true);
+  } catch (Zel::Exception const &) { // a pipeline may raise; a destructor may not
+    zombieExceptions.inc();
+  }
+  ifIndexSm_ = nullptr;
+  intfStatusSm_ = nullptr;
+  reconciliationTask_ = nullptr;
+  zelInputSmScanState_->ownerDeletedIs();
+}
+
+} // namespace TunnelIntfSnmp

@@ -1,0 +1,64 @@
+// The values of the state machines, and how values stand in their trace lines.
+#pragma once
+
+#include "TunnelIntfSnmp/TunnelIntfSnmp.h"
+#include "platform/Zel.h"
+#include <compare>
+#include <concepts>
+#include <cstdint>
+#include <fmt/format.h>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <tuple>
+
+namespace TunnelIntfSnmp {
+
+/// How a value stands in a trace line.
+template <class T>
+std::string printed(T const & value) {
+  return fmt::format("{}", value);
+}
+template <Zel::FieldedValue T>
+std::string printed(T const & value) {
+  return Zel::valueToStrep(value);
+}
+inline std::string printed(StatusPtr const & status) {
+  return status ? fmt::format("Interface::TunnelIntfStatus( {} )", status->intfId()) : "null";
+}
+template <class T>
+std::string printed(Zel::Optional<T> const & value) {
+  return value ? "Optional( " + printed(*value) + " )" : "None";
+}
+
+/// The key of an output row, or none (`k0Valid` false). `TypeName` is its name in text forms.
+template <class K0, Zel::FixedText TypeName>
+struct OutputKeyType {
+  K0 k0{};
+  bool k0Valid = false;
+
+  auto operator<=>(OutputKeyType const &) const = default;
+  explicit operator bool() const { return *this != OutputKeyType(); }
+  /// Marks the key as set. Every value is accepted.
+  void validate() { k0Valid = true; }
+  std::uint32_t hash(std::uint32_t seed) const {
+    Zel::Hash hash(seed);
+    if constexpr (std::unsigned_integral<K0>)
+      hash.mix(k0);
+    else
+      hash.mix(k0.hash(0));
+    return hash.mix(static_cast<std::uint8_t>(k0Valid)).result();
+  }
+
+  static constexpr std::string_view typeName = TypeName.view();
+  static constexpr auto fields() {
+    return std::tuple{Zel::Field{"k0", &OutputKeyType::k0},
+                      Zel::Field{"k0Valid", &OutputKeyType::k0Valid}};
+  }
+};
+template <class K0, Zel::FixedText TypeName>
+std::ostream & operator<<(std::ostream & out, OutputKeyType<K0, TypeName> const & key) {
+  return out << Zel::valueToStrep(key);
+}
+
+} // namespace TunnelIntfSnmp

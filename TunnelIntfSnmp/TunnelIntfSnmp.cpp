@@ -1,0 +1,414 @@
+// The model: rows, columns, tables, and what the framework is told of their types.
+#include "TunnelIntfSnmp/TunnelIntfSnmp.h"
+#include <array>
+
+namespace TunnelIntfSnmp {
+
+namespace {
+
+constexpr char const * unit = "TunnelIntfSnmp";
+
+template <auto Member>
+Zel::Attribute attributeOf(std::string_view name, std::string_view typeName) {
+  return {name, typeName, Zel::getBy<Member>};
+}
+
+} // namespace
+
+Lumo::DebugHandler const & modelTrace() {
+  static auto const handler = Lumo::Platform::getDebugHandler("TunnelIntfSnmp", false);
+  return *handler;
+}
+
+std::uint32_t modeToEncap(Plexa::TunnelIntfMode mode) {
+  if (mode == Plexa::TunnelIntfMode::gre)
+    return 3;
+  return mode == Plexa::TunnelIntfMode::direct ? 2 : 1;
+}
+
+// tunnelIfTable
+
+TunnelIfTableEntry::TunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus)
+    : ifIndex_(ifIndex), tunnelIntfStatus_(std::move(tunnelIntfStatus)) {}
+
+Zel::Type const & TunnelIfTableEntry::type() const {
+  return typeDescription();
+}
+
+Zel::Type const & TunnelIfTableEntry::typeDescription() {
+  using Row = TunnelIfTableEntry;
+  static Zel::Attribute const list[] = {
+      attributeOf<&Row::ifIndex>("ifIndex", "U32"),
+      attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus"),
+      attributeOf<&Row::encapsMethod>("encapsMethod", "U32"),
+      attributeOf<&Row::hopLimit>("hopLimit", "U8"),
+      attributeOf<&Row::security>("security", "U32"),
+      attributeOf<&Row::tos>("tos", "U8"),
+      attributeOf<&Row::addrType>("addrType", "U32"),
+      attributeOf<&Row::localAddr>("localAddr", "Plexa::IpGenAddr"),
+      attributeOf<&Row::remoteAddr>("remoteAddr", "Plexa::IpGenAddr")};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::TunnelIfTableEntry", attributes};
+  return type;
+}
+
+std::uint32_t TunnelIfTableEntry::encapsMethod() const {
+  return modeToEncap(tunnelIntfStatus_->mode());
+}
+
+std::uint8_t TunnelIfTableEntry::hopLimit() const {
+  return tunnelIntfStatus_ ? tunnelIntfStatus_->hopLimit() : std::uint8_t{0};
+}
+
+std::uint32_t TunnelIfTableEntry::security() const {
+  return tunnelIntfStatus_->ipsec() ? 2 : 1;
+}
+
+std::uint8_t TunnelIfTableEntry::tos() const {
+  return tunnelIntfStatus_ ? tunnelIntfStatus_->tos() : std::uint8_t{0};
+}
+
+std::uint32_t TunnelIfTableEntry::addrType() const {
+  auto const & source = tunnelIntfStatus_->srcAddr();
+  auto const & address =
+      source == Plexa::IpGenAddr(Plexa::AddressFamily::none) ? tunnelIntfStatus_->dstAddr() : source;
+  return Snmp::InetAddress::fromIpGenAddrOrUnknown(address).addressType();
+}
+
+Plexa::IpGenAddr TunnelIfTableEntry::localAddr() const {
+  return tunnelIntfStatus_ ? tunnelIntfStatus_->srcAddr() : Plexa::IpGenAddr();
+}
+
+Plexa::IpGenAddr TunnelIfTableEntry::remoteAddr() const {
+  return tunnelIntfStatus_ ? tunnelIntfStatus_->dstAddr() : Plexa::IpGenAddr();
+}
+
+// velmoraIpsecTunnelIfTable
+
+IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus,
+                                                 IkeStatusPtr ikeStatus)
+    : ifIndex_(ifIndex), tunnelIntfStatus_(std::move(tunnelIntfStatus)),
+      ikeStatus_(std::move(ikeStatus)) {}
+
+Zel::Type const & IpsecTunnelIfTableEntry::type() const {
+  return typeDescription();
+}
+
+Zel::Type const & IpsecTunnelIfTableEntry::typeDescription() {
+  using Row = IpsecTunnelIfTableEntry;
+  static Zel::Attribute const list[] = {
+      attributeOf<&Row::ifIndex>("ifIndex", "U32"),
+      attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus"),
+      attributeOf<&Row::ikeStatus>("ikeStatus", "Ipsec::Ike::Status"),
+      attributeOf<&Row::connState>("connState", "U32")};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::IpsecTunnelIfTableEntry", attributes};
+  return type;
+}
+
+namespace {
+
+// The value under the key, or null where there is none, or a null one, which is traced.
+template <class Collection, class Key>
+auto lookUp(Collection const & collection, Key const & key, fmt::format_string<Key const &> missing)
+    -> decltype(collection.find(key)->get()) {
+  if (auto const * found = collection.find(key); found != nullptr && *found)
+    return found->get();
+  if (modelTrace().enabled(5))
+    Lumo::fmtrace(modelTrace(), 5, unit, "IpsecTunnelIfTableEntry::connState", __LINE__, missing,
+                  key);
+  return nullptr;
+}
+
+// The column leaves out the input's state 5 and moves those above it down by one.
+std::uint32_t connStateColumn(Ipsec::Ike::ConnState state) {
+  constexpr std::array<std::uint32_t, 7> column{1, 2, 3, 4, 0, 5, 6};
+  auto const position = static_cast<std::uint8_t>(static_cast<std::uint8_t>(state) - 1);
+  return position < column.size() ? column[position] : 0;
+}
+
+} // namespace
+
+std::uint32_t IpsecTunnelIfTableEntry::connState() const {
+  auto const intfId = tunnelIntfStatus_->intfId();
+  auto const * info = lookUp(ikeStatus_->ipsecTunnelInfo(), intfId, "No tunnelInfo for {}");
+  if (info == nullptr)
+    return 0;
+  auto const * connections = lookUp(ikeStatus_->appliedProfiles(), info->profileName(),
+                                    "No appliedProfile profileConnectionMap for profile {}");
+  if (connections == nullptr)
+    return 0;
+  auto const * applied = lookUp(connections->appliedIntfId(), intfId,
+                                "No appliedIntfId tunnelProfileInfo for intfId {}");
+  return applied == nullptr ? 0 : connStateColumn(applied->connState());
+}
+
+// tunnelInetConfigTable
+
+TunnelInetConfigTableKey::TunnelInetConfigTableKey(Snmp::InetAddress localInetAddr,
+                                                   Snmp::Bytes remoteAddrBytes,
+                                                   std::uint32_t encapsMethod,
+                                                   std::uint32_t configId)
+    : localInetAddr_(std::move(localInetAddr)), remoteAddrBytes_(std::move(remoteAddrBytes)),
+      encapsMethod_(encapsMethod), configId_(configId) {}
+
+TunnelInetConfigTableKey::TunnelInetConfigTableKey(Zel::StrepReader & text) {
+  Zel::strepRead(text, *this);
+}
+
+std::uint32_t TunnelInetConfigTableKey::hash(std::uint32_t seed) const {
+  return Zel::Hash(seed)
+      .mix(localInetAddr_.hash(0))
+      .mix(remoteAddrBytes_.hash(0))
+      .mix(encapsMethod_)
+      .mix(configId_)
+      .result();
+}
+
+std::ostream & operator<<(std::ostream & out, TunnelInetConfigTableKey const & key) {
+  return out << Zel::valueToStrep(key);
+}
+
+TunnelInetConfigTableEntry::TunnelInetConfigTableEntry(TunnelInetConfigTableKey key,
+                                                       std::uint32_t ifIndex)
+    : key_(std::move(key)), ifIndex_(ifIndex) {}
+
+Zel::Type const & TunnelInetConfigTableEntry::type() const {
+  return typeDescription();
+}
+
+Zel::Type const & TunnelInetConfigTableEntry::typeDescription() {
+  using Row = TunnelInetConfigTableEntry;
+  static Zel::Attribute const list[] = {
+      attributeOf<&Row::key>("key", TunnelInetConfigTableKey::typeName),
+      attributeOf<&Row::addrType>("addrType", "U32"),
+      attributeOf<&Row::localAddr>("localAddr", "Snmp::Bytes"),
+      attributeOf<&Row::remoteAddr>("remoteAddr", "Snmp::Bytes"),
+      attributeOf<&Row::encapsMethod>("encapsMethod", "U32"),
+      attributeOf<&Row::configId>("configId", "U32"),
+      attributeOf<&Row::ifIndex>("ifIndex", "U32"),
+      attributeOf<&Row::rowStatus>("rowStatus", "U32"),
+      attributeOf<&Row::storageType>("storageType", "U32")};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::TunnelInetConfigTableEntry", attributes};
+  return type;
+}
+
+Zel::Ptr<TunnelInetConfigTableEntry const>
+tunnelInetConfigTableEntryFactory(TunnelInetConfigTableKey key, std::uint32_t ifIndex) {
+  return Zel::makePtr<TunnelInetConfigTableEntry>(std::move(key), ifIndex);
+}
+
+MibEntryWrapper::MibEntryWrapper(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry)
+    : mibEntry_(std::move(mibEntry)) {}
+
+Zel::Type const & MibEntryWrapper::type() const {
+  return typeDescription();
+}
+
+Zel::Type const & MibEntryWrapper::typeDescription() {
+  static Zel::Attribute const list[] = {attributeOf<&MibEntryWrapper::mibEntry>(
+      "mibEntry", "TunnelIntfSnmp::TunnelInetConfigTableEntry")};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::MibEntryWrapper", attributes};
+  return type;
+}
+
+// The entity
+
+namespace {
+
+// Which of the overloads is the attribute: the one that gives the whole table.
+constexpr auto wholeTunnelIfTable =
+    static_cast<TunnelMib::TunnelIfTable const & (TunnelMib::*)() const>(&TunnelMib::tunnelIfTable);
+constexpr auto wholeIpsecTunnelIfTable =
+    static_cast<TunnelMib::IpsecTunnelIfTable const & (TunnelMib::*)() const>(
+        &TunnelMib::ipsecTunnelIfTable);
+
+} // namespace
+
+Zel::Attribute const & TunnelMib::tunnelIfTableAttribute() {
+  static auto const attribute = attributeOf<wholeTunnelIfTable>("tunnelIfTable", "Zel::RbTreeMap");
+  return attribute;
+}
+
+Zel::Attribute const & TunnelMib::tunnelInetConfigTableAttribute() {
+  static auto const attribute =
+      attributeOf<&TunnelMib::tunnelInetConfigTable>("tunnelInetConfigTable", "Zel::RbTreeMap");
+  return attribute;
+}
+
+Zel::Attribute const & TunnelMib::ipsecTunnelIfTableAttribute() {
+  static auto const attribute =
+      attributeOf<wholeIpsecTunnelIfTable>("ipsecTunnelIfTable", "Zel::RbTreeMap");
+  return attribute;
+}
+
+Zel::Type const & TunnelMib::type() const {
+  return typeDescription();
+}
+
+Zel::Type const & TunnelMib::typeDescription() {
+  static auto const name = attributeOf<&Entity::name>("name", "String");
+  static std::array<Zel::Attribute const *, 4> const attributes{
+      &name, &tunnelIfTableAttribute(), &tunnelInetConfigTableAttribute(),
+      &ipsecTunnelIfTableAttribute()};
+  static Zel::Type const type{
+      "TunnelIntfSnmp::TunnelMib", attributes,
+      [](std::string_view entityName) -> Zel::Ptr<Zel::PtrInterface> {
+        return tunnelMibFactory(entityName);
+      }};
+  return type;
+}
+
+TunnelMib::TunnelMib(std::string_view name) : Entity(name) {}
+
+TunnelMib::~TunnelMib() {
+  tunnelIfTableDelAll();
+  ipsecTunnelIfTableDelAll();
+  notifieesDelAll();
+}
+
+Zel::Ptr<TunnelMib> TunnelMib::TunnelMibIs(std::string_view name) {
+  return Zel::makePtr<TunnelMib>(name);
+}
+
+Zel::Ptr<TunnelMib> tunnelMibFactory(std::string_view name) {
+  return TunnelMib::TunnelMibIs(name);
+}
+
+template <class Table>
+auto TunnelMib::del(Table & table, typename Table::const_iterator position,
+                    Zel::Attribute const & attribute) {
+  if (position == table.end())
+    return decltype(table.erase(position))();
+  auto const key = position->first;
+  auto row = table.erase(position);
+  notify(attribute, key);
+  return row;
+}
+
+template <class Table>
+void TunnelMib::delAll(Table & table, Zel::Attribute const & attribute) {
+  for (auto position = table.begin(); position != table.end();) {
+    auto const key = position->first;
+    del(table, position, attribute);
+    position = table.findNext(key); // whoever was notified may have changed the table
+  }
+}
+
+Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTable(std::uint32_t ifIndex) const {
+  return tunnelIfTable_[ifIndex];
+}
+
+Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableIs(std::uint32_t ifIndex,
+                                                        StatusPtr tunnelIntfStatus) {
+  if (auto row = tunnelIfTable_[ifIndex]) {
+    if (row->tunnelIntfStatus() != tunnelIntfStatus)
+      throw Zel::ReinstantiationError("tunnelIntfStatus");
+    return row;
+  }
+  auto row = Zel::makePtr<TunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus));
+  row->hasNotificationActiveIs(true);
+  tunnelIfTable_.insertOrReplace(ifIndex, row);
+  notify(tunnelIfTableAttribute(), ifIndex);
+  return row;
+}
+
+Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableDel(std::uint32_t ifIndex) {
+  return tunnelIfTableDel(tunnelIfTable_.find(ifIndex));
+}
+
+Zel::Ptr<TunnelIfTableEntry>
+TunnelMib::tunnelIfTableDel(TunnelIfTable::const_iterator position) {
+  return del(tunnelIfTable_, position, tunnelIfTableAttribute());
+}
+
+void TunnelMib::tunnelIfTableDelAll() {
+  delAll(tunnelIfTable_, tunnelIfTableAttribute());
+}
+
+Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTable(std::uint32_t ifIndex) const {
+  return ipsecTunnelIfTable_[ifIndex];
+}
+
+Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTableIs(std::uint32_t ifIndex,
+                                                                  StatusPtr tunnelIntfStatus,
+                                                                  IkeStatusPtr ikeStatus) {
+  if (auto row = ipsecTunnelIfTable_[ifIndex]) {
+    if (row->tunnelIntfStatus() != tunnelIntfStatus)
+      throw Zel::ReinstantiationError("tunnelIntfStatus");
+    if (row->ikeStatus() != ikeStatus)
+      throw Zel::ReinstantiationError("ikeStatus");
+    return row;
+  }
+  auto row = Zel::makePtr<IpsecTunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus),
+                                                   std::move(ikeStatus));
+  row->hasNotificationActiveIs(true);
+  ipsecTunnelIfTable_.insertOrReplace(ifIndex, row);
+  notify(ipsecTunnelIfTableAttribute(), ifIndex);
+  return row;
+}
+
+Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTableDel(std::uint32_t ifIndex) {
+  return ipsecTunnelIfTableDel(ipsecTunnelIfTable_.find(ifIndex));
+}
+
+Zel::Ptr<IpsecTunnelIfTableEntry>
+TunnelMib::ipsecTunnelIfTableDel(IpsecTunnelIfTable::const_iterator position) {
+  return del(ipsecTunnelIfTable_, position, ipsecTunnelIfTableAttribute());
+}
+
+void TunnelMib::ipsecTunnelIfTableDelAll() {
+  delAll(ipsecTunnelIfTable_, ipsecTunnelIfTableAttribute());
+}
+
+void TunnelMib::tunnelInetConfigTableIs(Zel::Ptr<TunnelInetConfigTableEntry const> entry) {
+  if (!entry)
+    throw Zel::NullArgumentError("tunnelInetConfigTable");
+  auto const & key = entry->key();
+  if (tunnelInetConfigTable_[key] == entry)
+    return;
+  tunnelInetConfigTable_.insertOrReplace(key, entry);
+  notify(tunnelInetConfigTableAttribute(), key);
+}
+
+Zel::Ptr<TunnelInetConfigTableEntry const>
+TunnelMib::tunnelInetConfigTableDel(TunnelInetConfigTableKey const & key) {
+  return tunnelInetConfigTableDel(tunnelInetConfigTable_.find(key));
+}
+
+Zel::Ptr<TunnelInetConfigTableEntry const>
+TunnelMib::tunnelInetConfigTableDel(TunnelInetConfigTable::const_iterator position) {
+  return del(tunnelInetConfigTable_, position, tunnelInetConfigTableAttribute());
+}
+
+void TunnelMib::tunnelInetConfigTableDelAll() {
+  if (notifieesEmpty())
+    tunnelInetConfigTable_.clear();
+  else
+    delAll(tunnelInetConfigTable_, tunnelInetConfigTableAttribute());
+}
+
+// What the framework is told when the library is loaded.
+
+namespace {
+
+Zel::Type const & tunnelInetConfigTableKeyType() {
+  static Zel::Type const type{TunnelInetConfigTableKey::typeName, {}};
+  return type;
+}
+
+std::array<Zel::Type const *, 6> const types{
+    &TunnelIfTableEntry::typeDescription(),         &IpsecTunnelIfTableEntry::typeDescription(),
+    &TunnelInetConfigTableEntry::typeDescription(), &MibEntryWrapper::typeDescription(),
+    &tunnelInetConfigTableKeyType(),                &TunnelMib::typeDescription()};
+constexpr std::array<std::string_view, 5> outsideTypes{
+    "Interface::TunnelIntfStatus", "Ipsec::Ike::Status", "Plexa::IpGenAddr", "Snmp::Bytes",
+    "Snmp::InetAddress"};
+Zel::Module const moduleRecord{"TunnelIntfSnmp", "ns-", types, outsideTypes};
+Zel::zelModuleIs const _TunnelIntfSnmp_428ee94f_zelModule(moduleRecord);
+
+} // namespace
+
+} // namespace TunnelIntfSnmp
