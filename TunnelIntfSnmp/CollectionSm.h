@@ -9,8 +9,8 @@
 
 namespace TunnelIntfSnmp {
 
-/// Scans `(entity.*Collection)()` and then reacts to each key that `CollectionAttribute()` notifies.
-/// The derived child says what a key means.
+/// Scans `(entity.*Collection)()` and then reacts to each key that `CollectionAttribute()`
+/// notifies. The derived child says what a key means.
 template <class Entity, auto Collection, auto CollectionAttribute>
 class CollectionSm : public InputSm {
 public:
@@ -75,7 +75,8 @@ public:
 protected:
   CollectionSm(TableSmBase & parent, Zel::Ptr<Entity const> entity, std::string_view name,
                ScanFlag flag)
-      : InputSm(parent, name, flag), input_(std::move(entity)),
+      : InputSm(parent, name, flag),
+        input_(std::move(entity)),
         en_(Zel::makePtr<Reactor>(*this, &CollectionSm::handleReactor, input_.get())) {}
 
   /// One key came, changed, went, or is walked over.
@@ -103,6 +104,7 @@ private:
   auto scanFrom() {
     if (scanState() == ScanState::yielded)
       return collection().seek(inputScanBookmark_);
+    passBegins();
     return collection().begin();
   }
   // The first position behind the key, which may be gone.
@@ -135,7 +137,8 @@ template <class Machine>
 class IfIndexByIntfIdSm final : public IfIndexCollectionSm {
 public:
   IfIndexByIntfIdSm(Machine & root, IfMibPtr ifMib, std::string_view name)
-      : CollectionSm(root, std::move(ifMib), name, ifMibStream), root_(root) {}
+      : CollectionSm(root, std::move(ifMib), name, ifMibStream),
+        root_(root) {}
 
 private:
   void handleKey(Plexa::IntfId const & intfId) override {

@@ -1,5 +1,5 @@
-// The pattern of the table state machines, as far as it does not depend on a key type: construction,
-// the two passes, readiness, tasks, deletion. In the order of TableSmRuntime.h.
+// The pattern of the table state machines, as far as it does not depend on a key type:
+// construction, the two passes, readiness, tasks, deletion. In the order of TableSmRuntime.h.
 #include "TunnelIntfSnmp/TableSmRuntime.h"
 
 namespace TunnelIntfSnmp {
@@ -98,8 +98,7 @@ void InputSm::taskIs(Zel::Ptr<Kiln::TaskScheduler> const & scheduler, Kiln::Task
   if (task_ && (*task_)->scheduler() == scheduler && (*task_)->priority() == priority &&
       (*task_)->name() == name)
     return;
-  task_ =
-      Zel::makePtr<ZelTask<InputSm>>(*this, &InputSm::handleTask, scheduler, priority, name);
+  task_ = Zel::makePtr<ZelTask<InputSm>>(*this, &InputSm::handleTask, scheduler, priority, name);
   doInputScan();
 }
 
@@ -153,7 +152,9 @@ void InputSm::scanCompletes() {
 
 TableSmBase::TableSmBase(TableSmNames const & names, Lumo::DebugHandler const & defaultTrace,
                          Flowa::SmControl const & control)
-    : names_(names), trace_(&defaultTrace), flowaControl_(control) {}
+    : names_(names),
+      trace_(&defaultTrace),
+      flowaControl_(control) {}
 
 void TableSmBase::handleInitialized() {
   if (initialized_)

@@ -10,11 +10,12 @@
 //
 // A machine (TableSm) owns one child per input collection (CollectionSm). In tasks, a child's scan
 // and the deletion scan yield when the scheduler says so; each remembers a key, never an iterator,
-// and looks at the collection afresh after every event, because whoever hears of a change may change
-// the collection, or release the machine. A machine that is released in its own event lives to the
-// end of that event.
+// and looks at the collection afresh after every event, because whoever hears of a change may
+// change the collection, or release the machine. A machine that is released in its own event lives
+// to the end of that event.
 #pragma once
 
+#include "TunnelIntfSnmp/Printed.h"
 #include "TunnelIntfSnmp/TableSmValues.h"
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include "platform/Flowa.h"
@@ -135,7 +136,8 @@ public:
   /// one and scans.
   void taskIs(Zel::Ptr<Kiln::TaskScheduler> const & scheduler, Kiln::TaskPriority priority,
               std::string_view name);
-  /// True if and only if there is a task whose scheduler wants it to yield, and yielding is allowed.
+  /// True if and only if there is a task whose scheduler wants it to yield, and yielding is
+  /// allowed.
   bool shouldYield() const;
   /// Walks the input from its begin, or from where the last run yielded.
   virtual void doInputScan() = 0;
@@ -158,13 +160,16 @@ protected:
 
   /// `name` is the child's own, "IntfStatusSm0". Requires: it is a literal.
   InputSm(TableSmBase & parent, std::string_view name, ScanFlag flag)
-      : parent_(parent), name_(name), flag_(flag) {}
+      : parent_(parent),
+        name_(name),
+        flag_(flag) {}
 
   TableSmBase & parent() const { return parent_; }
   Lumo::DebugHandler const & trace() const;
   char const * unit() const;
 
   void scanBegins();
+  void passBegins() { scanned_ = 0; }
   void keyScanned() { ++scanned_; }
   /// Ends a run: the rest of the input is left to a later one.
   void scanYields(std::uint64_t iterations);
@@ -276,8 +281,7 @@ protected:
 };
 
 template <std::size_t N>
-std::vector<Zel::Attribute const *>
-TableSmBase::attributesOf(Zel::Attribute const (&own)[N]) {
+std::vector<Zel::Attribute const *> TableSmBase::attributesOf(Zel::Attribute const (&own)[N]) {
   static Zel::Attribute const shared[] = {
       {"initialized", "bool", Zel::getBy<&TableSmBase::initialized>},
       {"initialScanDone", "bool", Zel::getBy<&TableSmBase::initialScanDone>},
@@ -324,8 +328,8 @@ private:
   }
 
   bool deletionScan() final {
-    auto row = useBookmark_ && bookmark_.k0Valid ? output().findNotLess(bookmark_.k0)
-                                                 : output().begin();
+    auto row =
+        useBookmark_ && bookmark_.k0Valid ? output().findNotLess(bookmark_.k0) : output().begin();
     std::size_t items = 0;
     std::size_t deletions = 0;
     while (row != output().end()) {

@@ -1,35 +1,15 @@
-// The values of the state machines, and how values stand in their trace lines.
+// The values of the state machines.
 #pragma once
 
-#include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include "platform/Zel.h"
 #include <compare>
 #include <concepts>
 #include <cstdint>
-#include <fmt/format.h>
 #include <ostream>
-#include <string>
 #include <string_view>
 #include <tuple>
 
 namespace TunnelIntfSnmp {
-
-/// How a value stands in a trace line.
-template <class T>
-std::string printed(T const & value) {
-  return fmt::format("{}", value);
-}
-template <Zel::FieldedValue T>
-std::string printed(T const & value) {
-  return Zel::valueToStrep(value);
-}
-inline std::string printed(StatusPtr const & status) {
-  return status ? fmt::format("Interface::TunnelIntfStatus( {} )", status->intfId()) : "null";
-}
-template <class T>
-std::string printed(Zel::Optional<T> const & value) {
-  return value ? "Optional( " + printed(*value) + " )" : "None";
-}
 
 /// The key of an output row, or none (`k0Valid` false). `TypeName` is its name in text forms.
 template <class K0, Zel::FixedText TypeName>

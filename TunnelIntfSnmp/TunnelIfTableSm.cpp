@@ -11,10 +11,10 @@ constexpr char const * unitName = "TunnelIfTableSm";
 auto const debugHandler = Lumo::Platform::getDebugHandler(unitName, false);
 
 TableSmNames const smNames{.machine = unitName,
-                         .output = "mibTunnelIfTableOutput",
-                         .tisStream = "tisStream",
-                         .tisStreamScan = {"tisStreamScan", "bool"},
-                         .outputReady = {"mibTunnelIfTableOutputReady", "bool"}};
+                           .output = "mibTunnelIfTableOutput",
+                           .tisStream = "tisStream",
+                           .tisStreamScan = {"tisStreamScan", "bool"},
+                           .outputReady = {"mibTunnelIfTableOutputReady", "bool"}};
 
 } // namespace
 
@@ -22,14 +22,17 @@ TableSmNames const smNames{.machine = unitName,
 
 TunnelIfTableSm::TunnelIfTableSm(Zel::Ptr<TunnelMib> mib, StatusDirPtr tunnelIntfStatusDir,
                                  IfMibPtr ifMib, Flowa::SmControl const & control)
-    : TableSm(smNames, *debugHandler, control), mib_(std::move(mib)),
-      tunnelIntfStatusDir_(std::move(tunnelIntfStatusDir)), ifMib_(std::move(ifMib)) {
+    : TableSm(smNames, *debugHandler, control),
+      mib_(std::move(mib)),
+      tunnelIntfStatusDir_(std::move(tunnelIntfStatusDir)),
+      ifMib_(std::move(ifMib)) {
   handleInitialized();
 }
 
-Zel::Ptr<TunnelIfTableSm> TunnelIfTableSm::TunnelIfTableSmIs(
-    Zel::Ptr<TunnelMib> const & mib, StatusDirPtr const & tunnelIntfStatusDir,
-    IfMibPtr const & ifMib, Flowa::SmControl const & control) {
+Zel::Ptr<TunnelIfTableSm>
+TunnelIfTableSm::TunnelIfTableSmIs(Zel::Ptr<TunnelMib> const & mib,
+                                   StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib,
+                                   Flowa::SmControl const & control) {
   return Zel::makePtr<TunnelIfTableSm>(mib, tunnelIntfStatusDir, ifMib, control);
 }
 
@@ -70,7 +73,8 @@ namespace FlowaCode::TunnelIfTableSm {
 
 IntfStatusSm0::IntfStatusSm0(::TunnelIntfSnmp::TunnelIfTableSm & root,
                              StatusDirPtr tunnelIntfStatusDir)
-    : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream), root_(root) {}
+    : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream),
+      root_(root) {}
 
 void IntfStatusSm0::handleKey(Plexa::IntfId const & intfId) {
   observeChangeStamp();
@@ -137,8 +141,8 @@ void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status
 
 void TunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
   mib_->tunnelIfTableDel(k1);
-  LUMO_TRACE(trace(), 7, unit(),
-             "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): deleting k1={}", k1);
+  LUMO_TRACE(trace(), 7, unit(), "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): deleting k1={}",
+             k1);
 }
 
 // Destruction

@@ -31,8 +31,7 @@ private:
 } // namespace FlowaCode::TunnelIfTableSm
 
 using MibTunnelIfTableOutputKeyType =
-    OutputKeyType<std::uint32_t,
-                  "TunnelIntfSnmp::TunnelIfTableSm::MibTunnelIfTableOutputKeyType">;
+    OutputKeyType<std::uint32_t, "TunnelIntfSnmp::TunnelIfTableSm::MibTunnelIfTableOutputKeyType">;
 
 /// Works from its construction to its destruction, which leaves the rows in place.
 class TunnelIfTableSm final

@@ -29,7 +29,8 @@ std::uint32_t modeToEncap(Plexa::TunnelIntfMode mode) {
 // tunnelIfTable
 
 TunnelIfTableEntry::TunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus)
-    : ifIndex_(ifIndex), tunnelIntfStatus_(std::move(tunnelIntfStatus)) {}
+    : ifIndex_(ifIndex),
+      tunnelIntfStatus_(std::move(tunnelIntfStatus)) {}
 
 Zel::Type const & TunnelIfTableEntry::type() const {
   return typeDescription();
@@ -70,8 +71,9 @@ std::uint8_t TunnelIfTableEntry::tos() const {
 
 std::uint32_t TunnelIfTableEntry::addrType() const {
   auto const & source = tunnelIntfStatus_->srcAddr();
-  auto const & address =
-      source == Plexa::IpGenAddr(Plexa::AddressFamily::none) ? tunnelIntfStatus_->dstAddr() : source;
+  auto const & address = source == Plexa::IpGenAddr(Plexa::AddressFamily::none)
+                             ? tunnelIntfStatus_->dstAddr()
+                             : source;
   return Snmp::InetAddress::fromIpGenAddrOrUnknown(address).addressType();
 }
 
@@ -87,7 +89,8 @@ Plexa::IpGenAddr TunnelIfTableEntry::remoteAddr() const {
 
 IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus,
                                                  IkeStatusPtr ikeStatus)
-    : ifIndex_(ifIndex), tunnelIntfStatus_(std::move(tunnelIntfStatus)),
+    : ifIndex_(ifIndex),
+      tunnelIntfStatus_(std::move(tunnelIntfStatus)),
       ikeStatus_(std::move(ikeStatus)) {}
 
 Zel::Type const & IpsecTunnelIfTableEntry::type() const {
@@ -149,8 +152,10 @@ TunnelInetConfigTableKey::TunnelInetConfigTableKey(Snmp::InetAddress localInetAd
                                                    Snmp::Bytes remoteAddrBytes,
                                                    std::uint32_t encapsMethod,
                                                    std::uint32_t configId)
-    : localInetAddr_(std::move(localInetAddr)), remoteAddrBytes_(std::move(remoteAddrBytes)),
-      encapsMethod_(encapsMethod), configId_(configId) {}
+    : localInetAddr_(std::move(localInetAddr)),
+      remoteAddrBytes_(std::move(remoteAddrBytes)),
+      encapsMethod_(encapsMethod),
+      configId_(configId) {}
 
 TunnelInetConfigTableKey::TunnelInetConfigTableKey(Zel::StrepReader & text) {
   Zel::strepRead(text, *this);
@@ -171,7 +176,8 @@ std::ostream & operator<<(std::ostream & out, TunnelInetConfigTableKey const & k
 
 TunnelInetConfigTableEntry::TunnelInetConfigTableEntry(TunnelInetConfigTableKey key,
                                                        std::uint32_t ifIndex)
-    : key_(std::move(key)), ifIndex_(ifIndex) {}
+    : key_(std::move(key)),
+      ifIndex_(ifIndex) {}
 
 Zel::Type const & TunnelInetConfigTableEntry::type() const {
   return typeDescription();
@@ -250,14 +256,13 @@ Zel::Type const & TunnelMib::type() const {
 
 Zel::Type const & TunnelMib::typeDescription() {
   static auto const name = attributeOf<&Entity::name>("name", "String");
-  static std::array<Zel::Attribute const *, 4> const attributes{
-      &name, &tunnelIfTableAttribute(), &tunnelInetConfigTableAttribute(),
-      &ipsecTunnelIfTableAttribute()};
-  static Zel::Type const type{
-      "TunnelIntfSnmp::TunnelMib", attributes,
-      [](std::string_view entityName) -> Zel::Ptr<Zel::PtrInterface> {
-        return tunnelMibFactory(entityName);
-      }};
+  static std::array<Zel::Attribute const *, 4> const attributes{&name, &tunnelIfTableAttribute(),
+                                                                &tunnelInetConfigTableAttribute(),
+                                                                &ipsecTunnelIfTableAttribute()};
+  static Zel::Type const type{"TunnelIntfSnmp::TunnelMib", attributes,
+                              [](std::string_view entityName) -> Zel::Ptr<Zel::PtrInterface> {
+                                return tunnelMibFactory(entityName);
+                              }};
   return type;
 }
 
@@ -319,8 +324,7 @@ Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableDel(std::uint32_t ifIndex) 
   return tunnelIfTableDel(tunnelIfTable_.find(ifIndex));
 }
 
-Zel::Ptr<TunnelIfTableEntry>
-TunnelMib::tunnelIfTableDel(TunnelIfTable::const_iterator position) {
+Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableDel(TunnelIfTable::const_iterator position) {
   return del(tunnelIfTable_, position, tunnelIfTableAttribute());
 }
 
@@ -399,13 +403,15 @@ Zel::Type const & tunnelInetConfigTableKeyType() {
   return type;
 }
 
-std::array<Zel::Type const *, 6> const types{
-    &TunnelIfTableEntry::typeDescription(),         &IpsecTunnelIfTableEntry::typeDescription(),
-    &TunnelInetConfigTableEntry::typeDescription(), &MibEntryWrapper::typeDescription(),
-    &tunnelInetConfigTableKeyType(),                &TunnelMib::typeDescription()};
-constexpr std::array<std::string_view, 5> outsideTypes{
-    "Interface::TunnelIntfStatus", "Ipsec::Ike::Status", "Plexa::IpGenAddr", "Snmp::Bytes",
-    "Snmp::InetAddress"};
+std::array<Zel::Type const *, 6> const types{&TunnelIfTableEntry::typeDescription(),
+                                             &IpsecTunnelIfTableEntry::typeDescription(),
+                                             &TunnelInetConfigTableEntry::typeDescription(),
+                                             &MibEntryWrapper::typeDescription(),
+                                             &tunnelInetConfigTableKeyType(),
+                                             &TunnelMib::typeDescription()};
+constexpr std::array<std::string_view, 5> outsideTypes{"Interface::TunnelIntfStatus",
+                                                       "Ipsec::Ike::Status", "Plexa::IpGenAddr",
+                                                       "Snmp::Bytes", "Snmp::InetAddress"};
 Zel::Module const moduleRecord{"TunnelIntfSnmp", "ns-", types, outsideTypes};
 Zel::zelModuleIs const _TunnelIntfSnmp_428ee94f_zelModule(moduleRecord);
 

@@ -177,8 +177,8 @@ public:
   TunnelIfTable const & tunnelIfTable() const { return tunnelIfTable_; }
   /// The row, or null.
   Zel::Ptr<TunnelIfTableEntry> tunnelIfTable(std::uint32_t ifIndex) const;
-  /// Finds the row or creates it. Raises Zel::ReinstantiationError, with nothing changed, when there
-  /// is one with another status record.
+  /// Finds the row or creates it. Raises Zel::ReinstantiationError, with nothing changed, when
+  /// there is one with another status record.
   Zel::Ptr<TunnelIfTableEntry> tunnelIfTableIs(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus);
   /// Removes and returns the row; null when there is none.
   Zel::Ptr<TunnelIfTableEntry> tunnelIfTableDel(std::uint32_t ifIndex);

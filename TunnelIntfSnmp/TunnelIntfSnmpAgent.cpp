@@ -20,8 +20,10 @@ Lumo::DebugHandler const & agentTrace() {
 TunnelIntfSnmpAgent::TunnelIntfSnmpAgent(Zel::Ptr<TunnelMib> tunnelMib,
                                          StatusDirPtr tunnelIntfStatusDir, IfMibPtr ifMib,
                                          IkeStatusPtr ikeStatus)
-    : tunnelMib_(std::move(tunnelMib)), tunnelIntfStatusDir_(std::move(tunnelIntfStatusDir)),
-      ifMib_(std::move(ifMib)), ikeStatus_(std::move(ikeStatus)) {
+    : tunnelMib_(std::move(tunnelMib)),
+      tunnelIntfStatusDir_(std::move(tunnelIntfStatusDir)),
+      ifMib_(std::move(ifMib)),
+      ikeStatus_(std::move(ikeStatus)) {
   smControl_.taskPriority = 3;
   handleInitialized();
 }
@@ -63,9 +65,10 @@ Zel::Ptr<Sm> smIs(Zel::Ptr<Sm> & attribute, Flowa::SmControl const & smControl,
 
 } // namespace
 
-Zel::Ptr<TunnelIfTableSm> TunnelIntfSnmpAgent::tunnelIfTableSmIs(
-    Zel::Ptr<TunnelMib> const & tunnelMib, StatusDirPtr const & tunnelIntfStatusDir,
-    IfMibPtr const & ifMib, Flowa::SmControl const & smControl) {
+Zel::Ptr<TunnelIfTableSm>
+TunnelIntfSnmpAgent::tunnelIfTableSmIs(Zel::Ptr<TunnelMib> const & tunnelMib,
+                                       StatusDirPtr const & tunnelIntfStatusDir,
+                                       IfMibPtr const & ifMib, Flowa::SmControl const & smControl) {
   return smIs(tunnelIfTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib);
 }
 
@@ -90,15 +93,15 @@ Zel::Ptr<Root> rootFactory(std::string_view name) {
   return Root::RootIs(name);
 }
 
-Zel::Ptr<TunnelIntfSnmpAgent> Root::tunnelIntfSnmpAgentIs(
-    Zel::Ptr<TunnelMib> const & tunnelMib, StatusDirPtr const & tunnelIntfStatusDir,
-    IfMibPtr const & ifMib, IkeStatusPtr const & ikeStatus) {
+Zel::Ptr<TunnelIntfSnmpAgent> Root::tunnelIntfSnmpAgentIs(Zel::Ptr<TunnelMib> const & tunnelMib,
+                                                          StatusDirPtr const & tunnelIntfStatusDir,
+                                                          IfMibPtr const & ifMib,
+                                                          IkeStatusPtr const & ikeStatus) {
   if (agent_ && agent_->tunnelMib() == tunnelMib &&
       agent_->tunnelIntfStatusDir() == tunnelIntfStatusDir && agent_->ifMib() == ifMib &&
       agent_->ikeStatus() == ikeStatus)
     return agent_;
-  auto agent =
-      Zel::makePtr<TunnelIntfSnmpAgent>(tunnelMib, tunnelIntfStatusDir, ifMib, ikeStatus);
+  auto agent = Zel::makePtr<TunnelIntfSnmpAgent>(tunnelMib, tunnelIntfStatusDir, ifMib, ikeStatus);
   agent->hasNotificationActiveIs(true);
   agent_ = agent;
   notify(tunnelIntfSnmpAgentAttribute());
@@ -154,9 +157,9 @@ tunnelIntfSnmpAgentByName(Zel::PtrInterface & root,
 } // namespace
 
 Zel::Attribute const & Root::tunnelIntfSnmpAgentAttribute() {
-  static Zel::Attribute const attribute{"tunnelIntfSnmpAgent", "TunnelIntfSnmp::TunnelIntfSnmpAgent",
-                                        Zel::getBy<&Root::tunnelIntfSnmpAgent>,
-                                        tunnelIntfSnmpAgentByName};
+  static Zel::Attribute const attribute{
+      "tunnelIntfSnmpAgent", "TunnelIntfSnmp::TunnelIntfSnmpAgent",
+      Zel::getBy<&Root::tunnelIntfSnmpAgent>, tunnelIntfSnmpAgentByName};
   return attribute;
 }
 
@@ -168,11 +171,10 @@ Zel::Type const & Root::typeDescription() {
   static Zel::Attribute const name{"name", "String", Zel::getBy<&Entity::name>};
   static std::array<Zel::Attribute const *, 2> const attributes{&name,
                                                                 &tunnelIntfSnmpAgentAttribute()};
-  static Zel::Type const type{
-      "TunnelIntfSnmp::Root", attributes,
-      [](std::string_view entityName) -> Zel::Ptr<Zel::PtrInterface> {
-        return rootFactory(entityName);
-      }};
+  static Zel::Type const type{"TunnelIntfSnmp::Root", attributes,
+                              [](std::string_view entityName) -> Zel::Ptr<Zel::PtrInterface> {
+                                return rootFactory(entityName);
+                              }};
   return type;
 }
 

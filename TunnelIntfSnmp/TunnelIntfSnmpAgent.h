@@ -1,5 +1,5 @@
-// Where the plug-in starts: the entity Root, which the host creates by type name, and the agent that
-// it owns, which creates and owns the table state machines.
+// Where the plug-in starts: the entity Root, which the host creates by type name, and the agent
+// that it owns, which creates and owns the table state machines.
 #pragma once
 
 #include "TunnelIntfSnmp/TunnelIfTableSm.h"
@@ -10,8 +10,8 @@
 
 namespace TunnelIntfSnmp {
 
-/// Holds the four inputs for its whole life and runs the machines over them, each with a copy of its
-/// control record. Its destruction removes them in the order in which they were created.
+/// Holds the four inputs for its whole life and runs the machines over them, each with a copy of
+/// its control record. Its destruction removes them in the order in which they were created.
 class TunnelIntfSnmpAgent : public Zel::PtrInterface {
 public:
   /// Creates the machines before it returns. Requires: `tunnelMib`, `tunnelIntfStatusDir` and

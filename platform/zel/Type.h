@@ -94,7 +94,9 @@ Ptr<PtrInterface> attributeIs(PtrInterface & object, std::string_view name,
                               std::span<Ptr<PtrInterface> const> arguments);
 
 // Values out of C++ types, for the `get` of an attribute.
-inline Value toValue(std::string const & text) { return {text}; }
+inline Value toValue(std::string const & text) {
+  return {text};
+}
 template <class T>
 Value toValue(Ptr<T> const & object) {
   return object ? Value{Ptr<PtrInterface const>(object)} : Value{};

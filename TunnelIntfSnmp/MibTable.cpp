@@ -1,0 +1,289 @@
+// Registration of tables, hints, and answers, as far as they do not depend on a table's row type.
+// In the order of MibTable.h.
+#include "TunnelIntfSnmp/MibTable.h"
+#include <cstdio>
+#include <cstdlib>
+
+namespace TunnelIntfSnmp {
+
+namespace {
+
+constexpr char const * unit = "MibTable";
+constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
+constexpr std::size_t integerCapacity = 1024;
+constexpr std::size_t octetsCapacity = 255;
+
+template <class T>
+T * zeroed() {
+  auto * record = static_cast<T *>(std::calloc(1, sizeof(T))); // net-snmp frees it
+  LUMO_ASSERT(record != nullptr, "out of memory");
+  return record;
+}
+
+} // namespace
+
+Lumo::DebugHandler const & snmpTrace() {
+  static auto const handler = Lumo::Platform::getDebugHandler("Snmp", false);
+  return *handler;
+}
+
+// Registration
+
+namespace {
+
+void traceRootOid(MibTableRegistration const & table, Zel::String const & context) {
+  if (!snmpTrace().enabled(1))
+    return;
+  char rendered[200];
+  snprint_objid(rendered, sizeof rendered, table.rootOid.data(), table.rootOid.size());
+  LUMO_TRACE(snmpTrace(), 1, unit, "initialize_table_{} initializing oid {} in context \"{}\"",
+             table.table, rendered, context);
+}
+
+// The entity that the table is served from. The state database keeps it mounted for as long as the
+// table is registered, which is why a plain pointer is enough.
+TunnelMib * mountedMib(char const * table) {
+  auto const e = SnmpUtil::getEntityRelative(mibPath);
+  if (!e) {
+    fmt::print(stderr, "Can not getEntityRelative( {} ) for table {}. Is this path correct?\n",
+               mibPath, table);
+    std::fflush(stderr);
+  }
+  LUMO_ASSERT(e, "nothing is mounted at {}", mibPath);
+  auto * ptr = dynamic_cast<TunnelMib *>(e.get());
+  if (ptr == nullptr)
+    fmt::print(stderr, "{} does not appear to be of type TunnelIntfSnmp::TunnelMib.\n", mibPath);
+  LUMO_ASSERT(ptr, "a {} is mounted at {}", e->type().name, mibPath);
+  return ptr;
+}
+
+netsnmp_column_info * columnInfo(MibTableRegistration const & table) {
+  auto * info = zeroed<netsnmp_column_info>();
+  info->list_count = static_cast<char>(table.validColumns.size());
+  info->details.list = table.validColumns.data();
+  return info;
+}
+
+netsnmp_table_registration_info * tableInfo(MibTableRegistration const & table,
+                                            netsnmp_column_info * columns,
+                                            Zel::String const & context) {
+  auto * info = zeroed<netsnmp_table_registration_info>();
+  for (auto const & index : table.indexes)
+    if (snmp_varlist_add_variable(&info->indexes, nullptr, 0, index.asnType, nullptr, 0) == nullptr)
+      LUMO_TRACE(snmpTrace(), 0, unit,
+                 "Failed to set up {} in netsnmp table_info in context \"{}\"", index.name,
+                 context);
+  info->min_column = table.validColumns.front();
+  info->max_column = table.validColumns.back();
+  info->valid_columns = columns;
+  return info;
+}
+
+netsnmp_iterator_info * iteratorInfo(MibTableRegistration const & table, TunnelMib * mib,
+                                     netsnmp_table_registration_info * tableRegistration) {
+  auto * info = zeroed<netsnmp_iterator_info>();
+  info->get_first_data_point = table.getFirstDataPoint;
+  info->get_next_data_point = table.getNextDataPoint;
+  info->make_data_context = table.makeDataContext;
+  info->free_data_context = table.freeDataContext;
+  info->free_loop_context_at_end = table.freeLoopContextAtEnd;
+  info->myvoid = mib;
+  // Rows come in ascending index order: the iterator may stop at the first one past the request.
+  info->flags |= NETSNMP_ITERATOR_FLAG_SORTED | NETSNMP_HANDLER_OWNS_IINFO;
+  info->table_reginfo = tableRegistration;
+  return info;
+}
+
+} // namespace
+
+void debugInitializing(MibModule const & module, Zel::String const & context) {
+  DEBUGMSGTL((module.name.c_str(), "Initializing in context \"%s\"\n", context.c_str()));
+}
+
+void initializeTable(MibModule & module, MibTableRegistration const & table,
+                     Zel::String const & context) {
+  traceRootOid(table, context);
+  auto * registration = netsnmp_create_handler_registration(
+      fmt::format("{}_{}", table.table, context).c_str(), table.handler, table.rootOid.data(),
+      table.rootOid.size(), HANDLER_CAN_RWRITE);
+  if (!context.empty()) {
+    netsnmp_handler_registration_free(registration);
+    LUMO_TRACE(snmpTrace(), 2, unit,
+               "initialize_table_{} in context \"{}\" hivePathWithContext not specified",
+               table.table, context);
+    return;
+  }
+  module.handlerRegistrations[context].push_back(registration);
+  auto * mib = mountedMib(table.table);
+  registration->my_reg_void = mib;
+  auto * columns = columnInfo(table);
+  auto * iterator = iteratorInfo(table, mib, tableInfo(table, columns, context));
+  module.columnInfos[context].push_back(columns);
+  auto const result = netsnmp_register_table_iterator(registration, iterator);
+  LUMO_ASSERT(result == 0, "net-snmp refuses to register {} in context \"{}\"", table.table,
+              context);
+  // The hint is that of a PDU's first request only: requests must come one by one.
+  auto const injected = netsnmp_inject_handler(registration, netsnmp_get_serialize_handler());
+  LUMO_ASSERT(injected == (0), "net-snmp refuses the serialize handler of {}", table.table);
+  LUMO_TRACE(snmpTrace(), 8, unit, "Initialized table {} in context \"{}\"", table.table, context);
+}
+
+void unregisterModule(MibModule & module, Zel::String const & context) {
+  LUMO_TRACE(snmpTrace(), 2, unit, "Unregistering {} in context \"{}\"", module.name, context);
+  for (auto * registration : std::list(module.handlerRegistrations[context]))
+    netsnmp_unregister_handler(registration);
+  module.handlerRegistrations.erase(context);
+  for (auto * columns : std::list(module.columnInfos[context]))
+    std::free(columns);
+  module.columnInfos.erase(context);
+  Snmp::unregisterMibContext(module.name, context);
+}
+
+// Finding rows
+
+HintReader::HintReader(char const * table, Hint hint) : table_(table), rest_(hint->indexes) {}
+
+netsnmp_variable_list const * HintReader::next(char const * index, u_char asnType) {
+  auto const * part = rest_;
+  if (part == nullptr)
+    return nullptr;
+  rest_ = part->next_variable;
+  if (part->type == asnType)
+    return part;
+  LUMO_TRACE(snmpTrace(), 0, unit, "hint for {} has incorrect type! Expecting {} but got {}", index,
+             asnType, part->type);
+  return nullptr;
+}
+
+std::optional<std::int32_t> HintReader::integer(char const * index) {
+  auto const * part = next(index, ASN_INTEGER);
+  if (part == nullptr)
+    return std::nullopt;
+  try {
+    auto const value = Snmp::AsnIntegerToS32(*part->val.integer);
+    LUMO_TRACE(snmpTrace(), 2, unit, "hint component {} is '{}'", index,
+               static_cast<std::uint32_t>(value));
+    ++found_;
+    return value;
+  } catch (Zel::RangeException const & exception) {
+    LUMO_TRACE(snmpTrace(), 0, unit, "hint for index {} of {} is out of range! {}", index, table_,
+               exception.what());
+    return std::nullopt;
+  }
+}
+
+std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
+  if (hint == nullptr || hint->number_indexes != 1)
+    return std::nullopt;
+  HintReader parts(table, hint);
+  auto const * found = hint->indexes;
+  auto const ifIndex = parts.integer("ifIndex");
+  if (found == nullptr || found->type != ASN_INTEGER)
+    LUMO_TRACE(snmpTrace(), 2, unit, "{}_get_first_data_point - needed 1 components,found only {}",
+               table, parts.found());
+  if (!ifIndex)
+    return std::nullopt;
+  return static_cast<std::uint32_t>(*ifIndex);
+}
+
+void setIfIndex(char const * table, std::uint32_t ifIndex, netsnmp_variable_list * index) {
+  LUMO_TRACE(snmpTrace(), 2, unit, "{}IterationHelper - iterator has another value: ifIndex={}",
+             table, ifIndex);
+  std::uint8_t buffer[integerCapacity];
+  auto const length =
+      Snmp::S32ToAsnInteger(static_cast<std::int32_t>(ifIndex), buffer, sizeof buffer);
+  snmp_set_var_typed_value(index, ASN_INTEGER, buffer, static_cast<std::size_t>(length));
+}
+
+// Answering
+
+bool Answer::unsigned32(std::uint32_t value, char const * name) {
+  std::uint8_t buffer[integerCapacity];
+  return integer(Snmp::U32ToAsnUnsigned(value, buffer, sizeof buffer), buffer, "U32ToAsnUnsigned",
+                 name);
+}
+
+bool Answer::address(Plexa::IpGenAddr const & value, char const * name) {
+  std::uint8_t buffer[octetsCapacity];
+  return octets(Snmp::PlexaIpGenAddrToAsnOctetString(value, buffer, sizeof buffer), buffer,
+                "PlexaIpGenAddrToAsnOctetString", name);
+}
+
+bool Answer::integer(int length, std::uint8_t const * buffer, char const * encoder,
+                     char const * name) {
+  if (!encoded(length, encoder, name))
+    return false;
+  snmp_set_var_typed_value(request_->requestvb, ASN_INTEGER, buffer,
+                           static_cast<std::size_t>(length));
+  return true;
+}
+
+bool Answer::octets(int length, std::uint8_t const * buffer, char const * encoder,
+                    char const * name) {
+  if (!encoded(length, encoder, name))
+    return false;
+  if (static_cast<std::size_t>(length) > octetsCapacity) {
+    LUMO_TRACE(snmpTrace(), 2, unit, "handle_{} - entity /{}/{} length out of range: {} ({})",
+               table_, SnmpUtil::getSnmpConfig()->systemName, mibPath, name, length);
+    return false;
+  }
+  snmp_set_var_typed_value(request_->requestvb, ASN_OCTET_STR, buffer,
+                           static_cast<std::size_t>(length));
+  return true;
+}
+
+bool Answer::encoded(int length, char const * encoder, char const * name) const {
+  if (length < 0)
+    LUMO_TRACE(snmpTrace(), 2, unit, "handle_{} - {} failed for: {}", table_, encoder, name);
+  return length >= 0;
+}
+
+namespace {
+
+MibColumn const * columnOf(std::span<MibColumn const> columns, unsigned int number) {
+  for (auto const & column : columns)
+    if (column.number == number)
+      return &column;
+  return nullptr;
+}
+
+void traceInvalidColumn(char const * table, unsigned int number) {
+  LUMO_TRACE(snmpTrace(), 0, unit, "{} invalid column {}", table, number);
+}
+
+} // namespace
+
+MibColumn const * servedColumn(char const * table, std::span<MibColumn const> columns,
+                               unsigned int number) {
+  auto const * column = columnOf(columns, number);
+  if (column != nullptr && column->served)
+    return column;
+  traceInvalidColumn(table, number);
+  return nullptr;
+}
+
+bool alreadyProcessed(char const * table, netsnmp_request_info const * request) {
+  if (request->processed != 0)
+    LUMO_TRACE(snmpTrace(), 2, unit, "{}_handler: request {} already processed", table,
+               fmt::ptr(request));
+  return request->processed != 0;
+}
+
+int refuseSet(char const * table, std::span<MibColumn const> columns,
+              netsnmp_request_info * requests) {
+  auto * request = requests;
+  while (request != nullptr && alreadyProcessed(table, request))
+    request = request->next;
+  if (request == nullptr)
+    return SNMP_ERR_NOERROR;
+  auto const number = netsnmp_extract_table_info(request)->colnum;
+  if (auto const * column = columnOf(columns, number); column != nullptr && column->namedInSet)
+    LUMO_TRACE(snmpTrace(), 2, unit, "{}_handler: SET is not configured for column {}", table,
+               column->name);
+  else
+    traceInvalidColumn(table, number);
+  netsnmp_request_set_error(request, SNMP_ERR_NOTWRITABLE);
+  return SNMP_ERR_NOERROR;
+}
+
+} // namespace TunnelIntfSnmp

@@ -1,0 +1,123 @@
+// The MIB module tunnelMIB: which tables it has, and what is particular to each. What tables do
+// alike is in MibTable.h.
+#include "TunnelIntfSnmp/tunnelMIB.h"
+#include "TunnelIntfSnmp/MibTable.h"
+#include <array>
+
+namespace TunnelIntfSnmp {
+
+namespace {
+
+// tunnelIfTable, RFC 4087: one row for each tunnel interface, indexed by ifIndex
+struct TunnelIfTable {
+  static constexpr char const * name = "tunnelIfTable";
+  static constexpr char const * unit = "tunnelMIB";
+  static constexpr char const * keyType = "U32";
+  static constexpr std::array<MibColumn, 11> columns{{
+      {1, "tunnelIfLocalAddress", false, false},
+      {2, "tunnelIfRemoteAddress", false, false},
+      {3, "tunnelIfEncapsMethod", true, false},
+      {4, "tunnelIfHopLimit", true, true},
+      {5, "tunnelIfSecurity", true, false},
+      {6, "tunnelIfTOS", true, true},
+      {7, "tunnelIfFlowLabel", false, true},
+      {8, "tunnelIfAddressType", true, true},
+      {9, "tunnelIfLocalInetAddress", true, true},
+      {10, "tunnelIfRemoteInetAddress", true, true},
+      {11, "tunnelIfEncapsLimit", false, true},
+  }};
+
+  static TunnelMib::TunnelIfTable const & rows(TunnelMib const & mib) {
+    return mib.tunnelIfTable();
+  }
+  static std::uint32_t key(TunnelIfTableEntry const & row) { return row.ifIndex(); }
+  static std::optional<std::uint32_t> hintKey(Hint hint) { return ifIndexOfHint(name, hint); }
+  static void setIndexes(TunnelIfTableEntry const & row, netsnmp_variable_list * index) {
+    setIfIndex(name, row.ifIndex(), index);
+  }
+  static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
+    switch (column) {
+    case 3:
+      return answer.unsigned32(row.encapsMethod(), "encapsMethod");
+    case 4:
+      return answer.unsigned32(row.hopLimit(), "hopLimit");
+    case 5:
+      return answer.unsigned32(row.security(), "security");
+    case 6:
+      return answer.unsigned32(row.tos(), "tos");
+    case 8:
+      return answer.unsigned32(row.addrType(), "addrType");
+    case 9:
+      return answer.address(row.localAddr(), "localAddr");
+    case 10:
+      return answer.address(row.remoteAddr(), "remoteAddr");
+    }
+    LUMO_ASSERT(false, "column {} of {} is said to be served", column, name);
+  }
+};
+
+using TunnelIfTableWalk = TableWalk<TunnelIfTable>;
+constexpr auto * tunnelIfTable_get_first_data_point = TunnelIfTableWalk::getFirst;
+constexpr auto * tunnelIfTable_get_next_data_point = TunnelIfTableWalk::getNext;
+constexpr auto * tunnelIfTable_make_data_context = TunnelIfTableWalk::makeDataContext;
+constexpr auto * tunnelIfTable_free_data_context = TunnelIfTableWalk::freeDataContext;
+constexpr auto * tunnelIfTable_free_loop_context_at_end = TunnelIfTableWalk::freeLoopContextAtEnd;
+
+constexpr std::array<oid, 11> tunnelIfTableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 1};
+constexpr std::array<MibIndex, 1> tunnelIfTableIndexes{{{"ifIndex", ASN_INTEGER}}};
+// Registered whole: the columns that are not served are refused by the handler.
+std::array<unsigned int, 11> tunnelIfTableColumns{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+
+MibTableRegistration const tunnelIfTableRegistration{
+    .table = TunnelIfTable::name,
+    .rootOid = tunnelIfTableOid,
+    .indexes = tunnelIfTableIndexes,
+    .validColumns = tunnelIfTableColumns,
+    .handler = tunnelIfTable_handler,
+    .getFirstDataPoint = tunnelIfTable_get_first_data_point,
+    .getNextDataPoint = tunnelIfTable_get_next_data_point,
+    .makeDataContext = tunnelIfTable_make_data_context,
+    .freeDataContext = tunnelIfTable_free_data_context,
+    .freeLoopContextAtEnd = tunnelIfTable_free_loop_context_at_end};
+
+// The module, and how the agent learns of it when the library is loaded
+
+MibModule tunnelMIB{.name = "tunnelMIB"};
+
+class tunnelMIB_HandlerRegistration final : public Snmp::HandlerRegistration {
+public:
+  void initHandler(Zel::String context) override { init_tunnelMIB(std::move(context)); }
+};
+
+tunnelMIB_HandlerRegistration handlerRegistration;
+Snmp::AutoRegistree const autoRegistree(&handlerRegistration);
+
+} // namespace
+
+MibModule const & tunnelMIBModule() {
+  return tunnelMIB;
+}
+
+} // namespace TunnelIntfSnmp
+
+using namespace TunnelIntfSnmp;
+
+void init_tunnelMIB(Zel::String context) {
+  auto const config = SnmpUtil::getSnmpConfig();
+  debugInitializing(tunnelMIB, context);
+  initialize_table_tunnelIfTable(config, context);
+  Snmp::registerMibContext(tunnelMIB.name, context);
+}
+
+void unregister_tunnelMIB(Zel::String context) {
+  unregisterModule(tunnelMIB, context);
+}
+
+void initialize_table_tunnelIfTable(Snmp::Config::PtrConst, Zel::String context) {
+  initializeTable(tunnelMIB, tunnelIfTableRegistration, context);
+}
+
+int tunnelIfTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,
+                          netsnmp_agent_request_info * agentInfo, netsnmp_request_info * requests) {
+  return answerRequests<TunnelIfTable>(*agentInfo, requests);
+}

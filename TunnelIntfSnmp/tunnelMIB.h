@@ -1,0 +1,36 @@
+// The MIB module tunnelMIB (RFC 4087) for the agent that loads the library: its C entry points.
+#pragma once
+
+#include "platform/Snmp.h"
+#include "platform/Zel.h"
+
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+
+namespace TunnelIntfSnmp {
+struct MibModule;
+/// The module's registrations, for whoever wants to see that all is in order.
+MibModule const & tunnelMIBModule();
+} // namespace TunnelIntfSnmp
+
+extern "C" {
+
+/// Registers the module's tables in the context and announces the module for it. Only the default
+/// context (empty) gets tables. A second call for the same context ends the process.
+[[gnu::visibility("default")]] void init_tunnelMIB(Zel::String context);
+/// Takes back what init_tunnelMIB made for the context. Requires: no request is being served.
+[[gnu::visibility("default")]] void unregister_tunnelMIB(Zel::String context);
+
+/// Registers one table. `config` is not consulted.
+[[gnu::visibility("default")]] void initialize_table_tunnelIfTable(Snmp::Config::PtrConst config,
+                                                                   Zel::String context);
+
+/// Answers the requests for tunnelIfTable: GETs from the row that the iterator found, every SET
+/// with notWritable. Returns an SNMP error status.
+[[gnu::visibility("default")]] int
+tunnelIfTable_handler(netsnmp_mib_handler * handler, netsnmp_handler_registration * registration,
+                      netsnmp_agent_request_info * agentInfo, netsnmp_request_info * requests);
+}

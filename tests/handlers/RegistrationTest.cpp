@@ -1,0 +1,146 @@
+// How tunnelMIB is announced and taken back, context by context.
+#include "TunnelIntfSnmp/MibTable.h"
+#include "TunnelIntfSnmp/tunnelMIB.h"
+#include "tests/handlers/InProcessAgent.h"
+#include "tests/support/TraceRecorder.h"
+#include <gmock/gmock.h>
+
+namespace TunnelIntfSnmp {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Pair;
+
+class Registration : public ::testing::Test {
+protected:
+  Registration() {
+    InProcessAgent::instance();
+    SnmpUtil::entityRootIs([this](std::string_view path) {
+      return path == "snmp/tunnelIntf/tunnelMib" ? mounted_ : nullptr;
+    });
+  }
+  ~Registration() override {
+    unregister_tunnelMIB("");
+    SnmpUtil::entityRootIs({});
+  }
+
+  Zel::Ptr<Zel::Entity> mounted_ = Zel::makePtr<TunnelMib>("tunnelMib");
+};
+
+TEST_F(Registration, ServesTheDefaultContextAndAnnouncesIt) {
+  TraceRecorder traces{{"Snmp", "1,8"}};
+  init_tunnelMIB("");
+  auto const & registrations = tunnelMIBModule().handlerRegistrations.at("");
+  ASSERT_EQ(registrations.size(), tunnelMIBModule().columnInfos.at("").size());
+  auto const * first = registrations.front();
+  EXPECT_STREQ(first->handlerName, "tunnelIfTable_");
+  EXPECT_EQ(first->rootoid_len, 11u);
+  EXPECT_EQ(first->modes & 3, HANDLER_CAN_RWRITE);
+  EXPECT_EQ(first->my_reg_void, mounted_.get());
+  EXPECT_EQ(first->contextName, nullptr);
+  EXPECT_STREQ(first->handler->handler_name, "serialize");
+  EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "")));
+  EXPECT_TRUE(traces.has(
+      1,
+      "initialize_table_tunnelIfTable initializing oid .1.3.6.1.2.1.10.131.1.1.1 in context \"\""))
+      << ::testing::PrintToString(traces.texts(1));
+  EXPECT_TRUE(traces.has(8, "Initialized table tunnelIfTable in context \"\""));
+}
+
+TEST_F(Registration, GivesNetSnmpTheColumnsAndTheIndex) {
+  init_tunnelMIB("");
+  auto const * columns = tunnelMIBModule().columnInfos.at("").front();
+  EXPECT_EQ(columns->isRange, 0);
+  EXPECT_THAT(
+      std::vector<unsigned>(columns->details.list, columns->details.list + columns->list_count),
+      ElementsAre(1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11));
+  auto * registration = tunnelMIBModule().handlerRegistrations.at("").front();
+  auto const * info = static_cast<netsnmp_iterator_info *>(
+      netsnmp_find_handler_by_name(registration, TABLE_ITERATOR_NAME)->myvoid);
+  EXPECT_EQ(info->table_reginfo->min_column, 1u);
+  EXPECT_EQ(info->table_reginfo->max_column, 11u);
+  EXPECT_EQ(info->table_reginfo->number_indexes, 1u);
+  EXPECT_EQ(info->table_reginfo->indexes->type, ASN_INTEGER);
+}
+
+TEST_F(Registration, RefusesANamedContextButAnnouncesIt) {
+  TraceRecorder traces{{"Snmp", "2"}};
+  init_tunnelMIB("vrf1");
+  EXPECT_FALSE(tunnelMIBModule().handlerRegistrations.contains("vrf1"));
+  EXPECT_FALSE(tunnelMIBModule().columnInfos.contains("vrf1"));
+  EXPECT_TRUE(traces.has(2, "initialize_table_tunnelIfTable in context \"vrf1\" "
+                            "hivePathWithContext not specified"));
+  EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "vrf1")));
+  unregister_tunnelMIB("vrf1");
+  EXPECT_THAT(Snmp::mibContexts(), Not(Contains(Pair("tunnelMIB", "vrf1"))));
+}
+
+TEST_F(Registration, TakesBackAContextThatNeverWas) {
+  Snmp::registerMibContext("tunnelMIB", "ghost");
+  TraceRecorder traces{{"Snmp", "2"}};
+  unregister_tunnelMIB("ghost");
+  EXPECT_TRUE(traces.has(2, "Unregistering tunnelMIB in context \"ghost\""));
+  EXPECT_FALSE(tunnelMIBModule().handlerRegistrations.contains("ghost"));
+  EXPECT_FALSE(tunnelMIBModule().columnInfos.contains("ghost"));
+  EXPECT_THAT(Snmp::mibContexts(), Not(Contains(Pair("tunnelMIB", "ghost"))));
+}
+
+TEST_F(Registration, CanBeMadeAgainAfterItWasTakenBack) {
+  Oid const table{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 1};
+  dynamic_cast<TunnelMib &>(*mounted_).tunnelIfTableIs(
+      4, Zel::makePtr<Interface::TunnelIntfStatus>(Plexa::IntfId(4)));
+  for (int round = 0; round != 3; ++round) {
+    init_tunnelMIB("");
+    EXPECT_EQ(InProcessAgent::instance().walk(table).size(), 7u);
+    unregister_tunnelMIB("");
+    EXPECT_THAT(InProcessAgent::instance().walk(table), IsEmpty());
+    EXPECT_THAT(tunnelMIBModule().handlerRegistrations, IsEmpty());
+    EXPECT_THAT(tunnelMIBModule().columnInfos, IsEmpty());
+  }
+}
+
+TEST_F(Registration, IsOfferedToTheAgentWhenTheLibraryIsLoaded) {
+  ASSERT_FALSE(Snmp::handlerRegistrations().empty());
+  Snmp::handlerRegistrations().front()->initHandler("");
+  EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "")));
+}
+
+TEST_F(Registration, TellsNetSnmpsDebugOutputWhichContextItInitialises) {
+  snmp_set_do_debugging(1);
+  debug_register_tokens(std::string("tunnelMIB").data());
+  std::string output;
+  snmp_enable_stderrlog();
+  ::testing::internal::CaptureStderr();
+  init_tunnelMIB("vrf2");
+  output = ::testing::internal::GetCapturedStderr();
+  snmp_disable_stderrlog();
+  snmp_set_do_debugging(0);
+  EXPECT_THAT(output, ::testing::HasSubstr("tunnelMIB: Initializing in context \"vrf2\"\n"));
+  unregister_tunnelMIB("vrf2");
+}
+
+using RegistrationDeathTest = Registration;
+
+TEST_F(RegistrationDeathTest, EndsTheProcessWhenNothingIsMounted) {
+  mounted_ = nullptr;
+  EXPECT_DEATH(init_tunnelMIB(""),
+               "^Can not getEntityRelative\\( snmp/tunnelIntf/tunnelMib \\) for table "
+               "tunnelIfTable. Is this path correct\\?\nfatal: e: ");
+}
+
+TEST_F(RegistrationDeathTest, EndsTheProcessWhenSomethingElseIsMounted) {
+  mounted_ = Zel::makePtr<Zel::Entity>("tunnelMib");
+  EXPECT_DEATH(init_tunnelMIB(""), "^snmp/tunnelIntf/tunnelMib does not appear to be of type "
+                                   "TunnelIntfSnmp::TunnelMib.\nfatal: ptr: ");
+}
+
+TEST_F(RegistrationDeathTest, EndsTheProcessWhenAContextIsInitialisedTwice) {
+  init_tunnelMIB("");
+  EXPECT_DEATH(init_tunnelMIB(""), "fatal: result == 0: ");
+}
+
+} // namespace
+} // namespace TunnelIntfSnmp

@@ -1,0 +1,135 @@
+// The columns that are computed from the input records at the moment they are read.
+#include "TunnelIntfSnmp/TunnelIntfSnmp.h"
+#include "tests/support/TraceRecorder.h"
+#include <gmock/gmock.h>
+
+namespace TunnelIntfSnmp {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+Plexa::IpGenAddr address(char const * text) {
+  return *Plexa::IpGenAddr::fromString(text);
+}
+
+class Columns : public ::testing::Test {
+protected:
+  Zel::Ptr<Interface::TunnelIntfStatus> status_ =
+      Zel::makePtr<Interface::TunnelIntfStatus>(Plexa::IntfId(42));
+  TunnelIfTableEntry row_{7, status_};
+};
+
+TEST(ModeToEncap, KnowsGreAndDirectAndCallsEveryOtherModeOther) {
+  for (unsigned mode = 0; mode <= 255; ++mode) {
+    auto const expected = mode == 1 ? 3u : mode == 2 ? 2u : 1u;
+    EXPECT_EQ(modeToEncap(static_cast<Plexa::TunnelIntfMode>(mode)), expected) << mode;
+  }
+}
+
+TEST_F(Columns, FollowTheStatus) {
+  status_->modeIs(Plexa::TunnelIntfMode::gre);
+  status_->hopLimitIs(255);
+  status_->tosIs(63);
+  status_->srcAddrIs(address("10.0.0.1"));
+  status_->dstAddrIs(address("10.0.0.2"));
+  EXPECT_EQ(row_.ifIndex(), 7u);
+  EXPECT_EQ(row_.encapsMethod(), 3u);
+  EXPECT_EQ(row_.hopLimit(), 255);
+  EXPECT_EQ(row_.tos(), 63);
+  EXPECT_EQ(row_.localAddr(), address("10.0.0.1"));
+  EXPECT_EQ(row_.remoteAddr(), address("10.0.0.2"));
+  status_->modeIs(Plexa::TunnelIntfMode::direct);
+  EXPECT_EQ(row_.encapsMethod(), 2u);
+}
+
+TEST_F(Columns, SayWhetherIpsecProtectsTheTunnel) {
+  EXPECT_EQ(row_.security(), 1u);
+  status_->ipsecIs(true);
+  EXPECT_EQ(row_.security(), 2u);
+}
+
+TEST_F(Columns, TakeTheFamilyOfTheSourceAndOfTheDestinationWhereThereIsNoSource) {
+  EXPECT_EQ(row_.addrType(), 0u) << "both empty";
+  status_->dstAddrIs(address("2001:db8::2"));
+  EXPECT_EQ(row_.addrType(), 2u);
+  status_->srcAddrIs(address("10.0.0.1"));
+  EXPECT_EQ(row_.addrType(), 1u) << "the source decides";
+  status_->srcAddrIs(address("0.0.0.0"));
+  EXPECT_EQ(row_.addrType(), 1u) << "a zero address has a family";
+}
+
+TEST(ColumnsWithoutStatus, AreZeroOrEmptyWhereTheyAreGuarded) {
+  TunnelIfTableEntry const row(7, nullptr);
+  EXPECT_EQ(row.hopLimit(), 0);
+  EXPECT_EQ(row.tos(), 0);
+  EXPECT_EQ(row.localAddr(), Plexa::IpGenAddr());
+  EXPECT_EQ(row.remoteAddr(), Plexa::IpGenAddr());
+}
+
+TEST(ColumnsWithoutStatusDeathTest, AreFatalWhereTheyAreNot) {
+  TunnelIfTableEntry const row(7, nullptr);
+  EXPECT_DEATH(row.encapsMethod(), "fatal: object: null Zel::Ptr dereferenced");
+  EXPECT_DEATH(row.security(), "null Zel::Ptr dereferenced");
+  EXPECT_DEATH(row.addrType(), "null Zel::Ptr dereferenced");
+}
+
+class ConnState : public ::testing::Test {
+protected:
+  std::vector<std::string> traced(std::uint32_t expected) {
+    TraceRecorder traces{{"TunnelIntfSnmp", "5"}};
+    EXPECT_EQ(row_.connState(), expected);
+    for (auto const & line : traces.lines())
+      EXPECT_EQ(line.function, "IpsecTunnelIfTableEntry::connState");
+    return traces.texts();
+  }
+
+  Plexa::IntfId const id_{42};
+  Zel::Ptr<Ipsec::Ike::Status> ike_ = Zel::makePtr<Ipsec::Ike::Status>("ikeStatus");
+  Zel::Ptr<Interface::TunnelIntfStatus> status_ = Zel::makePtr<Interface::TunnelIntfStatus>(id_);
+  IpsecTunnelIfTableEntry row_{7, status_, ike_};
+};
+
+TEST_F(ConnState, MapsEveryInputStateWithItsGap) {
+  auto info = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
+  info->profileNameIs("p");
+  ike_->ipsecTunnelInfoIs(id_, info);
+  auto map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
+  ike_->appliedProfilesIs("p", map);
+  auto applied = Zel::makePtr<Ipsec::Ike::IpsecTunnelProfileInfo>();
+  map->appliedIntfIdIs(id_, applied);
+  std::vector<std::uint32_t> const column{0, 1, 2, 3, 4, 0, 5, 6, 0, 0};
+  for (unsigned state = 0; state <= 255; ++state) {
+    applied->connStateIs(static_cast<Ipsec::Ike::ConnState>(state));
+    EXPECT_EQ(row_.connState(), state < column.size() ? column[state] : 0u) << state;
+  }
+  EXPECT_THAT(traced(0), IsEmpty());
+}
+
+TEST_F(ConnState, TracesWhichLookUpFailed) {
+  EXPECT_THAT(traced(0), ElementsAre("No tunnelInfo for 42"));
+  auto info = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
+  info->profileNameIs("branch");
+  ike_->ipsecTunnelInfoIs(id_, info);
+  EXPECT_THAT(traced(0), ElementsAre("No appliedProfile profileConnectionMap for profile branch"));
+  auto map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
+  ike_->appliedProfilesIs("branch", map);
+  EXPECT_THAT(traced(0), ElementsAre("No appliedIntfId tunnelProfileInfo for intfId 42"));
+}
+
+TEST_F(ConnState, TakesANullRecordForAMissingOne) {
+  ike_->ipsecTunnelInfoIs(id_, nullptr);
+  EXPECT_THAT(traced(0), ElementsAre("No tunnelInfo for 42"));
+  auto info = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
+  info->profileNameIs("p");
+  ike_->ipsecTunnelInfoIs(id_, info);
+  ike_->appliedProfilesIs("p", nullptr);
+  EXPECT_THAT(traced(0), ElementsAre("No appliedProfile profileConnectionMap for profile p"));
+  auto map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
+  ike_->appliedProfilesIs("p", map);
+  map->appliedIntfIdIs(id_, nullptr);
+  EXPECT_THAT(traced(0), ElementsAre("No appliedIntfId tunnelProfileInfo for intfId 42"));
+}
+
+} // namespace
+} // namespace TunnelIntfSnmp

@@ -1,0 +1,197 @@
+// The tables of TunnelMib: find-or-create, replacement, deletion, notification, destruction.
+#include "TunnelIntfSnmp/TunnelIntfSnmp.h"
+#include <gmock/gmock.h>
+
+namespace TunnelIntfSnmp {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+Zel::Ptr<Interface::TunnelIntfStatus> status(std::uint64_t id = 1) {
+  return Zel::makePtr<Interface::TunnelIntfStatus>(Plexa::IntfId(id));
+}
+
+TunnelInetConfigTableKey key(std::uint32_t configId, std::uint32_t encapsMethod = 3) {
+  std::uint8_t const address[] = {10, 0, 0, 1};
+  return {Snmp::InetAddress(1, Snmp::Bytes(address)), Snmp::Bytes(address), encapsMethod, configId};
+}
+
+// Writes down every change as "attribute key".
+class Recorder : public Zel::Notifiee {
+public:
+  explicit Recorder(TunnelMib const & mib) { notifierIs(&mib); }
+  void onNotification(Zel::Notification const & change) override {
+    changes.push_back(std::string(change.attribute().name) + " " +
+                      (change.isAbout(TunnelMib::tunnelInetConfigTableAttribute())
+                           ? std::to_string(change.key<TunnelInetConfigTableKey>().configId())
+                           : std::to_string(change.key<std::uint32_t>())));
+  }
+  std::vector<std::string> changes;
+};
+
+class TunnelMibTest : public ::testing::Test {
+protected:
+  Zel::Ptr<TunnelMib> mib_ = TunnelMib::TunnelMibIs("tunnelMib");
+  Zel::Ptr<Recorder> heard_ = Zel::makePtr<Recorder>(*mib_);
+};
+
+TEST_F(TunnelMibTest, FindsTheRowThatIsThereAndNotifiesOnce) {
+  auto const record = status();
+  auto const row = mib_->tunnelIfTableIs(7, record);
+  EXPECT_EQ(mib_->tunnelIfTableIs(7, record), row);
+  EXPECT_EQ(mib_->tunnelIfTable(7), row);
+  EXPECT_TRUE(row->hasNotificationActive());
+  EXPECT_THAT(heard_->changes, ElementsAre("tunnelIfTable 7"));
+}
+
+TEST_F(TunnelMibTest, RefusesAnotherStatusForAnExistingRow) {
+  auto const row = mib_->tunnelIfTableIs(7, status());
+  try {
+    mib_->tunnelIfTableIs(7, status());
+    FAIL();
+  } catch (Zel::ReinstantiationError const & error) {
+    EXPECT_STREQ(error.what(),
+                 "attribute tunnelIntfStatus: instantiated again with different arguments");
+  }
+  EXPECT_EQ(mib_->tunnelIfTable(7), row);
+  EXPECT_EQ(heard_->changes.size(), 1u);
+}
+
+TEST_F(TunnelMibTest, RefusesAnotherRecordForAnExistingIpsecRow) {
+  auto const record = status();
+  auto const ike = Zel::makePtr<Ipsec::Ike::Status>("ike");
+  auto const row = mib_->ipsecTunnelIfTableIs(7, record, ike);
+  EXPECT_EQ(mib_->ipsecTunnelIfTableIs(7, record, ike), row);
+  EXPECT_THROW(mib_->ipsecTunnelIfTableIs(7, status(), ike), Zel::ReinstantiationError);
+  EXPECT_THROW(mib_->ipsecTunnelIfTableIs(7, record, Zel::makePtr<Ipsec::Ike::Status>("other")),
+               Zel::ReinstantiationError);
+  EXPECT_EQ(mib_->ipsecTunnelIfTable(7), row);
+  EXPECT_THAT(heard_->changes, ElementsAre("ipsecTunnelIfTable 7"));
+}
+
+TEST_F(TunnelMibTest, ReturnsTheRemovedRowAndNotifiesItsKey) {
+  auto const row = mib_->tunnelIfTableIs(7, status());
+  auto const ipsecRow = mib_->ipsecTunnelIfTableIs(8, status(), nullptr);
+  heard_->changes.clear();
+  EXPECT_EQ(mib_->tunnelIfTableDel(7), row);
+  EXPECT_EQ(mib_->ipsecTunnelIfTableDel(mib_->ipsecTunnelIfTable().begin()), ipsecRow);
+  EXPECT_THAT(heard_->changes, ElementsAre("tunnelIfTable 7", "ipsecTunnelIfTable 8"));
+  EXPECT_EQ(row->ifIndex(), 7u) << "lives on for who holds it";
+}
+
+TEST_F(TunnelMibTest, RemovesNothingThatIsAbsent) {
+  EXPECT_EQ(mib_->tunnelIfTableDel(7), nullptr);
+  EXPECT_EQ(mib_->ipsecTunnelIfTableDel(7), nullptr);
+  EXPECT_EQ(mib_->tunnelInetConfigTableDel(key(7)), nullptr);
+  EXPECT_THAT(heard_->changes, IsEmpty());
+}
+
+TEST_F(TunnelMibTest, ReplacesAnEntryOfTheSameKeyUnlessItIsTheSameObject) {
+  auto const first = tunnelInetConfigTableEntryFactory(key(1), 10);
+  auto const second = tunnelInetConfigTableEntryFactory(key(1), 11);
+  mib_->tunnelInetConfigTableIs(first);
+  mib_->tunnelInetConfigTableIs(first);
+  EXPECT_EQ(heard_->changes.size(), 1u);
+  mib_->tunnelInetConfigTableIs(second);
+  EXPECT_EQ(mib_->tunnelInetConfigTable()[key(1)], second);
+  EXPECT_EQ(mib_->tunnelInetConfigTable().size(), 1u);
+  EXPECT_THAT(heard_->changes, ElementsAre("tunnelInetConfigTable 1", "tunnelInetConfigTable 1"));
+}
+
+TEST_F(TunnelMibTest, RefusesANullEntry) {
+  try {
+    mib_->tunnelInetConfigTableIs(nullptr);
+    FAIL();
+  } catch (Zel::NullArgumentError const & error) {
+    EXPECT_STREQ(error.what(), "attribute tunnelInetConfigTable: null argument to a mutator");
+  }
+  EXPECT_THAT(heard_->changes, IsEmpty());
+}
+
+TEST_F(TunnelMibTest, IteratesEntriesInKeyOrder) {
+  for (std::uint32_t const configId : {3, 1, 2})
+    mib_->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(configId), configId));
+  mib_->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(9, 1), 9));
+  std::vector<std::uint32_t> order;
+  for (auto const & [entryKey, entry] : mib_->tunnelInetConfigTable())
+    order.push_back(entry->ifIndex());
+  EXPECT_THAT(order, ElementsAre(9, 1, 2, 3));
+}
+
+TEST_F(TunnelMibTest, DeletesAllRowsFromTheSmallestKeyUp) {
+  for (std::uint32_t const ifIndex : {3, 1, 2}) {
+    mib_->tunnelIfTableIs(ifIndex, status());
+    mib_->ipsecTunnelIfTableIs(ifIndex, status(), nullptr);
+    mib_->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(ifIndex), ifIndex));
+  }
+  heard_->changes.clear();
+  mib_->tunnelIfTableDelAll();
+  mib_->ipsecTunnelIfTableDelAll();
+  mib_->tunnelInetConfigTableDelAll();
+  EXPECT_THAT(heard_->changes, ElementsAre("tunnelIfTable 1", "tunnelIfTable 2", "tunnelIfTable 3",
+                                           "ipsecTunnelIfTable 1", "ipsecTunnelIfTable 2",
+                                           "ipsecTunnelIfTable 3", "tunnelInetConfigTable 1",
+                                           "tunnelInetConfigTable 2", "tunnelInetConfigTable 3"));
+  EXPECT_TRUE(mib_->tunnelIfTable().empty());
+  EXPECT_TRUE(mib_->tunnelInetConfigTable().empty());
+}
+
+TEST_F(TunnelMibTest, ClearsEntriesAtOnceWhenNobodyListens) {
+  mib_->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(1), 1));
+  heard_ = nullptr;
+  mib_->tunnelInetConfigTableDelAll();
+  EXPECT_TRUE(mib_->tunnelInetConfigTable().empty());
+}
+
+TEST_F(TunnelMibTest, NotifiesTheRowsOfTwoTablesAndNotTheThirdWhenItIsDestroyed) {
+  mib_->tunnelIfTableIs(1, status());
+  mib_->ipsecTunnelIfTableIs(2, status(), nullptr);
+  mib_->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(3), 3));
+  heard_->changes.clear();
+  mib_ = nullptr;
+  EXPECT_THAT(heard_->changes, ElementsAre("tunnelIfTable 1", "ipsecTunnelIfTable 2"));
+  EXPECT_EQ(heard_->notifier(), nullptr);
+}
+
+TEST_F(TunnelMibTest, IsMadeByTypeNameAndReadByAttributeName) {
+  auto const made =
+      Zel::dynamicCast<TunnelMib>(Zel::createByTypeName("TunnelIntfSnmp::TunnelMib", "tunnelMib"));
+  ASSERT_TRUE(made);
+  EXPECT_EQ(made->name(), "tunnelMib");
+  made->tunnelIfTableIs(7, status(70));
+  auto const table = std::get<Zel::Value::Collection>(Zel::attribute(*made, "tunnelIfTable").is);
+  ASSERT_EQ(table.size(), 1u);
+  EXPECT_EQ(table[0].first, "7");
+  auto const row = std::get<Zel::Ptr<Zel::PtrInterface const>>(table[0].second.is);
+  EXPECT_EQ(std::get<std::uint64_t>(Zel::attribute(*row, "encapsMethod").is), 1u);
+  EXPECT_EQ(std::get<std::string>(Zel::attribute(*row, "localAddr").is), "");
+}
+
+TEST_F(TunnelMibTest, DescribesItsTypesToTheFramework) {
+  for (char const * name :
+       {"TunnelIntfSnmp::TunnelMib", "TunnelIntfSnmp::TunnelIfTableEntry",
+        "TunnelIntfSnmp::IpsecTunnelIfTableEntry", "TunnelIntfSnmp::TunnelInetConfigTableEntry",
+        "TunnelIntfSnmp::MibEntryWrapper", "TunnelIntfSnmp::TunnelInetConfigTableKey",
+        "TunnelIntfSnmp::Root", "TunnelIntfSnmp::TunnelIntfSnmpAgent",
+        "TunnelIntfSnmp::TunnelIfTableSm"})
+    EXPECT_NE(Zel::typeByName(name), nullptr) << name;
+  for (auto const * module : Zel::modules())
+    EXPECT_EQ(module->namespacePrefix, "ns-") << module->name;
+}
+
+TEST(TunnelInetConfigTableEntry, ReadsItsColumnsFromItsKey) {
+  auto const entry = tunnelInetConfigTableEntryFactory(key(4, 2), 17);
+  EXPECT_EQ(entry->addrType(), 1u);
+  EXPECT_EQ(entry->localAddr().size(), 4u);
+  EXPECT_EQ(entry->remoteAddr().size(), 4u);
+  EXPECT_EQ(entry->encapsMethod(), 2u);
+  EXPECT_EQ(entry->configId(), 4u);
+  EXPECT_EQ(entry->ifIndex(), 17u);
+  EXPECT_EQ(entry->rowStatus(), 1u);
+  EXPECT_EQ(entry->storageType(), 5u);
+  EXPECT_EQ(MibEntryWrapper(entry).mibEntry(), entry);
+}
+
+} // namespace
+} // namespace TunnelIntfSnmp
