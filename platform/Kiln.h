@@ -57,15 +57,16 @@ protected:
   /// running task has used its share, and always outside any run, where nobody has a share.
   virtual bool shouldYield(Task const & task) const;
   /// Takes the next task to run out of the scheduled ones of the most urgent priority.
-  virtual Zel::Ptr<Task> takeNext(std::deque<Zel::Ptr<Task>> & equals);
+  virtual Task * takeNext(std::deque<Task *> & equals);
 
 private:
   friend class Task;
   void schedule(Task & task);
+  void forget(Task const & task);
 
   Clock const clock_;
   std::chrono::microseconds const share_;
-  std::map<TaskPriority, std::deque<Zel::Ptr<Task>>> queues_; // no empty one
+  std::map<TaskPriority, std::deque<Task *>> queues_; // no empty one
   std::vector<Task const *> tasks_;
   Zel::Ptr<Task> running_;
   std::chrono::steady_clock::time_point runBegan_;
@@ -74,7 +75,8 @@ private:
 };
 
 /// One piece of work. Each run notifies the attribute runAttribute(); a notifiee does the work. A
-/// task that loses its last Ptr while it is scheduled or running stays until that run is over.
+/// task that loses its last Ptr while it waits to run is never run; one that loses it while it runs
+/// stays until that run is over.
 class Task : public Zel::PtrInterface {
 public:
   /// Requires: `scheduler` is not null.

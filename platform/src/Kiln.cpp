@@ -20,7 +20,7 @@ bool TaskScheduler::runOne() {
   if (queues_.empty())
     return false;
   auto const mostUrgent = queues_.begin();
-  running_ = takeNext(mostUrgent->second);
+  running_ = Zel::Ptr<Task>(takeNext(mostUrgent->second));
   if (mostUrgent->second.empty())
     queues_.erase(mostUrgent);
   struct RunEnd {
@@ -44,17 +44,26 @@ bool TaskScheduler::shouldYield(Task const &) const {
   return !running_ || clock_() - runBegan_ >= share_;
 }
 
-Zel::Ptr<Task> TaskScheduler::takeNext(std::deque<Zel::Ptr<Task>> & equals) {
-  auto next = equals.front();
+Task * TaskScheduler::takeNext(std::deque<Task *> & equals) {
+  auto * next = equals.front();
   equals.pop_front();
   return next;
 }
 
 void TaskScheduler::schedule(Task & task) {
   auto const wasIdle = queues_.empty();
-  queues_[task.priority()].push_back(Zel::Ptr<Task>(&task));
+  queues_[task.priority()].push_back(&task);
   if (wasIdle && wakeUp_)
     wakeUp_();
+}
+
+void TaskScheduler::forget(Task const & task) {
+  std::erase(tasks_, &task);
+  if (auto const queue = queues_.find(task.priority()); queue != queues_.end()) {
+    std::erase(queue->second, &task);
+    if (queue->second.empty())
+      queues_.erase(queue);
+  }
 }
 
 namespace {
@@ -73,7 +82,7 @@ Task::Task(Zel::Ptr<TaskScheduler> scheduler, TaskPriority priority, std::string
 }
 
 Task::~Task() {
-  std::erase(scheduler_->tasks_, this);
+  scheduler_->forget(*this);
 }
 
 Zel::Type const & Task::type() const {

@@ -20,7 +20,7 @@ bool TestScheduler::shouldYield(Kiln::Task const &) const {
   return yield_ == Yield::always || (yield_ == Yield::random && random_() % 2 == 0);
 }
 
-Zel::Ptr<Kiln::Task> TestScheduler::takeNext(std::deque<Zel::Ptr<Kiln::Task>> & equals) {
+Kiln::Task * TestScheduler::takeNext(std::deque<Kiln::Task *> & equals) {
   if (yield_ == Yield::random)
     std::swap(equals.front(), equals[random_() % equals.size()]);
   return TaskScheduler::takeNext(equals);

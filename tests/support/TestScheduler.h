@@ -21,7 +21,7 @@ public:
 
 protected:
   bool shouldYield(Kiln::Task const & task) const override;
-  Zel::Ptr<Kiln::Task> takeNext(std::deque<Zel::Ptr<Kiln::Task>> & equals) override;
+  Kiln::Task * takeNext(std::deque<Kiln::Task *> & equals) override;
 
 private:
   Yield yield_;

@@ -1,0 +1,197 @@
+// Both collections against std::map, step by step; and what a scan that is cut into runs relies on.
+#include "platform/Zel.h"
+#include "tests/support/TestScheduler.h"
+#include <gmock/gmock.h>
+#include <map>
+#include <random>
+#include <set>
+
+namespace {
+
+struct ConstantHasher {
+  std::uint32_t operator()(std::uint32_t) const { return 7; }
+};
+struct TopBitHasher { // two full chains in every table that has two buckets
+  std::uint32_t operator()(std::uint32_t key) const { return (key & 1) << 31; }
+};
+
+using testing::ElementsAre;
+
+// Keys in iteration order.
+template <class Map>
+std::vector<std::uint32_t> keysOf(Map const & map) {
+  std::vector<std::uint32_t> keys;
+  for (auto const & [key, value] : map)
+    keys.push_back(key);
+  return keys;
+}
+
+template <class Hasher>
+class HashMap : public testing::Test {};
+using Hashers = testing::Types<Zel::DefaultHasher, ConstantHasher, TopBitHasher>;
+TYPED_TEST_SUITE(HashMap, Hashers);
+
+TYPED_TEST(HashMap, AgreesWithTheStandardMapAfterEveryStep) {
+  std::mt19937 random(testSeed());
+  Zel::HashMap2018<std::uint32_t, std::string, TypeParam> map;
+  std::map<std::uint32_t, std::string> oracle;
+  for (int step = 0; step != 3000; ++step) {
+    auto const key = static_cast<std::uint32_t>(random() % 120);
+    auto const stamp = map.changeStamp();
+    switch (random() % 4) {
+    case 0:
+    case 1: {
+      auto const present = oracle.contains(key);
+      oracle.insert_or_assign(key, std::to_string(step));
+      EXPECT_EQ(map.insertOrReplace(key, std::to_string(step)), std::to_string(step));
+      EXPECT_EQ(map.changeStamp() != stamp, !present);
+      break;
+    }
+    case 2: {
+      auto const erased = oracle.erase(key) == 1;
+      EXPECT_EQ(map.erase(key), erased);
+      EXPECT_EQ(map.changeStamp() != stamp, erased);
+      break;
+    }
+    default:
+      if (random() % 200 == 0) {
+        oracle.clear();
+        map.clear();
+      }
+    }
+    ASSERT_EQ(map.size(), oracle.size());
+    ASSERT_EQ(map.empty(), oracle.empty());
+    std::map<std::uint32_t, std::string> const content(map.begin(), map.end());
+    ASSERT_EQ(content, oracle);
+    auto const * found = map.find(key);
+    ASSERT_EQ(found != nullptr, oracle.contains(key));
+  }
+}
+
+TYPED_TEST(HashMap, KeepsItsOrderWhenItGrows) {
+  Zel::HashMap2018<std::uint32_t, int, TypeParam> map;
+  std::vector<std::uint32_t> before;
+  for (std::uint32_t key = 0; key != 300; ++key) {
+    map.insertOrReplace(key * 2654435761u, 0);
+    auto after = keysOf(map);
+    std::erase(after, key * 2654435761u);
+    ASSERT_EQ(after, before) << "the new key aside, nothing moved";
+    before = keysOf(map);
+  }
+}
+
+TYPED_TEST(HashMap, FindsWhereAScanLeftOffEvenIfThatKeyIsGone) {
+  Zel::HashMap2018<std::uint32_t, int, TypeParam> map;
+  for (std::uint32_t key = 0; key != 50; ++key)
+    map.insertOrReplace(key, 0);
+  auto const order = keysOf(map);
+  for (std::size_t i = 0; i + 1 < order.size(); ++i) {
+    EXPECT_EQ(map.seek(order[i])->first, order[i]);
+    map.erase(order[i]);
+    EXPECT_EQ(map.seek(order[i])->first, order[i + 1]);
+  }
+  map.clear();
+  EXPECT_EQ(map.seek(3), map.end());
+}
+
+// A scan by key with anything in between meets every key that was there all the time, exactly once.
+TYPED_TEST(HashMap, ShowsEachKeyThatStaysExactlyOnceToAScanByKey) {
+  std::mt19937 random(testSeed());
+  for (int round = 0; round != 50; ++round) {
+    Zel::HashMap2018<std::uint32_t, int, TypeParam> map;
+    std::set<std::uint32_t> stayed;
+    for (std::uint32_t key = 0; key != 40; ++key) {
+      map.insertOrReplace(key, 0);
+      stayed.insert(key);
+    }
+    std::multiset<std::uint32_t> seen;
+    auto next = map.begin()->first;
+    for (auto position = map.begin(); position != map.end(); position = map.seek(next)) {
+      seen.insert(position->first);
+      if (++position == map.end())
+        break;
+      next = position->first;
+      for (int change = static_cast<int>(random() % 4); change > 0; --change)
+        if (auto const key = static_cast<std::uint32_t>(random() % 80); random() % 2 == 0)
+          map.insertOrReplace(key, 1);
+        else if (map.erase(key))
+          stayed.erase(key);
+      if (random() % 5 == 0 && map.erase(next)) // the bookmark itself
+        stayed.erase(next);
+    }
+    for (auto const key : stayed)
+      EXPECT_EQ(seen.count(key), 1u) << key;
+  }
+}
+
+TEST(HashMapOrder, IsByHashAndThenByKey) {
+  Zel::HashMap2018<std::uint32_t, int, TopBitHasher> map;
+  for (std::uint32_t const key : {5, 2, 9, 4, 1, 8})
+    map.insertOrReplace(key, 0);
+  EXPECT_THAT(keysOf(map), ElementsAre(2, 4, 8, 1, 5, 9));
+}
+
+TEST(HashMapStamp, ComesRoundAfterTwentyThreeBits) {
+  Zel::HashMap2018<std::uint32_t, int> map;
+  for (std::uint32_t step = 0; step != (1u << 22); ++step) {
+    map.insertOrReplace(1, 0);
+    map.erase(1);
+  }
+  EXPECT_EQ(map.changeStamp(), 0u);
+}
+
+TEST(HashMapValues, AreReleasedWhenTheMapIsConsistentAgain) {
+  struct Watcher {
+    Zel::HashMap2018<std::uint32_t, std::shared_ptr<Watcher>> * map = nullptr;
+    std::size_t * sizeSeen = nullptr;
+    ~Watcher() {
+      if (map != nullptr)
+        *sizeSeen = map->size();
+    }
+  };
+  Zel::HashMap2018<std::uint32_t, std::shared_ptr<Watcher>> map;
+  std::size_t sizeSeen = 99;
+  auto watcher = std::make_shared<Watcher>();
+  watcher->map = &map;
+  watcher->sizeSeen = &sizeSeen;
+  map.insertOrReplace(1, std::move(watcher));
+  map.erase(1);
+  EXPECT_EQ(sizeSeen, 0u);
+}
+
+TEST(RbTreeMap, AgreesWithTheStandardMapAfterEveryStep) {
+  std::mt19937 random(testSeed());
+  Zel::RbTreeMap<std::uint32_t, std::string> map;
+  std::map<std::uint32_t, std::string> oracle;
+  for (int step = 0; step != 3000; ++step) {
+    auto const key = static_cast<std::uint32_t>(random() % 100);
+    auto const version = map.version();
+    if (random() % 2 == 0) {
+      auto const present = oracle.contains(key);
+      oracle.insert_or_assign(key, std::to_string(step));
+      map.insertOrReplace(key, std::to_string(step));
+      EXPECT_EQ(map.version() != version, !present);
+    } else if (auto const position = map.find(key); position != map.end()) {
+      EXPECT_EQ(map.erase(position), oracle.at(key));
+      oracle.erase(key);
+      EXPECT_NE(map.version(), version);
+    }
+    std::map<std::uint32_t, std::string> const content(map.begin(), map.end());
+    ASSERT_EQ(content, oracle);
+    auto const next = oracle.upper_bound(key);
+    auto const found = map.findNext(key);
+    ASSERT_EQ(found == map.end(), next == oracle.end());
+    if (found != map.end()) {
+      ASSERT_EQ(found->first, next->first);
+    }
+    auto const notLess = oracle.lower_bound(key);
+    ASSERT_EQ(map.findNotLess(key) == map.end(), notLess == oracle.end());
+    ASSERT_EQ(map[key], oracle.contains(key) ? oracle.at(key) : "");
+  }
+  auto const version = map.version();
+  map.clear();
+  EXPECT_TRUE(map.empty());
+  EXPECT_NE(map.version(), version);
+}
+
+} // namespace
