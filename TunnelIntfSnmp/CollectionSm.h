@@ -37,7 +37,8 @@ public:
       handleKey(key);
       keyScanned();
       ++iterations;
-      position = stamp == collection().changeStamp() ? std::next(position) : after(key);
+      position = stamp == collection().changeStamp() ? std::next(position)
+                                                     : collection().seekBehind(key);
       if (shouldYield() && position != collection().end()) {
         inputScanBookmark_ = position->first;
         scanYields(iterations);
@@ -56,11 +57,7 @@ public:
                 "We missed notifications that happened to {} before the enclosing entity got "
                 "deleted",
                 CollectionAttribute().name);
-    for (auto position = collection().begin(); position != collection().end();) {
-      auto const key = position->first;
-      handleGone(key);
-      position = after(key);
-    }
+    collection().forEach([this](Key const & key, Mapped const &) { handleGone(key); });
   }
 
   void hasNotificationActiveIs(bool on) override {
@@ -106,12 +103,6 @@ private:
       return collection().seek(inputScanBookmark_);
     passBegins();
     return collection().begin();
-  }
-  // The first position behind the key, which may be gone.
-  auto after(Key const & key) const {
-    auto const position = collection().seek(key);
-    return position != collection().end() && position->first == key ? std::next(position)
-                                                                    : position;
   }
 
   void handleReactor(Zel::Attribute const & attribute, Key const & key) {

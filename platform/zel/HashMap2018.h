@@ -85,6 +85,22 @@ public:
     Node const * node = link(hash, key)->get();
     return {this, node ? node : firstFrom(bucket + 1)};
   }
+  /// Where iteration goes on behind `key`, which may be gone.
+  const_iterator seekBehind(Key const & key) const {
+    auto const position = seek(key);
+    return position != end() && position->first == key ? std::next(position) : position;
+  }
+  /// Calls `visit(key, value)` for each entry. `visit` may change the map: what it removes is not
+  /// visited, what it inserts is if it comes later in the order. It is given copies.
+  template <class Visit>
+  void forEach(Visit visit) const {
+    for (auto position = begin(); position != end();) {
+      auto const entry = *position;
+      auto const stamp = changeStamp_;
+      visit(entry.first, entry.second);
+      position = stamp == changeStamp_ ? std::next(position) : seekBehind(entry.first);
+    }
+  }
   /// The value of `key`, or null. Lives until that key is removed or its value replaced.
   Value const * find(Key const & key) const {
     auto const hash = hasher_(key);

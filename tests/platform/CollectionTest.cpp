@@ -124,6 +124,23 @@ TYPED_TEST(HashMap, ShowsEachKeyThatStaysExactlyOnceToAScanByKey) {
   }
 }
 
+TYPED_TEST(HashMap, LetsAVisitorChangeIt) {
+  Zel::HashMap2018<std::uint32_t, int, TypeParam> map;
+  for (std::uint32_t key = 0; key != 40; ++key)
+    map.insertOrReplace(key, 0);
+  std::set<std::uint32_t> visited;
+  map.forEach([&](std::uint32_t key, int) {
+    EXPECT_TRUE(visited.insert(key).second) << key;
+    EXPECT_NE(map.find(key), nullptr);
+    map.erase(key);
+    map.erase((key + 1) % 40);
+    if (key < 40) // a newcomer may be visited or not
+      map.insertOrReplace(1000 + key, 0);
+  });
+  for (std::uint32_t key = 0; key != 40; ++key)
+    EXPECT_EQ(map.find(key), nullptr);
+}
+
 TEST(HashMapOrder, IsByHashAndThenByKey) {
   Zel::HashMap2018<std::uint32_t, int, TopBitHasher> map;
   for (std::uint32_t const key : {5, 2, 9, 4, 1, 8})
