@@ -43,6 +43,8 @@ public:
   Zel::Ptr<Ipsec::Ike::Status> const & ikeStatus() const { return ikeStatus_; }
 
 private:
+  void requireFree(std::string_view path) const;
+
   Zel::Ptr<Interface::TunnelIntfStatusDir> const statuses_;
   Zel::Ptr<IntfSnmp::IfMib> const ifMib_;
   Zel::Ptr<Ipsec::Ike::Status> const ikeStatus_;
