@@ -1,0 +1,38 @@
+// Hears when a file of a folder may have changed (inotify).
+#pragma once
+
+#include "sources/Loop.h"
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace Sources {
+
+/// Watches from its construction to its destruction. "Changed" means: created, written and closed,
+/// moved here or away, removed, given other rights, or an unknown number of changes was lost.
+class FolderWatch {
+public:
+  /// Calls `changed`, once for everything that has piled up since. It may destroy the watch.
+  /// Raises std::system_error when the folder cannot be watched.
+  FolderWatch(std::string const & folder, std::string file, Loop & loop,
+              std::function<void()> changed);
+  FolderWatch(FolderWatch const &) = delete;
+  FolderWatch & operator=(FolderWatch const &) = delete;
+  ~FolderWatch();
+
+  /// False once the folder has been removed, moved or unmounted: nothing more will be heard.
+  bool isAlive() const { return alive_; }
+
+private:
+  void onReadable();
+  bool drain();
+  bool concerns(std::uint32_t mask, char const * name);
+
+  std::string const file_;
+  std::function<void()> const changed_;
+  int const descriptor_;
+  bool alive_ = true;
+  Loop::Handle watch_;
+};
+
+} // namespace Sources

@@ -1,0 +1,22 @@
+// The scripted source: a file holds the tunnels, written by people and programs.
+//
+// The file is a document as StateDocument reads it; containers may be missing. Whenever the file
+// has been read, the records that it names, and those that it named before, become what it says;
+// all other records are left alone. A file that is broken, empty or gone changes nothing: the last
+// good state stays and the status says what is wrong.
+//
+// The file's folder is watched, since editors put a new file in the place of the old one. Of a
+// symbolic link only the link is watched, not the file behind it.
+#pragma once
+
+#include "sources/Source.h"
+#include <memory>
+#include <string>
+
+namespace Sources {
+
+/// Makes the source for that file. Nothing is opened before start().
+std::unique_ptr<Source> makeJsonSource(std::string path, Loop & loop,
+                                       StateDb::StateDocument & document);
+
+} // namespace Sources

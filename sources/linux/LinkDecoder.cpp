@@ -1,0 +1,352 @@
+// The layout of each kind's attributes, and the reading of them.
+//
+// Byte orders are the kernel's: addresses and flow information big-endian, flags and the header in
+// the order of this machine.
+#include "sources/linux/LinkDecoder.h"
+#include "platform/Lumo.h"
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cstring>
+#include <fmt/format.h>
+#include <linux/if_link.h>
+#include <linux/if_tunnel.h>
+#include <linux/ip6_tunnel.h>
+#include <linux/rtnetlink.h>
+#include <netlink/attr.h>
+
+namespace Sources::Linux {
+namespace {
+
+using Bytes = std::span<std::byte const>;
+using Plexa::TunnelIntfMode;
+
+/// One level of attributes by type; the later one of a type counts, as for the kernel.
+class Attributes {
+public:
+  Attributes() = default;
+  /// Raises MalformedMessage when an attribute does not fit. Refers to the bytes.
+  explicit Attributes(Bytes bytes);
+
+  /// The attribute, or null; null for type 0.
+  nlattr const * find(std::uint16_t type) const { return byType_.at(type); }
+  /// True if and only if the flag is there: some kinds send it empty, some with 0 or 1.
+  bool flag(std::uint16_t type) const;
+  /// The value; 0 when the attribute is missing. Raises MalformedMessage when it is too short.
+  std::uint8_t u8(std::uint16_t type) const { return number<std::uint8_t>(type); }
+  std::uint16_t u16(std::uint16_t type) const { return number<std::uint16_t>(type); }
+  std::uint32_t u32(std::uint16_t type) const { return number<std::uint32_t>(type); }
+  /// The text up to its end or the first zero byte; empty when the attribute is missing.
+  std::string text(std::uint16_t type) const;
+  /// The attributes inside this one; none when it is missing.
+  Attributes nested(std::uint16_t type) const;
+
+private:
+  template <class T>
+  T number(std::uint16_t type) const;
+
+  std::array<nlattr const *, 32> byType_{}; // as far as anything here looks
+};
+
+/// Where the attributes of a kind are, and what follows from the kind alone. 0: it has none.
+struct Layout {
+  TunnelKind kind = TunnelKind::gre;
+  TunnelIntfMode mode = TunnelIntfMode::unknown;
+  std::string_view fallbackName = "";
+  std::uint16_t metadata = 0;
+  std::uint16_t local4 = 0;
+  std::uint16_t local6 = 0;
+  std::uint16_t remote4 = 0;
+  std::uint16_t remote6 = 0;
+  std::uint16_t ttl = 0;
+  std::uint16_t ttlInherit = 0;
+  std::uint16_t tos = 0;      // one byte, bit 0: inherit
+  std::uint16_t flowInfo = 0; // holds the traffic class of the kinds over IPv6
+  std::uint16_t flags = 0;    // holds whether that is inherited
+};
+
+constexpr Layout greV4(TunnelKind kind, TunnelIntfMode mode, std::string_view fallbackName) {
+  return {.kind = kind,
+          .mode = mode,
+          .fallbackName = fallbackName,
+          .metadata = IFLA_GRE_COLLECT_METADATA,
+          .local4 = IFLA_GRE_LOCAL,
+          .remote4 = IFLA_GRE_REMOTE,
+          .ttl = IFLA_GRE_TTL,
+          .tos = IFLA_GRE_TOS};
+}
+constexpr Layout greV6(TunnelKind kind, TunnelIntfMode mode, std::string_view fallbackName) {
+  return {.kind = kind,
+          .mode = mode,
+          .fallbackName = fallbackName,
+          .metadata = IFLA_GRE_COLLECT_METADATA,
+          .local6 = IFLA_GRE_LOCAL,
+          .remote6 = IFLA_GRE_REMOTE,
+          .ttl = IFLA_GRE_TTL,
+          .flowInfo = IFLA_GRE_FLOWINFO,
+          .flags = IFLA_GRE_FLAGS};
+}
+constexpr Layout ipInIpv4(TunnelKind kind, std::string_view fallbackName) {
+  return {.kind = kind,
+          .mode = TunnelIntfMode::direct,
+          .fallbackName = fallbackName,
+          .metadata = IFLA_IPTUN_COLLECT_METADATA,
+          .local4 = IFLA_IPTUN_LOCAL,
+          .remote4 = IFLA_IPTUN_REMOTE,
+          .ttl = IFLA_IPTUN_TTL,
+          .tos = IFLA_IPTUN_TOS};
+}
+
+constexpr std::array<Layout, tunnelKinds> layouts{
+    greV4(TunnelKind::gre, TunnelIntfMode::gre, "gre0"),
+    greV6(TunnelKind::ip6gre, TunnelIntfMode::gre, "ip6gre0"),
+    ipInIpv4(TunnelKind::ipip, "tunl0"),
+    ipInIpv4(TunnelKind::sit, "sit0"),
+    Layout{.kind = TunnelKind::ip6tnl,
+           .mode = TunnelIntfMode::direct,
+           .fallbackName = "ip6tnl0",
+           .metadata = IFLA_IPTUN_COLLECT_METADATA,
+           .local6 = IFLA_IPTUN_LOCAL,
+           .remote6 = IFLA_IPTUN_REMOTE,
+           .ttl = IFLA_IPTUN_TTL,
+           .flowInfo = IFLA_IPTUN_FLOWINFO,
+           .flags = IFLA_IPTUN_FLAGS},
+    Layout{.kind = TunnelKind::vti,
+           .mode = TunnelIntfMode::vti,
+           .fallbackName = "ip_vti0",
+           .local4 = IFLA_VTI_LOCAL,
+           .remote4 = IFLA_VTI_REMOTE},
+    Layout{.kind = TunnelKind::vti6,
+           .mode = TunnelIntfMode::vti,
+           .fallbackName = "ip6_vti0",
+           .local6 = IFLA_VTI_LOCAL,
+           .remote6 = IFLA_VTI_REMOTE},
+    Layout{.kind = TunnelKind::xfrm, .mode = TunnelIntfMode::xfrm},
+    greV4(TunnelKind::gretap, TunnelIntfMode::gre, "gretap0"),
+    greV6(TunnelKind::ip6gretap, TunnelIntfMode::gre, ""),
+    greV4(TunnelKind::erspan, TunnelIntfMode::erspan, "erspan0"),
+    greV6(TunnelKind::ip6erspan, TunnelIntfMode::erspan, ""),
+    Layout{.kind = TunnelKind::vxlan,
+           .mode = TunnelIntfMode::vxlan,
+           .metadata = IFLA_VXLAN_COLLECT_METADATA,
+           .local4 = IFLA_VXLAN_LOCAL,
+           .local6 = IFLA_VXLAN_LOCAL6,
+           .remote4 = IFLA_VXLAN_GROUP,
+           .remote6 = IFLA_VXLAN_GROUP6,
+           .ttl = IFLA_VXLAN_TTL,
+           .ttlInherit = IFLA_VXLAN_TTL_INHERIT,
+           .tos = IFLA_VXLAN_TOS},
+    Layout{.kind = TunnelKind::geneve,
+           .mode = TunnelIntfMode::geneve,
+           .metadata = IFLA_GENEVE_COLLECT_METADATA,
+           .remote4 = IFLA_GENEVE_REMOTE,
+           .remote6 = IFLA_GENEVE_REMOTE6,
+           .ttl = IFLA_GENEVE_TTL,
+           .ttlInherit = IFLA_GENEVE_TTL_INHERIT,
+           .tos = IFLA_GENEVE_TOS},
+    Layout{.kind = TunnelKind::wireguard, .mode = TunnelIntfMode::wireguard},
+};
+
+/// The layout of the kind of that name, or null.
+Layout const * findLayout(std::string_view name) {
+  auto const kind = tunnelKindFromName(name);
+  if (!kind)
+    return nullptr;
+  auto const found = std::find_if(layouts.begin(), layouts.end(),
+                                  [&](Layout const & layout) { return layout.kind == *kind; });
+  return found == layouts.end() ? nullptr : &*found;
+}
+
+/// The header of the message and what follows it. Raises MalformedMessage when that is not all
+/// there.
+nlmsghdr const & header(Bytes message) {
+  LUMO_ASSERT(reinterpret_cast<std::uintptr_t>(message.data()) % NLMSG_ALIGNTO == 0,
+              "a netlink message lies at an odd address");
+  auto const * const head = reinterpret_cast<nlmsghdr const *>(message.data());
+  if (message.size() < sizeof *head || head->nlmsg_len > message.size())
+    throw MalformedMessage{fmt::format("it is cut off after {} bytes", message.size())};
+  return *head;
+}
+
+LinkState decodeState(Bytes message, bool gone, DefaultHopLimits const & defaults);
+std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits const & defaults);
+
+} // namespace
+
+LinkMessage decodeLink(Bytes message, DefaultHopLimits const & defaults) try {
+  auto const & head = header(message);
+  if (head.nlmsg_type != RTM_NEWLINK && head.nlmsg_type != RTM_DELLINK)
+    return OtherMessage();
+  if (head.nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg)))
+    throw MalformedMessage{fmt::format("its {} bytes are too few for a link", head.nlmsg_len)};
+  auto const payload = message.subspan(NLMSG_HDRLEN, head.nlmsg_len - NLMSG_HDRLEN);
+  // A link that leaves a bridge is told with the bridge's family, and looks like a deletion.
+  if (reinterpret_cast<ifinfomsg const *>(payload.data())->ifi_family != AF_UNSPEC)
+    return OtherMessage();
+  return decodeState(payload, head.nlmsg_type == RTM_DELLINK, defaults);
+} catch (MalformedMessage const & malformed) {
+  return malformed;
+}
+
+namespace {
+
+LinkState decodeState(Bytes payload, bool gone, DefaultHopLimits const & defaults) {
+  auto const & info = *reinterpret_cast<ifinfomsg const *>(payload.data());
+  if (info.ifi_index <= 0)
+    throw MalformedMessage{fmt::format("{} is no link index", info.ifi_index)};
+  LinkState state{static_cast<std::uint32_t>(info.ifi_index), {}};
+  if (gone)
+    return state;
+  try {
+    state.tunnel = decodeTunnel(Attributes(payload.subspan(NLMSG_ALIGN(sizeof info))), defaults);
+  } catch (MalformedMessage & malformed) {
+    malformed.index = state.index;
+    throw;
+  }
+  if (state.tunnel)
+    state.tunnel->index = state.index;
+  return state;
+}
+
+Plexa::IpGenAddr endpoint(Attributes const & data, std::uint16_t type4, std::uint16_t type6);
+bool isFallback(Layout const & layout, TunnelLink const & link);
+TunnelIntfMode mode(Layout const & layout, Attributes const & data, TunnelLink const & link);
+std::uint8_t hopLimit(Layout const & layout, Attributes const & data, std::uint8_t fromSystem);
+std::uint8_t tos(Layout const & layout, Attributes const & data);
+bool overIpv6(TunnelLink const & link);
+
+std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits const & defaults) {
+  auto const info = link.nested(IFLA_LINKINFO);
+  auto const * const layout = findLayout(info.text(IFLA_INFO_KIND));
+  if (layout == nullptr)
+    return std::nullopt;
+  auto const data = info.nested(IFLA_INFO_DATA);
+  TunnelLink tunnel;
+  tunnel.kind = layout->kind;
+  tunnel.name = link.text(IFLA_IFNAME);
+  // "External": each packet brings its endpoints with it.
+  auto const external = data.flag(layout->metadata);
+  if (!external) {
+    tunnel.local = endpoint(data, layout->local4, layout->local6);
+    tunnel.remote = endpoint(data, layout->remote4, layout->remote6);
+    if (isFallback(*layout, tunnel))
+      return std::nullopt;
+  }
+  tunnel.mode = mode(*layout, data, tunnel);
+  tunnel.hopLimit = hopLimit(*layout, data, overIpv6(tunnel) ? defaults.ipv6 : defaults.ipv4);
+  tunnel.tos = tos(*layout, data);
+  tunnel.ipsec = tunnel.mode == TunnelIntfMode::vti || tunnel.mode == TunnelIntfMode::xfrm;
+  return tunnel;
+}
+
+bool isFallback(Layout const & layout, TunnelLink const & link) {
+  return !link.name.empty() && link.name == layout.fallbackName && link.local.isAddrZero() &&
+         link.remote.isAddrZero();
+}
+
+TunnelIntfMode mode(Layout const & layout, Attributes const & data, TunnelLink const & link) {
+  if (layout.kind != TunnelKind::sit)
+    return layout.mode;
+  auto const isatap = (data.u16(IFLA_IPTUN_FLAGS) & SIT_ISATAP) != 0;
+  // Without a remote endpoint it is found in the payload's destination: 6to4 or 6rd.
+  return isatap || link.remote.isAddrZero() ? TunnelIntfMode::sitSpecial : layout.mode;
+}
+
+std::uint8_t hopLimit(Layout const & layout, Attributes const & data, std::uint8_t fromSystem) {
+  if (layout.ttl == 0)
+    return fromSystem;
+  auto const ttl = data.u8(layout.ttl);
+  if (layout.ttlInherit == 0)
+    return ttl; // 0 is inherit here as there
+  if (data.flag(layout.ttlInherit))
+    return 0;
+  return ttl == 0 ? fromSystem : ttl;
+}
+
+std::uint8_t tos(Layout const & layout, Attributes const & data) {
+  constexpr int classShift = 20;
+  constexpr int dscpShift = 2;
+  constexpr std::uint8_t inherit = 1;
+  if (layout.flowInfo != 0) {
+    auto const trafficClass =
+        static_cast<std::uint8_t>(ntohl(data.u32(layout.flowInfo)) >> classShift);
+    auto const copied = (data.u32(layout.flags) & IP6_TNL_F_USE_ORIG_TCLASS) != 0;
+    return copied ? 0 : trafficClass >> dscpShift;
+  }
+  auto const value = data.u8(layout.tos);
+  return (value & inherit) != 0 ? 0 : value >> dscpShift;
+}
+
+bool overIpv6(TunnelLink const & link) {
+  return link.kind == TunnelKind::vti6 || link.local.family() == Plexa::AddressFamily::ipv6 ||
+         link.remote.family() == Plexa::AddressFamily::ipv6;
+}
+
+/// The address; the empty one when the attribute is missing or the address is zero.
+template <class Address>
+Plexa::IpGenAddr address(Attributes const & data, std::uint16_t type) {
+  auto const * const found = data.find(type);
+  if (found == nullptr)
+    return {};
+  Address result;
+  if (nla_len(found) != static_cast<int>(result.bytes.size()))
+    throw MalformedMessage{fmt::format("attribute {} is no address: it has {} bytes instead of {}",
+                                       type, nla_len(found), result.bytes.size())};
+  std::memcpy(result.bytes.data(), nla_data(found), result.bytes.size());
+  return result == Address() ? Plexa::IpGenAddr() : Plexa::IpGenAddr(result);
+}
+
+Plexa::IpGenAddr endpoint(Attributes const & data, std::uint16_t type4, std::uint16_t type6) {
+  auto const v4 = address<Plexa::Ip4Addr>(data, type4);
+  return v4.isAddrZero() ? address<Plexa::Ip6Addr>(data, type6) : v4;
+}
+
+Attributes::Attributes(Bytes bytes) {
+  while (!bytes.empty()) {
+    auto const * const one = reinterpret_cast<nlattr const *>(bytes.data());
+    auto const remaining = static_cast<int>(std::min<std::size_t>(bytes.size(), UINT16_MAX));
+    if (nla_ok(one, remaining) == 0)
+      throw MalformedMessage{fmt::format("an attribute does not fit into {} bytes", bytes.size())};
+    auto const type = static_cast<std::size_t>(nla_type(one));
+    if (type != 0 && type < byType_.size())
+      byType_[type] = one;
+    bytes = bytes.subspan(std::min<std::size_t>(bytes.size(), NLA_ALIGN(one->nla_len)));
+  }
+}
+
+bool Attributes::flag(std::uint16_t type) const {
+  auto const * const found = find(type);
+  return found != nullptr && (nla_len(found) == 0 || u8(type) != 0);
+}
+
+std::string Attributes::text(std::uint16_t type) const {
+  auto const * const found = find(type);
+  if (found == nullptr)
+    return {};
+  auto const * const begin = static_cast<char const *>(nla_data(found));
+  return std::string(begin, strnlen(begin, static_cast<std::size_t>(nla_len(found))));
+}
+
+Attributes Attributes::nested(std::uint16_t type) const {
+  auto const * const found = find(type);
+  if (found == nullptr)
+    return {};
+  return Attributes(Bytes(static_cast<std::byte const *>(nla_data(found)),
+                          static_cast<std::size_t>(nla_len(found))));
+}
+
+template <class T>
+T Attributes::number(std::uint16_t type) const {
+  auto const * const found = find(type);
+  T value = 0;
+  if (found == nullptr)
+    return value;
+  if (nla_len(found) < static_cast<int>(sizeof value))
+    throw MalformedMessage{fmt::format("attribute {} is too short: it has {} bytes instead of {}",
+                                       type, nla_len(found), sizeof value)};
+  std::memcpy(&value, nla_data(found), sizeof value);
+  return value;
+}
+
+} // namespace
+} // namespace Sources::Linux

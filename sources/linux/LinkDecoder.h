@@ -1,0 +1,61 @@
+// Reads one rtnetlink message about a link: which link it is, and if it is a tunnel, what the state
+// database wants to know of it.
+//
+// Works on the attributes as the kernel sends them, all kinds the same way; the typed link objects
+// of libraries leave some kinds and some attributes out. Takes bytes, returns a value, touches
+// nothing else.
+#pragma once
+
+#include "platform/Plexa.h"
+#include "sources/linux/TunnelKind.h"
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <variant>
+
+namespace Sources::Linux {
+
+/// A tunnel link in the terms of Interface::TunnelIntfStatus.
+struct TunnelLink {
+  std::uint32_t index = 0; ///< the kernel's, 1 to 2147483647
+  std::string name;
+  TunnelKind kind = TunnelKind::gre;
+  /// The empty address where the kernel has none or the zero address. A multicast group that a
+  /// vxlan link sends to counts as remote.
+  Plexa::IpGenAddr local;
+  Plexa::IpGenAddr remote;
+  Plexa::TunnelIntfMode mode = Plexa::TunnelIntfMode::unknown;
+  std::uint8_t hopLimit = 0; ///< 0: copied from the payload
+  std::uint8_t tos = 0;      ///< the DSCP, 0 to 63; 0 also where it is copied from the payload
+  bool ipsec = false;        ///< the kind passes nothing but IPsec traffic
+
+  bool operator==(TunnelLink const &) const = default;
+};
+
+/// The link of that index is now so; no tunnel: it is gone, is none of a known kind, or is a
+/// fallback device, the one that the kernel makes by itself when it loads a kind's module.
+struct LinkState {
+  std::uint32_t index = 0;
+  std::optional<TunnelLink> tunnel;
+};
+/// Not about a link, or only about its place in a bridge.
+struct OtherMessage {};
+struct MalformedMessage {
+  std::string reason;
+  std::uint32_t index = 0; ///< which link it is about; 0: unknown
+};
+using LinkMessage = std::variant<LinkState, OtherMessage, MalformedMessage>;
+
+/// What the kernel puts into the outer packet of tunnels that have no value of their own.
+struct DefaultHopLimits {
+  std::uint8_t ipv4 = 64;
+  std::uint8_t ipv6 = 64;
+};
+
+/// Decodes one message, from its nlmsghdr on; bytes beyond its length are ignored. Any bytes will
+/// do. Requires: they begin at an address that is a multiple of 4, as in every netlink buffer.
+LinkMessage decodeLink(std::span<std::byte const> message, DefaultHopLimits const & defaults);
+
+} // namespace Sources::Linux

@@ -1,0 +1,54 @@
+// The two ways to hear of links from the kernel: the events of a multicast group, and dumps of all
+// there are. Both hand out the messages as they come; LinkDecoder reads them.
+//
+// Each works in the network namespace that the thread is in when it is opened, and needs no
+// privilege. A dump has a socket of its own, so that its answers and the events never mix.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <span>
+
+struct nl_sock;
+
+namespace Sources::Linux {
+
+/// Takes one message, from its header on; the bytes live as long as the call. Must not raise:
+/// it is called from inside a C library.
+using TakeMessage = std::function<void(std::span<std::byte const>)>;
+
+struct CloseSocket {
+  void operator()(nl_sock * socket) const;
+};
+using Socket = std::unique_ptr<nl_sock, CloseSocket>;
+
+/// Hears of every change to a link that the kernel announces, from its construction on.
+class LinkEvents {
+public:
+  /// `receiveBuffer`: bytes that the kernel keeps for us; beyond the system's limit if we may.
+  /// Raises std::runtime_error, one line, when there is no such socket to be had.
+  explicit LinkEvents(int receiveBuffer);
+
+  /// Readable when there is something to receive.
+  int descriptor() const;
+
+  enum class Received {
+    messages, ///< `take` was called for each
+    nothing,  ///< no more is waiting
+    overflow, ///< the kernel has dropped events; older ones may still wait
+  };
+  /// Receives what was sent at one time. Never waits. Raises std::runtime_error, one line, when the
+  /// socket no longer works.
+  Received receive(TakeMessage const & take);
+
+private:
+  Socket socket_;
+};
+
+/// Hands every link that there is to `take`. True if and only if the list is whole; otherwise links
+/// came and went meanwhile, and some may be missing. Waits for the kernel, but not for ever. Raises
+/// std::runtime_error, one line, when the kernel refuses or does not answer.
+bool dumpLinks(TakeMessage const & take);
+
+} // namespace Sources::Linux

@@ -1,0 +1,51 @@
+#include "tests/sources/linux/KernelLinks.h"
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <net/if.h>
+#include <sched.h>
+
+void KernelLinks::SetUp() {
+  if (unshare(CLONE_NEWNET) == 0)
+    return;
+  ASSERT_EQ(errno, EPERM) << "the network namespace cannot be made";
+  GTEST_SKIP() << "making a network namespace is not permitted here: run it as root";
+}
+
+void KernelLinks::start(std::string_view options, int receiveBuffer) {
+  source = std::make_unique<Sources::LinuxSource>(options, loop, document, receiveBuffer);
+  source->start();
+}
+
+void KernelLinks::ip(std::string const & arguments) {
+  EXPECT_EQ(std::system(("ip " + arguments).c_str()), 0) << "ip " << arguments;
+}
+
+void KernelLinks::ipBatch(std::string const & lines) {
+  auto * const batch = popen("ip -batch -", "w");
+  ASSERT_NE(batch, nullptr);
+  EXPECT_EQ(std::fwrite(lines.data(), 1, lines.size(), batch), lines.size());
+  EXPECT_EQ(pclose(batch), 0) << lines;
+}
+
+bool KernelLinks::ipSucceeds(std::string const & arguments) {
+  return std::system(("ip " + arguments + " 2>/dev/null").c_str()) == 0;
+}
+
+std::string KernelLinks::idOf(std::string const & link) {
+  auto const index = if_nametoindex(link.c_str());
+  EXPECT_NE(index, 0u) << "there is no link " << link;
+  return std::to_string(index);
+}
+
+Zel::Ptr<Interface::TunnelIntfStatus> KernelLinks::record(std::string const & id) const {
+  auto const * const found =
+      database.tunnelIntfStatusDir()->intfStatus().find(Plexa::IntfId(std::stoull(id)));
+  return found == nullptr ? Zel::Ptr<Interface::TunnelIntfStatus>() : *found;
+}
+
+nlohmann::json KernelLinks::at(std::string_view collection, std::string const & id) const {
+  auto const records = document.read("/" + std::string(collection));
+  auto const found = records.find(id);
+  return found == records.end() ? nlohmann::json() : *found;
+}

@@ -1,0 +1,414 @@
+// The source against the running kernel, with vxlan links because every kernel has those.
+#include "sources/linux/LinuxSource.h"
+#include "tests/sources/linux/KernelLinks.h"
+#include <csignal>
+#include <fmt/format.h>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using nlohmann::json;
+using Sources::SourceStatus;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+/// What is published of the vxlan links that these tests make.
+json vxlan(char const * local, char const * remote, int hopLimit = 7, int tos = 0x22) {
+  return {{"srcAddr", local},     {"dstAddr", remote}, {"mode", "vxlan"},
+          {"hopLimit", hopLimit}, {"tos", tos},        {"ipsec", false}};
+}
+
+class LinuxSource : public KernelLinks {
+protected:
+  void addVxlan(std::string const & name, int id = 100) {
+    ip(fmt::format("link add {} type vxlan id {} local 10.0.0.1 remote 10.0.0.2 dstport 4789 ttl 7 "
+                   "tos 0x88",
+                   name, id));
+  }
+  void TearDown() override {
+    if (!source) // the test was skipped
+      return;
+    auto const doing = source->status();
+    EXPECT_EQ(doing.state, SourceStatus::State::inSync) << doing.lastError;
+  }
+};
+
+TEST_F(LinuxSource, PublishesWhatIsThereAtItsStart) {
+  addVxlan("vx1");
+  start();
+  auto const id = idOf("vx1");
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+  EXPECT_EQ(ifIndex(id), std::stoul(id));
+  EXPECT_EQ(source->status().records, 1u);
+  EXPECT_EQ(source->status().fullReads, 1u);
+}
+
+TEST_F(LinuxSource, PublishesAndRemovesALinkAsItComesAndGoes) {
+  start();
+  addVxlan("vx1");
+  auto const id = idOf("vx1");
+  settle();
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+  EXPECT_EQ(ifIndex(id), std::stoul(id));
+  ip("link del vx1");
+  settle();
+  EXPECT_TRUE(isGone(id));
+  EXPECT_EQ(source->status().records, 0u);
+  EXPECT_EQ(source->status().fullReads, 1u) << "events were enough";
+}
+
+TEST_F(LinuxSource, ReadsIpv6AndInheritedValues) {
+  start();
+  ip("link add vx1 type vxlan id 1 local 2001:db8::1 remote 2001:db8::2 dstport 4789 ttl inherit "
+     "tos inherit");
+  settle();
+  EXPECT_EQ(status(idOf("vx1")), vxlan("2001:db8::1", "2001:db8::2", 0, 0));
+}
+
+TEST_F(LinuxSource, GivesLinksWithoutAHopLimitTheSystemsOwn) {
+  std::ofstream setting("/proc/sys/net/ipv4/ip_default_ttl");
+  if (!(setting << 77 << std::flush))
+    GTEST_SKIP() << "the settings of the network namespace cannot be written here";
+  ip("link add vx1 type vxlan id 1 local 10.0.0.1 remote 10.0.0.2 dstport 4789 tos 0x88");
+  start();
+  EXPECT_EQ(status(idOf("vx1")), vxlan("10.0.0.1", "10.0.0.2", 77));
+}
+
+TEST_F(LinuxSource, ChangesTheRecordInPlace) {
+  addVxlan("vx1");
+  ip("link set vx1 up");
+  start();
+  auto const id = idOf("vx1");
+  auto const before = record(id);
+  ASSERT_TRUE(before);
+  ip("link set vx1 type vxlan id 100 remote 10.0.0.3");
+  settle();
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.3"));
+  EXPECT_EQ(record(id), before);
+}
+
+TEST_F(LinuxSource, SeesASilentChangeOfALinkThatIsDownAtTheNextFullRead) {
+  addVxlan("vx1");
+  start();
+  auto const id = idOf("vx1");
+  ip("link set vx1 type vxlan id 100 remote 10.0.0.3");
+  passFullReadPeriod();
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.3"));
+  ip("link set vx1 type vxlan id 100 remote 10.0.0.4");
+  passFullReadPeriod();
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.4"));
+}
+
+TEST_F(LinuxSource, SeesASilentChangeWhenToldToReadAgain) {
+  addVxlan("vx1");
+  start();
+  ip("link set vx1 type vxlan id 100 remote 10.0.0.3");
+  source->reread();
+  EXPECT_EQ(status(idOf("vx1")), vxlan("10.0.0.1", "10.0.0.3"));
+}
+
+TEST_F(LinuxSource, PublishesNothingWhenNothingHasChanged) {
+  addVxlan("vx1");
+  start();
+  auto const id = idOf("vx1");
+  auto const patches = source->status().patches;
+  ip("link set vx1 up");
+  ip("link set vx1 down");
+  ip("link set vx1 mtu 1400");
+  ip("link set vx1 name vx2");
+  settle();
+  passFullReadPeriod();
+  EXPECT_EQ(source->status().patches, patches);
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+  EXPECT_EQ(idOf("vx2"), id);
+}
+
+TEST_F(LinuxSource, KeepsALinkThatEntersAndLeavesABridge) {
+  addVxlan("vx1");
+  ip("link add br1 type bridge");
+  start();
+  auto const id = idOf("vx1");
+  ip("link set vx1 master br1");
+  settle();
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+  ip("link set vx1 nomaster");
+  settle();
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+  EXPECT_EQ(source->status().patches, 1u);
+}
+
+TEST_F(LinuxSource, LeavesOutKindsThatWereNotAskedFor) {
+  addVxlan("vx1");
+  start("");
+  addVxlan("vx2", 200);
+  settle();
+  EXPECT_TRUE(isGone(idOf("vx1")));
+  EXPECT_TRUE(isGone(idOf("vx2")));
+  EXPECT_EQ(source->status().records, 0u);
+}
+
+/// A process with a network namespace of its own, which ends with it.
+class OtherNamespace {
+public:
+  OtherNamespace() {
+    int ready[2];
+    EXPECT_EQ(pipe(ready), 0);
+    process_ = fork();
+    if (process_ == 0) {
+      auto const result = static_cast<char>(unshare(CLONE_NEWNET));
+      [[maybe_unused]] auto const written = write(ready[1], &result, 1);
+      for (;;)
+        pause();
+    }
+    char result = 1;
+    EXPECT_EQ(read(ready[0], &result, 1), 1);
+    EXPECT_EQ(result, 0);
+    close(ready[0]);
+    close(ready[1]);
+  }
+  ~OtherNamespace() {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+  pid_t process() const { return process_; }
+
+private:
+  pid_t process_;
+};
+
+TEST_F(LinuxSource, LosesALinkThatMovesToAnotherNamespace) {
+  OtherNamespace const other;
+  addVxlan("vx1");
+  addVxlan("vx2", 200);
+  ip("link set vx1 up");
+  start();
+  for (auto const * name : {"vx1", "vx2"}) {
+    auto const id = idOf(name);
+    EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+    ip(fmt::format("link set {} netns {}", name, other.process()));
+    settle();
+    EXPECT_TRUE(isGone(id)) << name;
+  }
+}
+
+TEST_F(LinuxSource, ForgetsATunnelWhoseIndexNowBelongsToAnotherLink) {
+  addVxlan("vx1");
+  start();
+  auto const id = idOf("vx1");
+  ip("link del vx1");
+  ip(fmt::format("link add br1 index {} type bridge", id));
+  passFullReadPeriod();
+  EXPECT_TRUE(isGone(id));
+}
+
+TEST_F(LinuxSource, ReadsEverythingAgainWhenEventsWereLost) {
+  constexpr int smallest = 4096;
+  addVxlan("vx1");
+  addVxlan("vx2", 200);
+  start("kinds=+vxlan", smallest);
+  auto const lost = Lumo::counter("linux-overflows");
+  auto const resyncs = Lumo::counter("linux-resyncs");
+  auto const deleted = idOf("vx2");
+  std::string storm;
+  for (int i = 0; i != 100; ++i)
+    storm += "link set vx1 up\nlink set vx1 down\n";
+  ipBatch(storm + "link set vx1 type vxlan id 100 remote 10.0.0.3\n"
+                  "link add vx3 type vxlan id 300 local 10.0.0.1 remote 10.0.0.9 dstport 4789 ttl "
+                  "7 tos 0x88\n"
+                  "link del vx2\n");
+  settle();
+  EXPECT_GT(Lumo::counter("linux-overflows"), lost);
+  EXPECT_GT(Lumo::counter("linux-resyncs"), resyncs);
+  EXPECT_EQ(status(idOf("vx1")), vxlan("10.0.0.1", "10.0.0.3"));
+  EXPECT_EQ(status(idOf("vx3")), vxlan("10.0.0.1", "10.0.0.9"));
+  EXPECT_TRUE(isGone(deleted));
+}
+
+TEST_F(LinuxSource, HearsOfChangesAfterALoss) {
+  constexpr int smallest = 4096;
+  addVxlan("vx1");
+  start("kinds=+vxlan", smallest);
+  auto const lost = Lumo::counter("linux-overflows");
+  std::string storm;
+  for (int i = 0; i != 100; ++i)
+    storm += "link set vx1 up\nlink set vx1 down\n";
+  ipBatch(storm);
+  settle();
+  ASSERT_GT(Lumo::counter("linux-overflows"), lost);
+  auto const fullReads = source->status().fullReads;
+  addVxlan("vx2", 200);
+  settle();
+  EXPECT_EQ(status(idOf("vx2")), vxlan("10.0.0.1", "10.0.0.2"));
+  EXPECT_EQ(source->status().fullReads, fullReads) << "an event was enough";
+}
+
+TEST_F(LinuxSource, ReadsAgainWhenLinksComeAndGoDuringTheRead) {
+  constexpr int links = 150; // enough for a read to have many parts
+  constexpr int mostAttempts = 300;
+  std::string lines;
+  for (int i = 0; i != links; ++i)
+    lines += fmt::format("link add vx{0} type vxlan id {0} local 10.0.0.1 remote 10.0.0.2 dstport "
+                         "4789 ttl 7 tos 0x88\n",
+                         i);
+  ipBatch(lines);
+  start();
+  auto const interrupted = Lumo::counter("linux-dumps-interrupted");
+  auto * const batch = popen("ip -batch -", "w");
+  ASSERT_NE(batch, nullptr);
+  for (int i = 0; i != mostAttempts && Lumo::counter("linux-dumps-interrupted") == interrupted;
+       ++i) {
+    std::fputs("link add br1 type bridge\nlink del br1\n", batch);
+    std::fflush(batch);
+    source->reread();
+  }
+  EXPECT_GT(Lumo::counter("linux-dumps-interrupted"), interrupted);
+  EXPECT_EQ(pclose(batch), 0);
+  settle();
+  loop.advance(Sources::LinuxSource::retryPeriod);
+  EXPECT_EQ(source->status().records, 150u);
+  EXPECT_EQ(status(idOf("vx149")), vxlan("10.0.0.1", "10.0.0.2"));
+}
+
+TEST_F(LinuxSource, RestoresWhatOthersDidToItsRecordsAtTheNextFullRead) {
+  addVxlan("vx1");
+  addVxlan("vx2", 200);
+  addVxlan("vx3", 300);
+  start();
+  auto const one = idOf("vx1");
+  auto const two = idOf("vx2");
+  auto const three = idOf("vx3");
+  document.apply({{{"op", "remove"}, {"path", "/tunnelIntfStatusDir/intfStatus/" + one}},
+                  {{"op", "remove"}, {"path", "/ifMib/ifIndexByIntfId/" + two}},
+                  {{"op", "replace"},
+                   {"path", "/tunnelIntfStatusDir/intfStatus/" + three + "/dstAddr"},
+                   {"value", "192.0.2.1"}}});
+  passFullReadPeriod();
+  EXPECT_EQ(status(one), vxlan("10.0.0.1", "10.0.0.2"));
+  EXPECT_EQ(ifIndex(two), std::stoul(two));
+  EXPECT_EQ(status(three), vxlan("10.0.0.1", "10.0.0.2"));
+}
+
+TEST_F(LinuxSource, FollowsALinkWhoseRecordOthersRemoved) {
+  addVxlan("vx1");
+  addVxlan("vx2", 200);
+  ip("link set vx1 up");
+  start();
+  auto const one = idOf("vx1");
+  auto const two = idOf("vx2");
+  document.apply({{{"op", "remove"}, {"path", "/tunnelIntfStatusDir/intfStatus/" + one}},
+                  {{"op", "remove"}, {"path", "/ifMib/ifIndexByIntfId/" + one}},
+                  {{"op", "remove"}, {"path", "/tunnelIntfStatusDir/intfStatus/" + two}}});
+  ip("link set vx1 type vxlan id 100 remote 10.0.0.3");
+  ip("link del vx2");
+  settle();
+  EXPECT_EQ(status(one), vxlan("10.0.0.1", "10.0.0.3"));
+  EXPECT_EQ(ifIndex(one), std::stoul(one));
+  EXPECT_TRUE(isGone(two));
+}
+
+TEST_F(LinuxSource, LeavesRecordsOfOthersAlone) {
+  std::string const foreign = "4294967297";
+  document.apply({{{"op", "add"},
+                   {"path", "/tunnelIntfStatusDir/intfStatus/" + foreign},
+                   {"value", {{"srcAddr", "192.0.2.1"}}}}});
+  addVxlan("vx1");
+  start();
+  ip("link del vx1");
+  settle();
+  passFullReadPeriod();
+  EXPECT_EQ(status(foreign)["srcAddr"], "192.0.2.1");
+}
+
+/// Writes down which input changed, in order.
+class Order : public Zel::Notifiee {
+public:
+  Order(Zel::PtrInterface const & notifier, std::string name, std::vector<std::string> & seen)
+      : name_(std::move(name)),
+        seen_(seen) {
+    hasNotificationActiveIs(true);
+    notifierIs(&notifier);
+  }
+  void onNotification(Zel::Notification const &) override { seen_.push_back(name_); }
+
+private:
+  std::string name_;
+  std::vector<std::string> & seen_;
+};
+
+TEST_F(LinuxSource, GivesTheIfIndexBeforeTheStatusAndTakesItAfterwards) {
+  std::vector<std::string> seen;
+  auto const status = Zel::makePtr<Order>(*database.tunnelIntfStatusDir(), "status", seen);
+  auto const ifIndex = Zel::makePtr<Order>(*database.ifMib(), "ifIndex", seen);
+  start();
+  addVxlan("vx1");
+  settle();
+  EXPECT_THAT(seen, ElementsAre("ifIndex", "status"));
+  seen.clear();
+  ip("link del vx1");
+  settle();
+  EXPECT_THAT(seen, ElementsAre("status", "ifIndex"));
+}
+
+/// No more descriptors than there are now, while it lives.
+class NoDescriptors {
+public:
+  NoDescriptors() {
+    letSanitizerSeeAnException();
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    rlimit const none{0, before_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  }
+  ~NoDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before_), 0); }
+
+private:
+  // To check the type of a caught exception the sanitizer needs descriptors, but only once a type.
+  static void letSanitizerSeeAnException() {
+    try {
+      throw std::runtime_error("seen");
+    } catch (std::runtime_error const & error) {
+      EXPECT_STREQ(error.what(), "seen");
+    }
+  }
+
+  rlimit before_;
+};
+
+TEST_F(LinuxSource, CannotStartWithoutASocket) {
+  Sources::LinuxSource unstarted("", loop, document);
+  try {
+    NoDescriptors const none;
+    unstarted.start();
+    ADD_FAILURE() << "it started";
+  } catch (std::runtime_error const & error) {
+    EXPECT_THAT(error.what(), HasSubstr("source linux: cannot open a route netlink socket"));
+  }
+}
+
+TEST_F(LinuxSource, KeepsWhatItHasWhileItCannotReadAndCatchesUpLater) {
+  addVxlan("vx1");
+  start();
+  auto const id = idOf("vx1");
+  ip("link set vx1 type vxlan id 100 remote 10.0.0.3");
+  {
+    NoDescriptors const none;
+    passFullReadPeriod();
+    EXPECT_EQ(source->status().state, SourceStatus::State::degraded);
+    EXPECT_THAT(source->status().lastError, HasSubstr("cannot open a route netlink socket"));
+    EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+  }
+  passFullReadPeriod();
+  EXPECT_EQ(source->status().lastError, "");
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.3"));
+}
+
+TEST_F(LinuxSource, IsNamedAsOnTheCommandLine) {
+  EXPECT_EQ(Sources::LinuxSource("", loop, document).name(), "linux");
+  EXPECT_EQ(Sources::LinuxSource("kinds=+vxlan", loop, document).name(), "linux:kinds=+vxlan");
+  EXPECT_EQ(Sources::LinuxSource("", loop, document).status().state, SourceStatus::State::stopped);
+}
+
+} // namespace
