@@ -1,0 +1,180 @@
+#include "agent/Agent.h"
+#include "agent/Report.h"
+#include "agent/Status.h"
+#include "platform/Snmp.h"
+#include <array>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace Agent {
+
+namespace {
+
+Lumo::Counter notifieeExceptions("agent-notifiee-exceptions");
+Lumo::Counter taskExceptions("agent-task-exceptions");
+Lumo::Counter rereads("agent-rereads");
+
+constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
+constexpr char const * rootPath = "snmp/tunnelIntf/root";
+
+std::string hostName() {
+  std::array<char, 256> name{};
+  gethostname(name.data(), name.size() - 1);
+  return name.data();
+}
+
+void writeTrace(Lumo::TraceMessage const & message) {
+  fmt::print(stderr, "{}\n", Lumo::traceLine(message));
+}
+
+} // namespace
+
+Agent::Agent(Options options, EventLoop & loop)
+    : options_(std::move(options)),
+      loop_(loop),
+      scheduler_(Zel::makePtr<Kiln::TaskScheduler>()),
+      document_(database_, [](std::string_view pointer, std::exception const & exception) {
+        reportFailure(notifieeExceptions, fmt::format("after the change of {}", pointer),
+                      exception);
+      }) {
+  try {
+    startPlatform();
+    startPlugin();
+    startSources();
+    startMachines();
+    startSnmp();
+    startControl();
+  } catch (...) {
+    stop();
+    throw;
+  }
+}
+
+Agent::~Agent() {
+  stop();
+}
+
+std::string Agent::listen() {
+  servedAt_ = snmp_->listen(options_.listen);
+  return servedAt_;
+}
+
+bool Agent::work() {
+  try {
+    scheduler_->runOne();
+  } catch (std::exception const & exception) {
+    reportFailure(taskExceptions, "in a task", exception);
+  }
+  return scheduler_->scheduled() != 0;
+}
+
+std::vector<std::string> Agent::reread() {
+  rereads.inc();
+  std::vector<std::string> failures;
+  for (auto const & source : sources_) {
+    source->reread();
+    if (auto const status = source->status(); !status.lastError.empty())
+      failures.push_back(fmt::format("{}: {}", source->name(), status.lastError));
+  }
+  try {
+    snmp_->reread();
+  } catch (ConfigurationError const & error) {
+    failures.emplace_back(error.what());
+  }
+  for (auto const & failure : failures)
+    report(failure);
+  return failures;
+}
+
+void Agent::stop() {
+  control_.reset(); // an answer under way holds rows
+  sources_.clear();
+  if (plugin_) {
+    plugin_->unregisterMibs();
+    database_.unmount(rootPath); // its end removes the machines
+    database_.unmount(mibPath);
+  }
+  while (scheduler_->scheduled() != 0) // tasks left over; nobody hears of them any more
+    work();
+  Kiln::TaskSchedulerRoot::schedulerIs(nullptr);
+  SnmpUtil::entityRootIs({});
+  plugin_.reset();
+  snmp_.reset();
+  Lumo::traceSinkIs({});
+}
+
+void Agent::startPlatform() {
+  Lumo::traceSinkIs(writeTrace);
+  for (auto const & trace : options_.traces)
+    Lumo::traceLevelsIs(trace.handle, trace.levelMask);
+  Kiln::TaskSchedulerRoot::schedulerIs(scheduler_);
+  SnmpUtil::entityRootIs([this](std::string_view path) { return database_.lookup(path); });
+  auto const config = Zel::makePtr<Snmp::Config>();
+  config->systemName = hostName();
+  SnmpUtil::snmpConfigIs(config);
+}
+
+void Agent::startPlugin() {
+  plugin_ = std::make_unique<Plugin>(options_.pluginFile);
+  try {
+    database_.create(mibPath, "TunnelIntfSnmp::TunnelMib");
+    database_.create(rootPath, "TunnelIntfSnmp::Root");
+  } catch (Zel::GenericAccessError const & error) {
+    throw std::runtime_error(
+        fmt::format("{} is not the plug-in that is wanted: {}", options_.pluginFile, error.what()));
+  }
+}
+
+void Agent::startSources() {
+  for (auto const & text : options_.sources) {
+    try {
+      sources_.push_back(Sources::makeSource(text, loop_, document_));
+    } catch (std::invalid_argument const & error) {
+      throw ConfigurationError(fmt::format("--source {}: {}", text, error.what()));
+    }
+    sources_.back()->start();
+  }
+}
+
+void Agent::startMachines() {
+  std::array<Zel::Ptr<Zel::PtrInterface>, 4> const inputs{database_.lookup(mibPath),
+                                                          database_.tunnelIntfStatusDir(),
+                                                          database_.ifMib(), database_.ikeStatus()};
+  Zel::attributeIs(*database_.lookup(rootPath), "tunnelIntfSnmpAgent", inputs);
+}
+
+void Agent::startSnmp() {
+  snmp_ = std::make_unique<SnmpEngine>(loop_, SnmpSettings{options_.configFile, options_.agentx});
+  plugin_->registerMibs();
+}
+
+void Agent::startControl() {
+  CommandHost const host{document_, database_.lookup(mibPath), *scheduler_,
+                         [this] { return status(); }, [this] { return reread(); }};
+  auto const commands = std::make_shared<Commands>(host);
+  control_ = std::make_unique<ControlSocket>(
+      loop_, options_.controlPath,
+      [commands](std::string_view request) { return commands->answer(request); });
+}
+
+nlohmann::ordered_json Agent::status() const {
+  using Json = nlohmann::ordered_json;
+  auto machines = machinesStatus(*database_.lookup(rootPath));
+  auto sources = Json::array();
+  for (auto const & source : sources_)
+    sources.push_back(sourceStatus(*source));
+  return {{"ready", allReady(machines)},
+          {"version", TUNNELSNMPD_VERSION},
+          {"servedAt", servedAt_},
+          {"machines", std::move(machines)},
+          {"tasks", tasksSummary(*scheduler_)},
+          {"sources", std::move(sources)},
+          {"failures",
+           {{"notifiees", notifieeExceptions.count()},
+            {"tasks", taskExceptions.count()},
+            {"callbacks", Lumo::counter("agent-callback-exceptions")},
+            {"last", lastFailure()}}}};
+}
+
+} // namespace Agent

@@ -1,0 +1,179 @@
+#include "agent/Commands.h"
+#include "agent/Status.h"
+#include "platform/Lumo.h"
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+namespace Agent {
+
+using Json = nlohmann::json;
+using OrderedJson = nlohmann::ordered_json;
+
+namespace {
+
+Lumo::Counter requestsRefused("agent-control-requests-refused");
+
+template <class AnyJson>
+std::string jsonText(AnyJson const & json) {
+  return json.dump(-1, ' ', false, AnyJson::error_handler_t::replace);
+}
+
+Answer inOnePiece(std::string text) {
+  return [text = std::move(text)](std::string & out) {
+    out += text;
+    return false;
+  };
+}
+
+template <class AnyJson>
+Answer okAnswer(AnyJson const & result) {
+  return inOnePiece(R"({"ok":true,"result":)" + jsonText(result) + "}");
+}
+
+/// The argument of that name. Raises std::invalid_argument when it is missing.
+Json const & argument(Json const & arguments, char const * name) {
+  auto const found = arguments.find(name);
+  if (found == arguments.end())
+    throw std::invalid_argument(fmt::format("the argument \"{}\" is missing", name));
+  return *found;
+}
+
+std::string textArgument(Json const & arguments, char const * name) {
+  auto const & value = argument(arguments, name);
+  if (!value.is_string())
+    throw std::invalid_argument(fmt::format("the argument \"{}\" is no text", name));
+  return value.get<std::string>();
+}
+
+Answer showVersion(CommandHost const &, Json const &) {
+  return okAnswer(Json{{"version", TUNNELSNMPD_VERSION}});
+}
+
+Answer showStatus(CommandHost const & host, Json const &) {
+  return okAnswer(host.status());
+}
+
+Answer showTables(CommandHost const & host, Json const &) {
+  // Shared: an Answer can be copied, a walk under way cannot.
+  auto const writer = std::make_shared<TablesWriter>(host.mib);
+  return [writer, begun = false](std::string & out) mutable {
+    if (!std::exchange(begun, true))
+      out += R"({"ok":true,"result":)";
+    if (writer->next(out))
+      return true;
+    out += '}';
+    return false;
+  };
+}
+
+Answer showTasks(CommandHost const & host, Json const &) {
+  return okAnswer(tasksStatus(host.scheduler));
+}
+
+Answer showState(CommandHost const & host, Json const & arguments) {
+  auto const pointer = arguments.contains("pointer") ? textArgument(arguments, "pointer") : "";
+  return okAnswer(host.document.read(pointer));
+}
+
+Answer patch(CommandHost const & host, Json const & arguments) {
+  host.document.apply(argument(arguments, "patch"));
+  return okAnswer(Json::object());
+}
+
+Answer listTraces(CommandHost const &, Json const &) {
+  auto levels = OrderedJson::object();
+  for (auto const & handler : Lumo::debugHandlers())
+    levels[handler->name()] = Lumo::levelsText(handler->levelMask());
+  return okAnswer(levels);
+}
+
+Answer setTrace(CommandHost const &, Json const & arguments) {
+  auto const unit = textArgument(arguments, "unit");
+  auto const mask = Lumo::parseLevels(textArgument(arguments, "levels"));
+  Lumo::traceLevelsIs(unit, mask);
+  auto const known = std::ranges::any_of(
+      Lumo::debugHandlers(), [&](auto const & handler) { return handler->name() == unit; });
+  return okAnswer(
+      OrderedJson{{"unit", unit}, {"levels", Lumo::levelsText(mask)}, {"known", known}});
+}
+
+Answer showCoverage(CommandHost const &, Json const &) {
+  auto counts = OrderedJson::object();
+  for (auto const * counter : Lumo::counters())
+    counts[counter->name()] = counter->count();
+  return okAnswer(counts);
+}
+
+Answer reread(CommandHost const & host, Json const &) {
+  auto const failures = host.reread();
+  if (!failures.empty())
+    throw std::runtime_error(fmt::format("{}", fmt::join(failures, "; ")));
+  return okAnswer(Json::object());
+}
+
+} // namespace
+
+struct Commands::Command {
+  std::string_view name;
+  std::string_view arguments;
+  std::string_view meaning;
+  Answer (*execute)(CommandHost const & host, Json const & arguments);
+};
+
+std::vector<Commands::Command> const & Commands::table() {
+  static std::vector<Command> const table{
+      {"list-commands", "", "what can be asked",
+       [](CommandHost const &, Json const &) {
+         auto commands = OrderedJson::array();
+         for (auto const & command : Commands::table())
+           commands.push_back({{"name", command.name},
+                               {"arguments", command.arguments},
+                               {"meaning", command.meaning}});
+         return okAnswer(commands);
+       }},
+      {"version", "", "the version of the daemon", showVersion},
+      {"status", "", "readiness, scans, tasks, sources and failures", showStatus},
+      {"tables/show", "", "the rows that are served", showTables},
+      {"tasks/show", "", "every task of the scheduler", showTasks},
+      {"statedb/show", "pointer", "the input state below a JSON pointer", showState},
+      {"patch", "patch", "changes the input state by a JSON Patch (RFC 6902)", patch},
+      {"trace/list", "", "the trace levels of each handle", listTraces},
+      {"trace/set", "unit levels", "sets the trace levels of a handle", setTrace},
+      {"coverage/show", "", "the counts of rare events", showCoverage},
+      {"reread", "", "reads sources and configuration again", reread},
+  };
+  return table;
+}
+
+Answer Commands::answer(std::string_view request) {
+  try {
+    return execute(Json::parse(request));
+  } catch (Json::exception const & error) {
+    return errorAnswer(fmt::format("the request is no JSON that can be used: {}", error.what()));
+  } catch (std::exception const & error) {
+    return errorAnswer(error.what());
+  }
+}
+
+Answer Commands::execute(Json const & request) {
+  if (!request.is_object() || !request.contains("command") || !request["command"].is_string())
+    throw std::invalid_argument(R"(give {"command": "...", "arguments": {...}})");
+  auto const & name = request["command"].get_ref<std::string const &>();
+  auto const arguments = request.value("arguments", Json::object());
+  if (!arguments.is_object())
+    throw std::invalid_argument("\"arguments\" is no object");
+  auto const found =
+      std::ranges::find_if(table(), [&](Command const & command) { return command.name == name; });
+  if (found == table().end())
+    throw std::invalid_argument(fmt::format("no command \"{}\"; ask for list-commands", name));
+  return found->execute(host_, arguments);
+}
+
+Answer errorAnswer(std::string_view error) {
+  requestsRefused.inc();
+  return inOnePiece(jsonText(OrderedJson{{"ok", false}, {"error", error}}));
+}
+
+} // namespace Agent

@@ -1,0 +1,52 @@
+// The commands of the control socket: one JSON request in, one JSON answer out.
+//
+//   {"command": "trace/set", "arguments": {"unit": "Snmp", "levels": "2"}}
+//   {"ok": true, "result": ...}      {"ok": false, "error": "one line"}
+#pragma once
+
+#include "platform/Kiln.h"
+#include "platform/Zel.h"
+#include "statedb/StateDocument.h"
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+/// An answer, given piece by piece so that a long one holds nobody up: each call appends the next
+/// piece and returns true if and only if there is more. The pieces together are one line of JSON
+/// without its newline.
+using Answer = std::function<bool(std::string & out)>;
+
+/// What the commands work on. All of it outlives them.
+struct CommandHost {
+  StateDb::StateDocument & document;
+  Zel::Ptr<Zel::PtrInterface const> mib; ///< whose tables are shown
+  Kiln::TaskScheduler const & scheduler;
+  std::function<nlohmann::ordered_json()> status;
+  /// Reads sources and configuration again; returns a line for each failure.
+  std::function<std::vector<std::string>()> reread;
+};
+
+class Commands {
+public:
+  explicit Commands(CommandHost host) : host_(std::move(host)) {}
+
+  /// Carries out one request. A request that is malformed or refused gets an error answer; nothing
+  /// is raised.
+  Answer answer(std::string_view request);
+
+private:
+  struct Command;
+  static std::vector<Command> const & table();
+  Answer execute(nlohmann::json const & request);
+
+  CommandHost const host_;
+};
+
+/// An answer that says what is wrong.
+Answer errorAnswer(std::string_view error);
+
+} // namespace Agent

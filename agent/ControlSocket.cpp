@@ -1,0 +1,280 @@
+#include "agent/ControlSocket.h"
+#include "agent/Report.h"
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/event.h>
+#include <optional>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+Lumo::Counter clientsDropped("agent-control-clients-dropped");
+Lumo::Counter answersFailed("agent-control-answers-failed");
+Lumo::Counter staleSockets("agent-control-stale-sockets");
+
+sockaddr_un addressOf(std::string const & path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path)
+    throw std::runtime_error(
+        fmt::format("the control socket {}: the path is longer than {} characters; name another "
+                    "with --control",
+                    path, sizeof address.sun_path - 1));
+  path.copy(address.sun_path, path.size());
+  return address;
+}
+
+std::runtime_error refusal(std::string const & path, std::string_view reason) {
+  return std::runtime_error(fmt::format(
+      "cannot make the control socket {}: {}; name another with --control", path, reason));
+}
+
+class Descriptor {
+public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(Descriptor const &) = delete;
+  Descriptor & operator=(Descriptor const &) = delete;
+  ~Descriptor() {
+    if (number_ != -1)
+      close(number_);
+  }
+  int get() const { return number_; }
+  int release() { return std::exchange(number_, -1); }
+
+private:
+  int number_;
+};
+
+int newSocket(std::string const & path) {
+  auto const descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (descriptor == -1)
+    throw refusal(path, std::strerror(errno));
+  return descriptor;
+}
+
+/// Mode 0600 from the first moment: a later chmod would leave a gap.
+int bindPrivately(int descriptor, sockaddr_un const & address) {
+  auto const before = umask(0177);
+  auto const result =
+      bind(descriptor, reinterpret_cast<sockaddr const *>(&address), sizeof address);
+  auto const error = errno;
+  umask(before);
+  errno = error;
+  return result;
+}
+
+/// Removes a socket at which nobody listens any more. Raises for anything else.
+void removeStale(std::string const & path, sockaddr_un const & address) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode))
+    throw refusal(path, "there is a file of another kind");
+  Descriptor const probe(newSocket(path));
+  if (connect(probe.get(), reinterpret_cast<sockaddr const *>(&address), sizeof address) == 0)
+    throw refusal(path, "another daemon is listening there");
+  if (errno != ECONNREFUSED)
+    throw refusal(path, std::strerror(errno));
+  staleSockets.inc();
+  unlink(path.c_str());
+}
+
+int listenAt(std::string const & path) {
+  auto const address = addressOf(path);
+  Descriptor descriptor(newSocket(path));
+  if (bindPrivately(descriptor.get(), address) != 0) {
+    if (errno != EADDRINUSE)
+      throw refusal(path, std::strerror(errno));
+    removeStale(path, address);
+    if (bindPrivately(descriptor.get(), address) != 0)
+      throw refusal(path, std::strerror(errno));
+  }
+  if (::listen(descriptor.get(), SOMAXCONN) != 0)
+    throw refusal(path, std::strerror(errno));
+  return descriptor.release();
+}
+
+unsigned long inodeAt(std::string const & path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+timeval toTimeval(std::chrono::milliseconds time) {
+  return {.tv_sec = static_cast<time_t>(time.count() / 1000),
+          .tv_usec = static_cast<suseconds_t>(time.count() % 1000 * 1000)};
+}
+
+} // namespace
+
+/// One connection. It works on one request at a time; what else has arrived waits in its buffer.
+class ControlSocket::Client {
+public:
+  Client(ControlSocket & owner, int descriptor)
+      : owner_(owner),
+        buffer_(bufferevent_socket_new(owner.loop_.base(), descriptor, BEV_OPT_CLOSE_ON_FREE)) {
+    if (buffer_ == nullptr) {
+      close(descriptor);
+      throw std::runtime_error("cannot take a control connection: out of memory");
+    }
+    bufferevent_setcb(buffer_, &Client::readable, &Client::drained, &Client::ended, this);
+    // One octet more than is allowed shows that a line is too long.
+    bufferevent_setwatermark(buffer_, EV_READ, 0, owner.limits_.requestSize + 1);
+    bufferevent_setwatermark(buffer_, EV_WRITE, owner.limits_.unreadSize / 2, 0);
+    auto const patience = toTimeval(owner.limits_.patience);
+    bufferevent_set_timeouts(buffer_, nullptr, &patience);
+    bufferevent_enable(buffer_, EV_READ | EV_WRITE);
+  }
+  Client(Client const &) = delete;
+  Client & operator=(Client const &) = delete;
+  ~Client() { bufferevent_free(buffer_); }
+
+private:
+  static void readable(bufferevent *, void * self) { static_cast<Client *>(self)->step(); }
+  static void drained(bufferevent *, void * self) { static_cast<Client *>(self)->step(); }
+  static void ended(bufferevent *, short what, void * self) {
+    static_cast<Client *>(self)->end(what);
+  }
+
+  evbuffer * input() const { return bufferevent_get_input(buffer_); }
+  evbuffer * output() const { return bufferevent_get_output(buffer_); }
+
+  /// Does one piece of work, if there is any that the client can take. May end this object.
+  void step() {
+    try {
+      work();
+    } catch (std::exception const & exception) { // may not pass through libevent
+      reportFailure(answersFailed, "while a control request was answered", exception);
+      owner_.drop(*this);
+    }
+  }
+
+  void work() {
+    if (next_)
+      return; // the next piece comes in its turn
+    if (evbuffer_get_length(output()) >= owner_.limits_.unreadSize)
+      return; // drained() will come
+    if (!answer_ && !takeRequest())
+      return;
+    writePiece();
+    next_ = owner_.loop_.after(std::chrono::milliseconds(0), [this] {
+      next_.reset();
+      step();
+    });
+  }
+
+  /// Begins with the next whole line. False when there is none: then the end of the connection is
+  /// looked after, and this object may be gone.
+  bool takeRequest() {
+    if (auto const line = takeLine()) {
+      answer_ = owner_.handler_(*line);
+      return true;
+    }
+    if (evbuffer_get_length(input()) > owner_.limits_.requestSize) {
+      refuseTooLong();
+      return true;
+    }
+    if (ending_ && evbuffer_get_length(output()) == 0)
+      owner_.drop(*this);
+    return false;
+  }
+
+  std::optional<std::string> takeLine() {
+    evbuffer_ptr from{};
+    evbuffer_ptr_set(input(), &from, searched_, EVBUFFER_PTR_SET);
+    auto const end = evbuffer_search_eol(input(), &from, nullptr, EVBUFFER_EOL_LF);
+    if (end.pos < 0) {
+      searched_ = evbuffer_get_length(input());
+      return std::nullopt;
+    }
+    std::string line(static_cast<std::size_t>(end.pos), '\0');
+    evbuffer_remove(input(), line.data(), line.size());
+    evbuffer_drain(input(), 1);
+    searched_ = 0;
+    return line;
+  }
+
+  void refuseTooLong() {
+    clientsDropped.inc();
+    ending_ = true;
+    bufferevent_disable(buffer_, EV_READ);
+    evbuffer_drain(input(), evbuffer_get_length(input()));
+    searched_ = 0;
+    answer_ =
+        errorAnswer(fmt::format("the request is longer than {} bytes", owner_.limits_.requestSize));
+  }
+
+  void writePiece() {
+    std::string piece;
+    auto const more = answer_(piece);
+    if (!more) {
+      piece += '\n';
+      answer_ = nullptr;
+    }
+    evbuffer_add(output(), piece.data(), piece.size());
+  }
+
+  void end(short what) {
+    auto const closedBySender = (what & BEV_EVENT_EOF) != 0 && (what & BEV_EVENT_READING) != 0;
+    if (closedBySender &&
+        (answer_ || evbuffer_get_length(input()) != 0 || evbuffer_get_length(output()) != 0)) {
+      ending_ = true; // it may still read what it has asked for
+      bufferevent_setwatermark(buffer_, EV_WRITE, 0, 0);
+      step();
+      return;
+    }
+    if ((what & BEV_EVENT_TIMEOUT) != 0) {
+      clientsDropped.inc();
+      report("a control client read nothing for too long and was dropped");
+    }
+    owner_.drop(*this);
+  }
+
+  ControlSocket & owner_;
+  bufferevent * const buffer_;
+  Answer answer_;              // of the request at work; empty: none is
+  Sources::Loop::Handle next_; // the next step, in the next turn of the loop
+  bool ending_ = false;        // nothing more will arrive
+  std::size_t searched_ = 0;   // so much of the input is known to hold no line end
+};
+
+ControlSocket::ControlSocket(EventLoop & loop, std::string path, Handler handler,
+                             ControlLimits limits)
+    : loop_(loop),
+      path_(std::move(path)),
+      handler_(std::move(handler)),
+      limits_(limits),
+      descriptor_(listenAt(path_)),
+      inode_(inodeAt(path_)),
+      watch_(loop.readable(descriptor_, [this] { accept(); })) {}
+
+ControlSocket::~ControlSocket() {
+  watch_.reset();
+  clients_.clear();
+  close(descriptor_);
+  if (inodeAt(path_) == inode_)
+    unlink(path_.c_str());
+}
+
+void ControlSocket::accept() {
+  Descriptor connection(accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (connection.get() == -1)
+    return; // it has gone again
+  if (clients_.size() >= limits_.clients) {
+    clientsDropped.inc();
+    return;
+  }
+  clients_.push_back(std::make_unique<Client>(*this, connection.release()));
+}
+
+void ControlSocket::drop(Client const & client) {
+  std::erase_if(clients_, [&](auto const & one) { return one.get() == &client; });
+}
+
+} // namespace Agent

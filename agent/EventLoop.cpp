@@ -1,0 +1,89 @@
+#include "agent/EventLoop.h"
+#include "agent/Report.h"
+#include <event2/event.h>
+#include <stdexcept>
+
+namespace Agent {
+
+namespace {
+
+Lumo::Counter callbackExceptions("agent-callback-exceptions");
+
+/// One libevent event and whom to call.
+class EventWatch final : public Sources::Loop::Watch {
+public:
+  EventWatch(event_base * base, int descriptor, short what, std::function<void()> call)
+      : call_(std::make_shared<std::function<void()>>(std::move(call))),
+        event_(event_new(base, descriptor, what, &EventWatch::happened, this)) {
+    if (event_ == nullptr)
+      throw std::runtime_error("cannot watch a descriptor: out of memory");
+  }
+  EventWatch(EventWatch const &) = delete;
+  EventWatch & operator=(EventWatch const &) = delete;
+  ~EventWatch() override { event_free(event_); }
+
+  /// Requires: on a null `time`, an event for something else than the time.
+  void begin(timeval const * time) {
+    if (event_add(event_, time) != 0)
+      throw std::runtime_error("cannot watch a descriptor: is it open?");
+  }
+
+private:
+  static void happened(int, short, void * self) {
+    // Held here as well: the call may end the watch.
+    auto const call = static_cast<EventWatch *>(self)->call_;
+    try {
+      (*call)();
+    } catch (std::exception const & exception) {
+      reportFailure(callbackExceptions, "in an event", exception);
+    }
+  }
+
+  std::shared_ptr<std::function<void()>> const call_;
+  event * const event_;
+};
+
+Sources::Loop::Handle begun(std::unique_ptr<EventWatch> watch, timeval const * time = nullptr) {
+  watch->begin(time);
+  return watch;
+}
+
+} // namespace
+
+void EventLoop::BaseFree::operator()(event_base * base) const {
+  event_base_free(base);
+}
+
+EventLoop::EventLoop() : base_(event_base_new()) {
+  if (!base_)
+    throw std::runtime_error("cannot make an event loop: out of descriptors or memory");
+}
+EventLoop::~EventLoop() = default;
+
+Sources::Loop::Handle EventLoop::readable(int descriptor, std::function<void()> ready) {
+  return begun(
+      std::make_unique<EventWatch>(base(), descriptor, EV_READ | EV_PERSIST, std::move(ready)));
+}
+
+Sources::Loop::Handle EventLoop::after(std::chrono::milliseconds time, std::function<void()> due) {
+  timeval const wait{.tv_sec = static_cast<time_t>(time.count() / 1000),
+                     .tv_usec = static_cast<suseconds_t>(time.count() % 1000 * 1000)};
+  return begun(std::make_unique<EventWatch>(base(), -1, 0, std::move(due)), &wait);
+}
+
+Sources::Loop::Handle EventLoop::signal(int number, std::function<void()> caught) {
+  return begun(
+      std::make_unique<EventWatch>(base(), number, EV_SIGNAL | EV_PERSIST, std::move(caught)));
+}
+
+void EventLoop::run(std::function<bool()> const & work) {
+  stopped_ = false;
+  while (!stopped_) {
+    auto const more = work();
+    // Without any event to wait for, libevent returns at once with 1: nothing can happen any more.
+    if (event_base_loop(base(), more ? EVLOOP_NONBLOCK : EVLOOP_ONCE) == 1 && !more)
+      return;
+  }
+}
+
+} // namespace Agent

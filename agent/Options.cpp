@@ -1,0 +1,126 @@
+#include "agent/Options.h"
+#include "platform/Lumo.h"
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <fmt/format.h>
+#include <stdexcept>
+
+namespace Agent {
+
+namespace {
+
+constexpr char const * defaultAgentxSocket = "/var/agentx/master";
+
+constexpr char const * examples = R"(Examples:
+  Serve the tunnels of this machine on loopback, to community "public":
+    tunnelsnmpd --source linux
+  Serve what a file says, on a free port, with the control socket beside it:
+    tunnelsnmpd --listen udp:127.0.0.1:0 --source json:office.json --control ./ctl.sock
+  Join a running snmpd (which needs "master agentx" in its configuration):
+    tunnelsnmpd --agentx --source linux
+  Own access rules, and a look at what the interface table's machine does:
+    tunnelsnmpd --config tunnelsnmpd.conf --source linux --trace TunnelIfTableSm=6-9
+
+Signals: HUP reads the sources and the configuration again; TERM and INT end the daemon.
+Exit status: 0 ended by a signal, 1 failed while running or starting, 2 wrong command line or
+configuration. See also: tunnelsnmpctl --help
+)";
+
+struct Parser {
+  CLI::App app{"SNMP agent for the tunnel interfaces: tunnelIfTable, tunnelInetConfigTable and the "
+               "IPsec tunnel table, read-only.",
+               "tunnelsnmpd"};
+  Options options;
+  std::string agentxSocket;
+  std::vector<std::string> traceTexts;
+
+  explicit Parser(std::string const & defaultPlugin) {
+    options.pluginFile = defaultPlugin;
+    app.footer(examples);
+    app.set_version_flag("--version", TUNNELSNMPD_VERSION);
+    addTransport();
+    app.add_option("--source", options.sources,
+                   "Where the tunnels come from: json:FILE, linux. May be given several times; "
+                   "without any, the state is what \"tunnelsnmpctl patch\" makes it")
+        ->type_name("SOURCE")
+        ->allow_extra_args(false);
+    app.add_option("--config", options.configFile,
+                   "Access rules as snmpd.conf has them (rocommunity, createUser, rouser, view). "
+                   "Without it: rocommunity public 127.0.0.1")
+        ->type_name("FILE");
+    app.add_option("--trace", traceTexts,
+                   "Trace levels of a handle, for example Snmp=2 or TunnelIfTableSm=6-9; the lines "
+                   "go to the standard error stream. May be given several times")
+        ->type_name("HANDLE=LEVELS")
+        ->allow_extra_args(false);
+    app.add_option("--control", options.controlPath, "Socket for tunnelsnmpctl")
+        ->type_name("PATH")
+        ->capture_default_str();
+    app.add_option("--plugin", options.pluginFile, "The library to load")
+        ->type_name("FILE")
+        ->capture_default_str();
+  }
+
+  void addTransport() {
+    auto * const listen = app.add_option("--listen", options.listen,
+                                         "Where to serve SNMP, as net-snmp writes addresses; port "
+                                         "0 takes a free one")
+                              ->type_name("ADDRESS")
+                              ->capture_default_str();
+    app.add_option("--agentx", agentxSocket,
+                   fmt::format("Serve through the AgentX master at SOCKET (default {}) instead of "
+                               "listening",
+                               defaultAgentxSocket))
+        ->type_name("[SOCKET]")
+        ->expected(0, 1)
+        ->excludes(listen);
+  }
+};
+
+TraceOption parseTrace(std::string const & text) {
+  auto const equals = text.find('=');
+  if (equals == 0 || equals == std::string::npos)
+    throw std::invalid_argument(
+        fmt::format("--trace {}: give HANDLE=LEVELS, for example TunnelIfTableSm=6-9", text));
+  try {
+    return {text.substr(0, equals), Lumo::parseLevels(text.substr(equals + 1))};
+  } catch (std::invalid_argument const & reason) {
+    throw std::invalid_argument(fmt::format("--trace {}: {}", text, reason.what()));
+  }
+}
+
+Options finish(Parser & parser) {
+  auto & options = parser.options;
+  if (parser.app.count("--agentx") != 0)
+    options.agentx = parser.agentxSocket.empty() ? defaultAgentxSocket : parser.agentxSocket;
+  for (auto const & text : parser.traceTexts)
+    options.traces.push_back(parseTrace(text));
+  if (options.controlPath.empty())
+    throw std::invalid_argument("--control: the path is empty");
+  return options;
+}
+
+ParsedOptions usageError(std::string const & reason) {
+  return {std::nullopt, fmt::format("tunnelsnmpd: {}; see tunnelsnmpd --help\n", reason), 2};
+}
+
+} // namespace
+
+ParsedOptions parseOptions(std::vector<std::string> arguments, std::string const & defaultPlugin) {
+  Parser parser(defaultPlugin);
+  std::ranges::reverse(arguments); // CLI11 takes them last first
+  try {
+    parser.app.parse(std::move(arguments));
+    return {finish(parser), "", 0};
+  } catch (CLI::CallForHelp const &) {
+    return {std::nullopt, parser.app.help(), 0};
+  } catch (CLI::CallForVersion const &) {
+    return {std::nullopt, fmt::format("tunnelsnmpd {}\n", TUNNELSNMPD_VERSION), 0};
+  } catch (CLI::ParseError const & error) {
+    return usageError(error.what());
+  } catch (std::invalid_argument const & error) {
+    return usageError(error.what());
+  }
+}
+
+} // namespace Agent

@@ -1,0 +1,37 @@
+// The command line of the daemon.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+struct TraceOption {
+  std::string handle;
+  std::uint32_t levelMask;
+};
+
+struct Options {
+  std::string listen = "udp:127.0.0.1:1161"; ///< net-snmp's notation; port 0 takes a free one
+  std::optional<std::string> agentx; ///< the master's socket: a subagent of its, no listener
+  std::vector<std::string> sources;  ///< in the order in which they start
+  std::string configFile;            ///< empty: read-only community "public" from loopback
+  std::vector<TraceOption> traces;
+  std::string controlPath = "/run/tunnelsnmpd.sock";
+  std::string pluginFile;
+};
+
+/// Either options, or the end of the process before it began: what to print and the exit status (0
+/// for --help and --version, 2 for a wrong command line).
+struct ParsedOptions {
+  std::optional<Options> options;
+  std::string text;
+  int exitStatus = 0;
+};
+
+/// Reads the command line. `defaultPlugin` is the plug-in to load when none is named.
+ParsedOptions parseOptions(std::vector<std::string> arguments, std::string const & defaultPlugin);
+
+} // namespace Agent

@@ -1,0 +1,280 @@
+#include <net-snmp/net-snmp-config.h>
+
+#include <net-snmp/net-snmp-includes.h>
+
+#include <net-snmp/agent/net-snmp-agent-includes.h>
+#include <net-snmp/library/large_fd_set.h>
+
+#include "agent/Report.h"
+#include "agent/SnmpEngine.h"
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+Lumo::Counter configurationFaults("agent-configuration-faults");
+
+constexpr char applicationName[] = "tunnelsnmpd";
+/// A subagent looks for a master that went away, or was not there, this often.
+constexpr int agentxPingSeconds = 2;
+
+void setLibraryFlag(int flag) {
+  netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, flag, 1);
+}
+void setLibraryPath(int which, char const * path) {
+  netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, which, path);
+}
+
+/// The descriptors that net-snmp wants watched.
+class DescriptorSet {
+public:
+  DescriptorSet() { netsnmp_large_fd_set_init(&set_, FD_SETSIZE); }
+  DescriptorSet(DescriptorSet const &) = delete;
+  DescriptorSet & operator=(DescriptorSet const &) = delete;
+  ~DescriptorSet() { netsnmp_large_fd_set_cleanup(&set_); }
+
+  netsnmp_large_fd_set * get() { return &set_; }
+  bool contains(int descriptor) { return NETSNMP_LARGE_FD_ISSET(descriptor, &set_) != 0; }
+
+private:
+  netsnmp_large_fd_set set_;
+};
+
+unsigned long inodeOf(int descriptor) {
+  struct stat status {};
+  return fstat(descriptor, &status) == 0 ? status.st_ino : 0;
+}
+
+/// The port that a socket is bound to, or 0 when it has none.
+unsigned portOf(int descriptor) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+    return 0;
+  // The port stands at the same place for both families.
+  auto const internet = address.ss_family == AF_INET || address.ss_family == AF_INET6;
+  return internet ? ntohs(reinterpret_cast<sockaddr_in const &>(address).sin_port) : 0;
+}
+
+/// "udp:127.0.0.1:0" with the port that the socket really has.
+std::string withRealPort(std::string const & address, int descriptor) {
+  auto const colon = address.rfind(':');
+  auto const port = portOf(descriptor);
+  if (port == 0 || colon == std::string::npos || address.substr(colon + 1) != "0")
+    return address;
+  return fmt::format("{}:{}", address.substr(0, colon), port);
+}
+
+} // namespace
+
+/// Receives net-snmp's messages: reports them, or keeps them while a configuration is read.
+class SnmpEngine::Log {
+public:
+  Log() {
+    snmp_disable_log();
+    if (auto * const handler = netsnmp_register_loghandler(NETSNMP_LOGHANDLER_CALLBACK, LOG_DEBUG))
+      netsnmp_enable_this_loghandler(handler);
+    snmp_register_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, &Log::logged, this);
+  }
+  Log(Log const &) = delete;
+  Log & operator=(Log const &) = delete;
+  ~Log() {
+    snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, &Log::logged, this, 1);
+  }
+
+  void keep() { keeping_ = true; }
+  /// Ends keep(). The kept warnings and errors, each once: the configuration is read in two passes.
+  std::vector<std::string> kept() {
+    keeping_ = false;
+    return std::exchange(kept_, {});
+  }
+
+private:
+  static int logged(int, int, void * message, void * self) {
+    static_cast<Log *>(self)->take(*static_cast<snmp_log_message const *>(message));
+    return 0;
+  }
+  void take(snmp_log_message const & message) {
+    if (!keeping_ || message.priority > LOG_WARNING)
+      return report(message.msg);
+    if (std::ranges::find(kept_, message.msg) == kept_.end())
+      kept_.emplace_back(message.msg);
+  }
+
+  bool keeping_ = false;
+  std::vector<std::string> kept_;
+};
+
+SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
+    : loop_(loop),
+      settings_(std::move(settings)),
+      log_(std::make_unique<Log>()) {
+  checkReadable();
+  setUp();
+  init_agent(applicationName);
+  if (settings_.agentx)
+    netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
+                       agentxPingSeconds);
+  else if (settings_.configFile.empty()) {
+    char line[] = "rocommunity public 127.0.0.1";
+    netsnmp_config_remember(line);
+  }
+  log_->keep();
+  init_snmp(applicationName);
+  try {
+    requireUnderstood(log_->kept());
+  } catch (...) {
+    shutDown();
+    throw;
+  }
+}
+
+SnmpEngine::~SnmpEngine() {
+  watched_.clear();
+  timer_.reset();
+  if (endpoint_ != -1)
+    netsnmp_deregister_agent_nsap(endpoint_);
+  shutDown();
+}
+
+std::string SnmpEngine::listen(std::string const & address) {
+  if (settings_.agentx) {
+    update();
+    return "agentx:" + *settings_.agentx;
+  }
+  // Opened here and not by init_master_agent(), which would also open what the configuration names.
+  errno = 0;
+  auto * const transport = netsnmp_transport_open_server("snmp", address.c_str());
+  if (transport == nullptr)
+    throw std::runtime_error(
+        fmt::format("cannot listen on {}: {}; choose another address with --listen", address,
+                    errno != 0 ? std::strerror(errno) : "no address that net-snmp understands"));
+  auto const descriptor = transport->sock; // the transport is net-snmp's from here on
+  endpoint_ = netsnmp_register_agent_nsap(transport);
+  if (endpoint_ < 1)
+    throw std::runtime_error(fmt::format("cannot listen on {}: net-snmp refuses it", address));
+  update();
+  return withRealPort(address, descriptor);
+}
+
+void SnmpEngine::reread() {
+  if (settings_.configFile.empty())
+    return;
+  checkReadable();
+  log_->keep();
+  free_config();
+  read_premib_configs();
+  read_configs();
+  update();
+  requireUnderstood(log_->kept());
+}
+
+void SnmpEngine::setUp() {
+  setLibraryFlag(NETSNMP_DS_LIB_DONT_READ_CONFIGS);
+  setLibraryFlag(NETSNMP_DS_LIB_DONT_PERSIST_STATE);
+  setLibraryFlag(NETSNMP_DS_LIB_ALARM_DONT_USE_SIG); // the loop runs the alarms
+  // net-snmp makes folders in its persistent folder and searches the others even so; no name below
+  // /dev/null can exist. No MIB text is needed to serve one.
+  setLibraryPath(NETSNMP_DS_LIB_PERSISTENT_DIR, "/dev/null");
+  setLibraryPath(NETSNMP_DS_LIB_CONFIGURATION_DIR, "/dev/null");
+  setLibraryPath(NETSNMP_DS_LIB_MIBDIRS, "/dev/null");
+  setenv("MIBS", "", 1);
+  if (!settings_.configFile.empty())
+    setLibraryPath(NETSNMP_DS_LIB_OPTIONALCONFIG, settings_.configFile.c_str());
+
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE,
+                         settings_.agentx ? 1 : 0);
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS,
+                         1);
+  if (settings_.agentx)
+    netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET,
+                          settings_.agentx->c_str());
+  char noSmux[] = "-smux"; // its port would be open to everybody
+  add_to_init_list(noSmux);
+}
+
+void SnmpEngine::shutDown() {
+  log_.reset(); // snmp_shutdown() would free it: it frees the argument of every callback left
+  snmp_shutdown(applicationName);
+  shutdown_agent();
+}
+
+void SnmpEngine::checkReadable() const {
+  if (!settings_.configFile.empty() && access(settings_.configFile.c_str(), R_OK) != 0)
+    throw ConfigurationError(fmt::format("cannot read the configuration {}: {}",
+                                         settings_.configFile, std::strerror(errno)));
+}
+
+void SnmpEngine::requireUnderstood(std::vector<std::string> const & complaints) const {
+  // A subagent without a master complains here as well; it keeps trying.
+  if (settings_.configFile.empty()) {
+    for (auto const & complaint : complaints)
+      report(complaint);
+    return;
+  }
+  if (complaints.empty())
+    return;
+  configurationFaults.inc();
+  throw ConfigurationError(fmt::format("{} (correct the configuration {})",
+                                       fmt::join(complaints, "; "), settings_.configFile));
+}
+
+void SnmpEngine::read(int descriptor) {
+  DescriptorSet ready;
+  NETSNMP_LARGE_FD_SET(descriptor, ready.get());
+  snmp_read2(ready.get());
+  netsnmp_check_outstanding_agent_requests();
+  update();
+}
+
+void SnmpEngine::timeOut() {
+  snmp_timeout();
+  run_alarms();
+  netsnmp_check_outstanding_agent_requests();
+  update();
+}
+
+// Whatever net-snmp has just done may have opened or closed descriptors and changed what it waits
+// for; it only says so when it is asked.
+void SnmpEngine::update() {
+  DescriptorSet wanted;
+  int count = 0;
+  int forever = 1; // in: the time given does not count; out: there is nothing to wait for
+  timeval wait{};
+  snmp_select_info2(&count, wanted.get(), &wait, &forever);
+
+  auto before = std::exchange(watched_, {});
+  for (int descriptor = 0; descriptor < count; ++descriptor)
+    if (wanted.contains(descriptor))
+      watchDescriptor(descriptor, before);
+
+  timer_.reset();
+  if (forever == 0) {
+    auto const milliseconds = wait.tv_sec * 1000 + (wait.tv_usec + 999) / 1000;
+    timer_ = loop_.after(std::chrono::milliseconds(milliseconds), [this] { timeOut(); });
+  }
+}
+
+void SnmpEngine::watchDescriptor(int descriptor, std::map<int, Watched> & before) {
+  auto const inode = inodeOf(descriptor);
+  auto const known = before.find(descriptor);
+  if (known != before.end() && known->second.inode == inode) {
+    watched_.insert(before.extract(known));
+    return;
+  }
+  if (known != before.end())
+    before.erase(known); // no longer watched before the new one is
+  watched_.emplace(descriptor, Watched{inode, loop_.readable(descriptor, [this, descriptor] {
+                                         read(descriptor);
+                                       })});
+}
+
+} // namespace Agent

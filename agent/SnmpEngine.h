@@ -1,0 +1,68 @@
+// net-snmp inside the daemon's event loop: a stand-alone master agent, or an AgentX subagent.
+//
+// net-snmp keeps its state in the process, so there is one engine at a time. It reads and writes no
+// file but the configuration that it is given, and opens no port but the one that it is told.
+#pragma once
+
+#include "sources/Loop.h"
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+struct SnmpSettings {
+  std::string configFile;            ///< empty: community "public" may read from 127.0.0.1
+  std::optional<std::string> agentx; ///< the master's socket; nothing: stand-alone
+};
+
+/// Life cycle: constructed, then the MIB modules register, then listen(); before its end the MIB
+/// modules unregister. Within construction a subagent connects to its master; one that finds none
+/// tries again every few seconds.
+class SnmpEngine {
+public:
+  /// Starts net-snmp and reads the configuration. Raises ConfigurationError, one line, for a file
+  /// that cannot be read or has a line that is not understood.
+  SnmpEngine(Sources::Loop & loop, SnmpSettings settings);
+  SnmpEngine(SnmpEngine const &) = delete;
+  SnmpEngine & operator=(SnmpEngine const &) = delete;
+  ~SnmpEngine();
+
+  /// Begins to serve: at `address` when stand-alone, else through the master. Returns where, with
+  /// the real port: "udp:127.0.0.1:1161", "agentx:/var/agentx/master". Raises std::runtime_error
+  /// when the address cannot be had.
+  std::string listen(std::string const & address);
+
+  /// Puts what the configuration file says now in the place of what it said before. Raises
+  /// ConfigurationError as the constructor does; the lines that were understood are in force then,
+  /// all of the old ones when the file could not be read.
+  void reread();
+
+private:
+  class Log;
+  struct Watched {
+    unsigned long inode; // tells a descriptor from a new one with the same number
+    Sources::Loop::Handle watch;
+  };
+
+  void setUp();
+  void shutDown();
+  void checkReadable() const;
+  void requireUnderstood(std::vector<std::string> const & complaints) const;
+  void read(int descriptor);
+  void timeOut();
+  void update();
+  void watchDescriptor(int descriptor, std::map<int, Watched> & before);
+
+  Sources::Loop & loop_;
+  SnmpSettings const settings_;
+  std::unique_ptr<Log> log_;
+  int endpoint_ = -1; // net-snmp's handle for the transport that it listens on
+  std::map<int, Watched> watched_;
+  Sources::Loop::Handle timer_;
+};
+
+} // namespace Agent

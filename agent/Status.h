@@ -1,0 +1,61 @@
+// What can be seen of the plug-in and of the scheduler from outside, as JSON.
+//
+// The plug-in's objects are known here by their attributes' names only:
+// - the root's attribute "tunnelIntfSnmpAgent" holds an object; each of its attributes that is an
+//   object with an attribute "ready" is a machine;
+// - each attribute of a machine that is an object with an attribute "scanState" is one of its
+//   inputs; each bool whose name ends in "OutputReconciling" says that a deletion scan is owed;
+// - each attribute of the MIB entity that is a collection of objects is a table, and the columns of
+//   a row are its attributes that are no objects themselves.
+#pragma once
+
+#include "platform/Kiln.h"
+#include "platform/Zel.h"
+#include "sources/Source.h"
+#include <cstddef>
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Agent {
+
+/// The machines in order, each {name, ready, idle, initialized, initialScanDone, synchronous,
+/// reconciling, inputs: [{name, scanState, scanComplete, scanned, inputSize}]}; what an object does
+/// not have is left out. Empty when the root has no agent.
+nlohmann::ordered_json machinesStatus(Zel::PtrInterface const & root);
+/// True if and only if there are machines and all of them are ready.
+bool allReady(nlohmann::ordered_json const & machines);
+
+/// {name, state, lastError, records, fullReads, patches}.
+nlohmann::ordered_json sourceStatus(Sources::Source const & source);
+
+/// Every task: {name, priority, scheduled, runs, workCount, workPending}.
+nlohmann::ordered_json tasksStatus(Kiln::TaskScheduler const & scheduler);
+/// The sums: {count, scheduled, runs, workPending}.
+nlohmann::ordered_json tasksSummary(Kiln::TaskScheduler const & scheduler);
+
+/// Writes the tables of a MIB entity piece by piece, as {"TABLE": [{column: value, ...}, ...], ...}
+/// in JSON. Each table is written as it was when its first piece was: rows that come and go
+/// meanwhile change nothing. Holds the entity and the rows.
+class TablesWriter {
+public:
+  explicit TablesWriter(Zel::Ptr<Zel::PtrInterface const> mib);
+
+  /// Appends the next piece, some hundred rows at most. True if and only if there is more.
+  bool next(std::string & out);
+
+private:
+  void beginTable(std::string & out);
+  void writeRow(std::string & out);
+
+  Zel::Ptr<Zel::PtrInterface const> const mib_;
+  std::size_t attribute_ = 0; // the attribute that is written now, or the next one
+  bool inTable_ = false;
+  bool anyTable_ = false;
+  std::vector<Zel::Ptr<Zel::PtrInterface const>> rows_;
+  std::size_t row_ = 0;
+};
+
+} // namespace Agent
