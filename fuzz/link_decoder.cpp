@@ -1,0 +1,52 @@
+// Any bytes at all to the decoder of link messages: it must read nothing beyond them, and what it
+// makes of them must be fit to be published.
+#include "sources/linux/LinkDecoder.h"
+#include <cstdlib>
+#include <cstring>
+#include <linux/rtnetlink.h>
+#include <vector>
+
+namespace {
+
+using namespace Sources::Linux;
+
+void require(bool holds) {
+  if (!holds)
+    std::abort();
+}
+
+bool isEndpoint(Plexa::IpGenAddr const & address) {
+  return address.family() == Plexa::AddressFamily::none || !address.isAddrZero();
+}
+
+void check(LinkMessage const & message) {
+  if (auto const * malformed = std::get_if<MalformedMessage>(&message))
+    require(!malformed->reason.empty());
+  auto const * const state = std::get_if<LinkState>(&message);
+  if (state == nullptr)
+    return;
+  require(state->index >= 1 && state->index <= INT32_MAX);
+  if (!state->tunnel)
+    return;
+  require(state->tunnel->index == state->index);
+  require(state->tunnel->tos <= 63);
+  require(state->tunnel->mode != Plexa::TunnelIntfMode::unknown);
+  require(isEndpoint(state->tunnel->local) && isEndpoint(state->tunnel->remote));
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t size) {
+  std::vector<std::uint8_t> bytes(data, data + size);
+  auto const decode = [&] { check(decodeLink(std::as_bytes(std::span(bytes)), {61, 62})); };
+  decode();
+  // Once more as a link message of the right length, past the first checks.
+  if (size < sizeof(nlmsghdr))
+    return 0;
+  nlmsghdr header{};
+  header.nlmsg_len = static_cast<std::uint32_t>(size);
+  header.nlmsg_type = RTM_NEWLINK;
+  std::memcpy(bytes.data(), &header, sizeof header);
+  decode();
+  return 0;
+}
