@@ -37,8 +37,8 @@ public:
       handleKey(key);
       keyScanned();
       ++iterations;
-      position = stamp == collection().changeStamp() ? std::next(position)
-                                                     : collection().seekBehind(key);
+      position =
+          stamp == collection().changeStamp() ? std::next(position) : collection().seekBehind(key);
       if (shouldYield() && position != collection().end()) {
         inputScanBookmark_ = position->first;
         scanYields(iterations);

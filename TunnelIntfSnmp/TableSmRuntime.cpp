@@ -8,46 +8,6 @@ namespace {
 Lumo::Counter zombieExceptions("table-sm-zombie-exceptions");
 } // namespace
 
-// Which scans are complete, and whether the output is ready
-
-Zel::Attribute const & InputSmScanState::ifMibStreamScanAttribute() {
-  static Zel::Attribute const attribute{"ifMibStreamScan", "bool"};
-  return attribute;
-}
-Zel::Attribute const & InputSmScanState::idleAttribute() {
-  static Zel::Attribute const attribute{"idle", "bool"};
-  return attribute;
-}
-
-void InputSmScanState::ifMibStreamScanIs(bool complete) {
-  if (std::exchange(ifMibStreamScan_, complete) != complete)
-    notify(ifMibStreamScanAttribute());
-}
-void InputSmScanState::tisStreamScanIs(bool complete) {
-  if (std::exchange(tisStreamScan_, complete) != complete)
-    notify(names_.tisStreamScan);
-}
-void InputSmScanState::handleIdle() {
-  if (!std::exchange(idle_, true))
-    notify(idleAttribute());
-}
-
-Zel::Attribute const & OutputState::readyAttribute() {
-  static Zel::Attribute const attribute{"ready", "bool"};
-  return attribute;
-}
-
-void OutputState::mibOutputReadyIs(bool ready) {
-  if (std::exchange(mibOutputReady_, ready) == ready)
-    return;
-  handleReady();
-  notify(names_.outputReady);
-}
-void OutputState::handleReady() {
-  if (std::exchange(ready_, mibOutputReady_) != mibOutputReady_)
-    notify(readyAttribute());
-}
-
 // One input
 
 bool InputSm::synchronous() const {
@@ -173,7 +133,8 @@ void TableSmBase::handleInitialized() {
   if (!synchronous_)
     createTask();
   mibOutputReconciling_ = outputHasRows();
-  LUMO_TRACE(trace(), 9, unit(), "Reconciling {}: {:}", names_.output, mibOutputReconciling_);
+  LUMO_TRACE(trace(), 9, unit(), "Reconciling {}: {:}", names_.outputs.back().output,
+             mibOutputReconciling_);
   LUMO_TRACE(trace(), 9, unit(), "create local SMs");
   LUMO_TRACE(trace(), 9, unit(), "create non-public arg SMs");
   ifIndexSm_ = createIfIndexSm();
@@ -182,7 +143,7 @@ void TableSmBase::handleInitialized() {
   intfStatusSm_->start();
   LUMO_TRACE(trace(), 9, unit(), "initialized");
   initialized_ = true;
-  handleMibOutputInputReady();
+  handleOutputsInputReady();
 }
 
 void TableSmBase::createTask() {
@@ -190,7 +151,8 @@ void TableSmBase::createTask() {
     flowaControl_.taskScheduler = Kiln::TaskSchedulerRoot::findOrCreateScheduler();
   reconciliationTask_ = Zel::makePtr<ZelTask<TableSmBase>>(
       *this, &TableSmBase::handleReconciliationTask, flowaControl_.taskScheduler,
-      flowaControl_.taskPriority, fmt::format("{}-{}Task", names_.machine, names_.output));
+      flowaControl_.taskPriority,
+      fmt::format("{}-{}Task", names_.machine, names_.outputs.back().output));
 }
 
 // First pass and second pass
@@ -214,7 +176,7 @@ void TableSmBase::handleInitialScanDone() {
   inputSmScanState_->handleIdle();
   LUMO_TRACE(trace(), 9, unit(),
              "Initial scan done for child SMs. Now scanning with events triggered.");
-  handleMibOutputInputReady();
+  handleOutputsInputReady();
 }
 
 void TableSmBase::startScan(InputSm & child) const {
@@ -226,11 +188,16 @@ void TableSmBase::startScan(InputSm & child) const {
 
 // Reconciliation
 
-void TableSmBase::handleMibOutputInputReady() {
+void TableSmBase::handleOutputsInputReady() {
+  for (std::size_t output = 0; output != names_.outputs.size(); ++output)
+    handleOutputInputReady(output);
+}
+
+void TableSmBase::handleOutputInputReady(std::size_t output) {
   if (!initialized_)
     return;
   LUMO_TRACE(trace(), 8, unit(), "");
-  if (outputState_->mibOutputReady()) {
+  if (outputState_->outputReady(output)) {
     LUMO_TRACE(trace(), 9, unit(), " already ready, not reconciling.");
     return;
   }
@@ -240,12 +207,14 @@ void TableSmBase::handleMibOutputInputReady() {
     handleInitialScanDone();
     return;
   }
-  LUMO_TRACE(trace(), 9, unit(), "Input scans for {} complete", names_.output);
-  if (mibOutputReconciling_ && !deletionScan())
-    return;
-  mibOutputReconciling_ = false;
-  outputKeysForgotten();
-  outputState_->mibOutputReadyIs(true);
+  LUMO_TRACE(trace(), 9, unit(), "Input scans for {} complete", names_.outputs[output].output);
+  if (output == names_.mibOutput()) {
+    if (mibOutputReconciling_ && !deletionScan())
+      return;
+    mibOutputReconciling_ = false;
+    outputKeysForgotten();
+  }
+  outputState_->outputBecomesReady(output);
 }
 
 bool TableSmBase::deletionScanShouldYield() const {
@@ -286,12 +255,12 @@ void TableSmBase::doDeleteAll() {
 void TableSmBase::handleInputScan(Zel::Attribute const & attribute, Flowa::Gen::NoKey const &) {
   Zel::Ptr<TableSmBase> const self(this);
   if (&attribute != &InputSmScanState::idleAttribute())
-    handleMibOutputInputReady();
+    handleOutputsInputReady();
 }
 
 void TableSmBase::handleReconciliationTask(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
   Zel::Ptr<TableSmBase> const self(this);
-  handleMibOutputInputReady();
+  handleOutputInputReady(names_.mibOutput());
 }
 
 void TableSmBase::hasNotificationActiveIs(bool on) {

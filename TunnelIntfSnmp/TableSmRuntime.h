@@ -16,6 +16,7 @@
 #pragma once
 
 #include "TunnelIntfSnmp/Printed.h"
+#include "TunnelIntfSnmp/TableSmState.h"
 #include "TunnelIntfSnmp/TableSmValues.h"
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include "platform/Flowa.h"
@@ -38,53 +39,6 @@ using StatusDirPtr = Zel::Ptr<Interface::TunnelIntfStatusDir const>;
 /// What a machine dies of when it is given a null input.
 inline constexpr char const * nullSmArgument =
     "Pointer SM args cannot be null unless they are marked Optional";
-
-/// The names by which one machine's parts are known outside.
-struct TableSmNames {
-  std::string_view machine; ///< "TunnelIfTableSm"; the unit and the trace handler as well
-  std::string_view output;  ///< "mibTunnelIfTableOutput"
-  std::string_view tisStream;
-  Zel::Attribute tisStreamScan; ///< of InputSmScanState
-  Zel::Attribute outputReady;   ///< of OutputState
-};
-
-/// Which input scans are complete. Each setter stores and notifies only a change.
-class InputSmScanState : public Zel::PtrInterface {
-public:
-  explicit InputSmScanState(TableSmNames const & names) : names_(names) {}
-  static Zel::Attribute const & ifMibStreamScanAttribute();
-  static Zel::Attribute const & idleAttribute();
-
-  bool ifMibStreamScan() const { return ifMibStreamScan_; }
-  bool tisStreamScan() const { return tisStreamScan_; }
-  bool idle() const { return idle_; }
-  void ifMibStreamScanIs(bool complete);
-  void tisStreamScanIs(bool complete);
-  void handleIdle();
-
-private:
-  TableSmNames const & names_;
-  bool ifMibStreamScan_ = false;
-  bool tisStreamScan_ = false;
-  bool idle_ = false;
-};
-
-/// Whether the output is ready. `ready` follows the output's own flag and is notified before it.
-class OutputState : public Zel::PtrInterface {
-public:
-  explicit OutputState(TableSmNames const & names) : names_(names) {}
-  static Zel::Attribute const & readyAttribute();
-
-  bool mibOutputReady() const { return mibOutputReady_; }
-  bool ready() const { return ready_; }
-  void mibOutputReadyIs(bool ready);
-  void handleReady();
-
-private:
-  TableSmNames const & names_;
-  bool mibOutputReady_ = false;
-  bool ready_ = false;
-};
 
 /// A task together with the reactor that does its work. Releasing it is safe inside the run.
 template <class Owner>
@@ -194,7 +148,7 @@ public:
   bool initialized() const { return initialized_; }
   bool initialScanDone() const { return initialScanDone_; }
   bool synchronous() const { return synchronous_; }
-  /// True if and only if the output agrees with the inputs from now on.
+  /// True if and only if every output agrees with the inputs from now on.
   bool ready() const { return outputState_ && outputState_->ready(); }
   /// True if and only if it is ready and no scan is under way.
   bool idle() const { return ready() && (synchronous_ || inputSmScanState_->idle()); }
@@ -212,8 +166,8 @@ public:
   void handleInitialized();
   /// Ends the first pass and starts the second, once both first scans are complete.
   void handleInitialScanDone();
-  /// Takes the output one step further: second pass, reconciliation, ready.
-  void handleMibOutputInputReady();
+  /// Takes each output one step further: second pass, reconciliation, ready.
+  void handleOutputsInputReady();
   /// Replays every key that the inputs still have as gone: first ifIndexes, then statuses.
   void doDeleteAll();
 
@@ -250,6 +204,7 @@ protected:
 
 private:
   void createTask();
+  void handleOutputInputReady(std::size_t output);
   void startScan(InputSm & child) const;
   void handleInputScan(Zel::Attribute const & attribute, Flowa::Gen::NoKey const &);
   void handleReconciliationTask(Zel::Attribute const &, Flowa::Gen::NoKey const &);

@@ -10,11 +10,11 @@ namespace {
 constexpr char const * unitName = "TunnelIfTableSm";
 auto const debugHandler = Lumo::Platform::getDebugHandler(unitName, false);
 
+OutputNames const outputs[] = {{"mibTunnelIfTableOutput", {"mibTunnelIfTableOutputReady", "bool"}}};
 TableSmNames const smNames{.machine = unitName,
-                           .output = "mibTunnelIfTableOutput",
                            .tisStream = "tisStream",
                            .tisStreamScan = {"tisStreamScan", "bool"},
-                           .outputReady = {"mibTunnelIfTableOutputReady", "bool"}};
+                           .outputs = outputs};
 
 } // namespace
 

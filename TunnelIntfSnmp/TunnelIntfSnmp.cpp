@@ -196,7 +196,7 @@ Zel::Type const & TunnelInetConfigTableEntry::typeDescription() {
       attributeOf<&Row::rowStatus>("rowStatus", "U32"),
       attributeOf<&Row::storageType>("storageType", "U32")};
   static auto const attributes = Zel::pointersTo(list);
-  static Zel::Type const type{"TunnelIntfSnmp::TunnelInetConfigTableEntry", attributes};
+  static Zel::Type const type{typeName, attributes};
   return type;
 }
 

@@ -134,10 +134,17 @@ public:
   std::uint32_t rowStatus() const { return 1; }   ///< active (RFC 2579 RowStatus)
   std::uint32_t storageType() const { return 5; } ///< readOnly (RFC 2579 StorageType)
 
+  static constexpr std::string_view typeName = "TunnelIntfSnmp::TunnelInetConfigTableEntry";
+  static constexpr auto fields();
+
 private:
   TunnelInetConfigTableKey const key_;
   std::uint32_t const ifIndex_;
 };
+constexpr auto TunnelInetConfigTableEntry::fields() {
+  return std::tuple{Zel::Field{"key", &TunnelInetConfigTableEntry::key_},
+                    Zel::Field{"ifIndex", &TunnelInetConfigTableEntry::ifIndex_}};
+}
 Zel::Ptr<TunnelInetConfigTableEntry const>
 tunnelInetConfigTableEntryFactory(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
 

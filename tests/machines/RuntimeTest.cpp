@@ -210,7 +210,7 @@ TEST_P(Runtime, OnlySaysSoWhenItIsReadyAlready) {
   auto const machine = machineIn(world_);
   world_.settle();
   TraceRecorder traces{{"TunnelIfTableSm", "all"}};
-  machine->handleMibOutputInputReady();
+  machine->handleOutputsInputReady();
   EXPECT_THAT(traces.texts(), ElementsAre("", " already ready, not reconciling."));
 }
 

@@ -1,0 +1,146 @@
+// What the machines do alike that follow attributes of single status records: a child machine for
+// each interface, made when its status comes, replaced with it, and gone with it.
+#pragma once
+
+#include "TunnelIntfSnmp/CollectionSm.h"
+#include <string_view>
+#include <utility>
+
+namespace TunnelIntfSnmp {
+
+/// Follows one interface's status record. `Child` says which of the record's attributes matter
+/// (`static bool follows(Zel::Attribute const &)`) and what its events are (`emit(intfId, status)`,
+/// where null means that the status is gone). It has no task: it scans inline, within its parent's
+/// run, and belongs to its parent.
+template <class Child>
+class StatusChildSm : public Flowa::Gen::InputStateMachine {
+public:
+  ~StatusChildSm() override { en_->ownerDeletedIs(); }
+
+  Plexa::IntfId intfId() const { return intfId_; }
+  StatusPtr const & status() const { return input_; }
+  /// True if and only if the child is handling a change of its record.
+  bool inReactor() const { return inReactor_; }
+  /// True if and only if the record has been emitted once after the first pass.
+  bool inputScanComplete() const { return scanComplete_; }
+
+  /// Emits the record as it is now, once; during the first pass, when nothing may be emitted, only
+  /// says so.
+  void doInputScan() {
+    if (!initialized() || scanComplete_)
+      return;
+    LUMO_ASSERT(en(), "Sm args can only be null if marked as Optional in the SM type declaration");
+    if (machine_.initialScanDone())
+      child().emit(intfId_, input_);
+    LUMO_TRACE(machine_.trace(), 9, unit(), "{}{} scan complete. ", Child::name,
+               machine_.initialScanDone() ? "" : " initial");
+    scanComplete_ = machine_.initialScanDone();
+  }
+  /// Emits that the status is gone.
+  void doDeleteAll() {
+    LUMO_TRACE(machine_.trace(), 9, unit(), "");
+    child().emit(intfId_, nullptr);
+  }
+
+  void hasNotificationActiveIs(bool on) override {
+    InputStateMachine::hasNotificationActiveIs(on);
+    en_->hasNotificationActiveIs(on);
+  }
+  void zelDoZombieReactors(bool doIt) { en_->zelDoZombieReactors(doIt); }
+
+protected:
+  StatusChildSm(TableSmBase & machine, Plexa::IntfId intfId, StatusPtr status)
+      : machine_(machine),
+        intfId_(intfId),
+        input_(std::move(status)),
+        en_(Zel::makePtr<Flowa::Gen::InReactor<StatusChildSm>>(*this, &StatusChildSm::handleReactor,
+                                                               input_.get())) {
+    initializedIs(true);
+  }
+
+private:
+  StatusPtr const & en() const { return input_; }
+  Child & child() { return static_cast<Child &>(*this); }
+  char const * unit() const { return machine_.names().machine.data(); }
+
+  void handleReactor(Zel::Attribute const & attribute, Flowa::Gen::NoKey const &) {
+    if (!Child::follows(attribute))
+      return;
+    Zel::Ptr<TableSmBase> const keepMachine(&machine_);
+    Zel::Ptr<StatusChildSm> const keepSelf(this);
+    inReactor_ = true;
+    child().emit(intfId_, input_);
+    inReactor_ = false;
+  }
+
+  TableSmBase & machine_;
+  Plexa::IntfId const intfId_;
+  StatusPtr const input_;
+  Zel::Ptr<Flowa::Gen::InReactor<StatusChildSm>> const en_;
+  bool inReactor_ = false;
+  bool scanComplete_ = false;
+};
+
+/// The child machine over intfStatus of such a machine: it owns a `Child` for each interface.
+template <class Machine, class Child>
+class StatusParentSm final : public IntfStatusCollectionSm {
+public:
+  StatusParentSm(Machine & root, StatusDirPtr tunnelIntfStatusDir)
+      : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream),
+        root_(root) {}
+
+  /// The child of the interface, or null.
+  Zel::Ptr<Child> childSm(Plexa::IntfId intfId) const {
+    auto const * found = children_.find(intfId);
+    return found == nullptr ? nullptr : *found;
+  }
+  /// Keeps the interface's child if it has this very record, else replaces it.
+  Zel::Ptr<Child> childSmIs(StatusPtr const & status, Plexa::IntfId intfId) {
+    if (auto child = childSm(intfId); child && child->status() == status)
+      return child;
+    return children_.insertOrReplace(intfId, Zel::makePtr<Child>(root_, intfId, status));
+  }
+  void childSmDel(Plexa::IntfId intfId) { children_.erase(intfId); }
+  void childSmDelAll() { children_.clear(); }
+
+  /// Every child emits that its status is gone. What was missed of the collection does not matter
+  /// here: the children are what was heard of.
+  void doDeleteAll() override {
+    Zel::Ptr<TableSmBase> const keepMachine(&root_);
+    LUMO_TRACE(trace(), 9, unit(), "");
+    children_.forEach([](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->doDeleteAll(); });
+  }
+  void hasNotificationActiveIs(bool on) override {
+    IntfStatusCollectionSm::hasNotificationActiveIs(on);
+    children_.forEach(
+        [on](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->hasNotificationActiveIs(on); });
+  }
+  void zelDoZombieReactors(bool doIt) override {
+    IntfStatusCollectionSm::zelDoZombieReactors(doIt);
+    children_.forEach(
+        [doIt](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->zelDoZombieReactors(doIt); });
+  }
+
+private:
+  void handleKey(Plexa::IntfId const & intfId) override {
+    if (!initialized())
+      return;
+    observeChangeStamp();
+    LUMO_TRACE(trace(), 9, unit(), "k: {}", intfId);
+    if (auto const status = valueOf(intfId))
+      childSmIs(*status, intfId)->doInputScan();
+    else
+      handleGone(intfId);
+  }
+  void handleGone(Plexa::IntfId const & intfId) override {
+    if (auto const child = childSm(intfId)) {
+      child->doDeleteAll();
+      childSmDel(intfId);
+    }
+  }
+
+  Machine & root_;
+  Zel::HashMap2018<Plexa::IntfId, Zel::Ptr<Child>> children_;
+};
+
+} // namespace TunnelIntfSnmp

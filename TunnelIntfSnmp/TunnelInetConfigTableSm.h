@@ -1,0 +1,166 @@
+// Keeps TunnelMib.tunnelInetConfigTable in step with the tunnel statuses and the ifIndex map: one
+// row for each interface with an ifIndex and two addresses, under a key made of its addresses and
+// mode.
+//
+// Several tunnels may claim one key; whoever is added first has the row. A private store remembers,
+// by ifIndex, the row that was written for it, and rows are deleted through that store only: by the
+// key that was written, never by one computed from the status of today. Whenever a row may have
+// gone, every tunnel without a row is tried again.
+//
+//   event                        delete   add   rescan
+//   a status came or changed       yes    yes      yes      in this order: the old row goes before
+//   the a status went                  yes     no      yes      new one is tried an ifIndex came or
+//   changed      no    yes       no an ifIndex went                 no     no       no      the row
+//   stays
+#pragma once
+
+#include "TunnelIntfSnmp/StatusChildSm.h"
+#include "TunnelIntfSnmp/TableSmRuntime.h"
+
+namespace TunnelIntfSnmp {
+
+class TunnelInetConfigTableSm;
+
+namespace FlowaCode::TunnelInetConfigTableSm {
+
+/// One slot of the store: what was last written for one ifIndex.
+class LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst : public Zel::PtrInterface {
+public:
+  explicit LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst(std::uint32_t ifIndex);
+  ~LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst() override;
+  static Zel::Attribute const & valueAttribute();
+
+  std::uint32_t ifIndex() const { return ifIndex_; }
+  Zel::Ptr<MibEntryWrapper const> const & value() const { return value_; }
+  /// Wraps the entry, and notifies; does nothing when that very entry is there.
+  void valueIs(Zel::Ptr<TunnelInetConfigTableEntry const> const & entry);
+  /// Clears the value, and notifies if there was one.
+  void valueDel();
+
+private:
+  std::uint32_t const ifIndex_;
+  Zel::Ptr<MibEntryWrapper const> value_;
+};
+
+/// The store. There is a slot for an ifIndex if and only if the machine's last write for it put a
+/// row into the table; the slot's entry is that row's.
+class LocalAttrStore : public Zel::PtrInterface {
+public:
+  using Slot = LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst;
+  using ZelTunnelInetConfigByIfIndex = Zel::HashMap2018<std::uint32_t, Zel::Ptr<Slot>>;
+
+  LocalAttrStore();
+  Zel::Type const & type() const override;
+  /// Notified with the ifIndex of a new slot.
+  static Zel::Attribute const & tunnelInetConfigByIfIndexAttribute();
+
+  ZelTunnelInetConfigByIfIndex const & tunnelInetConfigByIfIndex() const { return slots_; }
+  /// Finds the slot or creates an empty one.
+  Zel::Ptr<Slot> tunnelInetConfigByIfIndexIs(std::uint32_t ifIndex);
+  void tunnelInetConfigByIfIndexDel(std::uint32_t ifIndex);
+  void tunnelInetConfigByIfIndexDelAll();
+
+private:
+  ZelTunnelInetConfigByIfIndex slots_;
+};
+
+/// Follows what the key is made of.
+class SrcAddrMAdstAddrMAmodeSm1 final : public StatusChildSm<SrcAddrMAdstAddrMAmodeSm1> {
+public:
+  static constexpr std::string_view name = "SrcAddrMAdstAddrMAmodeSm1";
+  static bool follows(Zel::Attribute const & attribute);
+
+  SrcAddrMAdstAddrMAmodeSm1(::TunnelIntfSnmp::TunnelInetConfigTableSm & root, Plexa::IntfId intfId,
+                            StatusPtr status);
+  void emit(Plexa::IntfId intfId, StatusPtr const & status);
+
+private:
+  ::TunnelIntfSnmp::TunnelInetConfigTableSm & root_;
+};
+
+using IntfStatusSm0 =
+    StatusParentSm<::TunnelIntfSnmp::TunnelInetConfigTableSm, SrcAddrMAdstAddrMAmodeSm1>;
+using IfIndexByIntfIdSm2 = IfIndexByIntfIdSm<::TunnelIntfSnmp::TunnelInetConfigTableSm>;
+
+} // namespace FlowaCode::TunnelInetConfigTableSm
+
+using MibTunnelInetConfigTableOutputKeyType =
+    OutputKeyType<TunnelInetConfigTableKey,
+                  "TunnelIntfSnmp::TunnelInetConfigTableSm::MibTunnelInetConfigTableOutputKeyType">;
+
+/// Works from its construction to its destruction, which leaves the rows in place. Rows that were
+/// in the table before are never taken over: an event that finds its key there adds nothing, and
+/// the reconciliation removes them.
+class TunnelInetConfigTableSm final
+    : public TableSm<TunnelMib::TunnelInetConfigTable, MibTunnelInetConfigTableOutputKeyType> {
+public:
+  using MibTunnelInetConfigTableOutputKeyType =
+      TunnelIntfSnmp::MibTunnelInetConfigTableOutputKeyType;
+  using EntryPtr = Zel::Ptr<TunnelInetConfigTableEntry const>;
+
+  /// Requires: no pointer is null; a null one is fatal.
+  TunnelInetConfigTableSm(Zel::Ptr<TunnelMib> mib, StatusDirPtr tunnelIntfStatusDir, IfMibPtr ifMib,
+                          Flowa::SmControl const & control);
+  ~TunnelInetConfigTableSm() override;
+  static Zel::Ptr<TunnelInetConfigTableSm>
+  TunnelInetConfigTableSmIs(Zel::Ptr<TunnelMib> const & mib,
+                            StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib,
+                            Flowa::SmControl const & control);
+  Zel::Type const & type() const override;
+  static Zel::Type const & typeDescription();
+
+  Zel::Ptr<TunnelMib> const & mib() const { return mib_; }
+  StatusDirPtr const & tunnelIntfStatusDir() const { return tunnelIntfStatusDir_; }
+  IfMibPtr const & ifMib() const { return ifMib_; }
+  Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore> const & localAttrStore() const {
+    return localAttrStore_;
+  }
+  Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0> intfStatusSm0() const;
+  Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2> ifIndexByIntfIdSm2() const;
+
+  // The streams. All return at once, without trace, while initialScanDone() is false.
+
+  /// The status came, changed or, without a value, went.
+  void eventToTisStream(Plexa::IntfId intfId, Zel::Optional<StatusPtr> const & intfStatusOpt);
+  /// The ifIndex came, changed or, without a value, went.
+  void eventToIfMibStream(Plexa::IntfId intfId, Zel::Optional<std::uint32_t> const & ifIndexOpt);
+  /// Deletes the row that was written for the ifIndex, if any.
+  void eventToDeleteStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt,
+                           bool isAdd);
+  /// Adds the status's row unless something is missing or its key is taken. Raises
+  /// Zel::BadOptionalAccess for isAdd without a status.
+  void eventToAddStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt,
+                        bool isAdd);
+  /// Tries every interface that has no row, except the one whose status was just processed.
+  void eventToRescanStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & processedTisOpt,
+                           bool isAdd);
+
+  /// What every write to the table goes through: with a value inserts or replaces, without deletes.
+  /// `statement` names the place in traces. Requires: the value's own key is `k1`; else it is
+  /// fatal.
+  void intoMibTable(std::string_view statement, TunnelInetConfigTableKey const & k1,
+                    EntryPtr const & value);
+
+private:
+  void checkInputs() const override;
+  Zel::Ptr<InputSm> createIfIndexSm() override;
+  Zel::Ptr<InputSm> createIntfStatusSm() override;
+  TunnelMib::TunnelInetConfigTable const & output() const override {
+    return mib_->tunnelInetConfigTable();
+  }
+  void deleteOutputRow(TunnelInetConfigTableKey const & k1) override;
+
+  void rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
+                 Zel::Optional<StatusPtr> const & processedTisOpt);
+
+  Zel::Ptr<TunnelMib> const mib_;
+  StatusDirPtr const tunnelIntfStatusDir_;
+  IfMibPtr const ifMib_;
+  Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore> const localAttrStore_;
+};
+Zel::Ptr<TunnelInetConfigTableSm>
+tunnelInetConfigTableSmFactory(Zel::Ptr<TunnelMib> const & mib,
+                               StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib,
+                               Flowa::SmControl const & control);
+
+} // namespace TunnelIntfSnmp
