@@ -141,7 +141,9 @@ void unregisterModule(MibModule & module, Zel::String const & context) {
 
 // Finding rows
 
-HintReader::HintReader(char const * table, Hint hint) : table_(table), rest_(hint->indexes) {}
+HintReader::HintReader(char const * table, Hint hint)
+    : table_(table),
+      rest_(hint == nullptr ? nullptr : hint->indexes) {}
 
 netsnmp_variable_list const * HintReader::next(char const * index, u_char asnType) {
   auto const * part = rest_;
@@ -161,15 +163,27 @@ std::optional<std::int32_t> HintReader::integer(char const * index) {
     return std::nullopt;
   try {
     auto const value = Snmp::AsnIntegerToS32(*part->val.integer);
-    LUMO_TRACE(snmpTrace(), 2, unit, "hint component {} is '{}'", index,
-               static_cast<std::uint32_t>(value));
-    ++found_;
+    use(index, printed(static_cast<std::uint32_t>(value)));
     return value;
   } catch (Zel::RangeException const & exception) {
     LUMO_TRACE(snmpTrace(), 0, unit, "hint for index {} of {} is out of range! {}", index, table_,
                exception.what());
     return std::nullopt;
   }
+}
+
+std::optional<Snmp::Bytes> HintReader::octets(char const * index) {
+  auto const * part = next(index, ASN_OCTET_STR);
+  if (part == nullptr)
+    return std::nullopt;
+  auto const value = Snmp::AsnOctetStringToSnmpBytes(part->val.string, part->val_len);
+  use(index, valueToStrep(value));
+  return value;
+}
+
+void HintReader::use(char const * index, std::string const & value) {
+  LUMO_TRACE(snmpTrace(), 2, unit, "hint component {} is '{}'", index, value);
+  ++found_;
 }
 
 std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
@@ -186,13 +200,37 @@ std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
   return static_cast<std::uint32_t>(*ifIndex);
 }
 
-void setIfIndex(char const * table, std::uint32_t ifIndex, netsnmp_variable_list * index) {
-  LUMO_TRACE(snmpTrace(), 2, unit, "{}IterationHelper - iterator has another value: ifIndex={}",
-             table, ifIndex);
+IndexWriter & IndexWriter::signed32(char const * name, std::int32_t value) {
   std::uint8_t buffer[integerCapacity];
-  auto const length =
-      Snmp::S32ToAsnInteger(static_cast<std::int32_t>(ifIndex), buffer, sizeof buffer);
-  snmp_set_var_typed_value(index, ASN_INTEGER, buffer, static_cast<std::size_t>(length));
+  trace(name, printed(static_cast<std::uint32_t>(value)));
+  set(ASN_INTEGER, buffer, Snmp::S32ToAsnInteger(value, buffer, sizeof buffer));
+  return *this;
+}
+
+IndexWriter & IndexWriter::unsigned32(char const * name, std::uint32_t value) {
+  std::uint8_t buffer[integerCapacity];
+  trace(name, printed(value));
+  set(ASN_INTEGER, buffer, Snmp::U32ToAsnUnsigned(value, buffer, sizeof buffer));
+  return *this;
+}
+
+IndexWriter & IndexWriter::octets(char const * name, Snmp::Bytes const & value) {
+  std::uint8_t buffer[octetsCapacity];
+  trace(name, valueToStrep(value));
+  set(ASN_OCTET_STR, buffer, Snmp::BytesToAsnOctetString(value, buffer, sizeof buffer));
+  return *this;
+}
+
+void IndexWriter::trace(char const * name, std::string_view value) const {
+  LUMO_TRACE(snmpTrace(), 2, unit, "{}IterationHelper - iterator has another value: {}={}", table_,
+             name, value);
+}
+
+void IndexWriter::set(u_char asnType, std::uint8_t const * buffer, int length) {
+  // An index of more octets than an OID can carry has no instance a manager could name.
+  auto const size = length < 0 ? 0 : static_cast<std::size_t>(length);
+  snmp_set_var_typed_value(next_, asnType, buffer, size);
+  next_ = next_->next_variable;
 }
 
 // Answering
@@ -200,6 +238,12 @@ void setIfIndex(char const * table, std::uint32_t ifIndex, netsnmp_variable_list
 bool Answer::unsigned32(std::uint32_t value, char const * name) {
   std::uint8_t buffer[integerCapacity];
   return integer(Snmp::U32ToAsnUnsigned(value, buffer, sizeof buffer), buffer, "U32ToAsnUnsigned",
+                 name);
+}
+
+bool Answer::signed32(std::int32_t value, char const * name) {
+  std::uint8_t buffer[integerCapacity];
+  return integer(Snmp::S32ToAsnInteger(value, buffer, sizeof buffer), buffer, "S32ToAsnInteger",
                  name);
 }
 

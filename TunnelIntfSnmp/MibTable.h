@@ -83,15 +83,18 @@ using Hint = netsnmp_table_request_info const *;
 /// The parts of a hint, read one by one in index order. Each part that cannot be used is traced.
 class HintReader {
 public:
+  /// A null hint has no parts.
   HintReader(char const * table, Hint hint);
 
   /// The next part, or nothing when it is missing, has another type, or is out of range.
   std::optional<std::int32_t> integer(char const * index);
+  std::optional<Snmp::Bytes> octets(char const * index);
   /// Parts that could be used so far.
   std::size_t found() const { return found_; }
 
 private:
   netsnmp_variable_list const * next(char const * index, u_char asnType);
+  void use(char const * index, std::string const & value);
 
   char const * const table_;
   netsnmp_variable_list const * rest_;
@@ -100,8 +103,23 @@ private:
 
 /// The row key of a hint for a table that is indexed by ifIndex alone, or nothing.
 std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint);
-/// Sets the index varbind of such a table.
-void setIfIndex(char const * table, std::uint32_t ifIndex, netsnmp_variable_list * index);
+
+/// Sets the index varbinds of a row, one after the other in index order.
+class IndexWriter {
+public:
+  IndexWriter(char const * table, netsnmp_variable_list * first) : table_(table), next_(first) {}
+
+  IndexWriter & signed32(char const * name, std::int32_t value);
+  IndexWriter & unsigned32(char const * name, std::uint32_t value);
+  IndexWriter & octets(char const * name, Snmp::Bytes const & value);
+
+private:
+  void trace(char const * name, std::string_view value) const;
+  void set(u_char asnType, std::uint8_t const * buffer, int length);
+
+  char const * const table_;
+  netsnmp_variable_list * next_;
+};
 
 /// The iterator's callbacks for one table. `Table` says what is particular to it:
 ///
@@ -160,12 +178,13 @@ class Answer {
 public:
   Answer(char const * table, netsnmp_request_info * request) : table_(table), request_(request) {}
 
-  /// A value as ASN_INTEGER.
+  /// Values as ASN_INTEGER.
   bool unsigned32(std::uint32_t value, char const * name);
+  bool signed32(std::int32_t value, char const * name);
   /// An address as ASN_OCTET_STR: 4 octets, 16, or none.
   bool address(Plexa::IpGenAddr const & value, char const * name);
 
-  /// What the two do with the `length` that an encoder returned.
+  /// What the three do with the `length` that an encoder returned.
   bool integer(int length, std::uint8_t const * buffer, char const * encoder, char const * name);
   bool octets(int length, std::uint8_t const * buffer, char const * encoder, char const * name);
 

@@ -30,6 +30,7 @@ TunnelIntfSnmpAgent::TunnelIntfSnmpAgent(Zel::Ptr<TunnelMib> tunnelMib,
 
 TunnelIntfSnmpAgent::~TunnelIntfSnmpAgent() {
   tunnelIfTableSmDel();
+  tunnelInetConfigTableSmDel();
 }
 
 void TunnelIntfSnmpAgent::handleInitialized() {
@@ -37,6 +38,8 @@ void TunnelIntfSnmpAgent::handleInitialized() {
              "void TunnelIntfSnmp::TunnelIntfSnmpAgent::handleInitialized()");
   LUMO_TRACE(agentTrace(), 9, unitName, "Creating TunnelIfTableSm");
   tunnelIfTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, smControl_);
+  LUMO_TRACE(agentTrace(), 9, unitName, "Creating TunnelInetConfigTableSm");
+  tunnelInetConfigTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, smControl_);
 }
 
 namespace {
@@ -72,8 +75,18 @@ TunnelIntfSnmpAgent::tunnelIfTableSmIs(Zel::Ptr<TunnelMib> const & tunnelMib,
   return smIs(tunnelIfTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib);
 }
 
+Zel::Ptr<TunnelInetConfigTableSm> TunnelIntfSnmpAgent::tunnelInetConfigTableSmIs(
+    Zel::Ptr<TunnelMib> const & tunnelMib, StatusDirPtr const & tunnelIntfStatusDir,
+    IfMibPtr const & ifMib, Flowa::SmControl const & smControl) {
+  return smIs(tunnelInetConfigTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib);
+}
+
 void TunnelIntfSnmpAgent::tunnelIfTableSmDel() {
   tunnelIfTableSm_ = nullptr;
+}
+
+void TunnelIntfSnmpAgent::tunnelInetConfigTableSmDel() {
+  tunnelInetConfigTableSm_ = nullptr;
 }
 
 // The root
@@ -130,7 +143,9 @@ Zel::Type const & TunnelIntfSnmpAgent::typeDescription() {
       {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Agent::ifMib>},
       {"ikeStatus", "Ipsec::Ike::Status", Zel::getBy<&Agent::ikeStatus>},
       {"smControl", "Flowa::SmControl"},
-      {"tunnelIfTableSm", "TunnelIntfSnmp::TunnelIfTableSm", Zel::getBy<&Agent::tunnelIfTableSm>}};
+      {"tunnelIfTableSm", "TunnelIntfSnmp::TunnelIfTableSm", Zel::getBy<&Agent::tunnelIfTableSm>},
+      {"tunnelInetConfigTableSm", "TunnelIntfSnmp::TunnelInetConfigTableSm",
+       Zel::getBy<&Agent::tunnelInetConfigTableSm>}};
   static auto const attributes = Zel::pointersTo(list);
   static Zel::Type const type{"TunnelIntfSnmp::TunnelIntfSnmpAgent", attributes};
   return type;
@@ -182,9 +197,12 @@ namespace {
 
 std::array<Zel::Type const *, 2> const types{&Root::typeDescription(),
                                              &TunnelIntfSnmpAgent::typeDescription()};
-constexpr std::array<std::string_view, 5> outsideTypes{
-    "TunnelIntfSnmp::TunnelMib", "TunnelIntfSnmp::TunnelIfTableSm",
-    "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib", "Ipsec::Ike::Status"};
+constexpr std::array<std::string_view, 6> outsideTypes{"TunnelIntfSnmp::TunnelMib",
+                                                       "TunnelIntfSnmp::TunnelIfTableSm",
+                                                       "TunnelIntfSnmp::TunnelInetConfigTableSm",
+                                                       "Interface::TunnelIntfStatusDir",
+                                                       "IntfSnmp::IfMib",
+                                                       "Ipsec::Ike::Status"};
 Zel::Module const moduleRecord{unitName, "ns-", types, outsideTypes};
 Zel::zelModuleIs const _TunnelIntfSnmpAgent_4f04f781_zelModule(moduleRecord);
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "TunnelIntfSnmp/TunnelIfTableSm.h"
+#include "TunnelIntfSnmp/TunnelInetConfigTableSm.h"
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include "platform/Flowa.h"
 #include "platform/Zel.h"
@@ -33,14 +34,23 @@ public:
   void handleInitialized();
 
   Zel::Ptr<TunnelIfTableSm> const & tunnelIfTableSm() const { return tunnelIfTableSm_; }
-  /// Keeps the machine if it has these very inputs, else replaces it by a new one; in any case the
-  /// machine that stays or goes is given `smControl`. Returns the machine that is there now.
+  Zel::Ptr<TunnelInetConfigTableSm> const & tunnelInetConfigTableSm() const {
+    return tunnelInetConfigTableSm_;
+  }
+
+  // Each keeps the machine if it has these very inputs, else replaces it by a new one; in any case
+  // the machine that stays or goes is given `smControl`. Returns the machine that is there now.
   Zel::Ptr<TunnelIfTableSm> tunnelIfTableSmIs(Zel::Ptr<TunnelMib> const & tunnelMib,
                                               StatusDirPtr const & tunnelIntfStatusDir,
                                               IfMibPtr const & ifMib,
                                               Flowa::SmControl const & smControl);
-  /// Removes the machine, if there is one.
+  Zel::Ptr<TunnelInetConfigTableSm>
+  tunnelInetConfigTableSmIs(Zel::Ptr<TunnelMib> const & tunnelMib,
+                            StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib,
+                            Flowa::SmControl const & smControl);
+  // Each removes the machine, if there is one.
   void tunnelIfTableSmDel();
+  void tunnelInetConfigTableSmDel();
 
 private:
   Zel::Ptr<TunnelMib> const tunnelMib_;
@@ -49,6 +59,7 @@ private:
   IkeStatusPtr const ikeStatus_;
   Flowa::SmControl smControl_;
   Zel::Ptr<TunnelIfTableSm> tunnelIfTableSm_;
+  Zel::Ptr<TunnelInetConfigTableSm> tunnelInetConfigTableSm_;
 };
 
 /// The entity by which a host reaches the plug-in. It notifies `tunnelIntfSnmpAgent`.

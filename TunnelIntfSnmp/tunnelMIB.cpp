@@ -33,7 +33,7 @@ struct TunnelIfTable {
   static std::uint32_t key(TunnelIfTableEntry const & row) { return row.ifIndex(); }
   static std::optional<std::uint32_t> hintKey(Hint hint) { return ifIndexOfHint(name, hint); }
   static void setIndexes(TunnelIfTableEntry const & row, netsnmp_variable_list * index) {
-    setIfIndex(name, row.ifIndex(), index);
+    IndexWriter(name, index).signed32("ifIndex", static_cast<std::int32_t>(row.ifIndex()));
   }
   static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
     switch (column) {
@@ -80,6 +80,99 @@ MibTableRegistration const tunnelIfTableRegistration{
     .freeDataContext = tunnelIfTable_free_data_context,
     .freeLoopContextAtEnd = tunnelIfTable_free_loop_context_at_end};
 
+// tunnelInetConfigTable, RFC 4087: one row for each pair of endpoints, indexed by type, local
+// address, remote address, encapsulation and id
+struct TunnelInetConfigTable {
+  static constexpr char const * name = "tunnelInetConfigTable";
+  static constexpr char const * unit = "tunnelMIB";
+  static constexpr char const * keyType = "TunnelIntfSnmp::TunnelInetConfigTableKey";
+  static constexpr std::array<MibColumn, 3> columns{{
+      {6, "tunnelInetConfigIfIndex", true, false},
+      {7, "tunnelInetConfigStatus", true, true},
+      {8, "tunnelInetConfigStorageType", true, true},
+  }};
+
+  static TunnelMib::TunnelInetConfigTable const & rows(TunnelMib const & mib) {
+    return mib.tunnelInetConfigTable();
+  }
+  static TunnelInetConfigTableKey const & key(TunnelInetConfigTableEntry const & row) {
+    return row.key();
+  }
+  static std::optional<TunnelInetConfigTableKey> hintKey(Hint hint);
+  static void setIndexes(TunnelInetConfigTableEntry const & row, netsnmp_variable_list * index) {
+    IndexWriter(name, index)
+        .signed32("addrType", static_cast<std::int32_t>(row.addrType()))
+        .octets("localAddr", row.localAddr())
+        .octets("remoteAddr", row.remoteAddr())
+        .unsigned32("encapsMethod", row.encapsMethod())
+        .unsigned32("configId", row.configId());
+  }
+  static bool get(TunnelInetConfigTableEntry const & row, unsigned int column, Answer & answer) {
+    switch (column) {
+    case 6:
+      return answer.signed32(static_cast<std::int32_t>(row.ifIndex()), "ifIndex");
+    case 7:
+      return answer.signed32(static_cast<std::int32_t>(row.rowStatus()), "rowStatus");
+    case 8:
+      return answer.signed32(static_cast<std::int32_t>(row.storageType()), "storageType");
+    }
+    LUMO_ASSERT(false, "column {} of {} is said to be served", column, name);
+  }
+};
+
+std::uint32_t keyNumber(std::int32_t part) {
+  if (part < 0)
+    throw Zel::RangeException(fmt::format("{} is negative", part));
+  return static_cast<std::uint32_t>(part);
+}
+
+std::optional<TunnelInetConfigTableKey> TunnelInetConfigTable::hintKey(Hint hint) {
+  constexpr std::size_t components = 5;
+  HintReader parts(name, hint != nullptr && hint->number_indexes == components ? hint : nullptr);
+  auto const addressType = parts.integer("tunnelInetConfigAddressType");
+  auto const local = parts.octets("tunnelInetConfigLocalAddress");
+  auto const remote = parts.octets("tunnelInetConfigRemoteAddress");
+  auto const encapsMethod = parts.integer("tunnelInetConfigEncapsMethod");
+  auto const configId = parts.integer("tunnelInetConfigID");
+  if (parts.found() < components) {
+    LUMO_TRACE(snmpTrace(), 2, unit,
+               "{}_get_first_data_point - needed {} components, found only {}", name, components,
+               parts.found());
+    return std::nullopt;
+  }
+  return TunnelInetConfigTableKey(Snmp::InetAddress(keyNumber(*addressType), *local), *remote,
+                                  keyNumber(*encapsMethod), keyNumber(*configId));
+}
+
+using InetConfigWalk = TableWalk<TunnelInetConfigTable>;
+constexpr auto * tunnelInetConfigTable_get_first_data_point = InetConfigWalk::getFirst;
+constexpr auto * tunnelInetConfigTable_get_next_data_point = InetConfigWalk::getNext;
+constexpr auto * tunnelInetConfigTable_make_data_context = InetConfigWalk::makeDataContext;
+constexpr auto * tunnelInetConfigTable_free_data_context = InetConfigWalk::freeDataContext;
+constexpr auto * tunnelInetConfigTable_free_loop_context_at_end =
+    InetConfigWalk::freeLoopContextAtEnd;
+
+constexpr std::array<oid, 11> tunnelInetConfigTableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 3};
+constexpr std::array<MibIndex, 5> tunnelInetConfigTableIndexes{
+    {{"tunnelInetConfigAddressType", ASN_INTEGER},
+     {"tunnelInetConfigLocalAddress", ASN_OCTET_STR},
+     {"tunnelInetConfigRemoteAddress", ASN_OCTET_STR},
+     {"tunnelInetConfigEncapsMethod", ASN_INTEGER},
+     {"tunnelInetConfigID", ASN_INTEGER}}};
+std::array<unsigned int, 3> tunnelInetConfigTableColumns{6, 7, 8};
+
+MibTableRegistration const tunnelInetConfigTableRegistration{
+    .table = TunnelInetConfigTable::name,
+    .rootOid = tunnelInetConfigTableOid,
+    .indexes = tunnelInetConfigTableIndexes,
+    .validColumns = tunnelInetConfigTableColumns,
+    .handler = tunnelInetConfigTable_handler,
+    .getFirstDataPoint = tunnelInetConfigTable_get_first_data_point,
+    .getNextDataPoint = tunnelInetConfigTable_get_next_data_point,
+    .makeDataContext = tunnelInetConfigTable_make_data_context,
+    .freeDataContext = tunnelInetConfigTable_free_data_context,
+    .freeLoopContextAtEnd = tunnelInetConfigTable_free_loop_context_at_end};
+
 // The module, and how the agent learns of it when the library is loaded
 
 MibModule tunnelMIB{.name = "tunnelMIB"};
@@ -106,6 +199,7 @@ void init_tunnelMIB(Zel::String context) {
   auto const config = SnmpUtil::getSnmpConfig();
   debugInitializing(tunnelMIB, context);
   initialize_table_tunnelIfTable(config, context);
+  initialize_table_tunnelInetConfigTable(config, context);
   Snmp::registerMibContext(tunnelMIB.name, context);
 }
 
@@ -117,7 +211,17 @@ void initialize_table_tunnelIfTable(Snmp::Config::PtrConst, Zel::String context)
   initializeTable(tunnelMIB, tunnelIfTableRegistration, context);
 }
 
+void initialize_table_tunnelInetConfigTable(Snmp::Config::PtrConst, Zel::String context) {
+  initializeTable(tunnelMIB, tunnelInetConfigTableRegistration, context);
+}
+
 int tunnelIfTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,
                           netsnmp_agent_request_info * agentInfo, netsnmp_request_info * requests) {
   return answerRequests<TunnelIfTable>(*agentInfo, requests);
+}
+
+int tunnelInetConfigTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,
+                                  netsnmp_agent_request_info * agentInfo,
+                                  netsnmp_request_info * requests) {
+  return answerRequests<TunnelInetConfigTable>(*agentInfo, requests);
 }

@@ -24,13 +24,14 @@ extern "C" {
 /// Takes back what init_tunnelMIB made for the context. Requires: no request is being served.
 [[gnu::visibility("default")]] void unregister_tunnelMIB(Zel::String context);
 
-/// Registers one table. `config` is not consulted.
+// Each registers one table. `config` is not consulted.
 [[gnu::visibility("default")]] void initialize_table_tunnelIfTable(Snmp::Config::PtrConst config,
                                                                    Zel::String context);
+[[gnu::visibility("default")]] void
+initialize_table_tunnelInetConfigTable(Snmp::Config::PtrConst config, Zel::String context);
 
-/// Answers the requests for tunnelIfTable: GETs from the row that the iterator found, every SET
-/// with notWritable. Returns an SNMP error status.
-[[gnu::visibility("default")]] int
-tunnelIfTable_handler(netsnmp_mib_handler * handler, netsnmp_handler_registration * registration,
-                      netsnmp_agent_request_info * agentInfo, netsnmp_request_info * requests);
+// Each answers the requests for one table: GETs from the row that the iterator found, every SET
+// with notWritable. Returns an SNMP error status.
+[[gnu::visibility("default")]] Netsnmp_Node_Handler tunnelIfTable_handler;
+[[gnu::visibility("default")]] Netsnmp_Node_Handler tunnelInetConfigTable_handler;
 }

@@ -74,7 +74,8 @@ InProcessAgent::InProcessAgent() {
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_DONT_PERSIST_STATE, 1);
   netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_OID_OUTPUT_FORMAT,
                      NETSNMP_OID_OUTPUT_NUMERIC);
-  snmp_disable_log();
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS,
+                         1);
   add_to_init_list(std::string("-smux").data());
   init_agent("test");
   configure("rwcommunity public 127.0.0.1");

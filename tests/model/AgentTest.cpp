@@ -121,7 +121,8 @@ TEST_F(RootTest, TracesTheStartOfTheAgent) {
   EXPECT_EQ(traces.texts(8),
             std::vector<std::string>{
                 "Enter void TunnelIntfSnmp::TunnelIntfSnmpAgent::handleInitialized()"});
-  EXPECT_THAT(traces.texts(9), ElementsAre("Creating TunnelIfTableSm"));
+  EXPECT_THAT(traces.texts(9),
+              ElementsAre("Creating TunnelIfTableSm", "Creating TunnelInetConfigTableSm"));
 }
 
 TEST_F(RootTest, StartsItsMachinesWithTheDefaultControlRecord) {

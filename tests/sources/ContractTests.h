@@ -1,5 +1,5 @@
 // What every source must do, whatever it reads. A source takes part by giving a SourceWorld and
-// saying INSTANTIATE_TEST_SUITE_P(Json, SourceContract, testing::Values(&makeJsonWorld)).
+// saying INSTANTIATE_TEST_SUITE_P(Json, SourceContract, testing::Values(SourceKind{"json", make})).
 #pragma once
 
 #include "sources/Source.h"
@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <ostream>
 #include <string>
 
 /// The outside world that a source looks at. It has tunnels 1 to 3, which all can come and go.
@@ -24,7 +25,16 @@ public:
   virtual std::string whyNot() const { return ""; }
 };
 
-class SourceContract : public testing::TestWithParam<std::unique_ptr<SourceWorld> (*)()> {
+/// Which source is tested, and how its world is made.
+struct SourceKind {
+  char const * name;
+  std::unique_ptr<SourceWorld> (*makeWorld)();
+};
+inline void PrintTo(SourceKind const & kind, std::ostream * out) {
+  *out << kind.name;
+}
+
+class SourceContract : public testing::TestWithParam<SourceKind> {
 protected:
   void SetUp() override {
     if (!world->whyNot().empty())
@@ -48,7 +58,7 @@ protected:
     document.apply(nlohmann::json::array({{{"op", op}, {"path", path}, {"value", value}}}));
   }
 
-  std::unique_ptr<SourceWorld> const world = GetParam()();
+  std::unique_ptr<SourceWorld> const world = GetParam().makeWorld();
   TestLoop loop;
   StateDb::StateDb database;
   StateDb::StateDocument document{database};

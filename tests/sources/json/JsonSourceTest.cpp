@@ -39,7 +39,7 @@ private:
 std::unique_ptr<SourceWorld> makeJsonWorld() {
   return std::make_unique<JsonWorld>();
 }
-INSTANTIATE_TEST_SUITE_P(Json, SourceContract, testing::Values(&makeJsonWorld));
+INSTANTIATE_TEST_SUITE_P(Json, SourceContract, testing::Values(SourceKind{"json", &makeJsonWorld}));
 
 /// A document with one tunnel, whose ToS tells documents apart.
 std::string tunnel(int tos) {
