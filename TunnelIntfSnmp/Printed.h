@@ -20,6 +20,9 @@ std::string printed(T const & value) {
 inline std::string printed(StatusPtr const & status) {
   return status ? fmt::format("Interface::TunnelIntfStatus( {} )", status->intfId()) : "null";
 }
+inline std::string printed(IkeStatusPtr const & status) {
+  return status ? fmt::format("Ipsec::Ike::Status( {} )", status->name()) : "null";
+}
 template <class T>
 std::string printed(Zel::Optional<T> const & value) {
   return value ? "Optional( " + printed(*value) + " )" : "None";

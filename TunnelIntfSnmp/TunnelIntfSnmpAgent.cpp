@@ -31,6 +31,7 @@ TunnelIntfSnmpAgent::TunnelIntfSnmpAgent(Zel::Ptr<TunnelMib> tunnelMib,
 TunnelIntfSnmpAgent::~TunnelIntfSnmpAgent() {
   tunnelIfTableSmDel();
   tunnelInetConfigTableSmDel();
+  ipsecTunnelIfTableSmDel();
 }
 
 void TunnelIntfSnmpAgent::handleInitialized() {
@@ -40,6 +41,8 @@ void TunnelIntfSnmpAgent::handleInitialized() {
   tunnelIfTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, smControl_);
   LUMO_TRACE(agentTrace(), 9, unitName, "Creating TunnelInetConfigTableSm");
   tunnelInetConfigTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, smControl_);
+  LUMO_TRACE(agentTrace(), 9, unitName, "Creating IpsecTunnelIfTableSm");
+  ipsecTunnelIfTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, ikeStatus_, smControl_);
 }
 
 namespace {
@@ -50,6 +53,12 @@ bool hasInputs(Sm const & sm, Zel::Ptr<TunnelMib> const & tunnelMib,
                StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib) {
   return sm.mib() == tunnelMib && sm.tunnelIntfStatusDir() == tunnelIntfStatusDir &&
          sm.ifMib() == ifMib;
+}
+
+bool hasInputs(IpsecTunnelIfTableSm const & sm, Zel::Ptr<TunnelMib> const & tunnelMib,
+               StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib,
+               IkeStatusPtr const & ikeStatus) {
+  return hasInputs(sm, tunnelMib, tunnelIntfStatusDir, ifMib) && sm.ikeStatus() == ikeStatus;
 }
 
 // Finds or replaces the machine that an attribute holds.
@@ -81,12 +90,22 @@ Zel::Ptr<TunnelInetConfigTableSm> TunnelIntfSnmpAgent::tunnelInetConfigTableSmIs
   return smIs(tunnelInetConfigTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib);
 }
 
+Zel::Ptr<IpsecTunnelIfTableSm> TunnelIntfSnmpAgent::ipsecTunnelIfTableSmIs(
+    Zel::Ptr<TunnelMib> const & tunnelMib, StatusDirPtr const & tunnelIntfStatusDir,
+    IfMibPtr const & ifMib, IkeStatusPtr const & ikeStatus, Flowa::SmControl const & smControl) {
+  return smIs(ipsecTunnelIfTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib, ikeStatus);
+}
+
 void TunnelIntfSnmpAgent::tunnelIfTableSmDel() {
   tunnelIfTableSm_ = nullptr;
 }
 
 void TunnelIntfSnmpAgent::tunnelInetConfigTableSmDel() {
   tunnelInetConfigTableSm_ = nullptr;
+}
+
+void TunnelIntfSnmpAgent::ipsecTunnelIfTableSmDel() {
+  ipsecTunnelIfTableSm_ = nullptr;
 }
 
 // The root
@@ -145,7 +164,9 @@ Zel::Type const & TunnelIntfSnmpAgent::typeDescription() {
       {"smControl", "Flowa::SmControl"},
       {"tunnelIfTableSm", "TunnelIntfSnmp::TunnelIfTableSm", Zel::getBy<&Agent::tunnelIfTableSm>},
       {"tunnelInetConfigTableSm", "TunnelIntfSnmp::TunnelInetConfigTableSm",
-       Zel::getBy<&Agent::tunnelInetConfigTableSm>}};
+       Zel::getBy<&Agent::tunnelInetConfigTableSm>},
+      {"ipsecTunnelIfTableSm", "TunnelIntfSnmp::IpsecTunnelIfTableSm",
+       Zel::getBy<&Agent::ipsecTunnelIfTableSm>}};
   static auto const attributes = Zel::pointersTo(list);
   static Zel::Type const type{"TunnelIntfSnmp::TunnelIntfSnmpAgent", attributes};
   return type;
@@ -197,7 +218,7 @@ namespace {
 
 std::array<Zel::Type const *, 2> const types{&Root::typeDescription(),
                                              &TunnelIntfSnmpAgent::typeDescription()};
-constexpr std::array<std::string_view, 6> outsideTypes{"TunnelIntfSnmp::TunnelMib",
+constexpr std::array<std::string_view, 7> outsideTypes{"TunnelIntfSnmp::TunnelMib",
                                                        "TunnelIntfSnmp::TunnelIfTableSm",
                                                        "TunnelIntfSnmp::TunnelInetConfigTableSm",
                                                        "Interface::TunnelIntfStatusDir",

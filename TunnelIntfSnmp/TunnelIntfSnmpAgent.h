@@ -2,6 +2,7 @@
 // that it owns, which creates and owns the table state machines.
 #pragma once
 
+#include "TunnelIntfSnmp/IpsecTunnelIfTableSm.h"
 #include "TunnelIntfSnmp/TunnelIfTableSm.h"
 #include "TunnelIntfSnmp/TunnelInetConfigTableSm.h"
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
@@ -15,8 +16,8 @@ namespace TunnelIntfSnmp {
 /// its control record. Its destruction removes them in the order in which they were created.
 class TunnelIntfSnmpAgent : public Zel::PtrInterface {
 public:
-  /// Creates the machines before it returns. Requires: `tunnelMib`, `tunnelIntfStatusDir` and
-  /// `ifMib` are not null; a null one is fatal.
+  /// Creates the machines before it returns. Requires: no pointer is null; a null one is
+  /// fatal.
   TunnelIntfSnmpAgent(Zel::Ptr<TunnelMib> tunnelMib, StatusDirPtr tunnelIntfStatusDir,
                       IfMibPtr ifMib, IkeStatusPtr ikeStatus);
   ~TunnelIntfSnmpAgent() override;
@@ -37,6 +38,9 @@ public:
   Zel::Ptr<TunnelInetConfigTableSm> const & tunnelInetConfigTableSm() const {
     return tunnelInetConfigTableSm_;
   }
+  Zel::Ptr<IpsecTunnelIfTableSm> const & ipsecTunnelIfTableSm() const {
+    return ipsecTunnelIfTableSm_;
+  }
 
   // Each keeps the machine if it has these very inputs, else replaces it by a new one; in any case
   // the machine that stays or goes is given `smControl`. Returns the machine that is there now.
@@ -48,9 +52,15 @@ public:
   tunnelInetConfigTableSmIs(Zel::Ptr<TunnelMib> const & tunnelMib,
                             StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib,
                             Flowa::SmControl const & smControl);
+  Zel::Ptr<IpsecTunnelIfTableSm> ipsecTunnelIfTableSmIs(Zel::Ptr<TunnelMib> const & tunnelMib,
+                                                        StatusDirPtr const & tunnelIntfStatusDir,
+                                                        IfMibPtr const & ifMib,
+                                                        IkeStatusPtr const & ikeStatus,
+                                                        Flowa::SmControl const & smControl);
   // Each removes the machine, if there is one.
   void tunnelIfTableSmDel();
   void tunnelInetConfigTableSmDel();
+  void ipsecTunnelIfTableSmDel();
 
 private:
   Zel::Ptr<TunnelMib> const tunnelMib_;
@@ -60,6 +70,7 @@ private:
   Flowa::SmControl smControl_;
   Zel::Ptr<TunnelIfTableSm> tunnelIfTableSm_;
   Zel::Ptr<TunnelInetConfigTableSm> tunnelInetConfigTableSm_;
+  Zel::Ptr<IpsecTunnelIfTableSm> ipsecTunnelIfTableSm_;
 };
 
 /// The entity by which a host reaches the plug-in. It notifies `tunnelIntfSnmpAgent`.

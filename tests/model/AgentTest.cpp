@@ -122,7 +122,8 @@ TEST_F(RootTest, TracesTheStartOfTheAgent) {
             std::vector<std::string>{
                 "Enter void TunnelIntfSnmp::TunnelIntfSnmpAgent::handleInitialized()"});
   EXPECT_THAT(traces.texts(9),
-              ElementsAre("Creating TunnelIfTableSm", "Creating TunnelInetConfigTableSm"));
+              ElementsAre("Creating TunnelIfTableSm", "Creating TunnelInetConfigTableSm",
+                          "Creating IpsecTunnelIfTableSm"));
 }
 
 TEST_F(RootTest, StartsItsMachinesWithTheDefaultControlRecord) {
