@@ -12,6 +12,18 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+/// Puts the process into a new, empty network namespace. Says why not where none may be made, and
+/// nothing otherwise.
+std::string enterNewNetwork();
+/// Runs the ip command; a failure is the test's.
+void ip(std::string const & arguments);
+/// Runs several, one a line, as fast as possible.
+void ipBatch(std::string const & lines);
+/// True if and only if the command succeeded.
+bool ipSucceeds(std::string const & arguments);
+/// The link's index as text; fails the test when there is no such link.
+std::string idOf(std::string const & link);
+
 /// Each test begins in a new, empty namespace; it is skipped where none may be made.
 class KernelLinks : public testing::Test {
 protected:
@@ -24,15 +36,6 @@ protected:
   void settle() { loop.runReady(); }
   /// Lets the time of the next regular full read come.
   void passFullReadPeriod() { loop.advance(Sources::LinuxSource::fullReadPeriod); }
-
-  /// Runs the ip command; a failure is the test's.
-  void ip(std::string const & arguments);
-  /// Runs several, one a line, as fast as possible.
-  void ipBatch(std::string const & lines);
-  /// True if and only if the command succeeded.
-  static bool ipSucceeds(std::string const & arguments);
-  /// The link's index as text; fails the test when there is no such link.
-  static std::string idOf(std::string const & link);
 
   /// What is published under that id: the status, null when there is none.
   nlohmann::json status(std::string const & id) const {
