@@ -26,15 +26,18 @@ public:
     Zel::Ptr<TableSmBase> const keepMachine(&parent());
     if (!initialized())
       return;
-    scanBegins();
+    LUMO_TRACE(trace(), 9, unit(), "");
+    LUMO_TRACE(trace(), 9, unit(), " scan complete: {} resumed: {} scan: {}", streamScanned(),
+               inputScanComplete(), static_cast<unsigned>(scanState()));
     if (inputScanComplete())
       return;
     LUMO_ASSERT(en(), "Sm args can only be null if marked as Optional in the SM type declaration");
     std::uint64_t iterations = 0;
+    Zel::FirstException exception; // of whoever hears of a row: it must not end the scan
     for (auto position = scanFrom(); position != collection().end();) {
       auto const key = position->first;
       auto const stamp = collection().changeStamp();
-      handleKey(key);
+      exception.run([&] { handleKey(key); });
       keyScanned();
       ++iterations;
       position =
@@ -43,11 +46,12 @@ public:
         inputScanBookmark_ = position->first;
         scanYields(iterations);
         observeChangeStamp();
-        return;
+        return exception.rethrow();
       }
     }
     observeChangeStamp();
-    scanCompletes();
+    exception.run([&] { scanCompletes(); });
+    exception.rethrow();
   }
 
   void doDeleteAll() override {
@@ -61,12 +65,16 @@ public:
   }
 
   void hasNotificationActiveIs(bool on) override {
-    InputSm::hasNotificationActiveIs(on);
-    en_->hasNotificationActiveIs(on);
+    Zel::FirstException exception;
+    exception.run([&] { InputSm::hasNotificationActiveIs(on); });
+    exception.run([&] { en_->hasNotificationActiveIs(on); });
+    exception.rethrow();
   }
   void zelDoZombieReactors(bool doIt) override {
-    en_->zelDoZombieReactors(doIt);
-    InputSm::zelDoZombieReactors(doIt);
+    Zel::FirstException exception;
+    exception.run([&] { en_->zelDoZombieReactors(doIt); });
+    exception.run([&] { InputSm::zelDoZombieReactors(doIt); });
+    exception.rethrow();
   }
 
 protected:

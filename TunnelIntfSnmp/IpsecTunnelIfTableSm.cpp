@@ -103,7 +103,7 @@ void IpsecTunnelIfTableSm::eventToTisIpsecStream(Plexa::IntfId intfId,
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  eventToUpdateStream(*ifIndex, statusOf(intfId));
+  eventToUpdateStream(*ifIndex, statusOptOf(intfId));
 }
 
 void IpsecTunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
@@ -117,7 +117,7 @@ void IpsecTunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  auto const status = statusOf(intfId);
+  auto const status = statusOptOf(intfId);
   if (!status) {
     LUMO_TRACE(trace(), 6, unit(), "filter( intfStatusOpt ) failed, terminating pipeline");
     return;
@@ -139,24 +139,29 @@ void IpsecTunnelIfTableSm::eventToUpdateStream(std::uint32_t ifIndex,
     deleteOutputRow(ifIndex);
 }
 
-Zel::Optional<StatusPtr> IpsecTunnelIfTableSm::statusOf(Plexa::IntfId intfId) const {
-  auto const * status = tunnelIntfStatusDir_->intfStatus().find(intfId);
-  return status != nullptr && *status ? Zel::Optional<StatusPtr>(*status) : std::nullopt;
+// The status as the pipeline's optional.
+Zel::Optional<StatusPtr> IpsecTunnelIfTableSm::statusOptOf(Plexa::IntfId intfId) const {
+  auto status = statusOf(*tunnelIntfStatusDir_, intfId);
+  return status ? Zel::Optional<StatusPtr>(std::move(status)) : std::nullopt;
 }
 
 // Writes to the output table
 
 void IpsecTunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status) {
+  Zel::FirstException exception; // of whoever hears of the deletion: the new row must not miss it
   if (auto const row = mib_->ipsecTunnelIfTable(k1)) {
     if (row->tunnelIntfStatus() == status)
       return;
-    mib_->ipsecTunnelIfTableDel(k1);
+    if (!makeRoom(*tunnelIntfStatusDir_, status, exception,
+                  [&] { mib_->ipsecTunnelIfTableDel(k1); }))
+      return exception.rethrow();
   }
-  mib_->ipsecTunnelIfTableIs(k1, status, ikeStatus_);
+  exception.run([&] { mib_->ipsecTunnelIfTableIs(k1, status, ikeStatus_); });
   LUMO_TRACE(
       trace(), 7, unit(),
       "into( mib.ipsecTunnelIfTable[ ifIndex ] ): inserting k1={}, value=Tuple( {}, {}, {} )", k1,
       k1, printed(status), printed(ikeStatus_));
+  exception.rethrow();
 }
 
 void IpsecTunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
@@ -179,8 +184,13 @@ Zel::Type const & IpsecTunnelIfTableSm::type() const {
 Zel::Type const & IpsecTunnelIfTableSm::typeDescription() {
   using Sm = IpsecTunnelIfTableSm;
   static Zel::Attribute const own[] = {
-      {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
+      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
+      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
+       Zel::getBy<&Sm::tunnelIntfStatusDir>},
+      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
+      {"ikeStatus", "Ipsec::Ike::Status", Zel::getBy<&Sm::ikeStatus>},
       {"ifIndexByIntfIdSm2", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm2>},
+      {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
       {"mibIpsecTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
   static auto const attributes = attributesOf(own);
   static Zel::Type const type{"TunnelIntfSnmp::IpsecTunnelIfTableSm", attributes};

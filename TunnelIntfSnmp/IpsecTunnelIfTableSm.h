@@ -75,7 +75,7 @@ private:
   }
   void deleteOutputRow(std::uint32_t const & k1) override;
   void insertOutputRow(std::uint32_t k1, StatusPtr const & status);
-  Zel::Optional<StatusPtr> statusOf(Plexa::IntfId intfId) const;
+  Zel::Optional<StatusPtr> statusOptOf(Plexa::IntfId intfId) const;
 
   Zel::Ptr<TunnelMib> const mib_;
   StatusDirPtr const tunnelIntfStatusDir_;

@@ -96,10 +96,6 @@ netsnmp_iterator_info * iteratorInfo(MibTableRegistration const & table, TunnelM
 
 } // namespace
 
-void debugInitializing(MibModule const & module, Zel::String const & context) {
-  DEBUGMSGTL((module.name.c_str(), "Initializing in context \"%s\"\n", context.c_str()));
-}
-
 void initializeTable(MibModule & module, MibTableRegistration const & table,
                      Zel::String const & context) {
   traceRootOid(table, context);
@@ -198,13 +194,6 @@ std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
   if (!ifIndex)
     return std::nullopt;
   return static_cast<std::uint32_t>(*ifIndex);
-}
-
-IndexWriter & IndexWriter::signed32(char const * name, std::int32_t value) {
-  std::uint8_t buffer[integerCapacity];
-  trace(name, printed(static_cast<std::uint32_t>(value)));
-  set(ASN_INTEGER, buffer, Snmp::S32ToAsnInteger(value, buffer, sizeof buffer));
-  return *this;
 }
 
 IndexWriter & IndexWriter::unsigned32(char const * name, std::uint32_t value) {

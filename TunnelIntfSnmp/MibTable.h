@@ -70,8 +70,6 @@ struct MibTableRegistration {
 /// same context, say), end the process.
 void initializeTable(MibModule & module, MibTableRegistration const & table,
                      Zel::String const & context);
-/// net-snmp debug output that the module starts to serve the context.
-void debugInitializing(MibModule const & module, Zel::String const & context);
 /// Takes back every registration of the context.
 void unregisterModule(MibModule & module, Zel::String const & context);
 
@@ -109,7 +107,8 @@ class IndexWriter {
 public:
   IndexWriter(char const * table, netsnmp_variable_list * first) : table_(table), next_(first) {}
 
-  IndexWriter & signed32(char const * name, std::int32_t value);
+  /// As unsigned, also where the MIB's type is signed: a number beyond that type's range would turn
+  /// negative, and a walk would go round for ever.
   IndexWriter & unsigned32(char const * name, std::uint32_t value);
   IndexWriter & octets(char const * name, Snmp::Bytes const & value);
 

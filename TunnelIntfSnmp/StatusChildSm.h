@@ -68,9 +68,11 @@ private:
       return;
     Zel::Ptr<TableSmBase> const keepMachine(&machine_);
     Zel::Ptr<StatusChildSm> const keepSelf(this);
+    Zel::FirstException exception;
     inReactor_ = true;
-    child().emit(intfId_, input_);
+    exception.run([&] { child().emit(intfId_, input_); });
     inReactor_ = false;
+    exception.rethrow();
   }
 
   TableSmBase & machine_;
@@ -111,14 +113,20 @@ public:
     children_.forEach([](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->doDeleteAll(); });
   }
   void hasNotificationActiveIs(bool on) override {
-    IntfStatusCollectionSm::hasNotificationActiveIs(on);
-    children_.forEach(
-        [on](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->hasNotificationActiveIs(on); });
+    Zel::FirstException exception;
+    exception.run([&] { IntfStatusCollectionSm::hasNotificationActiveIs(on); });
+    children_.forEach([&](Plexa::IntfId, Zel::Ptr<Child> const & child) {
+      exception.run([&] { child->hasNotificationActiveIs(on); });
+    });
+    exception.rethrow();
   }
   void zelDoZombieReactors(bool doIt) override {
-    IntfStatusCollectionSm::zelDoZombieReactors(doIt);
-    children_.forEach(
-        [doIt](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->zelDoZombieReactors(doIt); });
+    Zel::FirstException exception;
+    exception.run([&] { IntfStatusCollectionSm::zelDoZombieReactors(doIt); });
+    children_.forEach([&](Plexa::IntfId, Zel::Ptr<Child> const & child) {
+      exception.run([&] { child->zelDoZombieReactors(doIt); });
+    });
+    exception.rethrow();
   }
 
 private:

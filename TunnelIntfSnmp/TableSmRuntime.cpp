@@ -8,6 +8,18 @@ namespace {
 Lumo::Counter zombieExceptions("table-sm-zombie-exceptions");
 } // namespace
 
+StatusPtr statusOf(Interface::TunnelIntfStatusDir const & dir, Plexa::IntfId intfId) {
+  auto const * status = dir.intfStatus().find(intfId);
+  return status == nullptr ? nullptr : StatusPtr(*status);
+}
+
+bool makeRoom(Interface::TunnelIntfStatusDir const & dir, StatusPtr const & status,
+              Zel::FirstException & exception, std::function<void()> const & deleteRow) {
+  auto const before = statusOf(dir, status->intfId());
+  exception.run(deleteRow);
+  return statusOf(dir, status->intfId()) == before;
+}
+
 // One input
 
 bool InputSm::synchronous() const {
@@ -77,11 +89,8 @@ void InputSm::zelDoZombieReactors(bool doIt) {
     task->zelDoZombieReactors(doIt);
 }
 
-void InputSm::scanBegins() {
-  LUMO_TRACE(trace(), 9, unit(), "");
-  LUMO_TRACE(trace(), 9, unit(), " scan complete: {} resumed: {} scan: {}",
-             (parent_.inputSmScanState().get()->*flag_.get)(), inputScanComplete(),
-             static_cast<unsigned>(scanState_));
+bool InputSm::streamScanned() const {
+  return (parent_.inputSmScanState().get()->*flag_.get)();
 }
 
 void InputSm::scanYields(std::uint64_t iterations) {
@@ -116,6 +125,13 @@ TableSmBase::TableSmBase(TableSmNames const & names, Lumo::DebugHandler const & 
       trace_(&defaultTrace),
       flowaControl_(control) {}
 
+void TableSmBase::flowaControlIs(Flowa::SmControl const & control) {
+  auto const scheduler = flowaControl_.taskScheduler;
+  flowaControl_ = control;
+  if (!flowaControl_.taskScheduler) // none is named: the one that was found stays
+    flowaControl_.taskScheduler = scheduler;
+}
+
 void TableSmBase::handleInitialized() {
   if (initialized_)
     return;
@@ -129,7 +145,7 @@ void TableSmBase::handleInitialized() {
   zelInputSmScanState_ = Zel::makePtr<Flowa::Gen::InReactor<TableSmBase>>(
       *this, &TableSmBase::handleInputScan, inputSmScanState_.get());
   outputState_ = Zel::makePtr<OutputState>(names_);
-  checkInputs();
+  checkInputs(); // before anything below looks into one
   if (!synchronous_)
     createTask();
   mibOutputReconciling_ = outputHasRows();
@@ -158,6 +174,7 @@ void TableSmBase::createTask() {
 // First pass and second pass
 
 void TableSmBase::handleInitialScanDone() {
+  Zel::Ptr<TableSmBase> const self(this);
   if (initialScanDone_)
     return;
   if (!inputSmScanState_->ifMibStreamScan()) {
@@ -171,12 +188,14 @@ void TableSmBase::handleInitialScanDone() {
   initialScanDone_ = true; // first: clearing a flag notifies, and comes back here
   inputSmScanState_->ifMibStreamScanIs(false);
   inputSmScanState_->tisStreamScanIs(false);
-  startScan(*ifIndexSm_);
-  startScan(*intfStatusSm_);
+  Zel::FirstException exception;
+  exception.run([&] { startScan(*ifIndexSm_); });
+  exception.run([&] { startScan(*intfStatusSm_); });
   inputSmScanState_->handleIdle();
   LUMO_TRACE(trace(), 9, unit(),
              "Initial scan done for child SMs. Now scanning with events triggered.");
-  handleOutputsInputReady();
+  exception.run([&] { handleOutputsInputReady(); });
+  exception.rethrow();
 }
 
 void TableSmBase::startScan(InputSm & child) const {
@@ -189,6 +208,7 @@ void TableSmBase::startScan(InputSm & child) const {
 // Reconciliation
 
 void TableSmBase::handleOutputsInputReady() {
+  Zel::Ptr<TableSmBase> const self(this);
   for (std::size_t output = 0; output != names_.outputs.size(); ++output)
     handleOutputInputReady(output);
 }
@@ -208,13 +228,23 @@ void TableSmBase::handleOutputInputReady(std::size_t output) {
     return;
   }
   LUMO_TRACE(trace(), 9, unit(), "Input scans for {} complete", names_.outputs[output].output);
+  Zel::FirstException exception; // of whoever hears of a row: it must not cost us the rest
   if (output == names_.mibOutput()) {
-    if (mibOutputReconciling_ && !deletionScan())
-      return;
+    if (mibOutputReconciling_ && !reconcile(exception))
+      return exception.rethrow();
     mibOutputReconciling_ = false;
     outputKeysForgotten();
   }
-  outputState_->outputBecomesReady(output);
+  exception.run([&] { outputState_->outputBecomesReady(output); });
+  exception.rethrow();
+}
+
+bool TableSmBase::reconcile(Zel::FirstException & exception) {
+  if (std::exchange(deletionScanRuns_, true))
+    return false; // who heard of a deletion asks again: the scan under way goes on
+  auto const ended = deletionScan(exception);
+  deletionScanRuns_ = false;
+  return ended;
 }
 
 bool TableSmBase::deletionScanShouldYield() const {
@@ -253,7 +283,6 @@ void TableSmBase::doDeleteAll() {
 // Reactors
 
 void TableSmBase::handleInputScan(Zel::Attribute const & attribute, Flowa::Gen::NoKey const &) {
-  Zel::Ptr<TableSmBase> const self(this);
   if (&attribute != &InputSmScanState::idleAttribute())
     handleOutputsInputReady();
 }
@@ -263,33 +292,38 @@ void TableSmBase::handleReconciliationTask(Zel::Attribute const &, Flowa::Gen::N
   handleOutputInputReady(names_.mibOutput());
 }
 
+// Every part is switched, and delivers what it holds, even if a delivery to another one raised.
 void TableSmBase::hasNotificationActiveIs(bool on) {
+  Zel::Ptr<TableSmBase> const self(this);
   PtrInterface::hasNotificationActiveIs(on);
   inputSmScanState_->hasNotificationActiveIs(on);
   outputState_->hasNotificationActiveIs(on);
-  zelInputSmScanState_->hasNotificationActiveIs(on);
-  if (reconciliationTask_)
-    reconciliationTask_->hasNotificationActiveIs(on);
-  ifIndexSm_->hasNotificationActiveIs(on);
-  intfStatusSm_->hasNotificationActiveIs(on);
+  Zel::FirstException exception;
+  exception.run([&] { zelInputSmScanState_->hasNotificationActiveIs(on); });
+  if (auto const task = reconciliationTask_)
+    exception.run([&] { task->hasNotificationActiveIs(on); });
+  exception.run([&] { ifIndexSm_->hasNotificationActiveIs(on); });
+  exception.run([&] { intfStatusSm_->hasNotificationActiveIs(on); });
+  exception.rethrow();
 }
 
 void TableSmBase::zelDoZombieReactors(bool doIt) {
-  zelInputSmScanState_->zelDoZombieReactors(doIt);
+  Zel::Ptr<TableSmBase> const self(this);
+  Zel::FirstException exception;
+  exception.run([&] { zelInputSmScanState_->zelDoZombieReactors(doIt); });
   if (auto const task = reconciliationTask_)
-    task->zelDoZombieReactors(doIt);
-  ifIndexSm_->zelDoZombieReactors(doIt);
-  intfStatusSm_->zelDoZombieReactors(doIt);
+    exception.run([&] { task->zelDoZombieReactors(doIt); });
+  exception.run([&] { ifIndexSm_->zelDoZombieReactors(doIt); });
+  exception.run([&] { intfStatusSm_->zelDoZombieReactors(doIt); });
+  exception.rethrow();
 }
 
 // Destruction
 
 void TableSmBase::tearDown() {
-  if (!initialized_) // construction failed half-way
-    return;
   try {
     zelDoZombieReactors(true);
-  } catch (Zel::Exception const &) { // a pipeline may raise; a destructor may not
+  } catch (...) { // of a pipeline, or of whoever heard of a row; a destructor cannot throw on
     zombieExceptions.inc();
   }
   ifIndexSm_ = nullptr;

@@ -26,6 +26,7 @@
 #include "platform/Zel.h"
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -35,6 +36,14 @@ namespace TunnelIntfSnmp {
 
 using IfMibPtr = Zel::Ptr<IntfSnmp::IfMib const>;
 using StatusDirPtr = Zel::Ptr<Interface::TunnelIntfStatusDir const>;
+
+/// The status of the interface, or null.
+StatusPtr statusOf(Interface::TunnelIntfStatusDir const & dir, Plexa::IntfId intfId);
+/// Deletes an output row that is in the way of one for `status`, which a row keeps for life. False
+/// if whoever heard of the deletion changed the interface's status: the event of that change has
+/// done the rest. `exception` keeps what they threw.
+bool makeRoom(Interface::TunnelIntfStatusDir const & dir, StatusPtr const & status,
+              Zel::FirstException & exception, std::function<void()> const & deleteRow);
 
 /// What a machine dies of when it is given a null input.
 inline constexpr char const * nullSmArgument =
@@ -122,7 +131,8 @@ protected:
   Lumo::DebugHandler const & trace() const;
   char const * unit() const;
 
-  void scanBegins();
+  /// The flag that stands for this child's scan.
+  bool streamScanned() const;
   void passBegins() { scanned_ = 0; }
   void keyScanned() { ++scanned_; }
   /// Ends a run: the rest of the input is left to a later one.
@@ -159,7 +169,7 @@ public:
 
   Flowa::SmControl const & flowaControl() const { return flowaControl_; }
   /// Replaces the control record. What is already set up from the old one stays.
-  void flowaControlIs(Flowa::SmControl const & control) { flowaControl_ = control; }
+  void flowaControlIs(Flowa::SmControl const & control);
   void qtHandleIs(Skein::TraceHandle handle) { flowaControl_.qtHandleIs(handle); }
 
   /// Builds the machine; the constructor's last act. A second call does nothing.
@@ -168,7 +178,8 @@ public:
   void handleInitialScanDone();
   /// Takes each output one step further: second pass, reconciliation, ready.
   void handleOutputsInputReady();
-  /// Replays every key that the inputs still have as gone: first ifIndexes, then statuses.
+  /// Replays every key that the inputs still have as gone: first ifIndexes, then statuses. For a
+  /// host whose input entities can go away while the machine lives; tunnelsnmpd's cannot.
   void doDeleteAll();
 
   void hasNotificationActiveIs(bool on) override;
@@ -193,7 +204,7 @@ protected:
   virtual Zel::Ptr<InputSm> createIfIndexSm() = 0;
   virtual Zel::Ptr<InputSm> createIntfStatusSm() = 0;
   /// The deletion scan. True if and only if it came to its end; false: it yielded.
-  virtual bool deletionScan() = 0;
+  virtual bool deletionScan(Zel::FirstException & exception) = 0;
   virtual void outputKeysForgotten() = 0;
 
   char const * unit() const { return names_.machine.data(); }
@@ -205,6 +216,7 @@ protected:
 private:
   void createTask();
   void handleOutputInputReady(std::size_t output);
+  bool reconcile(Zel::FirstException & exception);
   void startScan(InputSm & child) const;
   void handleInputScan(Zel::Attribute const & attribute, Flowa::Gen::NoKey const &);
   void handleReconciliationTask(Zel::Attribute const &, Flowa::Gen::NoKey const &);
@@ -219,6 +231,7 @@ private:
   Zel::Ptr<InputSm> intfStatusSm_;
   Zel::Ptr<ZelTask<TableSmBase>> reconciliationTask_;
   bool mibOutputReconciling_ = false;
+  bool deletionScanRuns_ = false;
   bool synchronous_ = false;
   bool initialScanDone_ = false;
   bool initialized_ = false;
@@ -238,6 +251,9 @@ protected:
 template <std::size_t N>
 std::vector<Zel::Attribute const *> TableSmBase::attributesOf(Zel::Attribute const (&own)[N]) {
   static Zel::Attribute const shared[] = {
+      {"inputSmScanState", "InputSmScanState", Zel::getBy<&TableSmBase::inputSmScanState>},
+      {"outputState", "OutputState", Zel::getBy<&TableSmBase::outputState>},
+      {"flowaControl", "Flowa::SmControl"},
       {"initialized", "bool", Zel::getBy<&TableSmBase::initialized>},
       {"initialScanDone", "bool", Zel::getBy<&TableSmBase::initialScanDone>},
       {"synchronous", "bool", Zel::getBy<&TableSmBase::synchronous>},
@@ -282,7 +298,7 @@ private:
     useBookmark_ = false;
   }
 
-  bool deletionScan() final {
+  bool deletionScan(Zel::FirstException & exception) final {
     auto row =
         useBookmark_ && bookmark_.k0Valid ? output().findNotLess(bookmark_.k0) : output().begin();
     std::size_t items = 0;
@@ -290,7 +306,7 @@ private:
     while (row != output().end()) {
       auto const k0 = row->first;
       if (!seen_.contains(Key{k0, true})) {
-        deleteOutputRow(k0);
+        exception.run([&] { deleteOutputRow(k0); });
         ++deletions;
       }
       ++items;

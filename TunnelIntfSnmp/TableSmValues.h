@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 namespace TunnelIntfSnmp {
 
@@ -16,6 +17,11 @@ template <class K0, Zel::FixedText TypeName>
 struct OutputKeyType {
   K0 k0{};
   bool k0Valid = false;
+
+  OutputKeyType() = default;
+  OutputKeyType(K0 key, bool valid) : k0(std::move(key)), k0Valid(valid) {}
+  /// Consumes the text form. Raises Zel::StrepError, naming the field where it is one's fault.
+  explicit OutputKeyType(Zel::StrepReader & text) { Zel::strepRead(text, *this); }
 
   auto operator<=>(OutputKeyType const &) const = default;
   explicit operator bool() const { return *this != OutputKeyType(); }

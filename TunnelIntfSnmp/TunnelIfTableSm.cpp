@@ -117,26 +117,28 @@ void TunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
   LUMO_TRACE(trace(), 7, unit(),
              "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}", intfId,
              printed(ifIndexOpt));
-  auto const * status = tunnelIntfStatusDir_->intfStatus().find(intfId);
-  if (status == nullptr || !*status) {
+  auto const status = statusOf(*tunnelIntfStatusDir_, intfId);
+  if (!status) {
     LUMO_TRACE(trace(), 6, unit(), "filter( tisOpt ) failed, terminating pipeline");
     return;
   }
   auto const k1 = *ifIndexOpt; // raises for an ifIndex that went before its status
   outputKeySeen(k1);
-  insertOutputRow(k1, *status);
+  insertOutputRow(k1, status);
 }
 
 // Writes to the output table
 
 void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status) {
-  // A row keeps its record for life: one that describes another record has to go first.
+  Zel::FirstException exception; // of whoever hears of the deletion: the new row must not miss it
   if (auto const row = mib_->tunnelIfTable(k1); row && row->tunnelIntfStatus() != status)
-    mib_->tunnelIfTableDel(k1);
-  mib_->tunnelIfTableIs(k1, status);
+    if (!makeRoom(*tunnelIntfStatusDir_, status, exception, [&] { mib_->tunnelIfTableDel(k1); }))
+      return exception.rethrow();
+  exception.run([&] { mib_->tunnelIfTableIs(k1, status); });
   LUMO_TRACE(trace(), 7, unit(),
              "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1={}, value=Tuple( {}, {} )",
              k1, k1, printed(status));
+  exception.rethrow();
 }
 
 void TunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
@@ -160,8 +162,12 @@ Zel::Type const & TunnelIfTableSm::type() const {
 Zel::Type const & TunnelIfTableSm::typeDescription() {
   using Sm = TunnelIfTableSm;
   static Zel::Attribute const own[] = {
-      {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
+      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
+      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
+       Zel::getBy<&Sm::tunnelIntfStatusDir>},
+      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
       {"ifIndexByIntfIdSm1", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm1>},
+      {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
       {"mibTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
   static auto const attributes = attributesOf(own);
   static Zel::Type const type{"TunnelIntfSnmp::TunnelIfTableSm", attributes};

@@ -347,6 +347,10 @@ Zel::Type const & TunnelInetConfigTableSm::type() const {
 Zel::Type const & TunnelInetConfigTableSm::typeDescription() {
   using Sm = TunnelInetConfigTableSm;
   static Zel::Attribute const own[] = {
+      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
+      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
+       Zel::getBy<&Sm::tunnelIntfStatusDir>},
+      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
       {"localAttrStore", "LocalAttrStore", Zel::getBy<&Sm::localAttrStore>},
       {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
       {"ifIndexByIntfIdSm2", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm2>},

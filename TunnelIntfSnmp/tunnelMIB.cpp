@@ -33,7 +33,7 @@ struct TunnelIfTable {
   static std::uint32_t key(TunnelIfTableEntry const & row) { return row.ifIndex(); }
   static std::optional<std::uint32_t> hintKey(Hint hint) { return ifIndexOfHint(name, hint); }
   static void setIndexes(TunnelIfTableEntry const & row, netsnmp_variable_list * index) {
-    IndexWriter(name, index).signed32("ifIndex", static_cast<std::int32_t>(row.ifIndex()));
+    IndexWriter(name, index).unsigned32("ifIndex", row.ifIndex());
   }
   static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
     switch (column) {
@@ -101,7 +101,7 @@ struct TunnelInetConfigTable {
   static std::optional<TunnelInetConfigTableKey> hintKey(Hint hint);
   static void setIndexes(TunnelInetConfigTableEntry const & row, netsnmp_variable_list * index) {
     IndexWriter(name, index)
-        .signed32("addrType", static_cast<std::int32_t>(row.addrType()))
+        .unsigned32("addrType", row.addrType())
         .octets("localAddr", row.localAddr())
         .octets("remoteAddr", row.remoteAddr())
         .unsigned32("encapsMethod", row.encapsMethod())
@@ -197,7 +197,7 @@ using namespace TunnelIntfSnmp;
 
 void init_tunnelMIB(Zel::String context) {
   auto const config = SnmpUtil::getSnmpConfig();
-  debugInitializing(tunnelMIB, context);
+  DEBUGMSGTL(("tunnelMIB", "Initializing in context \"%s\"\n", context.c_str()));
   initialize_table_tunnelIfTable(config, context);
   initialize_table_tunnelInetConfigTable(config, context);
   Snmp::registerMibContext(tunnelMIB.name, context);

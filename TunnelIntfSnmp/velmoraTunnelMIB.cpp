@@ -22,7 +22,7 @@ struct VelmoraIpsecTunnelIfTable {
   static std::uint32_t key(IpsecTunnelIfTableEntry const & row) { return row.ifIndex(); }
   static std::optional<std::uint32_t> hintKey(Hint hint) { return ifIndexOfHint(name, hint); }
   static void setIndexes(IpsecTunnelIfTableEntry const & row, netsnmp_variable_list * index) {
-    IndexWriter(name, index).signed32("ifIndex", static_cast<std::int32_t>(row.ifIndex()));
+    IndexWriter(name, index).unsigned32("ifIndex", row.ifIndex());
   }
   static bool get(IpsecTunnelIfTableEntry const & row, unsigned int, Answer & answer) {
     return answer.unsigned32(row.connState(), "connState");
@@ -78,7 +78,7 @@ using namespace TunnelIntfSnmp;
 
 void init_velmoraTunnelMIB(Zel::String context) {
   auto const config = SnmpUtil::getSnmpConfig();
-  debugInitializing(velmoraTunnelMIB, context);
+  DEBUGMSGTL(("velmoraTunnelMIB", "Initializing in context \"%s\"\n", context.c_str()));
   initialize_table_velmoraIpsecTunnelIfTable(config, context);
   Snmp::registerMibContext(velmoraTunnelMIB.name, context);
 }

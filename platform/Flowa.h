@@ -57,7 +57,8 @@ struct NoKey {
 ///
 /// While its notification is switched off it holds what it hears, each (attribute, key) once and in
 /// order, and delivers it when notification comes on again, or when zelDoZombieReactors() finds the
-/// owner about to go. Once ownerDeletedIs() has been called it ignores everything. The owner may
+/// owner about to go. An exception of one delivery does not stop the others; the first one is
+/// thrown on at the end. Once ownerDeletedIs() has been called it ignores everything. The owner may
 /// release its reactor from inside a delivery.
 template <class Owner, class Key = NoKey>
 class InReactor final : public Zel::Notifiee {
@@ -108,9 +109,11 @@ private:
   }
   void deliverHeld() {
     Zel::Ptr<InReactor> const self(this); // a delivery may release us
+    Zel::FirstException exception;
     for (auto const & [attribute, key] : std::exchange(held_, {}))
       if (owner_ != nullptr)
-        (owner_->*handler_)(*attribute, key);
+        exception.run([&, changed = attribute, &k = key] { (owner_->*handler_)(*changed, k); });
+    exception.rethrow();
   }
 
   Owner * owner_; // null once it is going

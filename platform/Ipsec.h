@@ -95,7 +95,7 @@ public:
   void ipsecTunnelInfoIs(Plexa::IntfId intfId, Zel::Ptr<TunnelInfo> info);
   void ipsecTunnelInfoDel(Plexa::IntfId intfId);
   void appliedProfilesIs(std::string const & profile, Zel::Ptr<IpsecProfileConnectionMap> map);
-  void appliedProfilesDel(std::string const & profile);
+  void appliedProfilesDel(std::string profile);
 
 private:
   IpsecTunnelInfo ipsecTunnelInfo_;

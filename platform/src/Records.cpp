@@ -224,7 +224,7 @@ void Status::appliedProfilesIs(std::string const & profile,
   if (replaced(appliedProfiles_, profile, map))
     notify(appliedProfilesAttribute(), profile);
 }
-void Status::appliedProfilesDel(std::string const & profile) {
+void Status::appliedProfilesDel(std::string profile) {
   if (appliedProfiles_.erase(profile))
     notify(appliedProfilesAttribute(), profile);
 }

@@ -12,7 +12,7 @@ namespace {
 // (a notification, say) never destroy it again.
 constexpr std::uint32_t destroying = 1u << 30;
 
-Lumo::Counter exceptionsDropped("zel-notifiee-exceptions-dropped");
+Lumo::Counter exceptionsDropped("zel-exceptions-dropped");
 
 } // namespace
 
@@ -73,8 +73,16 @@ void PtrInterface::notify(Attribute const & attribute) const {
 }
 
 void PtrInterface::notifyAll(Notification const & notification) const {
-  Ptr<PtrInterface const> const self(this);
-  notifiees_->notify(notification);
+  if (references_.load(std::memory_order_relaxed) < destroying) {
+    Ptr<PtrInterface const> const self(this);
+    notifiees_->notify(notification);
+    return;
+  }
+  try {
+    notifiees_->notify(notification);
+  } catch (...) { // a destructor is at work, and cannot throw on
+    exceptionsDropped.inc();
+  }
 }
 
 void PtrInterface::notifieesDelAll() {
@@ -119,24 +127,16 @@ bool NotifieeList::empty() const {
 }
 
 void NotifieeList::notify(Notification const & notification) {
-  std::exception_ptr first;
+  FirstException exception;
   ++depth_;
   for (std::size_t i = 0, present = notifiees_.size(); i != present; ++i) {
     Ptr<Notifiee> const notifiee(notifiees_[i]); // it may release itself
-    try {
-      if (notifiee)
-        notifiee->onNotification(notification);
-    } catch (...) {
-      if (first)
-        exceptionsDropped.inc();
-      else
-        first = std::current_exception();
-    }
+    if (notifiee)
+      exception.run([&] { notifiee->onNotification(notification); });
   }
   --depth_;
   compact();
-  if (first)
-    std::rethrow_exception(first);
+  exception.rethrow();
 }
 
 void NotifieeList::compact() {
@@ -146,6 +146,13 @@ void NotifieeList::compact() {
 
 Entity::Entity(std::string_view name) : name_(name) {
   hasNotificationActiveIs(true);
+}
+
+void FirstException::keep() {
+  if (first_)
+    exceptionsDropped.inc();
+  else
+    first_ = std::current_exception();
 }
 
 ReinstantiationError::ReinstantiationError(std::string_view attribute)

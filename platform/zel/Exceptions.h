@@ -1,6 +1,7 @@
 // The errors of the object framework. Broken preconditions do not come here: they are fatal.
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -51,6 +52,30 @@ public:
 
 private:
   std::string attribute_;
+};
+
+/// Runs steps of which none may keep the next from running: the first exception is kept, each
+/// further one dropped and counted ("zel-exceptions-dropped").
+class FirstException {
+public:
+  template <class Step>
+  void run(Step step) {
+    try {
+      step();
+    } catch (...) {
+      keep();
+    }
+  }
+  /// Throws what was kept, if anything.
+  void rethrow() const {
+    if (first_)
+      std::rethrow_exception(first_);
+  }
+
+private:
+  void keep();
+
+  std::exception_ptr first_;
 };
 
 /// A type, an attribute or an argument list that the generic interface does not know.

@@ -109,6 +109,7 @@ public:
   }
 
   /// Inserts the value or puts it in the place of the present one. Returns it where it now is.
+  /// Requires: the end of the replaced value does not remove the entry.
   Value & insertOrReplace(Key const & key, Value value) {
     auto const hash = hasher_(key);
     auto * place = link(hash, key);

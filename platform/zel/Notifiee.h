@@ -72,7 +72,8 @@ private:
 /// hears the next change, not this one; a change made by a notifiee is told in full, inside, before
 /// the rest of the outer notification goes on. An exception of a notifiee does not stop the others:
 /// when all have been called the first exception is thrown on to the caller of the mutator; each
-/// further one is dropped and counted ("zel-notifiee-exceptions-dropped").
+/// further one is dropped and counted ("zel-exceptions-dropped"). What an object notifies while it
+/// is destroyed has no caller to tell: then the first one is dropped, too.
 class NotifieeList {
 public:
   void add(Notifiee & notifiee);

@@ -245,7 +245,7 @@ TEST(Notification, TellsTheOthersAndThrowsTheFirstExceptionOn) {
   auto const third =
       Zel::makePtr<Listener>(*thing, [&](auto const &) { throw std::runtime_error("third"); });
   auto const fourth = Zel::makePtr<Listener>(*thing, [&](auto const &) { ++heard; });
-  auto const dropped = Lumo::counter("zel-notifiee-exceptions-dropped");
+  auto const dropped = Lumo::counter("zel-exceptions-dropped");
   try {
     thing->change();
     FAIL();
@@ -253,7 +253,7 @@ TEST(Notification, TellsTheOthersAndThrowsTheFirstExceptionOn) {
     EXPECT_STREQ(error.what(), "first");
   }
   EXPECT_EQ(heard, 2);
-  EXPECT_EQ(Lumo::counter("zel-notifiee-exceptions-dropped"), dropped + 1);
+  EXPECT_EQ(Lumo::counter("zel-exceptions-dropped"), dropped + 1);
 }
 
 TEST(Notification, LetsANotifieeChangeWhatItListensTo) {
