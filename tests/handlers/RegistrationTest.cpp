@@ -34,8 +34,10 @@ TEST_F(Registration, ServesTheDefaultContextAndAnnouncesIt) {
   TraceRecorder traces{{"Snmp", "1,8"}};
   init_tunnelMIB("");
   auto const & registrations = tunnelMIBModule().handlerRegistrations.at("");
-  ASSERT_EQ(registrations.size(), tunnelMIBModule().columnInfos.at("").size());
+  ASSERT_EQ(registrations.size(), 2u);
+  EXPECT_EQ(tunnelMIBModule().columnInfos.at("").size(), 2u);
   auto const * first = registrations.front();
+  EXPECT_STREQ(registrations.back()->handlerName, "tunnelInetConfigTable_");
   EXPECT_STREQ(first->handlerName, "tunnelIfTable_");
   EXPECT_EQ(first->rootoid_len, 11u);
   EXPECT_EQ(first->modes & 3, HANDLER_CAN_RWRITE);
@@ -71,8 +73,11 @@ TEST_F(Registration, RefusesANamedContextButAnnouncesIt) {
   init_tunnelMIB("vrf1");
   EXPECT_FALSE(tunnelMIBModule().handlerRegistrations.contains("vrf1"));
   EXPECT_FALSE(tunnelMIBModule().columnInfos.contains("vrf1"));
-  EXPECT_TRUE(traces.has(2, "initialize_table_tunnelIfTable in context \"vrf1\" "
-                            "hivePathWithContext not specified"));
+  EXPECT_THAT(traces.texts(2),
+              ElementsAre("initialize_table_tunnelIfTable in context \"vrf1\" "
+                          "hivePathWithContext not specified",
+                          "initialize_table_tunnelInetConfigTable in context \"vrf1\" "
+                          "hivePathWithContext not specified"));
   EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "vrf1")));
   unregister_tunnelMIB("vrf1");
   EXPECT_THAT(Snmp::mibContexts(), Not(Contains(Pair("tunnelMIB", "vrf1"))));
@@ -110,7 +115,7 @@ TEST_F(Registration, IsOfferedToTheAgentWhenTheLibraryIsLoaded) {
 
 TEST_F(Registration, TellsNetSnmpsDebugOutputWhichContextItInitialises) {
   snmp_set_do_debugging(1);
-  debug_register_tokens(std::string("tunnelMIB").data());
+  debug_register_tokens(std::string("tunnelMIB,trace").data());
   std::string output;
   snmp_enable_stderrlog();
   ::testing::internal::CaptureStderr();
@@ -119,6 +124,7 @@ TEST_F(Registration, TellsNetSnmpsDebugOutputWhichContextItInitialises) {
   snmp_disable_stderrlog();
   snmp_set_do_debugging(0);
   EXPECT_THAT(output, ::testing::HasSubstr("tunnelMIB: Initializing in context \"vrf2\"\n"));
+  EXPECT_THAT(output, ::testing::HasSubstr("trace: init_tunnelMIB(): "));
   unregister_tunnelMIB("vrf2");
 }
 

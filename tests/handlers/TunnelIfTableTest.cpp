@@ -3,6 +3,8 @@
 #include "TunnelIntfSnmp/tunnelMIB.h"
 #include "tests/handlers/InProcessAgent.h"
 #include "tests/support/TraceRecorder.h"
+#include <array>
+#include <cstdlib>
 #include <gmock/gmock.h>
 
 namespace TunnelIntfSnmp {
@@ -443,6 +445,132 @@ TEST_F(TunnelIfTableHandler, TracesAnAddressThatIsTooLong) {
                                    "/branch-7/snmp/tunnelIntf/tunnelMib length out of range: "
                                    "remoteAddr (256)");
   EXPECT_EQ(varbind_->type, ASN_NULL);
+}
+
+TEST_F(TunnelIfTableCallbacks, SayThatTheyGoOn) {
+  add(5);
+  add(7);
+  first();
+  TraceRecorder traces{{"Snmp", "2"}};
+  EXPECT_EQ(next(), 7);
+  EXPECT_THAT(traces.texts().front(),
+              ::testing::MatchesRegex("tunnelIfTable_get_next_data_point - advancing loop context "
+                                      "0x[0-9a-f]+ ; data context 0x0"));
+}
+
+// Several requests in one call, as without the serialize handler
+
+struct Chain {
+  explicit Chain(std::size_t length, int mode = MODE_GET) : requests(length), varbinds(length) {
+    agent.mode = mode;
+    for (std::size_t i = 0; i != length; ++i) {
+      snmp_varlist_add_variable(&varbinds[i], nullptr, 0, ASN_NULL, nullptr, 0);
+      requests[i].requestvb = varbinds[i];
+      requests[i].agent_req_info = &agent;
+      requests[i].next = i + 1 == length ? nullptr : &requests[i + 1];
+    }
+  }
+  ~Chain() {
+    for (std::size_t i = 0; i != requests.size(); ++i) {
+      netsnmp_free_request_data_sets(&requests[i]);
+      snmp_free_varbind(varbinds[i]);
+    }
+  }
+  // What the table helper and the iterator leave in a request.
+  void found(std::size_t i, void * entry, unsigned int column) {
+    static auto const keep = [](void *) {};
+    auto * info = SNMP_MALLOC_TYPEDEF(netsnmp_table_request_info);
+    info->colnum = column;
+    netsnmp_request_add_list_data(&requests[i],
+                                  netsnmp_create_data_list(TABLE_HANDLER_NAME, info, std::free));
+    if (entry != nullptr)
+      netsnmp_request_add_list_data(&requests[i],
+                                    netsnmp_create_data_list(TABLE_ITERATOR_NAME, entry, keep));
+  }
+  netsnmp_agent_request_info agent{};
+  std::vector<netsnmp_request_info> requests;
+  std::vector<netsnmp_variable_list *> varbinds;
+};
+
+// tunnelIfTable, but for a column that cannot be encoded.
+struct Unencodable {
+  static constexpr char const * name = "unencodable";
+  static constexpr char const * unit = "test";
+  static constexpr char const * keyType = "U32";
+  static constexpr std::array<MibColumn, 2> columns{
+      {{1, "good", true, false}, {2, "bad", true, false}}};
+  static TunnelMib::TunnelIfTable const & rows(TunnelMib const & mib) {
+    return mib.tunnelIfTable();
+  }
+  static std::uint32_t key(TunnelIfTableEntry const & row) { return row.ifIndex(); }
+  static std::optional<std::uint32_t> hintKey(Hint) { return std::nullopt; }
+  static void setIndexes(TunnelIfTableEntry const &, netsnmp_variable_list *) {}
+  static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
+    return column == 1 ? answer.unsigned32(row.ifIndex(), "good")
+                       : answer.integer(-1, nullptr, "U32ToAsnUnsigned", "bad");
+  }
+};
+
+class SeveralRequests : public TunnelIfTable {
+protected:
+  SeveralRequests() { add(5); }
+
+  TableWalk<Unencodable>::Entry entryOfRow5() const {
+    return {mib_->tunnelIfTable(), mib_->tunnelIfTable(5), {}, 0};
+  }
+};
+
+TEST_F(SeveralRequests, GiveTheFirstOneTheErrorOfWhicheverFailed) {
+  auto entry = entryOfRow5();
+  Chain chain(3);
+  chain.found(0, &entry, 1);
+  chain.found(1, &entry, 2);
+  chain.found(2, &entry, 1);
+  EXPECT_EQ(answerGets<Unencodable>(chain.requests.data()), SNMP_ERR_GENERR);
+  EXPECT_EQ(chain.requests[0].status, SNMP_ERR_GENERR);
+  EXPECT_EQ(chain.requests[1].status, 0);
+  EXPECT_EQ(chain.varbinds[2]->type, ASN_NULL) << "not answered";
+}
+
+TEST_F(SeveralRequests, EndAtARequestWithoutRow) {
+  auto entry = entryOfRow5();
+  Chain chain(3);
+  chain.found(0, &entry, 1);
+  chain.found(1, nullptr, 1);
+  chain.found(2, &entry, 1);
+  EXPECT_EQ(answerGets<Unencodable>(chain.requests.data()), SNMP_ERR_NOERROR);
+  EXPECT_EQ(chain.varbinds[0]->type, ASN_INTEGER);
+  EXPECT_EQ(chain.varbinds[2]->type, ASN_NULL);
+}
+
+TEST_F(SeveralRequests, EndAtAColumnThatIsNotServed) {
+  auto entry = entryOfRow5();
+  Chain chain(3);
+  chain.found(0, &entry, 1);
+  chain.found(1, &entry, 3);
+  chain.found(2, &entry, 1);
+  EXPECT_EQ(answerGets<Unencodable>(chain.requests.data()), SNMP_ERR_NOERROR);
+  EXPECT_EQ(chain.varbinds[1]->type, SNMP_NOSUCHOBJECT);
+  EXPECT_EQ(chain.varbinds[2]->type, ASN_NULL);
+}
+
+TEST_F(SeveralRequests, RefuseTheFirstSetThatNobodyAnswered) {
+  Chain chain(3, MODE_SET_RESERVE1);
+  for (std::size_t i = 0; i != 3; ++i)
+    chain.found(i, nullptr, 4);
+  chain.requests[0].processed = 1;
+  EXPECT_EQ(tunnelIfTable_handler(nullptr, nullptr, &chain.agent, chain.requests.data()),
+            SNMP_ERR_NOERROR);
+  EXPECT_EQ(chain.requests[0].status, 0);
+  EXPECT_EQ(chain.requests[1].status, SNMP_ERR_NOTWRITABLE);
+  EXPECT_EQ(chain.requests[2].status, 0);
+}
+
+TEST_F(TunnelIfTable, WalksOnPastAnIfIndexBeyondInterfaceIndex) {
+  for (std::uint32_t const ifIndex : {5u, 3000000000u, 4294967295u})
+    add(ifIndex);
+  EXPECT_EQ(agent_.walk(tableOid), expected());
+  EXPECT_EQ(agent_.get({instance(4, 3000000000u)}).varbinds.at(0).integer, 64);
 }
 
 // SET

@@ -461,23 +461,31 @@ TEST(RuntimeTasks, AreOfTheDefaultSchedulerWhenTheControlRecordNamesNone) {
 TEST(RuntimeScan, GoesOnBehindABookmarkThatWasDeletedBetweenTwoRuns) {
   World world(alwaysYield);
   for (std::uint32_t i = 1; i <= 10; ++i)
-    world.addTunnel(i, i);
+    world.addStatus(i); // without ifIndex: what the scan emits shows in its traces only
   auto const machine = machineIn(world);
-  while (!machine->initialScanDone())
-    world.scheduler->runOne();
-  // In the second pass, before each run: the key that the scan would handle next goes.
-  std::size_t handled = 0;
-  for (auto const & key : [&] {
-         std::vector<Plexa::IntfId> keys;
-         for (auto const & [id, status] : world.dir->intfStatus())
-           keys.push_back(id);
-         return keys;
-       }())
-    if (++handled % 2 == 0)
-      world.dir->intfStatusDel(key);
+  std::vector<Plexa::IntfId> order;
+  for (auto const & [id, status] : world.dir->intfStatus())
+    order.push_back(id);
+  auto const scan = machine->intfStatusSm0();
+  while (!machine->initialScanDone() || scan->scanState() != InputSm::ScanState::yielded)
+    ASSERT_TRUE(world.scheduler->runOne());
+  ASSERT_EQ(scan->scanned(), 1u) << "the second pass has begun; order[1] is its bookmark";
+  TraceRecorder traces{{"TunnelIfTableSm", "7"}};
+  for (std::size_t next = 1; next < order.size(); next += 2) {
+    world.dir->intfStatusDel(order[next]);
+    traces.clear();
+    if (next + 1 < order.size()) {
+      ASSERT_TRUE(world.scheduler->runOne());
+      EXPECT_EQ(
+          traces.texts(7),
+          std::vector<std::string>{"tisStream = from( tunnelIntfStatusDir.intfStatus[] ): intfId=" +
+                                   order[next + 1].stringValue() +
+                                   " tisOpt=Optional( Interface::TunnelIntfStatus( " +
+                                   order[next + 1].stringValue() + " ) )"});
+    }
+  }
   world.settle();
   EXPECT_TRUE(machine->ready());
-  EXPECT_EQ(world.tunnelIfRows().size(), 5u);
 }
 
 TEST(RuntimeScan, LosesNoKeyWhenTheCollectionGrowsBetweenTwoRuns) {
@@ -532,6 +540,117 @@ TEST(RuntimeReconciliation, KeepsARowThatAnEventWroteMeanwhile) {
   world.addTunnel(55, 5);
   world.settle();
   EXPECT_EQ(world.tunnelIfRows(), (Rows{{5, 55}}));
+}
+
+TEST(RuntimeReconciliation, IsNotDisturbedByWhoAsksAgainMeanwhile) {
+  World world(synchronous);
+  for (std::uint32_t ifIndex = 1; ifIndex <= 4; ++ifIndex)
+    world.mib->tunnelIfTableIs(ifIndex, nullptr);
+  world.addTunnel(7, 7);
+  world.addTunnel(8, 8);
+  Zel::Ptr<TunnelIfTableSm> machine;
+  TableSmBase * built = nullptr;
+  auto const meddler = Zel::makePtr<OnChange>(*world.mib, [&](auto const &) {
+    if (built != nullptr)
+      built->handleOutputsInputReady();
+  });
+  world.control.synchronousMode = 2;
+  machine = TunnelIfTableSm::TunnelIfTableSmIs(world.mib, world.dir, world.ifMib, world.control);
+  built = machine.get();
+  world.settle();
+  EXPECT_EQ(world.tunnelIfRows(), (Rows{{7, 7}, {8, 8}}));
+  EXPECT_TRUE(machine->ready());
+}
+
+// Listeners that throw
+
+TEST_P(Runtime, GoesOnToItsEndWhenAListenerThrows) {
+  for (std::uint32_t i = 1; i <= 10; ++i)
+    world_.addTunnel(i, i);
+  for (std::uint32_t ifIndex = 100; ifIndex <= 105; ++ifIndex)
+    world_.mib->tunnelIfTableIs(ifIndex, nullptr);
+  world_.control.synchronousMode = 2; // a synchronous construction would hand the exception on
+  std::size_t thrown = 0;
+  auto machine = machineIn(world_);
+  auto const listener = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
+    ++thrown;
+    throw std::runtime_error("listener");
+  });
+  for (bool more = true; more;) {
+    try {
+      more = world_.scheduler->runOne();
+    } catch (std::runtime_error const &) {
+    }
+  }
+  EXPECT_TRUE(machine->ready());
+  EXPECT_EQ(world_.tunnelIfRows().size(), 10u);
+  EXPECT_TRUE(thrown > 0 || GetParam().yield == Yield::never) << "in tasks, every row was heard";
+  world_.dir->intfStatusDel(Plexa::IntfId(11));
+  EXPECT_THROW(world_.dir->intfStatusDel(Plexa::IntfId(1)), std::runtime_error);
+  EXPECT_EQ(world_.tunnelIfRows().size(), 9u);
+}
+
+TEST_P(Runtime, DeliversEverythingItHeldThoughOneDeliveryRaises) {
+  for (std::uint32_t i = 1; i <= 3; ++i)
+    world_.addTunnel(i, i);
+  auto const machine = machineIn(world_);
+  world_.settle();
+  machine->hasNotificationActiveIs(false);
+  world_.ifMib->ifIndexByIntfIdDel(Plexa::IntfId(1)); // raises when it is delivered
+  world_.addIfIndex(2, 22);
+  world_.addTunnel(4, 4);
+  EXPECT_THROW(machine->hasNotificationActiveIs(true), Zel::BadOptionalAccess);
+  EXPECT_EQ(world_.tunnelIfRows(), (Rows{{1, 1}, {2, 2}, {22, 2}, {3, 3}, {4, 4}}));
+  world_.addTunnel(5, 5);
+  EXPECT_EQ(world_.tunnelIfRows().count(5), 1u) << "no part of it stayed deaf";
+}
+
+TEST_P(Runtime, MayBeReleasedWhileItDeliversWhatItHeld) {
+  auto machine = machineIn(world_);
+  world_.settle();
+  machine->hasNotificationActiveIs(false);
+  world_.addTunnel(1, 1);
+  world_.addTunnel(2, 2);
+  auto * const raw = machine.get();
+  auto const listener =
+      Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) { machine = nullptr; });
+  raw->hasNotificationActiveIs(true);
+  EXPECT_EQ(machine, nullptr);
+}
+
+TEST_P(Runtime, GoesThoughEverybodyThrows) {
+  world_.addTunnel(1, 1);
+  auto machine = machineIn(world_);
+  world_.settle();
+  machine->hasNotificationActiveIs(false);
+  world_.addTunnel(2, 2);
+  world_.addTunnel(3, 3);
+  auto const listener = Zel::makePtr<OnChange>(
+      *world_.mib, [](auto const &) { throw std::runtime_error("listener"); });
+  machine = nullptr;
+  EXPECT_EQ(world_.tunnelIfRows().size(), 3u);
+}
+
+TEST_P(Runtime, WritesTheNewRowThoughSomebodyThrowsAtTheDeletionOfTheOld) {
+  world_.addTunnel(1, 1);
+  auto const machine = machineIn(world_);
+  world_.settle();
+  auto const listener = Zel::makePtr<OnChange>(
+      *world_.mib, [](auto const &) { throw std::runtime_error("listener"); });
+  auto const status = Zel::makePtr<Interface::TunnelIntfStatus>(Plexa::IntfId(1));
+  EXPECT_THROW(world_.dir->intfStatusIs(Plexa::IntfId(1), status), std::runtime_error);
+  ASSERT_TRUE(world_.mib->tunnelIfTable(1));
+  EXPECT_EQ(world_.mib->tunnelIfTable(1)->tunnelIntfStatus(), status);
+}
+
+TEST_P(Runtime, WritesNoRowForAStatusThatWentWhileTheOldRowWasDeleted) {
+  world_.addTunnel(1, 1);
+  auto const machine = machineIn(world_);
+  world_.settle();
+  auto const listener = Zel::makePtr<OnChange>(
+      *world_.mib, [&](auto const &) { world_.dir->intfStatusDel(Plexa::IntfId(1)); });
+  world_.addStatus(1);
+  EXPECT_THAT(world_.tunnelIfRows(), IsEmpty());
 }
 
 // What is told of the state

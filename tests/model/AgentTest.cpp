@@ -160,13 +160,15 @@ TEST_F(RootTest, ReleasesAMachine) {
 
 TEST_F(RootTest, KeepsTheOldAgentWhenTheNewOneCannotStart) {
   auto const agent = setAgent();
-  // The trace handler is asked for inside the machine's construction: let that throw.
-  TraceRecorder traces{{"TunnelIfTableSm", "8"}};
+  // The second machine traces when its construction begins: let that throw.
+  TraceRecorder traces{{"TunnelInetConfigTableSm", "8"}};
   auto const before = Lumo::traceSinkIs([](auto const &) { throw std::runtime_error("no"); });
-  EXPECT_THROW(root_->tunnelIntfSnmpAgentIs(Zel::makePtr<TunnelMib>("other"), world_.dir,
-                                            world_.ifMib, world_.ikeStatus),
+  auto const other = Zel::makePtr<TunnelMib>("other");
+  EXPECT_THROW(root_->tunnelIntfSnmpAgentIs(other, world_.dir, world_.ifMib, world_.ikeStatus),
                std::runtime_error);
   Lumo::traceSinkIs(before);
+  world_.addTunnel(1, 1);
+  EXPECT_TRUE(other->tunnelIfTable().empty()) << "the first machine went with it";
   EXPECT_EQ(root_->tunnelIntfSnmpAgent(), agent);
   EXPECT_EQ(told_, 1u);
 }

@@ -154,6 +154,22 @@ TEST_F(TunnelMibTest, NotifiesTheRowsOfTwoTablesAndNotTheThirdWhenItIsDestroyed)
   EXPECT_EQ(heard_->notifier(), nullptr);
 }
 
+TEST_F(TunnelMibTest, IsDestroyedThoughItsListenerThrows) {
+  class Thrower : public Zel::Notifiee {
+  public:
+    explicit Thrower(TunnelMib const & mib) { notifierIs(&mib); }
+    void onNotification(Zel::Notification const &) override { throw std::runtime_error("no"); }
+  };
+  mib_->tunnelIfTableIs(1, status());
+  mib_->ipsecTunnelIfTableIs(2, status(), nullptr);
+  auto const thrower = Zel::makePtr<Thrower>(*mib_);
+  auto const dropped = Lumo::counter("zel-exceptions-dropped");
+  heard_->changes.clear();
+  mib_ = nullptr;
+  EXPECT_EQ(heard_->changes.size(), 2u);
+  EXPECT_EQ(Lumo::counter("zel-exceptions-dropped"), dropped + 2);
+}
+
 TEST_F(TunnelMibTest, IsMadeByTypeNameAndReadByAttributeName) {
   auto const made =
       Zel::dynamicCast<TunnelMib>(Zel::createByTypeName("TunnelIntfSnmp::TunnelMib", "tunnelMib"));
