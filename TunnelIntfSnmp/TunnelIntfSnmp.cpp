@@ -239,8 +239,10 @@ Zel::Attribute const & TunnelMib::tunnelIfTableAttribute() {
 }
 
 Zel::Attribute const & TunnelMib::tunnelInetConfigTableAttribute() {
-  static auto const attribute =
-      attributeOf<&TunnelMib::tunnelInetConfigTable>("tunnelInetConfigTable", "Zel::RbTreeMap");
+  static Zel::Attribute const attribute{
+      "tunnelInetConfigTable", "Zel::RbTreeMap", Zel::getBy<&TunnelMib::tunnelInetConfigTable>,
+      nullptr,
+      [](Zel::PtrInterface & mib) { static_cast<TunnelMib &>(mib).tunnelInetConfigTableDelAll(); }};
   return attribute;
 }
 

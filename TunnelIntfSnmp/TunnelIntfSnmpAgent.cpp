@@ -195,7 +195,8 @@ tunnelIntfSnmpAgentByName(Zel::PtrInterface & root,
 Zel::Attribute const & Root::tunnelIntfSnmpAgentAttribute() {
   static Zel::Attribute const attribute{
       "tunnelIntfSnmpAgent", "TunnelIntfSnmp::TunnelIntfSnmpAgent",
-      Zel::getBy<&Root::tunnelIntfSnmpAgent>, tunnelIntfSnmpAgentByName};
+      Zel::getBy<&Root::tunnelIntfSnmpAgent>, tunnelIntfSnmpAgentByName,
+      [](Zel::PtrInterface & root) { static_cast<Root &>(root).tunnelIntfSnmpAgentDel(); }};
   return attribute;
 }
 

@@ -72,4 +72,12 @@ Ptr<PtrInterface> attributeIs(PtrInterface & object, std::string_view name,
   return attribute.is(object, arguments);
 }
 
+void attributeDel(PtrInterface & object, std::string_view name) {
+  auto const & attribute = find(object, name);
+  if (attribute.del == nullptr)
+    throw GenericAccessError(
+        fmt::format("attribute {} of {} cannot be removed by name", name, object.type().name));
+  attribute.del(object);
+}
+
 } // namespace Zel

@@ -37,6 +37,9 @@ struct Attribute {
   /// it cannot be set by name. Raises GenericAccessError when an argument has the wrong type.
   Ptr<PtrInterface> (*is)(PtrInterface & object,
                           std::span<Ptr<PtrInterface> const> arguments) = nullptr;
+  /// Removes what the attribute holds: its object, or every entry of its collection; null if it
+  /// cannot be removed by name.
+  void (*del)(PtrInterface & object) = nullptr;
 };
 
 /// What the framework knows of a type.
@@ -92,6 +95,9 @@ Value attribute(PtrInterface const & object, std::string_view name);
 /// when there is none that can be set, or an argument does not fit.
 Ptr<PtrInterface> attributeIs(PtrInterface & object, std::string_view name,
                               std::span<Ptr<PtrInterface> const> arguments);
+/// Removes what an attribute holds. Raises GenericAccessError when there is none of that name that
+/// can be removed.
+void attributeDel(PtrInterface & object, std::string_view name);
 
 // Values out of C++ types, for the `get` of an attribute.
 inline Value toValue(std::string const & text) {

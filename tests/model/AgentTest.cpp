@@ -98,6 +98,17 @@ TEST_F(RootTest, IsSetUpByNamesAlone) {
   EXPECT_EQ(world_.tunnelIfRows(), (Rows{{10, 1}}));
 }
 
+TEST_F(RootTest, LosesItsAgentAndTheTableItsRowsByNamesAlone) {
+  setAgent();
+  world_.mib->tunnelInetConfigTableIs(
+      tunnelInetConfigTableEntryFactory(TunnelInetConfigTableKey(), 1));
+  Zel::attributeDel(*world_.mib, "tunnelInetConfigTable");
+  EXPECT_TRUE(world_.mib->tunnelInetConfigTable().empty());
+  Zel::attributeDel(*root_, "tunnelIntfSnmpAgent");
+  EXPECT_EQ(root_->tunnelIntfSnmpAgent(), nullptr);
+  EXPECT_THROW(Zel::attributeDel(*root_, "name"), Zel::GenericAccessError);
+}
+
 TEST_F(RootTest, RefusesWrongInputsByName) {
   std::vector<Zel::Ptr<Zel::PtrInterface>> inputs{world_.mib, world_.dir, world_.ifMib};
   EXPECT_THROW(Zel::attributeIs(*root_, "tunnelIntfSnmpAgent", inputs), Zel::GenericAccessError);
