@@ -113,8 +113,10 @@ void InputSm::scanCompletes() {
     scanState_ = ScanState::initialComplete;
     pass = " initial";
   }
+  Zel::FirstException exception;
+  exception.run([&] { (parent_.inputSmScanState().get()->*flag_.set)(true); });
   LUMO_TRACE(trace(), 9, unit(), "{}{} scan, and parent scan, complete.", name_, pass);
-  (parent_.inputSmScanState().get()->*flag_.set)(true);
+  exception.rethrow();
 }
 
 // The machine: construction

@@ -7,11 +7,13 @@
 // key that was written, never by one computed from the status of today. Whenever a row may have
 // gone, every tunnel without a row is tried again.
 //
-//   event                        delete   add   rescan
-//   a status came or changed       yes    yes      yes      in this order: the old row goes before
-//   the a status went                  yes     no      yes      new one is tried an ifIndex came or
-//   changed      no    yes       no an ifIndex went                 no     no       no      the row
-//   stays
+//   event                      delete  add  rescan
+//   a status came or changed   yes     yes  yes
+//   a status went              yes     no   yes
+//   an ifIndex came, changed   no      yes  no
+//   an ifIndex went            no      no   no
+//
+// In this order: a tunnel that changed loses its old row before its new one is tried.
 #pragma once
 
 #include "TunnelIntfSnmp/StatusChildSm.h"

@@ -102,17 +102,20 @@ private:
     if (owner_ == nullptr)
       return;
     if (hasNotificationActive())
-      (owner_->*handler_)(attribute, key);
+      deliver(attribute, key);
     else if (Change change{&attribute, key};
              std::find(held_.begin(), held_.end(), change) == held_.end())
       held_.push_back(std::move(change));
+  }
+  void deliver(Zel::Attribute const & attribute, Key const & key) {
+    (owner_->*handler_)(attribute, key);
   }
   void deliverHeld() {
     Zel::Ptr<InReactor> const self(this); // a delivery may release us
     Zel::FirstException exception;
     for (auto const & [attribute, key] : std::exchange(held_, {}))
       if (owner_ != nullptr)
-        exception.run([&, changed = attribute, &k = key] { (owner_->*handler_)(*changed, k); });
+        exception.run([this, change = attribute, &k = key] { deliver(*change, k); });
     exception.rethrow();
   }
 

@@ -272,14 +272,14 @@ TEST(RuntimeTrace, TellsTheStartOfASynchronousMachine) {
           "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId=1 ifIndexOpt=Optional( 10 )",
           "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1=10, value=Tuple( 10, "
           "Interface::TunnelIntfStatus( 1 ) )",
-          "IfIndexByIntfIdSm1 scan, and parent scan, complete.", "", "",
+          "", "IfIndexByIntfIdSm1 scan, and parent scan, complete.", "",
           " scan complete: false resumed: false scan: 3",
           "tisStream = from( tunnelIntfStatusDir.intfStatus[] ): intfId=1 tisOpt=Optional( "
           "Interface::TunnelIntfStatus( 1 ) )",
           "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1=10, value=Tuple( 10, "
           "Interface::TunnelIntfStatus( 1 ) )",
-          "IntfStatusSm0 scan, and parent scan, complete.", "",
-          "Input scans for mibTunnelIfTableOutput complete",
+          "", "Input scans for mibTunnelIfTableOutput complete",
+          "IntfStatusSm0 scan, and parent scan, complete.",
           "Initial scan done for child SMs. Now scanning with events triggered.", "",
           " already ready, not reconciling."));
 }
