@@ -90,6 +90,8 @@ std::vector<std::string> Agent::reread() {
 void Agent::stop() {
   control_.reset(); // an answer under way holds rows
   sources_.clear();
+  if (snmp_)
+    snmp_->stopServing();
   if (plugin_) {
     plugin_->unregisterMibs();
     database_.unmount(rootPath); // its end removes the machines

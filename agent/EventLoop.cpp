@@ -1,5 +1,6 @@
 #include "agent/EventLoop.h"
 #include "agent/Report.h"
+#include <csignal>
 #include <event2/event.h>
 #include <stdexcept>
 
@@ -57,6 +58,7 @@ void EventLoop::BaseFree::operator()(event_base * base) const {
 EventLoop::EventLoop() : base_(event_base_new()) {
   if (!base_)
     throw std::runtime_error("cannot make an event loop: out of descriptors or memory");
+  std::signal(SIGPIPE, SIG_IGN); // libevent writes to connections that may have gone
 }
 EventLoop::~EventLoop() = default;
 
@@ -80,8 +82,10 @@ void EventLoop::run(std::function<bool()> const & work) {
   stopped_ = false;
   while (!stopped_) {
     auto const more = work();
-    // Without any event to wait for, libevent returns at once with 1: nothing can happen any more.
-    if (event_base_loop(base(), more ? EVLOOP_NONBLOCK : EVLOOP_ONCE) == 1 && !more)
+    // ONCE in both cases: NONBLOCK alone would go on for as long as events keep coming.
+    auto const flags = more ? EVLOOP_ONCE | EVLOOP_NONBLOCK : EVLOOP_ONCE;
+    // 1: there is no event to wait for, so nothing can happen any more.
+    if (event_base_loop(base(), flags) == 1 && !more)
       return;
   }
 }

@@ -11,7 +11,8 @@ struct event_base;
 namespace Agent {
 
 /// Everything in the daemon is called from run(), on its one thread. An exception out of a callback
-/// is reported and counted ("agent-callback-exceptions"), and the loop goes on.
+/// is reported and counted ("agent-callback-exceptions"), and the loop goes on. While there is a
+/// loop, and after it, the process ignores SIGPIPE.
 class EventLoop final : public Sources::Loop {
 public:
   EventLoop();

@@ -24,10 +24,16 @@ Lumo::Counter configurationFaults("agent-configuration-faults");
 
 constexpr char applicationName[] = "tunnelsnmpd";
 /// A subagent looks for a master that went away, or was not there, this often.
-constexpr int agentxPingSeconds = 2;
+constexpr int agentxPingSeconds = 5;
+/// Everything else waits while a subagent waits for its master: not long, and not again.
+constexpr int agentxTimeoutMicroseconds = 1'000'000;
+constexpr int agentxRetries = 0;
 
 void setLibraryFlag(int flag) {
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, flag, 1);
+}
+void setAgentNumber(int which, int number) {
+  netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, which, number);
 }
 void setLibraryPath(int which, char const * path) {
   netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, which, path);
@@ -51,6 +57,13 @@ private:
 unsigned long inodeOf(int descriptor) {
   struct stat status {};
   return fstat(descriptor, &status) == 0 ? status.st_ino : 0;
+}
+
+/// True if and only if it is a socket with somebody at its other end.
+bool isConnected(int descriptor) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  return getpeername(descriptor, reinterpret_cast<sockaddr *>(&address), &size) == 0;
 }
 
 /// The port that a socket is bound to, or 0 when it has none.
@@ -97,6 +110,15 @@ public:
     return std::exchange(kept_, {});
   }
 
+  /// Reports a text that is not the last one: a subagent without its master says the same again and
+  /// again.
+  void reportOnce(std::string_view text) {
+    if (text == last_)
+      return;
+    last_ = text;
+    report(text);
+  }
+
 private:
   static int logged(int, int, void * message, void * self) {
     static_cast<Log *>(self)->take(*static_cast<snmp_log_message const *>(message));
@@ -104,13 +126,14 @@ private:
   }
   void take(snmp_log_message const & message) {
     if (!keeping_ || message.priority > LOG_WARNING)
-      return report(message.msg);
-    if (std::ranges::find(kept_, message.msg) == kept_.end())
+      reportOnce(message.msg);
+    else if (std::ranges::find(kept_, message.msg) == kept_.end())
       kept_.emplace_back(message.msg);
   }
 
   bool keeping_ = false;
   std::vector<std::string> kept_;
+  std::string last_;
 };
 
 SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
@@ -120,10 +143,11 @@ SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
   checkReadable();
   setUp();
   init_agent(applicationName);
-  if (settings_.agentx)
-    netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL,
-                       agentxPingSeconds);
-  else if (settings_.configFile.empty()) {
+  if (settings_.agentx) {
+    setAgentNumber(NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, agentxPingSeconds);
+    setAgentNumber(NETSNMP_DS_AGENT_AGENTX_TIMEOUT, agentxTimeoutMicroseconds);
+    setAgentNumber(NETSNMP_DS_AGENT_AGENTX_RETRIES, agentxRetries);
+  } else if (settings_.configFile.empty()) {
     char line[] = "rocommunity public 127.0.0.1";
     netsnmp_config_remember(line);
   }
@@ -138,8 +162,7 @@ SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
 }
 
 SnmpEngine::~SnmpEngine() {
-  watched_.clear();
-  timer_.reset();
+  stopServing();
   if (endpoint_ != -1)
     netsnmp_deregister_agent_nsap(endpoint_);
   shutDown();
@@ -163,6 +186,15 @@ std::string SnmpEngine::listen(std::string const & address) {
     throw std::runtime_error(fmt::format("cannot listen on {}: net-snmp refuses it", address));
   update();
   return withRealPort(address, descriptor);
+}
+
+void SnmpEngine::stopServing() {
+  if (settings_.agentx)
+    for (auto const & [descriptor, watched] : watched_)
+      if (isConnected(descriptor))
+        shutdown(descriptor, SHUT_RDWR);
+  watched_.clear();
+  timer_.reset();
 }
 
 void SnmpEngine::reread() {
@@ -217,7 +249,7 @@ void SnmpEngine::requireUnderstood(std::vector<std::string> const & complaints) 
   // A subagent without a master complains here as well; it keeps trying.
   if (settings_.configFile.empty()) {
     for (auto const & complaint : complaints)
-      report(complaint);
+      log_->reportOnce(complaint);
     return;
   }
   if (complaints.empty())

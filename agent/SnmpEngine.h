@@ -19,9 +19,9 @@ struct SnmpSettings {
   std::optional<std::string> agentx; ///< the master's socket; nothing: stand-alone
 };
 
-/// Life cycle: constructed, then the MIB modules register, then listen(); before its end the MIB
-/// modules unregister. Within construction a subagent connects to its master; one that finds none
-/// tries again every few seconds.
+/// Life cycle: constructed, then the MIB modules register, then listen(); at the end stopServing(),
+/// then the MIB modules unregister, then it is destroyed. Within construction a subagent connects
+/// to its master; one that finds none tries again every few seconds.
 class SnmpEngine {
 public:
   /// Starts net-snmp and reads the configuration. Raises ConfigurationError, one line, for a file
@@ -35,6 +35,10 @@ public:
   /// the real port: "udp:127.0.0.1:1161", "agentx:/var/agentx/master". Raises std::runtime_error
   /// when the address cannot be had.
   std::string listen(std::string const & address);
+
+  /// Answers nobody from now on. A subagent hangs up: its master drops what it registered, and the
+  /// MIB modules can unregister without an answer that a stuck master would never give.
+  void stopServing();
 
   /// Puts what the configuration file says now in the place of what it said before. Raises
   /// ConfigurationError as the constructor does; the lines that were understood are in force then,

@@ -18,7 +18,6 @@ std::string defaultPlugin() {
 }
 
 void serve(Agent::Options options) {
-  std::signal(SIGPIPE, SIG_IGN); // a client that went shows as an error of the write
   Agent::EventLoop loop;
   // From the first moment: a signal during the start takes effect when the loop begins.
   auto const onTerm = loop.signal(SIGTERM, [&] { loop.stop(); });

@@ -43,19 +43,21 @@ Client::~Client() {
   close(descriptor_);
 }
 
-nlohmann::ordered_json Client::request(std::string const & command,
-                                       nlohmann::json const & arguments) {
+template <class Json>
+Json Client::request(std::string const & command, nlohmann::json const & arguments) {
   send(nlohmann::json{{"command", command}, {"arguments", arguments}}.dump() + '\n');
-  nlohmann::ordered_json answer;
+  Json answer;
   try {
-    answer = nlohmann::ordered_json::parse(receiveLine());
-    if (answer.at("ok").get<bool>())
+    answer = Json::parse(receiveLine());
+    if (answer.at("ok") == true)
       return std::move(answer.at("result"));
   } catch (nlohmann::json::exception const &) {
     lost("its answer is no JSON that this version understands");
   }
   throw Refused(answer.value("error", "no reason given"));
 }
+template nlohmann::json Client::request(std::string const &, nlohmann::json const &);
+template nlohmann::ordered_json Client::request(std::string const &, nlohmann::json const &);
 
 void Client::send(std::string const & line) {
   for (std::string_view rest = line; !rest.empty();) {

@@ -27,9 +27,11 @@ public:
   Client & operator=(Client const &) = delete;
   ~Client();
 
-  /// Sends one request and returns the result of its answer, with its members in the order in which
-  /// they came. Raises Refused and Unreachable.
-  nlohmann::ordered_json request(std::string const & command, nlohmann::json const & arguments);
+  /// Sends one request and returns the result of its answer: as ordered_json with the members in
+  /// the order in which they came, as json for objects of very many members. Raises Refused and
+  /// Unreachable.
+  template <class Json>
+  Json request(std::string const & command, nlohmann::json const & arguments);
 
 private:
   void send(std::string const & line);

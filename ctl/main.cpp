@@ -43,14 +43,16 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-void print(Arguments const & arguments, Json const & result, std::string const & text) {
+template <class AnyJson>
+void print(Arguments const & arguments, AnyJson const & result, std::string const & text) {
   auto const shown = arguments.json ? result.dump() + '\n' : text;
   fmt::print("{}", shown);
 }
 
-Json ask(Arguments const & arguments, std::string const & command,
-         nlohmann::json const & with = nlohmann::json::object()) {
-  return Ctl::Client(arguments.control).request(command, with);
+template <class AnyJson = Json>
+AnyJson ask(Arguments const & arguments, std::string const & command,
+            nlohmann::json const & with = nlohmann::json::object()) {
+  return Ctl::Client(arguments.control).request<AnyJson>(command, with);
 }
 
 void status(Arguments const & arguments) {
@@ -64,7 +66,8 @@ void showTables(Arguments const & arguments) {
 }
 
 void showState(Arguments const & arguments) {
-  auto const result = ask(arguments, "statedb/show", {{"pointer", arguments.pointer}});
+  auto const result =
+      ask<nlohmann::json>(arguments, "statedb/show", {{"pointer", arguments.pointer}});
   print(arguments, result, result.dump(2) + '\n');
 }
 

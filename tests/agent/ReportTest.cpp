@@ -1,0 +1,23 @@
+#include "agent/Report.h"
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Report, WritesOneLineHoweverManyTheTextHas) {
+  testing::internal::CaptureStderr();
+  Agent::report("first\n  second\r\n");
+  EXPECT_EQ("tunnelsnmpd: first second\n", testing::internal::GetCapturedStderr());
+}
+
+TEST(Report, RemembersAndCountsTheLastFailure) {
+  Lumo::Counter counter("report-test-failures");
+  testing::internal::CaptureStderr();
+  Agent::reportFailure(counter, "in a test", std::runtime_error("one"));
+  Agent::reportFailure(counter, "in a test", std::runtime_error("two"));
+  EXPECT_EQ("tunnelsnmpd: in a test: one\ntunnelsnmpd: in a test: two\n",
+            testing::internal::GetCapturedStderr());
+  EXPECT_EQ("in a test: two", Agent::lastFailure());
+  EXPECT_EQ(2u, counter.count());
+}
+
+} // namespace

@@ -1,0 +1,201 @@
+// The status reads objects by their attributes' names alone, so a few objects of no plug-in at all
+// stand for those of the plug-in.
+#include "agent/Status.h"
+#include <gtest/gtest.h>
+#include <map>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+/// An object of type Tag whose attributes the test gives as functions.
+template <class Tag>
+class Scripted final : public Zel::PtrInterface {
+public:
+  explicit Scripted(std::map<std::string, Zel::Value> values = {}) : values_(std::move(values)) {}
+  Zel::Type const & type() const override { return Tag::type(); }
+  static Zel::Value read(Zel::PtrInterface const & object, std::string const & name) {
+    auto const & values = static_cast<Scripted const &>(object).values_;
+    auto const found = values.find(name);
+    return found == values.end() ? Zel::Value{} : found->second;
+  }
+
+private:
+  std::map<std::string, Zel::Value> const values_;
+};
+
+template <class Tag, char const * Name>
+constexpr Zel::Attribute readable() {
+  return {Name, "test",
+          [](Zel::PtrInterface const & object) { return Scripted<Tag>::read(object, Name); }};
+}
+
+constexpr char tunnelIntfSnmpAgent[] = "tunnelIntfSnmpAgent";
+constexpr char firstSm[] = "firstSm";
+constexpr char secondSm[] = "secondSm";
+constexpr char tunnelMib[] = "tunnelMib";
+constexpr char ready[] = "ready";
+constexpr char idle[] = "idle";
+constexpr char reconciling[] = "mibThingOutputReconciling";
+constexpr char inputSm[] = "inputSm";
+constexpr char scanState[] = "scanState";
+constexpr char scanned[] = "scanned";
+constexpr char tableA[] = "tableA";
+constexpr char tableB[] = "tableB";
+constexpr char notATable[] = "notATable";
+constexpr char index[] = "index";
+constexpr char text[] = "text";
+constexpr char record[] = "record";
+constexpr char hidden[] = "hidden";
+
+template <class Tag, char const *... Names>
+Zel::Type const & typeOf(std::string_view name) {
+  static Zel::Attribute const list[] = {readable<Tag, Names>()...};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{name, attributes};
+  return type;
+}
+
+struct RootTag {
+  static Zel::Type const & type() { return typeOf<RootTag, tunnelIntfSnmpAgent>("Root"); }
+};
+struct AgentTag {
+  static Zel::Type const & type() {
+    return typeOf<AgentTag, tunnelMib, firstSm, secondSm>("Agent");
+  }
+};
+struct MachineTag {
+  static Zel::Type const & type() {
+    return typeOf<MachineTag, ready, idle, inputSm, reconciling>("Machine");
+  }
+};
+struct InputTag {
+  static Zel::Type const & type() { return typeOf<InputTag, scanState, scanned>("Input"); }
+};
+struct MibTag {
+  static Zel::Type const & type() { return typeOf<MibTag, notATable, tableA, tableB>("Mib"); }
+};
+struct RowTag {
+  static Zel::Type const & type() {
+    static Zel::Attribute const list[] = {readable<RowTag, index>(),
+                                          readable<RowTag, text>(),
+                                          readable<RowTag, record>(),
+                                          {hidden, "test"}};
+    static auto const attributes = Zel::pointersTo(list);
+    static Zel::Type const type{"Row", attributes};
+    return type;
+  }
+};
+
+template <class Tag>
+Zel::Value object(std::map<std::string, Zel::Value> values = {}) {
+  return {Zel::Ptr<Zel::PtrInterface const>(Zel::makePtr<Scripted<Tag>>(std::move(values)))};
+}
+Zel::Value flag(bool value) {
+  return {value};
+}
+Zel::Value number(std::uint64_t value) {
+  return {value};
+}
+Zel::Value row(std::uint64_t value, std::string words) {
+  return object<RowTag>(
+      {{index, number(value)}, {text, {std::move(words)}}, {record, object<RowTag>()}});
+}
+Zel::Value machine(bool isReady) {
+  return object<MachineTag>({{ready, flag(isReady)}, {idle, flag(false)}});
+}
+
+Json machinesOf(std::map<std::string, Zel::Value> agent) {
+  Scripted<RootTag> root({{tunnelIntfSnmpAgent, object<AgentTag>(std::move(agent))}});
+  return Agent::machinesStatus(root);
+}
+
+TEST(Status, FindsTheMachinesAndTheirInputs) {
+  auto const input = object<InputTag>({{scanState, number(2)}, {scanned, number(40)}});
+  auto const machines = machinesOf({{tunnelMib, object<MibTag>()},
+                                    {firstSm, object<MachineTag>({{ready, flag(true)},
+                                                                  {idle, flag(false)},
+                                                                  {reconciling, flag(true)},
+                                                                  {inputSm, input}})}});
+  EXPECT_EQ(Json::parse(R"([{"name": "firstSm", "ready": true, "idle": false, "reconciling": true,
+                             "inputs": [{"name": "inputSm", "scanState": 2, "scanned": 40}]}])"),
+            machines);
+}
+
+TEST(Status, IsReadyOnlyWhenEveryMachineIs) {
+  EXPECT_TRUE(Agent::allReady(machinesOf({{firstSm, machine(true)}, {secondSm, machine(true)}})));
+  EXPECT_FALSE(Agent::allReady(machinesOf({{firstSm, machine(true)}, {secondSm, machine(false)}})));
+}
+
+TEST(Status, IsNotReadyWithoutMachines) {
+  EXPECT_FALSE(Agent::allReady(machinesOf({})));
+  Scripted<RootTag> const rootWithoutAgent;
+  EXPECT_TRUE(Agent::machinesStatus(rootWithoutAgent).empty());
+}
+
+std::string written(Agent::TablesWriter & writer, std::size_t * pieces = nullptr) {
+  std::string out;
+  std::size_t count = 1;
+  while (writer.next(out))
+    ++count;
+  if (pieces != nullptr)
+    *pieces = count;
+  return out;
+}
+
+Zel::Ptr<Zel::PtrInterface const> mibOf(std::map<std::string, Zel::Value> values) {
+  return Zel::makePtr<Scripted<MibTag>>(std::move(values));
+}
+
+TEST(TablesWriter, WritesTheScalarColumnsOfEveryTable) {
+  using Rows = Zel::Value::Collection;
+  auto const mib = mibOf({{notATable, {Rows{{"1", number(1)}}}},
+                          {tableA, {Rows{{"1", row(1, "one \"1\"")}, {"2", row(2, "two\n")}}}},
+                          {tableB, {Rows{}}}});
+  Agent::TablesWriter writer(mib);
+  EXPECT_EQ(Json::parse(R"({"tableA": [{"index": 1, "text": "one \"1\""},
+                                       {"index": 2, "text": "two\n"}],
+                            "tableB": []})"),
+            Json::parse(written(writer)));
+}
+
+TEST(TablesWriter, WritesAnEmptyObjectForAMibWithoutTables) {
+  Agent::TablesWriter writer(mibOf({}));
+  EXPECT_EQ("{}", written(writer));
+}
+
+TEST(TablesWriter, CutsALongTableIntoPiecesWithoutLosingARow) {
+  constexpr std::uint64_t rows = 1001;
+  Zel::Value::Collection collection;
+  for (std::uint64_t i = 0; i != rows; ++i)
+    collection.emplace_back(std::to_string(i), row(i, ""));
+  Agent::TablesWriter writer(mibOf({{tableA, {collection}}}));
+  std::size_t pieces = 0;
+  auto const tables = Json::parse(written(writer, &pieces));
+  EXPECT_GE(pieces, 5u);
+  ASSERT_EQ(rows, tables["tableA"].size());
+  for (std::uint64_t i = 0; i != rows; ++i)
+    EXPECT_EQ(i, tables["tableA"][i]["index"]);
+}
+
+TEST(TasksStatus, ShowsEachTaskAndTheSums) {
+  auto const scheduler = Zel::makePtr<Kiln::TaskScheduler>();
+  auto const first = Zel::makePtr<Kiln::Task>(scheduler, 3, "first");
+  auto const second = Zel::makePtr<Kiln::Task>(scheduler, 1, "second");
+  first->taskWorkPendingIs(5);
+  second->taskWorkPendingIs(6);
+  second->taskWorkCountInc(7);
+  second->scheduleTask();
+  EXPECT_EQ(Json::parse(R"([{"name": "first", "priority": 3, "scheduled": false, "runs": 0,
+                             "workCount": 0, "workPending": 5},
+                            {"name": "second", "priority": 1, "scheduled": true, "runs": 0,
+                             "workCount": 7, "workPending": 6}])"),
+            Agent::tasksStatus(*scheduler));
+  EXPECT_EQ(Json::parse(R"({"count": 2, "scheduled": 1, "runs": 0, "workPending": 11})"),
+            Agent::tasksSummary(*scheduler));
+  while (scheduler->runOne()) {
+  }
+}
+
+} // namespace
