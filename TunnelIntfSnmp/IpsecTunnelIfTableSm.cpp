@@ -1,18 +1,16 @@
 // The machine of ipsecTunnelIfTable. What it shares with the other machines is in TableSmRuntime.h,
 // CollectionSm.h and StatusChildSm.h; here is what its events mean.
 #include "TunnelIntfSnmp/IpsecTunnelIfTableSm.h"
-#include <array>
 
 namespace TunnelIntfSnmp {
 
 namespace {
 
-constexpr char const * unitName = "IpsecTunnelIfTableSm";
-auto const debugHandler = Lumo::Platform::getDebugHandler(unitName, false);
+auto const debugHandler = Lumo::Platform::getDebugHandler(IpsecTunnelIfTableSm::unitName, false);
 
 OutputNames const outputs[] = {
     {"mibIpsecTunnelIfTableOutput", {"mibIpsecTunnelIfTableOutputReady", "bool"}}};
-TableSmNames const smNames{.machine = unitName,
+TableSmNames const smNames{.machine = IpsecTunnelIfTableSm::unitName,
                            .tisStream = "tisIpsecStream",
                            .tisStreamScan = {"tisIpsecStreamScan", "bool"},
                            .outputs = outputs};
@@ -24,10 +22,8 @@ TableSmNames const smNames{.machine = unitName,
 IpsecTunnelIfTableSm::IpsecTunnelIfTableSm(Zel::Ptr<TunnelMib> mib,
                                            StatusDirPtr tunnelIntfStatusDir, IfMibPtr ifMib,
                                            IkeStatusPtr ikeStatus, Flowa::SmControl const & control)
-    : TableSm(smNames, *debugHandler, control),
-      mib_(std::move(mib)),
-      tunnelIntfStatusDir_(std::move(tunnelIntfStatusDir)),
-      ifMib_(std::move(ifMib)),
+    : TunnelTableSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
+                    std::move(ifMib)),
       ikeStatus_(std::move(ikeStatus)) {
   handleInitialized();
 }
@@ -48,29 +44,8 @@ Zel::Ptr<IpsecTunnelIfTableSm> ipsecTunnelIfTableSmFactory(Zel::Ptr<TunnelMib> c
 }
 
 void IpsecTunnelIfTableSm::checkInputs() const {
-  LUMO_ASSERT(mib(), nullSmArgument);
-  LUMO_ASSERT(tunnelIntfStatusDir(), nullSmArgument);
-  LUMO_ASSERT(ifMib(), nullSmArgument);
+  TunnelTableSm::checkInputs();
   LUMO_ASSERT(ikeStatus(), nullSmArgument);
-}
-
-Zel::Ptr<InputSm> IpsecTunnelIfTableSm::createIfIndexSm() {
-  return Zel::makePtr<FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2>(*this, ifMib_,
-                                                                           "IfIndexByIntfIdSm2");
-}
-
-Zel::Ptr<InputSm> IpsecTunnelIfTableSm::createIntfStatusSm() {
-  return Zel::makePtr<FlowaCode::IpsecTunnelIfTableSm::IntfStatusSm0>(*this, tunnelIntfStatusDir_);
-}
-
-Zel::Ptr<FlowaCode::IpsecTunnelIfTableSm::IntfStatusSm0>
-IpsecTunnelIfTableSm::intfStatusSm0() const {
-  return intfStatusSm<FlowaCode::IpsecTunnelIfTableSm::IntfStatusSm0>();
-}
-
-Zel::Ptr<FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2>
-IpsecTunnelIfTableSm::ifIndexByIntfIdSm2() const {
-  return ifIndexSm<FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2>();
 }
 
 // Reactors
@@ -98,12 +73,12 @@ void IpsecTunnelIfTableSm::eventToTisIpsecStream(Plexa::IntfId intfId,
                                                  Zel::Optional<bool> const &) {
   LUMO_TRACE(trace(), 7, unit(),
              "tisIpsecStream = from( tunnelIntfStatusDir.intfStatus[].ipsec ): intfId={}", intfId);
-  auto const * ifIndex = ifMib_->ifIndexByIntfId().find(intfId);
+  auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  eventToUpdateStream(*ifIndex, statusOptOf(intfId));
+  eventToUpdateStream(*ifIndex, statusOf(intfId));
 }
 
 void IpsecTunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
@@ -117,7 +92,7 @@ void IpsecTunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  auto const status = statusOptOf(intfId);
+  auto const status = statusOf(intfId);
   if (!status) {
     LUMO_TRACE(trace(), 6, unit(), "filter( intfStatusOpt ) failed, terminating pipeline");
     return;
@@ -139,24 +114,19 @@ void IpsecTunnelIfTableSm::eventToUpdateStream(std::uint32_t ifIndex,
     deleteOutputRow(ifIndex);
 }
 
-// The status as the pipeline's optional.
-Zel::Optional<StatusPtr> IpsecTunnelIfTableSm::statusOptOf(Plexa::IntfId intfId) const {
-  auto status = statusOf(*tunnelIntfStatusDir_, intfId);
-  return status ? Zel::Optional<StatusPtr>(std::move(status)) : std::nullopt;
-}
-
 // Writes to the output table
 
 void IpsecTunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status) {
   Zel::FirstException exception; // of whoever hears of the deletion: the new row must not miss it
-  if (auto const row = mib_->ipsecTunnelIfTable(k1)) {
+  if (auto const row = mib()->ipsecTunnelIfTable(k1)) {
     if (row->tunnelIntfStatus() == status)
       return;
-    if (!makeRoom(*tunnelIntfStatusDir_, status, exception,
-                  [&] { mib_->ipsecTunnelIfTableDel(k1); }))
+    auto const intfId = status->intfId();
+    if (!statusOutlives(intfId, exception, [&] { mib()->ipsecTunnelIfTableDel(k1); }) ||
+        !status->ipsec())
       return exception.rethrow();
   }
-  exception.run([&] { mib_->ipsecTunnelIfTableIs(k1, status, ikeStatus_); });
+  exception.run([&] { mib()->ipsecTunnelIfTableIs(k1, status, ikeStatus_); });
   LUMO_TRACE(
       trace(), 7, unit(),
       "into( mib.ipsecTunnelIfTable[ ifIndex ] ): inserting k1={}, value=Tuple( {}, {}, {} )", k1,
@@ -166,7 +136,7 @@ void IpsecTunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & s
 
 void IpsecTunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
   LUMO_TRACE(trace(), 7, unit(), "into( mib.ipsecTunnelIfTable[ ifIndex ] ): deleting k1={}", k1);
-  mib_->ipsecTunnelIfTableDel(k1);
+  mib()->ipsecTunnelIfTableDel(k1);
 }
 
 // Destruction
@@ -177,35 +147,19 @@ IpsecTunnelIfTableSm::~IpsecTunnelIfTableSm() {
 
 // What the framework is told when the library is loaded.
 
-Zel::Type const & IpsecTunnelIfTableSm::type() const {
-  return typeDescription();
-}
-
-Zel::Type const & IpsecTunnelIfTableSm::typeDescription() {
+std::span<Zel::Attribute const> IpsecTunnelIfTableSm::ownAttributes() {
   using Sm = IpsecTunnelIfTableSm;
   static Zel::Attribute const own[] = {
-      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
-      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
-       Zel::getBy<&Sm::tunnelIntfStatusDir>},
-      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
       {"ikeStatus", "Ipsec::Ike::Status", Zel::getBy<&Sm::ikeStatus>},
       {"ifIndexByIntfIdSm2", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm2>},
       {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
       {"mibIpsecTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
-  static auto const attributes = attributesOf(own);
-  static Zel::Type const type{"TunnelIntfSnmp::IpsecTunnelIfTableSm", attributes};
-  return type;
+  return own;
 }
 
 namespace {
 
-std::array<Zel::Type const *, 1> const types{&IpsecTunnelIfTableSm::typeDescription()};
-constexpr std::array<std::string_view, 4> outsideTypes{"TunnelIntfSnmp::TunnelMib",
-                                                       "Interface::TunnelIntfStatusDir",
-                                                       "IntfSnmp::IfMib", "Ipsec::Ike::Status"};
-Zel::Module const moduleRecord{unitName, "ns-", types, outsideTypes};
-Zel::zelModuleIs const _IpsecTunnelIfTableSm_f6b9bf12_zelModule(moduleRecord);
-
+Zel::zelModuleIs const _IpsecTunnelIfTableSm_f6b9bf12_zelModule(moduleOf<IpsecTunnelIfTableSm>());
 } // namespace
 
 } // namespace TunnelIntfSnmp

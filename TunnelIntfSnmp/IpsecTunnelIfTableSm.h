@@ -4,7 +4,7 @@
 #pragma once
 
 #include "TunnelIntfSnmp/StatusChildSm.h"
-#include "TunnelIntfSnmp/TableSmRuntime.h"
+#include "TunnelIntfSnmp/TunnelTableSm.h"
 
 namespace TunnelIntfSnmp {
 
@@ -36,8 +36,18 @@ using MibIpsecTunnelIfTableOutputKeyType =
 
 /// Works from its construction to its destruction, which leaves the rows in place.
 class IpsecTunnelIfTableSm final
-    : public TableSm<TunnelMib::IpsecTunnelIfTable, MibIpsecTunnelIfTableOutputKeyType> {
+    : public TunnelTableSm<IpsecTunnelIfTableSm, TunnelMib::IpsecTunnelIfTable,
+                           MibIpsecTunnelIfTableOutputKeyType> {
 public:
+  using IntfStatusSm0 = FlowaCode::IpsecTunnelIfTableSm::IntfStatusSm0;
+  static constexpr std::string_view ifIndexSmName = "IfIndexByIntfIdSm2";
+  static constexpr std::string_view unitName = "IpsecTunnelIfTableSm";
+  static constexpr std::string_view typeName = "TunnelIntfSnmp::IpsecTunnelIfTableSm";
+  static constexpr std::string_view outsideTypes[] = {"TunnelIntfSnmp::TunnelMib",
+                                                      "Interface::TunnelIntfStatusDir",
+                                                      "IntfSnmp::IfMib", "Ipsec::Ike::Status"};
+  static std::span<Zel::Attribute const> ownAttributes();
+
   using MibIpsecTunnelIfTableOutputKeyType = TunnelIntfSnmp::MibIpsecTunnelIfTableOutputKeyType;
 
   /// Requires: no pointer is null; a null one is fatal.
@@ -48,15 +58,11 @@ public:
   IpsecTunnelIfTableSmIs(Zel::Ptr<TunnelMib> const & mib, StatusDirPtr const & tunnelIntfStatusDir,
                          IfMibPtr const & ifMib, IkeStatusPtr const & ikeStatus,
                          Flowa::SmControl const & control);
-  Zel::Type const & type() const override;
-  static Zel::Type const & typeDescription();
 
-  Zel::Ptr<TunnelMib> const & mib() const { return mib_; }
-  StatusDirPtr const & tunnelIntfStatusDir() const { return tunnelIntfStatusDir_; }
-  IfMibPtr const & ifMib() const { return ifMib_; }
   IkeStatusPtr const & ikeStatus() const { return ikeStatus_; }
-  Zel::Ptr<FlowaCode::IpsecTunnelIfTableSm::IntfStatusSm0> intfStatusSm0() const;
-  Zel::Ptr<FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2> ifIndexByIntfIdSm2() const;
+  auto ifIndexByIntfIdSm2() const {
+    return ifIndexSm<FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2>();
+  }
 
   /// The IPsec flag of the interface came, changed or, without a value, went with its status. The
   /// status is looked up again: what is there now decides.
@@ -68,18 +74,12 @@ public:
 
 private:
   void checkInputs() const override;
-  Zel::Ptr<InputSm> createIfIndexSm() override;
-  Zel::Ptr<InputSm> createIntfStatusSm() override;
   TunnelMib::IpsecTunnelIfTable const & output() const override {
-    return mib_->ipsecTunnelIfTable();
+    return mib()->ipsecTunnelIfTable();
   }
   void deleteOutputRow(std::uint32_t const & k1) override;
   void insertOutputRow(std::uint32_t k1, StatusPtr const & status);
-  Zel::Optional<StatusPtr> statusOptOf(Plexa::IntfId intfId) const;
 
-  Zel::Ptr<TunnelMib> const mib_;
-  StatusDirPtr const tunnelIntfStatusDir_;
-  IfMibPtr const ifMib_;
   IkeStatusPtr const ikeStatus_;
 };
 Zel::Ptr<IpsecTunnelIfTableSm> ipsecTunnelIfTableSmFactory(Zel::Ptr<TunnelMib> const & mib,

@@ -15,7 +15,7 @@ namespace TunnelIntfSnmp {
 template <class Child>
 class StatusChildSm : public Flowa::Gen::InputStateMachine {
 public:
-  ~StatusChildSm() override { en_->ownerDeletedIs(); }
+  ~StatusChildSm() override { stop(); }
 
   Plexa::IntfId intfId() const { return intfId_; }
   StatusPtr const & status() const { return input_; }
@@ -30,17 +30,23 @@ public:
     if (!initialized() || scanComplete_)
       return;
     LUMO_ASSERT(en(), "Sm args can only be null if marked as Optional in the SM type declaration");
+    Zel::FirstException exception;
     if (machine_.initialScanDone())
-      child().emit(intfId_, input_);
+      exception.run([&] { child().emit(intfId_, input_); });
     LUMO_TRACE(machine_.trace(), 9, unit(), "{}{} scan complete. ", Child::name,
                machine_.initialScanDone() ? "" : " initial");
     scanComplete_ = machine_.initialScanDone();
+    exception.rethrow();
   }
   /// Emits that the status is gone.
   void doDeleteAll() {
     LUMO_TRACE(machine_.trace(), 9, unit(), "");
     child().emit(intfId_, nullptr);
   }
+
+  /// From now on nothing of the record is heard: the child is no longer its parent's, though
+  /// somebody may still hold it.
+  void stop() { en_->ownerDeletedIs(); }
 
   void hasNotificationActiveIs(bool on) override {
     InputStateMachine::hasNotificationActiveIs(on);
@@ -90,6 +96,7 @@ public:
   StatusParentSm(Machine & root, StatusDirPtr tunnelIntfStatusDir)
       : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream),
         root_(root) {}
+  ~StatusParentSm() override { childSmDelAll(); }
 
   /// The child of the interface, or null.
   Zel::Ptr<Child> childSm(Plexa::IntfId intfId) const {
@@ -100,17 +107,29 @@ public:
   Zel::Ptr<Child> childSmIs(StatusPtr const & status, Plexa::IntfId intfId) {
     if (auto child = childSm(intfId); child && child->status() == status)
       return child;
+    childSmDel(intfId);
     return children_.insertOrReplace(intfId, Zel::makePtr<Child>(root_, intfId, status));
   }
-  void childSmDel(Plexa::IntfId intfId) { children_.erase(intfId); }
-  void childSmDelAll() { children_.clear(); }
+  void childSmDel(Plexa::IntfId intfId) {
+    if (auto const child = childSm(intfId))
+      child->stop();
+    children_.erase(intfId);
+  }
+  void childSmDelAll() {
+    children_.forEach([](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->stop(); });
+    children_.clear();
+  }
 
   /// Every child emits that its status is gone. What was missed of the collection does not matter
   /// here: the children are what was heard of.
   void doDeleteAll() override {
     Zel::Ptr<TableSmBase> const keepMachine(&root_);
     LUMO_TRACE(trace(), 9, unit(), "");
-    children_.forEach([](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->doDeleteAll(); });
+    Zel::FirstException exception;
+    children_.forEach([&](Plexa::IntfId, Zel::Ptr<Child> const & child) {
+      exception.run([&] { child->doDeleteAll(); });
+    });
+    exception.rethrow();
   }
   void hasNotificationActiveIs(bool on) override {
     Zel::FirstException exception;
@@ -141,10 +160,14 @@ private:
       handleGone(intfId);
   }
   void handleGone(Plexa::IntfId const & intfId) override {
-    if (auto const child = childSm(intfId)) {
-      child->doDeleteAll();
+    auto const child = childSm(intfId);
+    if (!child)
+      return;
+    Zel::FirstException exception;
+    exception.run([&] { child->doDeleteAll(); });
+    if (childSm(intfId) == child) // else who heard of the deletion brought a new status
       childSmDel(intfId);
-    }
+    exception.rethrow();
   }
 
   Machine & root_;

@@ -8,18 +8,6 @@ namespace {
 Lumo::Counter zombieExceptions("table-sm-zombie-exceptions");
 } // namespace
 
-StatusPtr statusOf(Interface::TunnelIntfStatusDir const & dir, Plexa::IntfId intfId) {
-  auto const * status = dir.intfStatus().find(intfId);
-  return status == nullptr ? nullptr : StatusPtr(*status);
-}
-
-bool makeRoom(Interface::TunnelIntfStatusDir const & dir, StatusPtr const & status,
-              Zel::FirstException & exception, std::function<void()> const & deleteRow) {
-  auto const before = statusOf(dir, status->intfId());
-  exception.run(deleteRow);
-  return statusOf(dir, status->intfId()) == before;
-}
-
 // One input
 
 bool InputSm::synchronous() const {
@@ -173,6 +161,25 @@ void TableSmBase::createTask() {
       fmt::format("{}-{}Task", names_.machine, names_.outputs.back().output));
 }
 
+std::vector<Zel::Attribute const *>
+TableSmBase::attributesOf(std::span<Zel::Attribute const> inputs,
+                          std::span<Zel::Attribute const> own) {
+  static Zel::Attribute const shared[] = {
+      {"inputSmScanState", "InputSmScanState", Zel::getBy<&TableSmBase::inputSmScanState>},
+      {"outputState", "OutputState", Zel::getBy<&TableSmBase::outputState>},
+      {"flowaControl", "Flowa::SmControl"},
+      {"synchronous", "bool", Zel::getBy<&TableSmBase::synchronous>},
+      {"initialScanDone", "bool", Zel::getBy<&TableSmBase::initialScanDone>},
+      {"initialized", "bool", Zel::getBy<&TableSmBase::initialized>},
+      {"ready", "bool", Zel::getBy<&TableSmBase::ready>},
+      {"idle", "bool", Zel::getBy<&TableSmBase::idle>}};
+  std::vector<Zel::Attribute const *> all;
+  for (auto const list : {inputs, own, std::span<Zel::Attribute const>(shared)})
+    for (auto const & attribute : list)
+      all.push_back(&attribute);
+  return all;
+}
+
 // First pass and second pass
 
 void TableSmBase::handleInitialScanDone() {
@@ -211,8 +218,10 @@ void TableSmBase::startScan(InputSm & child) const {
 
 void TableSmBase::handleOutputsInputReady() {
   Zel::Ptr<TableSmBase> const self(this);
+  Zel::FirstException exception;
   for (std::size_t output = 0; output != names_.outputs.size(); ++output)
-    handleOutputInputReady(output);
+    exception.run([&] { handleOutputInputReady(output); });
+  exception.rethrow();
 }
 
 void TableSmBase::handleOutputInputReady(std::size_t output) {

@@ -26,7 +26,7 @@
 #include "platform/Zel.h"
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <span>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -36,14 +36,6 @@ namespace TunnelIntfSnmp {
 
 using IfMibPtr = Zel::Ptr<IntfSnmp::IfMib const>;
 using StatusDirPtr = Zel::Ptr<Interface::TunnelIntfStatusDir const>;
-
-/// The status of the interface, or null.
-StatusPtr statusOf(Interface::TunnelIntfStatusDir const & dir, Plexa::IntfId intfId);
-/// Deletes an output row that is in the way of one for `status`, which a row keeps for life. False
-/// if whoever heard of the deletion changed the interface's status: the event of that change has
-/// done the rest. `exception` keeps what they threw.
-bool makeRoom(Interface::TunnelIntfStatusDir const & dir, StatusPtr const & status,
-              Zel::FirstException & exception, std::function<void()> const & deleteRow);
 
 /// What a machine dies of when it is given a null input.
 inline constexpr char const * nullSmArgument =
@@ -168,7 +160,8 @@ public:
   Zel::Ptr<OutputState> const & outputState() const { return outputState_; }
 
   Flowa::SmControl const & flowaControl() const { return flowaControl_; }
-  /// Replaces the control record. What is already set up from the old one stays.
+  /// Replaces the control record, but for a scheduler that was found: it stays when the new record
+  /// names none. What is already set up from the old record stays.
   void flowaControlIs(Flowa::SmControl const & control);
   void qtHandleIs(Skein::TraceHandle handle) { flowaControl_.qtHandleIs(handle); }
 
@@ -188,9 +181,9 @@ public:
   TableSmNames const & names() const { return names_; }
   Lumo::DebugHandler const & trace() const { return *trace_; }
 
-  /// A machine's own attributes and, behind them, those that every machine has.
-  template <std::size_t N>
-  static std::vector<Zel::Attribute const *> attributesOf(Zel::Attribute const (&own)[N]);
+  /// The attributes of a machine: its inputs, its own ones, and those that every machine has.
+  static std::vector<Zel::Attribute const *> attributesOf(std::span<Zel::Attribute const> inputs,
+                                                          std::span<Zel::Attribute const> own);
 
 protected:
   TableSmBase(TableSmNames const & names, Lumo::DebugHandler const & defaultTrace,
@@ -247,25 +240,6 @@ protected:
     return Zel::dynamicCast<Sm>(intfStatusSm_);
   }
 };
-
-template <std::size_t N>
-std::vector<Zel::Attribute const *> TableSmBase::attributesOf(Zel::Attribute const (&own)[N]) {
-  static Zel::Attribute const shared[] = {
-      {"inputSmScanState", "InputSmScanState", Zel::getBy<&TableSmBase::inputSmScanState>},
-      {"outputState", "OutputState", Zel::getBy<&TableSmBase::outputState>},
-      {"flowaControl", "Flowa::SmControl"},
-      {"initialized", "bool", Zel::getBy<&TableSmBase::initialized>},
-      {"initialScanDone", "bool", Zel::getBy<&TableSmBase::initialScanDone>},
-      {"synchronous", "bool", Zel::getBy<&TableSmBase::synchronous>},
-      {"ready", "bool", Zel::getBy<&TableSmBase::ready>},
-      {"idle", "bool", Zel::getBy<&TableSmBase::idle>}};
-  std::vector<Zel::Attribute const *> all;
-  for (auto const & attribute : own)
-    all.push_back(&attribute);
-  for (auto const & attribute : shared)
-    all.push_back(&attribute);
-  return all;
-}
 
 /// A machine whose output is a table of TunnelMib with keys of type `Key::k0`.
 template <class Table, class Key>

@@ -1,17 +1,15 @@
 // The machine of tunnelIfTable. What it shares with the other machines is in TableSmRuntime.h; here
 // is what its events mean.
 #include "TunnelIntfSnmp/TunnelIfTableSm.h"
-#include <array>
 
 namespace TunnelIntfSnmp {
 
 namespace {
 
-constexpr char const * unitName = "TunnelIfTableSm";
-auto const debugHandler = Lumo::Platform::getDebugHandler(unitName, false);
+auto const debugHandler = Lumo::Platform::getDebugHandler(TunnelIfTableSm::unitName, false);
 
 OutputNames const outputs[] = {{"mibTunnelIfTableOutput", {"mibTunnelIfTableOutputReady", "bool"}}};
-TableSmNames const smNames{.machine = unitName,
+TableSmNames const smNames{.machine = TunnelIfTableSm::unitName,
                            .tisStream = "tisStream",
                            .tisStreamScan = {"tisStreamScan", "bool"},
                            .outputs = outputs};
@@ -22,10 +20,8 @@ TableSmNames const smNames{.machine = unitName,
 
 TunnelIfTableSm::TunnelIfTableSm(Zel::Ptr<TunnelMib> mib, StatusDirPtr tunnelIntfStatusDir,
                                  IfMibPtr ifMib, Flowa::SmControl const & control)
-    : TableSm(smNames, *debugHandler, control),
-      mib_(std::move(mib)),
-      tunnelIntfStatusDir_(std::move(tunnelIntfStatusDir)),
-      ifMib_(std::move(ifMib)) {
+    : TunnelTableSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
+                    std::move(ifMib)) {
   handleInitialized();
 }
 
@@ -41,30 +37,6 @@ Zel::Ptr<TunnelIfTableSm> tunnelIfTableSmFactory(Zel::Ptr<TunnelMib> const & mib
                                                  IfMibPtr const & ifMib,
                                                  Flowa::SmControl const & control) {
   return TunnelIfTableSm::TunnelIfTableSmIs(mib, tunnelIntfStatusDir, ifMib, control);
-}
-
-void TunnelIfTableSm::checkInputs() const {
-  LUMO_ASSERT(mib(), nullSmArgument);
-  LUMO_ASSERT(tunnelIntfStatusDir(), nullSmArgument);
-  LUMO_ASSERT(ifMib(), nullSmArgument);
-}
-
-Zel::Ptr<InputSm> TunnelIfTableSm::createIfIndexSm() {
-  return Zel::makePtr<FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1>(*this, ifMib_,
-                                                                      "IfIndexByIntfIdSm1");
-}
-
-Zel::Ptr<InputSm> TunnelIfTableSm::createIntfStatusSm() {
-  return Zel::makePtr<FlowaCode::TunnelIfTableSm::IntfStatusSm0>(*this, tunnelIntfStatusDir_);
-}
-
-Zel::Ptr<FlowaCode::TunnelIfTableSm::IntfStatusSm0> TunnelIfTableSm::intfStatusSm0() const {
-  return intfStatusSm<FlowaCode::TunnelIfTableSm::IntfStatusSm0>();
-}
-
-Zel::Ptr<FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1>
-TunnelIfTableSm::ifIndexByIntfIdSm1() const {
-  return ifIndexSm<FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1>();
 }
 
 // Reactors
@@ -97,7 +69,7 @@ void TunnelIfTableSm::eventToTisStream(Plexa::IntfId intfId,
   LUMO_TRACE(trace(), 7, unit(),
              "tisStream = from( tunnelIntfStatusDir.intfStatus[] ): intfId={} tisOpt={}", intfId,
              printed(tisOpt));
-  auto const * ifIndex = ifMib_->ifIndexByIntfId().find(intfId);
+  auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
@@ -105,7 +77,7 @@ void TunnelIfTableSm::eventToTisStream(Plexa::IntfId intfId,
   auto const k1 = *ifIndex;
   outputKeySeen(k1);
   if (tisOpt)
-    insertOutputRow(k1, *tisOpt);
+    insertOutputRow(k1, intfId, *tisOpt);
   else
     deleteOutputRow(k1);
 }
@@ -117,24 +89,25 @@ void TunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
   LUMO_TRACE(trace(), 7, unit(),
              "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}", intfId,
              printed(ifIndexOpt));
-  auto const status = statusOf(*tunnelIntfStatusDir_, intfId);
+  auto const status = statusOf(intfId);
   if (!status) {
     LUMO_TRACE(trace(), 6, unit(), "filter( tisOpt ) failed, terminating pipeline");
     return;
   }
   auto const k1 = *ifIndexOpt; // raises for an ifIndex that went before its status
   outputKeySeen(k1);
-  insertOutputRow(k1, status);
+  insertOutputRow(k1, intfId, *status);
 }
 
 // Writes to the output table
 
-void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status) {
+void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId,
+                                      StatusPtr const & status) {
   Zel::FirstException exception; // of whoever hears of the deletion: the new row must not miss it
-  if (auto const row = mib_->tunnelIfTable(k1); row && row->tunnelIntfStatus() != status)
-    if (!makeRoom(*tunnelIntfStatusDir_, status, exception, [&] { mib_->tunnelIfTableDel(k1); }))
+  if (auto const row = mib()->tunnelIfTable(k1); row && row->tunnelIntfStatus() != status)
+    if (!statusOutlives(intfId, exception, [&] { mib()->tunnelIfTableDel(k1); }))
       return exception.rethrow();
-  exception.run([&] { mib_->tunnelIfTableIs(k1, status); });
+  exception.run([&] { mib()->tunnelIfTableIs(k1, status); });
   LUMO_TRACE(trace(), 7, unit(),
              "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1={}, value=Tuple( {}, {} )",
              k1, k1, printed(status));
@@ -142,7 +115,7 @@ void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status
 }
 
 void TunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
-  mib_->tunnelIfTableDel(k1);
+  mib()->tunnelIfTableDel(k1);
   LUMO_TRACE(trace(), 7, unit(), "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): deleting k1={}",
              k1);
 }
@@ -155,33 +128,18 @@ TunnelIfTableSm::~TunnelIfTableSm() {
 
 // What the framework is told when the library is loaded.
 
-Zel::Type const & TunnelIfTableSm::type() const {
-  return typeDescription();
-}
-
-Zel::Type const & TunnelIfTableSm::typeDescription() {
+std::span<Zel::Attribute const> TunnelIfTableSm::ownAttributes() {
   using Sm = TunnelIfTableSm;
   static Zel::Attribute const own[] = {
-      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
-      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
-       Zel::getBy<&Sm::tunnelIntfStatusDir>},
-      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
       {"ifIndexByIntfIdSm1", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm1>},
       {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
       {"mibTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
-  static auto const attributes = attributesOf(own);
-  static Zel::Type const type{"TunnelIntfSnmp::TunnelIfTableSm", attributes};
-  return type;
+  return own;
 }
 
 namespace {
 
-std::array<Zel::Type const *, 1> const types{&TunnelIfTableSm::typeDescription()};
-constexpr std::array<std::string_view, 3> outsideTypes{
-    "TunnelIntfSnmp::TunnelMib", "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib"};
-Zel::Module const moduleRecord{unitName, "ns-", types, outsideTypes};
-Zel::zelModuleIs const _TunnelIfTableSm_14cc81f3_zelModule(moduleRecord);
-
+Zel::zelModuleIs const _TunnelIfTableSm_14cc81f3_zelModule(moduleOf<TunnelIfTableSm>());
 } // namespace
 
 } // namespace TunnelIntfSnmp

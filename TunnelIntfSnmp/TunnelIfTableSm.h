@@ -5,8 +5,7 @@
 // deleted or taken over by an event, or the next start reconciles the table.
 #pragma once
 
-#include "TunnelIntfSnmp/CollectionSm.h"
-#include "TunnelIntfSnmp/TableSmRuntime.h"
+#include "TunnelIntfSnmp/TunnelTableSm.h"
 
 namespace TunnelIntfSnmp {
 
@@ -34,9 +33,17 @@ using MibTunnelIfTableOutputKeyType =
     OutputKeyType<std::uint32_t, "TunnelIntfSnmp::TunnelIfTableSm::MibTunnelIfTableOutputKeyType">;
 
 /// Works from its construction to its destruction, which leaves the rows in place.
-class TunnelIfTableSm final
-    : public TableSm<TunnelMib::TunnelIfTable, MibTunnelIfTableOutputKeyType> {
+class TunnelIfTableSm final : public TunnelTableSm<TunnelIfTableSm, TunnelMib::TunnelIfTable,
+                                                   MibTunnelIfTableOutputKeyType> {
 public:
+  using IntfStatusSm0 = FlowaCode::TunnelIfTableSm::IntfStatusSm0;
+  static constexpr std::string_view ifIndexSmName = "IfIndexByIntfIdSm1";
+  static constexpr std::string_view unitName = "TunnelIfTableSm";
+  static constexpr std::string_view typeName = "TunnelIntfSnmp::TunnelIfTableSm";
+  static constexpr std::string_view outsideTypes[] = {
+      "TunnelIntfSnmp::TunnelMib", "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib"};
+  static std::span<Zel::Attribute const> ownAttributes();
+
   using MibTunnelIfTableOutputKeyType = TunnelIntfSnmp::MibTunnelIfTableOutputKeyType;
 
   /// Requires: no pointer is null; a null one is fatal.
@@ -47,14 +54,10 @@ public:
                                                      StatusDirPtr const & tunnelIntfStatusDir,
                                                      IfMibPtr const & ifMib,
                                                      Flowa::SmControl const & control);
-  Zel::Type const & type() const override;
-  static Zel::Type const & typeDescription();
 
-  Zel::Ptr<TunnelMib> const & mib() const { return mib_; }
-  StatusDirPtr const & tunnelIntfStatusDir() const { return tunnelIntfStatusDir_; }
-  IfMibPtr const & ifMib() const { return ifMib_; }
-  Zel::Ptr<FlowaCode::TunnelIfTableSm::IntfStatusSm0> intfStatusSm0() const;
-  Zel::Ptr<FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1> ifIndexByIntfIdSm1() const;
+  auto ifIndexByIntfIdSm1() const {
+    return ifIndexSm<FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1>();
+  }
 
   /// The status of the interface came, changed or, without a value, went.
   void eventToTisStream(Plexa::IntfId intfId, Zel::Optional<StatusPtr> const & tisOpt);
@@ -64,16 +67,9 @@ public:
   void eventToIfMibStream(Plexa::IntfId intfId, Zel::Optional<std::uint32_t> const & ifIndexOpt);
 
 private:
-  void checkInputs() const override;
-  Zel::Ptr<InputSm> createIfIndexSm() override;
-  Zel::Ptr<InputSm> createIntfStatusSm() override;
-  TunnelMib::TunnelIfTable const & output() const override { return mib_->tunnelIfTable(); }
+  TunnelMib::TunnelIfTable const & output() const override { return mib()->tunnelIfTable(); }
   void deleteOutputRow(std::uint32_t const & k1) override;
-  void insertOutputRow(std::uint32_t k1, StatusPtr const & status);
-
-  Zel::Ptr<TunnelMib> const mib_;
-  StatusDirPtr const tunnelIntfStatusDir_;
-  IfMibPtr const ifMib_;
+  void insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId, StatusPtr const & status);
 };
 Zel::Ptr<TunnelIfTableSm> tunnelIfTableSmFactory(Zel::Ptr<TunnelMib> const & mib,
                                                  StatusDirPtr const & tunnelIntfStatusDir,

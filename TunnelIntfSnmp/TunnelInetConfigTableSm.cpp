@@ -1,19 +1,17 @@
 // The machine of tunnelInetConfigTable. What it shares with the other machines is in
 // TableSmRuntime.h, CollectionSm.h and StatusChildSm.h; here is what its events mean.
 #include "TunnelIntfSnmp/TunnelInetConfigTableSm.h"
-#include <array>
 
 namespace TunnelIntfSnmp {
 
 namespace {
 
-constexpr char const * unitName = "TunnelInetConfigTableSm";
-auto const debugHandler = Lumo::Platform::getDebugHandler(unitName, false);
+auto const debugHandler = Lumo::Platform::getDebugHandler(TunnelInetConfigTableSm::unitName, false);
 
 OutputNames const outputs[] = {
     {"tunnelInetConfigByIfIndexOutput", {"tunnelInetConfigByIfIndexOutputReady", "bool"}},
     {"mibTunnelInetConfigTableOutput", {"mibTunnelInetConfigTableOutputReady", "bool"}}};
-TableSmNames const smNames{.machine = unitName,
+TableSmNames const smNames{.machine = TunnelInetConfigTableSm::unitName,
                            .tisStream = "tisStream",
                            .tisStreamScan = {"tisStreamScan", "bool"},
                            .outputs = outputs};
@@ -97,10 +95,8 @@ void LocalAttrStore::tunnelInetConfigByIfIndexDelAll() {
 TunnelInetConfigTableSm::TunnelInetConfigTableSm(Zel::Ptr<TunnelMib> mib,
                                                  StatusDirPtr tunnelIntfStatusDir, IfMibPtr ifMib,
                                                  Flowa::SmControl const & control)
-    : TableSm(smNames, *debugHandler, control),
-      mib_(std::move(mib)),
-      tunnelIntfStatusDir_(std::move(tunnelIntfStatusDir)),
-      ifMib_(std::move(ifMib)),
+    : TunnelTableSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
+                    std::move(ifMib)),
       localAttrStore_(Zel::makePtr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore>()) {
   handleInitialized();
 }
@@ -117,32 +113,6 @@ tunnelInetConfigTableSmFactory(Zel::Ptr<TunnelMib> const & mib,
                                Flowa::SmControl const & control) {
   return TunnelInetConfigTableSm::TunnelInetConfigTableSmIs(mib, tunnelIntfStatusDir, ifMib,
                                                             control);
-}
-
-void TunnelInetConfigTableSm::checkInputs() const {
-  LUMO_ASSERT(mib(), nullSmArgument);
-  LUMO_ASSERT(tunnelIntfStatusDir(), nullSmArgument);
-  LUMO_ASSERT(ifMib(), nullSmArgument);
-}
-
-Zel::Ptr<InputSm> TunnelInetConfigTableSm::createIfIndexSm() {
-  return Zel::makePtr<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2>(*this, ifMib_,
-                                                                              "IfIndexByIntfIdSm2");
-}
-
-Zel::Ptr<InputSm> TunnelInetConfigTableSm::createIntfStatusSm() {
-  return Zel::makePtr<FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0>(*this,
-                                                                         tunnelIntfStatusDir_);
-}
-
-Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0>
-TunnelInetConfigTableSm::intfStatusSm0() const {
-  return intfStatusSm<FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0>();
-}
-
-Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2>
-TunnelInetConfigTableSm::ifIndexByIntfIdSm2() const {
-  return ifIndexSm<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2>();
 }
 
 // Reactors
@@ -177,16 +147,19 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
              "tisStream = from( tunnelIntfStatusDir.intfStatus[].{{ srcAddr, dstAddr, mode }} ): "
              "intfId={} intfStatusOpt={}",
              intfId, printed(intfStatusOpt));
-  auto const * found = ifMib_->ifIndexByIntfId().find(intfId);
+  auto const * found = ifMib()->ifIndexByIntfId().find(intfId);
   if (found == nullptr) {
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   auto const ifIndex = *found;
   auto const isAdd = static_cast<bool>(intfStatusOpt);
-  eventToDeleteStream(ifIndex, intfStatusOpt, isAdd);
-  eventToAddStream(ifIndex, intfStatusOpt, isAdd);
-  eventToRescanStream(ifIndex, intfStatusOpt, isAdd);
+  Zel::FirstException exception; // of whoever hears of a row: each stream must run
+  if (statusOutlives(intfId, exception,
+                     [&] { eventToDeleteStream(ifIndex, intfStatusOpt, isAdd); }))
+    exception.run([&] { eventToAddStream(ifIndex, intfStatusOpt, isAdd); });
+  exception.run([&] { eventToRescanStream(ifIndex, intfStatusOpt, isAdd); });
+  exception.rethrow();
 }
 
 void TunnelInetConfigTableSm::eventToIfMibStream(Plexa::IntfId intfId,
@@ -196,8 +169,8 @@ void TunnelInetConfigTableSm::eventToIfMibStream(Plexa::IntfId intfId,
   LUMO_TRACE(trace(), 7, unit(),
              "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}", intfId,
              printed(ifIndexOpt));
-  auto const * status = tunnelIntfStatusDir_->intfStatus().find(intfId);
-  if (status == nullptr || !*status) {
+  auto const status = statusOf(intfId);
+  if (!status) {
     LUMO_TRACE(trace(), 6, unit(), "filter( intfStatusOpt ) failed, terminating pipeline");
     return;
   }
@@ -205,7 +178,7 @@ void TunnelInetConfigTableSm::eventToIfMibStream(Plexa::IntfId intfId,
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  eventToAddStream(*ifIndexOpt, StatusPtr(*status), true);
+  eventToAddStream(*ifIndexOpt, status, true);
 }
 
 void TunnelInetConfigTableSm::eventToDeleteStream(std::uint32_t ifIndex,
@@ -278,13 +251,15 @@ void TunnelInetConfigTableSm::eventToRescanStream(std::uint32_t,
     return;
   LUMO_TRACE(trace(), 7, unit(), "rescanStream = merge( tisStream ): processedTisOpt={}",
              printed(processedTisOpt));
-  auto const & statuses = tunnelIntfStatusDir_->intfStatus();
+  auto const & statuses = tunnelIntfStatusDir()->intfStatus();
   LUMO_TRACE(trace(), 6, unit(),
              " foreach( tunnelIntfStatusDir.intfStatus ) foreaching {} elements", statuses.size());
+  Zel::FirstException exception;
   statuses.forEach([&](Plexa::IntfId intfId, StatusPtr const & intfStatus) {
     if (intfStatus)
-      rescanOne(intfId, intfStatus, processedTisOpt);
+      exception.run([&] { rescanOne(intfId, intfStatus, processedTisOpt); });
   });
+  exception.rethrow();
 }
 
 void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
@@ -296,7 +271,7 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
                "pipeline");
     return;
   }
-  auto const * ifIndex = ifMib_->ifIndexByIntfId().find(intfId);
+  auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
@@ -316,7 +291,7 @@ void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
                                            EntryPtr const & value) {
   if (!value) {
     LUMO_TRACE(trace(), 7, unit(), "{}: deleting k1={}", statement, printed(k1));
-    mib_->tunnelInetConfigTableDel(k1);
+    mib()->tunnelInetConfigTableDel(k1);
     return;
   }
   LUMO_ASSERT(value->key() == k1,
@@ -325,7 +300,7 @@ void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
               statement, printed(value->key()), printed(k1));
   LUMO_TRACE(trace(), 7, unit(), "{}: inserting k1={}, value={}", statement, printed(k1),
              printed(*value));
-  mib_->tunnelInetConfigTableIs(value);
+  mib()->tunnelInetConfigTableIs(value);
 }
 
 void TunnelInetConfigTableSm::deleteOutputRow(TunnelInetConfigTableKey const & k1) {
@@ -340,34 +315,20 @@ TunnelInetConfigTableSm::~TunnelInetConfigTableSm() {
 
 // What the framework is told when the library is loaded.
 
-Zel::Type const & TunnelInetConfigTableSm::type() const {
-  return typeDescription();
-}
-
-Zel::Type const & TunnelInetConfigTableSm::typeDescription() {
+std::span<Zel::Attribute const> TunnelInetConfigTableSm::ownAttributes() {
   using Sm = TunnelInetConfigTableSm;
   static Zel::Attribute const own[] = {
-      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
-      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
-       Zel::getBy<&Sm::tunnelIntfStatusDir>},
-      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
       {"localAttrStore", "LocalAttrStore", Zel::getBy<&Sm::localAttrStore>},
       {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
       {"ifIndexByIntfIdSm2", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm2>},
       {"mibTunnelInetConfigTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
-  static auto const attributes = attributesOf(own);
-  static Zel::Type const type{"TunnelIntfSnmp::TunnelInetConfigTableSm", attributes};
-  return type;
+  return own;
 }
 
 namespace {
 
-std::array<Zel::Type const *, 1> const types{&TunnelInetConfigTableSm::typeDescription()};
-constexpr std::array<std::string_view, 3> outsideTypes{
-    "TunnelIntfSnmp::TunnelMib", "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib"};
-Zel::Module const moduleRecord{unitName, "ns-", types, outsideTypes};
-Zel::zelModuleIs const _TunnelInetConfigTableSm_a38aa982_zelModule(moduleRecord);
-
+Zel::zelModuleIs const
+    _TunnelInetConfigTableSm_a38aa982_zelModule(moduleOf<TunnelInetConfigTableSm>());
 } // namespace
 
 } // namespace TunnelIntfSnmp

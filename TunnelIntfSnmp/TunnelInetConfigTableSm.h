@@ -17,7 +17,7 @@
 #pragma once
 
 #include "TunnelIntfSnmp/StatusChildSm.h"
-#include "TunnelIntfSnmp/TableSmRuntime.h"
+#include "TunnelIntfSnmp/TunnelTableSm.h"
 
 namespace TunnelIntfSnmp {
 
@@ -94,8 +94,17 @@ using MibTunnelInetConfigTableOutputKeyType =
 /// in the table before are never taken over: an event that finds its key there adds nothing, and
 /// the reconciliation removes them.
 class TunnelInetConfigTableSm final
-    : public TableSm<TunnelMib::TunnelInetConfigTable, MibTunnelInetConfigTableOutputKeyType> {
+    : public TunnelTableSm<TunnelInetConfigTableSm, TunnelMib::TunnelInetConfigTable,
+                           MibTunnelInetConfigTableOutputKeyType> {
 public:
+  using IntfStatusSm0 = FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0;
+  static constexpr std::string_view ifIndexSmName = "IfIndexByIntfIdSm2";
+  static constexpr std::string_view unitName = "TunnelInetConfigTableSm";
+  static constexpr std::string_view typeName = "TunnelIntfSnmp::TunnelInetConfigTableSm";
+  static constexpr std::string_view outsideTypes[] = {
+      "TunnelIntfSnmp::TunnelMib", "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib"};
+  static std::span<Zel::Attribute const> ownAttributes();
+
   using MibTunnelInetConfigTableOutputKeyType =
       TunnelIntfSnmp::MibTunnelInetConfigTableOutputKeyType;
   using EntryPtr = Zel::Ptr<TunnelInetConfigTableEntry const>;
@@ -108,17 +117,13 @@ public:
   TunnelInetConfigTableSmIs(Zel::Ptr<TunnelMib> const & mib,
                             StatusDirPtr const & tunnelIntfStatusDir, IfMibPtr const & ifMib,
                             Flowa::SmControl const & control);
-  Zel::Type const & type() const override;
-  static Zel::Type const & typeDescription();
 
-  Zel::Ptr<TunnelMib> const & mib() const { return mib_; }
-  StatusDirPtr const & tunnelIntfStatusDir() const { return tunnelIntfStatusDir_; }
-  IfMibPtr const & ifMib() const { return ifMib_; }
   Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore> const & localAttrStore() const {
     return localAttrStore_;
   }
-  Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0> intfStatusSm0() const;
-  Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2> ifIndexByIntfIdSm2() const;
+  auto ifIndexByIntfIdSm2() const {
+    return ifIndexSm<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2>();
+  }
 
   // The streams. All return at once, without trace, while initialScanDone() is false.
 
@@ -144,20 +149,14 @@ public:
                     EntryPtr const & value);
 
 private:
-  void checkInputs() const override;
-  Zel::Ptr<InputSm> createIfIndexSm() override;
-  Zel::Ptr<InputSm> createIntfStatusSm() override;
   TunnelMib::TunnelInetConfigTable const & output() const override {
-    return mib_->tunnelInetConfigTable();
+    return mib()->tunnelInetConfigTable();
   }
   void deleteOutputRow(TunnelInetConfigTableKey const & k1) override;
 
   void rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
                  Zel::Optional<StatusPtr> const & processedTisOpt);
 
-  Zel::Ptr<TunnelMib> const mib_;
-  StatusDirPtr const tunnelIntfStatusDir_;
-  IfMibPtr const ifMib_;
   Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore> const localAttrStore_;
 };
 Zel::Ptr<TunnelInetConfigTableSm>

@@ -219,12 +219,10 @@ namespace {
 
 std::array<Zel::Type const *, 2> const types{&Root::typeDescription(),
                                              &TunnelIntfSnmpAgent::typeDescription()};
-constexpr std::array<std::string_view, 7> outsideTypes{"TunnelIntfSnmp::TunnelMib",
-                                                       "TunnelIntfSnmp::TunnelIfTableSm",
-                                                       "TunnelIntfSnmp::TunnelInetConfigTableSm",
-                                                       "Interface::TunnelIntfStatusDir",
-                                                       "IntfSnmp::IfMib",
-                                                       "Ipsec::Ike::Status"};
+constexpr auto outsideTypes = std::to_array<std::string_view>(
+    {"TunnelIntfSnmp::TunnelMib", "TunnelIntfSnmp::TunnelIfTableSm",
+     "TunnelIntfSnmp::TunnelInetConfigTableSm", "TunnelIntfSnmp::IpsecTunnelIfTableSm",
+     "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib", "Ipsec::Ike::Status"});
 Zel::Module const moduleRecord{unitName, "ns-", types, outsideTypes};
 Zel::zelModuleIs const _TunnelIntfSnmpAgent_4f04f781_zelModule(moduleRecord);
 

@@ -87,6 +87,14 @@ std::vector<std::string> Agent::reread() {
   return failures;
 }
 
+void Agent::restartMachines() {
+  Zel::attributeDel(*database_.lookup(rootPath), "tunnelIntfSnmpAgent");
+  // Of this table no row is taken over: one that was left would keep its successor out, and then be
+  // reconciled away.
+  Zel::attributeDel(*database_.lookup(mibPath), "tunnelInetConfigTable");
+  startMachines();
+}
+
 void Agent::stop() {
   control_.reset(); // an answer under way holds rows
   sources_.clear();
@@ -152,8 +160,12 @@ void Agent::startSnmp() {
 }
 
 void Agent::startControl() {
-  CommandHost const host{document_, database_.lookup(mibPath), *scheduler_,
-                         [this] { return status(); }, [this] { return reread(); }};
+  CommandHost const host{document_,
+                         database_.lookup(mibPath),
+                         *scheduler_,
+                         [this] { return status(); },
+                         [this] { return reread(); },
+                         [this] { restartMachines(); }};
   auto const commands = std::make_shared<Commands>(host);
   control_ = std::make_unique<ControlSocket>(
       loop_, options_.controlPath,
@@ -169,6 +181,7 @@ nlohmann::ordered_json Agent::status() const {
   return {{"ready", allReady(machines)},
           {"version", TUNNELSNMPD_VERSION},
           {"servedAt", servedAt_},
+          {"enterprise", VELMORA_ENTERPRISE_NUMBER},
           {"machines", std::move(machines)},
           {"tasks", tasksSummary(*scheduler_)},
           {"sources", std::move(sources)},

@@ -47,6 +47,9 @@ public:
   bool work();
   /// Reads the sources and the configuration again; failures are reported. Returns a line for each.
   std::vector<std::string> reread();
+  /// Replaces the plug-in's agent: the machines start anew and reconcile their tables, so that rows
+  /// that no input produces any more go. Raises what the start of a machine raises.
+  void restartMachines();
 
 private:
   /// Undoes a start, complete or not, in the right order.

@@ -113,6 +113,11 @@ Answer reread(CommandHost const & host, Json const &) {
   return okAnswer(Json::object());
 }
 
+Answer restartMachines(CommandHost const & host, Json const &) {
+  host.restartMachines();
+  return okAnswer(Json::object());
+}
+
 } // namespace
 
 struct Commands::Command {
@@ -143,6 +148,7 @@ std::vector<Commands::Command> const & Commands::table() {
       {"trace/set", "unit levels", "sets the trace levels of a handle", setTrace},
       {"coverage/show", "", "the counts of rare events", showCoverage},
       {"reread", "", "reads sources and configuration again", reread},
+      {"restart-machines", "", "starts the machines anew; stale rows go", restartMachines},
   };
   return table;
 }

@@ -28,6 +28,8 @@ struct CommandHost {
   std::function<nlohmann::ordered_json()> status;
   /// Reads sources and configuration again; returns a line for each failure.
   std::function<std::vector<std::string>()> reread;
+  /// Starts the plug-in's machines anew.
+  std::function<void()> restartMachines;
 };
 
 class Commands {

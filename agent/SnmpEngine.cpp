@@ -26,7 +26,7 @@ constexpr char applicationName[] = "tunnelsnmpd";
 /// A subagent looks for a master that went away, or was not there, this often.
 constexpr int agentxPingSeconds = 5;
 /// Everything else waits while a subagent waits for its master: not long, and not again.
-constexpr int agentxTimeoutMicroseconds = 1'000'000;
+constexpr int agentxTimeoutSeconds = 1;
 constexpr int agentxRetries = 0;
 
 void setLibraryFlag(int flag) {
@@ -145,8 +145,8 @@ SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
   init_agent(applicationName);
   if (settings_.agentx) {
     setAgentNumber(NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, agentxPingSeconds);
-    setAgentNumber(NETSNMP_DS_AGENT_AGENTX_TIMEOUT, agentxTimeoutMicroseconds);
-    setAgentNumber(NETSNMP_DS_AGENT_AGENTX_RETRIES, agentxRetries);
+    netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_TIMEOUT, agentxTimeoutSeconds);
+    netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_RETRIES, agentxRetries);
   } else if (settings_.configFile.empty()) {
     char line[] = "rocommunity public 127.0.0.1";
     netsnmp_config_remember(line);

@@ -122,7 +122,8 @@ std::string statusText(Json const & status) {
   auto const machines = status.value("machines", Json::array());
   auto const top = Json{{"ready", status.value("ready", false)},
                         {"version", status.value("version", "")},
-                        {"served at", status.value("servedAt", "")}};
+                        {"served at", status.value("servedAt", "")},
+                        {"enterprise", status.value("enterprise", 0)}};
   return pairsText(top) + section("Machines", tableText(machineRows(machines))) +
          section("Inputs", tableText(inputRows(machines))) +
          section("Sources", tableText(status.value("sources", Json::array()))) +

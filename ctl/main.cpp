@@ -123,6 +123,10 @@ void reread(Arguments const & arguments) {
   print(arguments, ask(arguments, "reread"), "");
 }
 
+void restartMachines(Arguments const & arguments) {
+  print(arguments, ask(arguments, "restart-machines"), "");
+}
+
 void showVersion(Arguments const & arguments) {
   auto const result = ask(arguments, "version");
   print(arguments, result,
@@ -172,6 +176,8 @@ public:
         ->add_option("FILE", arguments.patchFile, "The patch; - reads the standard input")
         ->required();
     add(app_, "reread", "Have the daemon read its sources and configuration again", reread);
+    add(app_, "restart-machines", "Rebuild the tables from the input state; stale rows go",
+        restartMachines);
     add(app_, "wait-ready", "Wait until every table agrees with its inputs", waitReady)
         ->add_option("--timeout", arguments.timeoutSeconds, "How long to wait")
         ->type_name("SECONDS")
@@ -238,5 +244,9 @@ int main(int argc, char ** argv) {
     return complain(unusable, error.what());
   } catch (Ctl::Refused const & error) {
     return complain(refused, error.what());
+  } catch (nlohmann::json::exception const & error) {
+    return complain(refused, fmt::format("the daemon's answer is not understood: {}; are both of "
+                                         "the same version?",
+                                         error.what()));
   }
 }

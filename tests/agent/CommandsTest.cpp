@@ -47,21 +47,22 @@ protected:
   StateDb::StateDocument document_{database_};
   Zel::Ptr<Kiln::TaskScheduler> const scheduler_ = Zel::makePtr<Kiln::TaskScheduler>();
   std::vector<std::string> rereadFailures_;
+  int restarts_ = 0;
   Agent::Commands commands_{{document_, Zel::makePtr<EmptyMib>(), *scheduler_,
                              [] {
                                return nlohmann::ordered_json{{"ready", true}};
                              },
-                             [this] { return rereadFailures_; }}};
+                             [this] { return rereadFailures_; }, [this] { ++restarts_; }}};
 };
 
 TEST_F(Commands, ListsItselfAndEveryNameThatAnOperatorNeeds) {
   std::vector<std::string> names;
   for (auto const & command : result("list-commands"))
     names.push_back(command.at("name"));
-  EXPECT_THAT(names,
-              testing::UnorderedElementsAre("list-commands", "version", "status", "tables/show",
-                                            "tasks/show", "statedb/show", "patch", "trace/list",
-                                            "trace/set", "coverage/show", "reread"));
+  EXPECT_THAT(names, testing::UnorderedElementsAre("list-commands", "version", "status",
+                                                   "tables/show", "tasks/show", "statedb/show",
+                                                   "patch", "trace/list", "trace/set",
+                                                   "coverage/show", "reread", "restart-machines"));
 }
 
 TEST_F(Commands, RefuseWhatIsNoRequest) {
@@ -126,6 +127,11 @@ TEST_F(Commands, RereadTellsItsFailures) {
   EXPECT_EQ(Json::object(), result("reread"));
   rereadFailures_ = {"one went wrong", "two as well"};
   EXPECT_EQ("one went wrong; two as well", error("reread"));
+}
+
+TEST_F(Commands, StartTheMachinesAnew) {
+  EXPECT_EQ(Json::object(), result("restart-machines"));
+  EXPECT_EQ(1, restarts_);
 }
 
 TEST_F(Commands, StatusAndTablesAreHandedOn) {

@@ -45,7 +45,7 @@ TEST(Render, TablesStandUnderTheirNamesWithTheirRowCounts) {
 TEST(Render, StatusShowsMachinesAndTheirInputsApart) {
   auto const text = Ctl::statusText(Json::parse(R"({"ready": true, "version": "1", "servedAt": "x",
       "machines": [{"name": "m", "ready": true, "inputs": [{"name": "i", "scanned": 3}]}]})"));
-  EXPECT_NE(std::string::npos, text.find("ready      yes\n"));
+  EXPECT_NE(std::string::npos, text.find("ready       yes\n"));
   EXPECT_NE(std::string::npos, text.find("\nMachines\nname  ready\nm     yes\n"));
   EXPECT_NE(std::string::npos,
             text.find("\nInputs\nmachine  name  scanned\nm        i           3\n"));

@@ -256,6 +256,7 @@ class Control(DaemonTest):
         status = self.ctl_json("status")
         self.assertTrue(status["ready"])
         self.assertEqual("udp:" + self.address, status["servedAt"])
+        self.assertEqual(PATHS.enterprise, status["enterprise"])
         self.assertGreater(len(status["machines"]), 0)
         for machine in status["machines"]:
             self.assertTrue(machine["ready"], machine)
@@ -315,6 +316,37 @@ class Control(DaemonTest):
         self.assertRegex(self.ctl("trace", "set", "TunnelIfTableSm=12", status=1), "12")
         self.assertRegex(self.ctl("trace", "set", "TunnelIfTableSm", status=2), "HANDLE=LEVELS")
         self.assertRegex(self.ctl("trace", "set", "Nobody=1"), "nothing traces as Nobody")
+
+    def test_a_trace_follows_one_event_through_each_machine(self):
+        daemon = self.start_office()
+        for machine in ("TunnelIfTableSm", "TunnelInetConfigTableSm", "IpsecTunnelIfTableSm"):
+            self.ctl("trace", "set", machine + "=7")
+        self.ctl("patch", "-", text=json.dumps(
+            [{"op": "add", "path": "/ifMib/ifIndexByIntfId/7", "value": 4711},
+             {"op": "add", "path": "/tunnelIntfStatusDir/intfStatus/7",
+              "value": {"srcAddr": "192.0.2.1", "dstAddr": "192.0.2.2", "mode": "gre",
+                        "ipsec": True}}]))
+        for pattern in (r"^TunnelIfTableSm/7 .*: tisStream = from\( .*intfId=7 ",
+                        r"^TunnelIfTableSm/7 .*: into\( .* \): inserting k1=4711, value=Tuple",
+                        r"^TunnelInetConfigTableSm/7 .*: addStream = merge\( .* ifIndex=4711 ",
+                        r"^TunnelInetConfigTableSm/7 .*: into\( mib.*: inserting k1=Value\(",
+                        r"^IpsecTunnelIfTableSm/7 .*: tisIpsecStream = .*: intfId=7$",
+                        r"^IpsecTunnelIfTableSm/7 .*: into\( .* \): inserting k1=4711, "):
+            daemon.wait_for_line(daemon.err, pattern)
+
+    def test_machines_that_start_anew_reconcile_stale_rows_and_keep_every_other(self):
+        self.start_office()
+        served = self.walk()
+        intf, if_index = next(iter(self.document["ifMib"]["ifIndexByIntfId"].items()))
+        path = f"/ifMib/ifIndexByIntfId/{intf}"
+        move = [{"op": "replace", "path": path, "value": 4711}]
+        self.ctl("patch", "-", text=json.dumps(move))
+        move[0]["value"] = if_index
+        self.ctl("patch", "-", text=json.dumps(move))
+        self.assertIn(4711, self.if_indexes(), "the row under the other ifIndex stays")
+        self.ctl("restart-machines")
+        self.ctl("wait-ready")
+        self.assertEqual(served, self.walk())
 
     def test_the_rest_of_the_commands_answer(self):
         self.start_office()
@@ -514,6 +546,17 @@ class AgentX(DaemonTest):
         self.wait_until(lambda: self.walk() == before)
         self.assertEqual(0, daemon.end()[0], daemon.err)
 
+    def test_ends_within_a_second_though_its_master_is_stuck(self):
+        master = self.start_master()
+        daemon = self.start_subagent()
+        master.child.send_signal(signal.SIGSTOP)
+        try:
+            status, seconds = daemon.end()
+        finally:
+            master.child.send_signal(signal.SIGCONT)
+        self.assertEqual(0, status, daemon.err)
+        self.assertLess(seconds, 1 if not PATHS.slow else PATIENCE)
+
     def test_waits_for_a_master_that_is_not_there_yet(self):
         daemon = self.start_subagent()
         daemon.wait_for_line(daemon.err, "Failed to connect to the agentx master")
@@ -522,11 +565,75 @@ class AgentX(DaemonTest):
         self.assertEqual(0, daemon.end()[0], daemon.err)
 
 
+def many_tunnels(count):
+    """A document of so many tunnels, and their ifIndexes."""
+    ids = [str(number * 7919) for number in range(1, count + 1)]
+    statuses = {intf: {"srcAddr": f"10.{n >> 16 & 255}.{n >> 8 & 255}.{n & 255}",
+                       "dstAddr": "192.0.2.1", "mode": "gre", "hopLimit": n % 256}
+                for n, intf in enumerate(ids, 1)}
+    return {"ifMib": {"ifIndexByIntfId": {intf: n for n, intf in enumerate(ids, 1)}},
+            "tunnelIntfStatusDir": {"intfStatus": statuses}}
+
+
+class Start(DaemonTest):
+    def test_answers_in_order_while_ten_thousand_tunnels_are_scanned(self):
+        count = 2000 if PATHS.slow else 10000
+        source = self.write("many.json", json.dumps(many_tunnels(count)))
+        daemon = self.launch("--listen", "udp:127.0.0.1:0", "--source", "json:" + source)
+        self.address = daemon.wait_for_line(
+            daemon.out, r"^tunnelsnmpd: listening on (\S+)$").group(1).removeprefix("udp:")
+        column = f"{TUNNEL_IF_TABLE}.1.4"
+        ready = False
+        while not ready:  # the last walk begins when everything is there
+            status = self.ctl_json("status")
+            ready = status["ready"]
+            for machine in status["machines"]:
+                for child in machine["inputs"]:
+                    self.assertLessEqual(child["scanned"], child["inputSize"])
+            cells, _ = self.snmp("snmpbulkwalk", [column])
+            indexes = [int(oid.rsplit(".", 1)[1]) for oid in cells if oid.startswith(column)]
+            self.assertEqual(sorted(set(indexes)), indexes)
+        self.assertEqual(list(range(1, count + 1)), indexes)
+        self.assertRegex(self.ctl("status"), rf"(?m)^tunnelIfTableSm +intfStatusSm0 .* {count}$")
+        self.assertEqual(0, daemon.end()[0], daemon.err)
+
+
+@unittest.skipUnless(shutil.which("valgrind"), "valgrind is not installed")
+class Memory(DaemonTest):
+    def test_a_short_life_leaks_nothing_of_ours(self):
+        if PATHS.slow:
+            self.skipTest("the sanitizers watch this build")
+        log = self.path("valgrind.log")
+        valgrind = ["valgrind", "--leak-check=full", "--show-leak-kinds=definite",
+                    "--keep-debuginfo=yes", "--num-callers=30", "--log-file=" + log]
+        daemon = Process([*valgrind, PATHS.daemon, "--control", self.control, "--listen",
+                          "udp:127.0.0.1:0", "--source", "json:" + self.source],
+                         environment(self.folder))
+        self.addCleanup(daemon.kill)
+        self.address = daemon.wait_for_line(
+            daemon.out, r"^tunnelsnmpd: listening on (\S+)$").group(1).removeprefix("udp:")
+        self.ctl("wait-ready", "--timeout", str(PATIENCE))
+        self.assertNotEqual({}, self.walk())
+        self.ctl("patch", "-", text='[{"op": "add", "path": "/ifMib/ifIndexByIntfId/7", '
+                                    '"value": 4711}]')
+        self.ctl("restart-machines")
+        self.ctl("show", "tables")
+        self.assertEqual(0, daemon.end()[0], daemon.err)
+        with open(log, encoding="utf-8") as file:
+            blocks = re.split(r"\n==\d+== \n", file.read())
+        ours = re.compile("tunnelsnmp|TunnelIntfSnmp|StateDb|Sources::|Agent::|Zel::|Kiln::")
+        for block in blocks:
+            wrong = "definitely lost in" in block or "Invalid" in block or "ninitialised" in block
+            self.assertFalse(wrong and ours.search(block), block)
+        self.assertRegex("\n".join(blocks), "HEAP SUMMARY")
+
+
 if __name__ == "__main__":
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--daemon", required=True)
     parser.add_argument("--ctl", required=True)
     parser.add_argument("--example", required=True, help="the JSON document to serve")
+    parser.add_argument("--enterprise", type=int, default=32473, help="the vendor table's number")
     parser.add_argument("--slow", action="store_true",
                         help="the binaries are instrumented: the end may take its time")
     PATHS, rest = parser.parse_known_args()

@@ -194,6 +194,9 @@ TEST_F(TunnelMibTest, DescribesItsTypesToTheFramework) {
     EXPECT_NE(Zel::typeByName(name), nullptr) << name;
   for (auto const * module : Zel::modules())
     EXPECT_EQ(module->namespacePrefix, "ns-") << module->name;
+  for (auto const * module : Zel::modules())
+    for (auto const & name : module->outsideTypes)
+      EXPECT_NE(name, "") << module->name;
 }
 
 TEST(TunnelInetConfigTableEntry, ReadsItsColumnsFromItsKey) {
