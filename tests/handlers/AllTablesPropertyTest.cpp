@@ -138,7 +138,7 @@ public:
     auto const profile = "p" + std::to_string(below(3));
     auto const profilePath = "/ikeStatus/appliedProfiles/" + profile;
     auto const status = at(statusPath);
-    switch (below(9)) {
+    switch (below(10)) {
     case 0:
     case 1:
       return add(statusPath, below(10) == 0 ? json(nullptr) : freshStatus(id));
@@ -152,7 +152,11 @@ public:
       break;
     case 4:
       if (status.is_object())
-        return {{"op", "replace"}, {"path", statusPath + "/ipsec"}, {"value", below(2) == 0}};
+        return changedMember(statusPath, id);
+      break;
+    case 9:
+      if (at(infoPath).is_object())
+        return {{"op", "replace"}, {"path", infoPath + "/profileName"}, {"value", profile}};
       break;
     case 5:
       if (status.is_discarded() && !at(ifIndexPath).is_discarded())
@@ -173,6 +177,13 @@ public:
 private:
   static json add(std::string const & path, json value) {
     return {{"op", "add"}, {"path", path}, {"value", std::move(value)}};
+  }
+  json changedMember(std::string const & statusPath, std::string const & id) {
+    auto fresh = freshStatus(id);
+    static char const * const members[] = {"srcAddr",  "dstAddr", "mode",
+                                           "hopLimit", "tos",     "ipsec"};
+    auto const member = std::string(members[below(6)]);
+    return {{"op", "replace"}, {"path", statusPath + "/" + member}, {"value", fresh.at(member)}};
   }
   json state() { return below(8) == 0 ? json(nullptr) : json({{"connState", below(10)}}); }
   std::string address(std::string const & id, std::size_t end) {
@@ -235,14 +246,21 @@ protected:
   void expectEverythingRight() {
     scheduler_->runUntilQuiet();
     auto const & agent = *root_->tunnelIntfSnmpAgent();
-    EXPECT_TRUE(agent.tunnelIfTableSm()->ready());
-    EXPECT_TRUE(agent.tunnelInetConfigTableSm()->ready());
-    EXPECT_TRUE(agent.ipsecTunnelIfTableSm()->ready());
-    EXPECT_TRUE(agent.ipsecTunnelIfTableSm()->idle());
+    expectReady(*agent.tunnelIfTableSm());
+    expectReady(*agent.tunnelInetConfigTableSm());
+    expectReady(*agent.ipsecTunnelIfTableSm());
     View const view(document_.read(""));
     auto & manager = InProcessAgent::instance();
     for (auto const & table : {ifTable, inetTable, ipsecTable})
       EXPECT_EQ(manager.walk(table), view.below(table));
+  }
+
+  static void expectReady(TableSmBase const & machine) {
+    EXPECT_TRUE(machine.ready());
+    EXPECT_TRUE(machine.idle());
+    EXPECT_FALSE(machine.mibOutputReconciling());
+    for (std::size_t output = 0; output != machine.names().outputs.size(); ++output)
+      EXPECT_TRUE(machine.outputState()->outputReady(output)) << output;
   }
 
   Zel::Ptr<TestScheduler> scheduler_;

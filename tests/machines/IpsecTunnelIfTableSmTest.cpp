@@ -217,6 +217,58 @@ TEST_P(IpsecSm, MayLoseTheInterfaceInsideItsOwnChange) {
   EXPECT_THAT(rowsOf(*world_.mib), IsEmpty());
 }
 
+TEST_P(IpsecSm, ForgetsAStatusThatWentThoughAListenerThrows) {
+  auto const status = addProtected(1, 10);
+  auto const listener = Zel::makePtr<OnChange>(
+      *world_.mib, [](auto const &) { throw std::runtime_error("listener"); });
+  EXPECT_THROW(world_.dir->intfStatusDel(Plexa::IntfId(1)), std::runtime_error);
+  EXPECT_EQ(machine_->intfStatusSm0()->childSm(Plexa::IntfId(1)), nullptr);
+  status->ipsecIs(false);
+  status->ipsecIs(true);
+  EXPECT_THAT(rowsOf(*world_.mib), IsEmpty());
+}
+
+TEST_P(IpsecSm, KeepsTheChildOfAStatusThatCameWhileTheOldOneWent) {
+  addProtected(1, 10);
+  Zel::Ptr<Interface::TunnelIntfStatus> fresh;
+  bool heard = false;
+  auto const listener = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
+    if (!std::exchange(heard, true))
+      fresh = addProtected(1, 10);
+  });
+  world_.dir->intfStatusDel(Plexa::IntfId(1));
+  ASSERT_TRUE(machine_->intfStatusSm0()->childSm(Plexa::IntfId(1)));
+  EXPECT_EQ(machine_->intfStatusSm0()->childSm(Plexa::IntfId(1))->status(), fresh);
+  EXPECT_THAT(rowsOf(*world_.mib), ElementsAre(10));
+  fresh->ipsecIs(false);
+  EXPECT_THAT(rowsOf(*world_.mib), IsEmpty());
+}
+
+TEST_P(IpsecSm, WritesNoRowForAFlagThatWentWhileTheOldRowWasDeleted) {
+  addProtected(1, 10);
+  auto const status = Zel::makePtr<Interface::TunnelIntfStatus>(Plexa::IntfId(1));
+  status->ipsecIs(true);
+  auto const listener =
+      Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) { status->ipsecIs(false); });
+  world_.dir->intfStatusIs(Plexa::IntfId(1), status);
+  EXPECT_THAT(rowsOf(*world_.mib), IsEmpty());
+}
+
+TEST_P(IpsecSm, LetsAChildThatIsStillHeldHearNothingOnceItLeft) {
+  auto const status = addProtected(1, 10);
+  auto const child = machine_->intfStatusSm0()->childSm(Plexa::IntfId(1));
+  machine_ = nullptr;
+  status->ipsecIs(false);
+  EXPECT_THAT(rowsOf(*world_.mib), ElementsAre(10)) << "nobody is there to delete it";
+}
+
+TEST_P(IpsecSm, DeletesTheRowOfAnUnprotectedStatusThatTakesItsIfIndex) {
+  addProtected(1, 10);
+  world_.addStatus(2);
+  world_.addIfIndex(2, 10);
+  EXPECT_THAT(rowsOf(*world_.mib), IsEmpty());
+}
+
 TEST(IpsecSmStart, ReconcilesRowsThatTheInputsDoNotProduce) {
   for (auto const & mode : runModes) {
     World world(mode, testSeed());
