@@ -38,6 +38,10 @@ Zel::Type const & InputSm::type() const {
   return type;
 }
 
+void InputSm::setStreamScanned() {
+  (parent_.inputSmScanState().get()->*flag_.set)(true);
+}
+
 void InputSm::start() {
   initializedIs(true);
   doInitializeTask();
@@ -102,7 +106,7 @@ void InputSm::scanCompletes() {
     pass = " initial";
   }
   Zel::FirstException exception;
-  exception.run([&] { (parent_.inputSmScanState().get()->*flag_.set)(true); });
+  exception.run([&] { setStreamScanned(); });
   LUMO_TRACE(trace(), 9, unit(), "{}{} scan, and parent scan, complete.", name_, pass);
   exception.rethrow();
 }

@@ -133,6 +133,7 @@ protected:
 
 private:
   friend class TableSmBase;
+  void setStreamScanned();
   void handleTask(Zel::Attribute const &, Flowa::Gen::NoKey const &) { doInputScan(); }
   bool hasOutstandingWork() const { return task_ && (*task_)->taskWorkPending() != 0; }
 
