@@ -28,6 +28,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 namespace TunnelIntfSnmp {
 

@@ -105,8 +105,6 @@ void Agent::stop() {
     database_.unmount(rootPath); // its end removes the machines
     database_.unmount(mibPath);
   }
-  while (scheduler_->scheduled() != 0) // tasks left over; nobody hears of them any more
-    work();
   Kiln::TaskSchedulerRoot::schedulerIs(nullptr);
   SnmpUtil::entityRootIs({});
   plugin_.reset();
