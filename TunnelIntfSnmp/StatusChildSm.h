@@ -50,6 +50,8 @@ public:
 
   void hasNotificationActiveIs(bool on) override {
     InputStateMachine::hasNotificationActiveIs(on);
+    if (!on)
+      machine_.inputUnheard();
     en_->hasNotificationActiveIs(on);
   }
   void zelDoZombieReactors(bool doIt) { en_->zelDoZombieReactors(doIt); }
@@ -62,6 +64,8 @@ protected:
         en_(Zel::makePtr<Flowa::Gen::InReactor<StatusChildSm>>(*this, &StatusChildSm::handleReactor,
                                                                input_.get())) {
     initializedIs(true);
+    if (!input_ || !input_->hasNotificationActive() || input_->intfId() != intfId_)
+      machine_.inputUnheard();
   }
 
 private:

@@ -72,6 +72,8 @@ bool InputSm::shouldYield() const {
 
 void InputSm::hasNotificationActiveIs(bool on) {
   InputStateMachine::hasNotificationActiveIs(on);
+  if (!on)
+    parent_.inputUnheard();
   if (task_)
     task_->hasNotificationActiveIs(on);
 }

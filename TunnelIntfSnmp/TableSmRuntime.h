@@ -178,6 +178,8 @@ public:
 
   void hasNotificationActiveIs(bool on) override;
   void zelDoZombieReactors(bool doIt);
+  /// Told by a child when something of its input may change from now on without being heard.
+  virtual void inputUnheard() {}
 
   TableSmNames const & names() const { return names_; }
   Lumo::DebugHandler const & trace() const { return *trace_; }

@@ -98,6 +98,8 @@ TunnelInetConfigTableSm::TunnelInetConfigTableSm(Zel::Ptr<TunnelMib> mib,
     : TunnelTableSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
                     std::move(ifMib)),
       localAttrStore_(Zel::makePtr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore>()) {
+  if (this->mib())
+    tableVersion_ = output().version();
   handleInitialized();
 }
 
@@ -147,6 +149,8 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
              "tisStream = from( tunnelIntfStatusDir.intfStatus[].{{ srcAddr, dstAddr, mode }} ): "
              "intfId={} intfStatusOpt={}",
              intfId, printed(intfStatusOpt));
+  if (!statusOf(intfId))
+    waiting_.forget(intfId);
   auto const * found = ifMib()->ifIndexByIntfId().find(intfId);
   if (found == nullptr) {
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
@@ -154,6 +158,8 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
   }
   auto const ifIndex = *found;
   auto const isAdd = static_cast<bool>(intfStatusOpt);
+  if (isAdd)
+    waiting_.wake(intfId); // for a rescan inside: until its add has run, it may be added by that
   Zel::FirstException exception; // of whoever hears of a row: each stream must run
   if (statusOutlives(intfId, exception,
                      [&] { eventToDeleteStream(ifIndex, intfStatusOpt, isAdd); }))
@@ -194,6 +200,8 @@ void TunnelInetConfigTableSm::eventToDeleteStream(std::uint32_t ifIndex,
   auto const wrapper = (*slot)->value();
   LUMO_TRACE(trace(), 7, unit(), "into( tunnelInetConfigByIfIndex[ ifIndex ] ): deleting k1={}",
              ifIndex);
+  waiting_.wake((*slot)->holder());
+  waiting_.slotFreed(ifIndex);
   localAttrStore_->tunnelInetConfigByIfIndexDel(ifIndex);
   if (!wrapper || !wrapper->mibEntry())
     throw Zel::BadOptionalAccess();
@@ -216,6 +224,8 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
     return;
   }
   auto const & intfStatus = *intfStatusOpt;
+  auto const intfId = intfStatus->intfId();
+  waiting_.forget(intfId);
   if (intfStatus->srcAddr().isAddrZero()) {
     LUMO_TRACE(trace(), 6, unit(),
                "filter( ( !intfStatus.srcAddr.isAddrZero ) ) failed, terminating pipeline");
@@ -231,6 +241,7 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
       Snmp::InetAddress::fromIpGenAddr(intfStatus->dstAddr()).address(),
       modeToEncap(intfStatus->mode()), 1);
   if (output().find(mibKey) != output().end()) {
+    waiting_.waitsForKey(intfId, mibKey);
     LUMO_TRACE(trace(), 6, unit(), "filter( ( !existing ) ) failed, terminating pipeline");
     return;
   }
@@ -239,6 +250,9 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
   LUMO_TRACE(trace(), 7, unit(),
              "into( tunnelInetConfigByIfIndex[ ifIndex ] ): inserting k1={}, value={}", ifIndex,
              printed(*entry));
+  if (auto const before = slot->holder(); slot->value() && before != intfId)
+    waiting_.wake(before);
+  slot->holderIs(intfId);
   slot->valueIs(entry);
   outputKeySeen(mibKey);
   intoMibTable(intoByMibKey, mibKey, entry);
@@ -254,12 +268,52 @@ void TunnelInetConfigTableSm::eventToRescanStream(std::uint32_t,
   auto const & statuses = tunnelIntfStatusDir()->intfStatus();
   LUMO_TRACE(trace(), 6, unit(),
              " foreach( tunnelIntfStatusDir.intfStatus ) foreaching {} elements", statuses.size());
+  rescanWaiting(processedTisOpt);
+}
+
+// True if and only if whatever a walk could add is among those that wait to be tried, and no trace
+// would show the walk.
+bool TunnelInetConfigTableSm::waitingTunnelsKnown() const {
+  auto const triedOnce = survey_ == Survey::complete ||
+                         (survey_ == Survey::scanning && inputSmScanState()->ifMibStreamScan());
+  auto const allHeard = !deaf_ && !unheard_ && tunnelIntfStatusDir()->hasNotificationActive() &&
+                        ifMib()->hasNotificationActive();
+  auto const traced = trace().enabled(6) || trace().enabled(7) || trace().enabled(9);
+  return triedOnce && allHeard && tableVersion_ == output().version() && !traced;
+}
+
+void TunnelInetConfigTableSm::rescanWaiting(Zel::Optional<StatusPtr> const & processedTisOpt) {
   Zel::FirstException exception;
-  statuses.forEach([&](Plexa::IntfId intfId, StatusPtr const & intfStatus) {
-    if (intfStatus)
-      exception.run([&] { rescanOne(intfId, intfStatus, processedTisOpt); });
-  });
+  std::optional<Plexa::IntfId> position;
+  while (waitingTunnelsKnown()) { // asked again each time: who hears of a row may change anything
+    auto const next = waiting_.nextToTry(position);
+    if (!next)
+      return exception.rethrow();
+    position = next;
+    if (auto const status = statusOf(*next))
+      exception.run([&] { rescanOne(*next, *status, processedTisOpt); });
+    else
+      waiting_.forget(*next);
+  }
+  rescanAll(position, processedTisOpt, exception);
   exception.rethrow();
+}
+
+// Tries every tunnel, or every one behind `position`.
+void TunnelInetConfigTableSm::rescanAll(std::optional<Plexa::IntfId> position,
+                                        Zel::Optional<StatusPtr> const & processedTisOpt,
+                                        Zel::FirstException & exception) {
+  survey_ = Survey::lost; // for a rescan inside this one
+  if (!position)
+    tableVersion_ = output().version();
+  auto const & statuses = tunnelIntfStatusDir()->intfStatus();
+  statuses.forEachFrom(position ? statuses.seekBehind(*position) : statuses.begin(),
+                       [&](Plexa::IntfId intfId, StatusPtr const & intfStatus) {
+                         if (intfStatus)
+                           exception.run([&] { rescanOne(intfId, intfStatus, processedTisOpt); });
+                       });
+  if (!position)
+    survey_ = Survey::complete;
 }
 
 void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
@@ -273,10 +327,13 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
   }
   auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
+    waiting_.forget(intfId);
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  if (localAttrStore_->tunnelInetConfigByIfIndex().find(*ifIndex) != nullptr) {
+  if (auto const * slot = localAttrStore_->tunnelInetConfigByIfIndex().find(*ifIndex)) {
+    if ((*slot)->holder() != intfId)
+      waiting_.waitsForSlot(intfId, *ifIndex);
     LUMO_TRACE(trace(), 6, unit(),
                "filter( ( !tunnelInetConfigByIfIndex[ ifIndex ] ) ) failed, terminating pipeline");
     return;
@@ -289,8 +346,10 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
 void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
                                            TunnelInetConfigTableKey const & k1,
                                            EntryPtr const & value) {
+  expectTableChange(k1, value != nullptr);
   if (!value) {
     LUMO_TRACE(trace(), 7, unit(), "{}: deleting k1={}", statement, printed(k1));
+    waiting_.keyFreed(k1);
     mib()->tunnelInetConfigTableDel(k1);
     return;
   }
@@ -303,8 +362,32 @@ void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
   mib()->tunnelInetConfigTableIs(value);
 }
 
+// A version that is not as the machine's own writes make it tells that somebody else wrote.
+void TunnelInetConfigTableSm::expectTableChange(TunnelInetConfigTableKey const & k1,
+                                                bool hasValue) {
+  auto const hasRow = output().find(k1) != output().end();
+  if (hasRow != hasValue && tableVersion_ == output().version())
+    ++tableVersion_;
+}
+
 void TunnelInetConfigTableSm::deleteOutputRow(TunnelInetConfigTableKey const & k1) {
   intoMibTable(intoByMibKey, k1, nullptr);
+}
+
+// What is heard
+
+void TunnelInetConfigTableSm::hasNotificationActiveIs(bool on) {
+  auto const unheard = unheard_;
+  deaf_ = true; // until what was held has been delivered
+  survey_ = Survey::lost;
+  TunnelTableSm::hasNotificationActiveIs(on);
+  deaf_ = !on;
+  if (!on)
+    unheard_ = unheard; // the children were switched off, but not for good
+}
+
+void TunnelInetConfigTableSm::inputUnheard() {
+  unheard_ = true;
 }
 
 // Destruction

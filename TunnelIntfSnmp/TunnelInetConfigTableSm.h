@@ -5,7 +5,9 @@
 // Several tunnels may claim one key; whoever is added first has the row. A private store remembers,
 // by ifIndex, the row that was written for it, and rows are deleted through that store only: by the
 // key that was written, never by one computed from the status of today. Whenever a row may have
-// gone, every tunnel without a row is tried again.
+// gone, every tunnel without a row is tried again: by a walk over all of them where a trace would
+// show it, else only those that what happened since they were tried last can help
+// (WaitingTunnels.h). The outcome is the same, down to the order.
 //
 //   event                      delete  add  rescan
 //   a status came or changed   yes     yes  yes
@@ -18,6 +20,7 @@
 
 #include "TunnelIntfSnmp/StatusChildSm.h"
 #include "TunnelIntfSnmp/TunnelTableSm.h"
+#include "TunnelIntfSnmp/WaitingTunnels.h"
 
 namespace TunnelIntfSnmp {
 
@@ -34,6 +37,9 @@ public:
 
   std::uint32_t ifIndex() const { return ifIndex_; }
   Zel::Ptr<MibEntryWrapper const> const & value() const { return value_; }
+  /// The tunnel whose row it is.
+  Plexa::IntfId holder() const { return holder_; }
+  void holderIs(Plexa::IntfId holder) { holder_ = holder; }
   /// Wraps the entry, and notifies; does nothing when that very entry is there.
   void valueIs(Zel::Ptr<TunnelInetConfigTableEntry const> const & entry);
   /// Clears the value, and notifies if there was one.
@@ -42,6 +48,7 @@ public:
 private:
   std::uint32_t const ifIndex_;
   Zel::Ptr<MibEntryWrapper const> value_;
+  Plexa::IntfId holder_;
 };
 
 /// The store. There is a slot for an ifIndex if and only if the machine's last write for it put a
@@ -125,6 +132,9 @@ public:
     return ifIndexSm<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2>();
   }
 
+  void hasNotificationActiveIs(bool on) override;
+  void inputUnheard() override;
+
   // The streams. All return at once, without trace, while initialScanDone() is false.
 
   /// The status came, changed or, without a value, went.
@@ -154,10 +164,24 @@ private:
   }
   void deleteOutputRow(TunnelInetConfigTableKey const & k1) override;
 
+  bool waitingTunnelsKnown() const;
+  void rescanWaiting(Zel::Optional<StatusPtr> const & processedTisOpt);
+  void rescanAll(std::optional<Plexa::IntfId> position,
+                 Zel::Optional<StatusPtr> const & processedTisOpt, Zel::FirstException & exception);
   void rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
                  Zel::Optional<StatusPtr> const & processedTisOpt);
+  void expectTableChange(TunnelInetConfigTableKey const & k1, bool hasValue);
+
+  /// Whether waiting_ has every tunnel that a rescan has to try: not before the first scan with
+  /// events has tried them all, nor after something went unheard, until a walk has tried them all.
+  enum class Survey : std::uint8_t { scanning, complete, lost };
 
   Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore> const localAttrStore_;
+  WaitingTunnels waiting_;
+  std::uint32_t tableVersion_; // of the output, as the machine's own writes make it
+  Survey survey_ = Survey::scanning;
+  bool deaf_ = false;    // what is heard of the inputs is held back
+  bool unheard_ = false; // an input may change unheard, for good
 };
 Zel::Ptr<TunnelInetConfigTableSm>
 tunnelInetConfigTableSmFactory(Zel::Ptr<TunnelMib> const & mib,

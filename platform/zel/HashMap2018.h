@@ -85,6 +85,12 @@ public:
     Node const * node = link(hash, key)->get();
     return {this, node ? node : firstFrom(bucket + 1)};
   }
+  /// True if and only if iteration reaches `left` before `right`, were both keys of a map.
+  static bool comesBefore(Key const & left, Key const & right) {
+    auto const leftHash = Hasher()(left);
+    auto const rightHash = Hasher()(right);
+    return leftHash != rightHash ? leftHash < rightHash : left < right;
+  }
   /// Where iteration goes on behind `key`, which may be gone.
   const_iterator seekBehind(Key const & key) const {
     auto const position = seek(key);
@@ -94,7 +100,12 @@ public:
   /// visited, what it inserts is if it comes later in the order. It is given copies.
   template <class Visit>
   void forEach(Visit visit) const {
-    for (auto position = begin(); position != end();) {
+    forEachFrom(begin(), visit);
+  }
+  /// As forEach(), from `position` on.
+  template <class Visit>
+  void forEachFrom(const_iterator position, Visit visit) const {
+    while (position != end()) {
       auto const entry = *position;
       auto const stamp = changeStamp_;
       visit(entry.first, entry.second);

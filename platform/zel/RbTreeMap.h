@@ -19,7 +19,8 @@ public:
 
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
-  /// A number that every insertion and every removal changes; it comes round after 2^32 of them.
+  /// A number that every insertion and every removal advances by one, and nothing else changes; it
+  /// comes round after 2^32 of them.
   std::uint32_t version() const { return version_; }
 
   const_iterator begin() const { return map_.begin(); }
