@@ -4,6 +4,7 @@
 
 #include "platform/Zel.h"
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -20,7 +21,9 @@ using Clock = std::function<std::chrono::steady_clock::time_point()>;
 
 class Task;
 
-/// Runs tasks by priority, and among equals in the order in which they were scheduled.
+/// Runs tasks by priority, and among equals in the order in which they were scheduled; but what a
+/// run schedules, itself included, comes before the equals that wait already: work that was begun
+/// is finished before other work begins.
 ///
 /// A host calls runOne() while it says that something is scheduled, serving its other work between
 /// two calls. Life cycle: lives as long as a task or anyone else holds it.
@@ -63,12 +66,14 @@ private:
   friend class Task;
   void schedule(Task & task);
   void forget(Task const & task);
+  bool isRunningsEqual(Task const & task) const;
 
   Clock const clock_;
   std::chrono::microseconds const share_;
   std::map<TaskPriority, std::deque<Task *>> queues_; // no empty one
   std::vector<Task const *> tasks_;
   Zel::Ptr<Task> running_;
+  std::ptrdiff_t scheduledByRun_ = 0; // equals of the running task, at the front of their queue
   std::chrono::steady_clock::time_point runBegan_;
   std::uint64_t runs_ = 0;
   std::function<void()> wakeUp_;

@@ -28,6 +28,7 @@ bool TaskScheduler::runOne() {
     ~RunEnd() { scheduler.running_ = nullptr; }
   } const runEnd{*this};
   ++runs_;
+  scheduledByRun_ = 0;
   runBegan_ = clock_();
   running_->run();
   return true;
@@ -52,7 +53,8 @@ Task * TaskScheduler::takeNext(std::deque<Task *> & equals) {
 
 void TaskScheduler::schedule(Task & task) {
   auto const wasIdle = queues_.empty();
-  queues_[task.priority()].push_back(&task);
+  auto & equals = queues_[task.priority()];
+  equals.insert(isRunningsEqual(task) ? equals.begin() + scheduledByRun_++ : equals.end(), &task);
   if (wasIdle && wakeUp_)
     wakeUp_();
 }
@@ -60,10 +62,19 @@ void TaskScheduler::schedule(Task & task) {
 void TaskScheduler::forget(Task const & task) {
   std::erase(tasks_, &task);
   if (auto const queue = queues_.find(task.priority()); queue != queues_.end()) {
-    std::erase(queue->second, &task);
-    if (queue->second.empty())
+    auto & equals = queue->second;
+    if (auto const place = std::find(equals.begin(), equals.end(), &task); place != equals.end()) {
+      if (isRunningsEqual(task) && place - equals.begin() < scheduledByRun_)
+        --scheduledByRun_;
+      equals.erase(place);
+    }
+    if (equals.empty())
       queues_.erase(queue);
   }
+}
+
+bool TaskScheduler::isRunningsEqual(Task const & task) const {
+  return running_ && running_->priority() == task.priority();
 }
 
 namespace {

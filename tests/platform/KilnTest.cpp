@@ -51,6 +51,29 @@ TEST_F(Scheduler, RunsTheMostUrgentFirstAndEqualsInOrder) {
   EXPECT_EQ(scheduler_->runs(), 3u);
 }
 
+TEST_F(Scheduler, FinishesWhatARunBeganBeforeItsEqualsBegin) {
+  auto const child = worker(3, "child");
+  auto const abandoned = [&] { worker(3, "abandoned")->task->scheduleTask(); };
+  auto const urgent = worker(1, "urgent");
+  int left = 2;
+  auto const parent = Zel::makePtr<Worker>(scheduler_, 3, "parent", [&](Kiln::Task & task) {
+    ran_.push_back(task.name());
+    if (--left < 0)
+      return;
+    abandoned();
+    child->task->scheduleTask();
+    task.scheduleTask();
+    urgent->task->scheduleTask();
+  });
+  auto const waiting = worker(3, "waiting");
+  parent->task->scheduleTask();
+  waiting->task->scheduleTask();
+  while (scheduler_->runOne()) {
+  }
+  EXPECT_THAT(ran_, ElementsAre("parent", "urgent", "child", "parent", "urgent", "child", "parent",
+                                "waiting"));
+}
+
 TEST_F(Scheduler, RunsATaskOnceHoweverOftenItWasScheduled) {
   auto const one = worker(3, "one");
   one->task->scheduleTask();
