@@ -6,9 +6,12 @@
 
 #include "platform/Plexa.h"
 #include "platform/Zel.h"
+#include <array>
+#include <bit>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <endian.h>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -21,23 +24,53 @@
 
 namespace Snmp {
 
-/// An immutable byte string, shared on copy. Ordered by length, then byte by byte: the order of a
-/// length-prefixed index (RFC 2578 section 7.7). Its text form is its bytes in hexadecimal between
-/// single quotes.
+/// An immutable byte string. Ordered by length, then byte by byte: the order of a length-prefixed
+/// index (RFC 2578 section 7.7). Its text form is its bytes in hexadecimal between single quotes.
+///
+/// Up to 16 octets, which every address has, stand in the object itself: a search in an ordered
+/// table compares keys without leaving them. More are shared on copy.
 class Bytes {
 public:
-  Bytes() = default;
+  Bytes() noexcept : inside_{}, size_(0) {}
   explicit Bytes(std::span<std::uint8_t const> bytes);
+  Bytes(Bytes const & other) noexcept : size_(other.size_) { copyOf(other); }
+  Bytes & operator=(Bytes const & other) noexcept;
+  ~Bytes() { release(); }
 
-  std::span<std::uint8_t const> span() const { return {bytes_.get(), size_}; }
+  std::span<std::uint8_t const> span() const {
+    return {isInside() ? inside_.data() : outside_.get(), size_};
+  }
   std::size_t size() const { return size_; }
   std::uint32_t hash(std::uint32_t seed) const;
-  bool operator==(Bytes const & other) const;
-  std::strong_ordering operator<=>(Bytes const & other) const;
+  bool operator==(Bytes const & other) const { return *this <=> other == 0; }
+  std::strong_ordering operator<=>(Bytes const & other) const {
+    if (size_ != other.size_)
+      return size_ <=> other.size_;
+    return isInside() ? words() <=> other.words() : compareOutside(other);
+  }
 
 private:
-  std::shared_ptr<std::uint8_t const[]> bytes_; // null when empty
-  std::size_t size_ = 0;
+  using Inside = std::array<std::uint8_t, 16>; // zero behind the last octet
+  using Outside = std::shared_ptr<std::uint8_t const[]>;
+
+  bool isInside() const { return size_ <= sizeof(Inside); }
+  // As numbers, which order as their octets do.
+  std::array<std::uint64_t, 2> words() const {
+    auto words = std::bit_cast<std::array<std::uint64_t, 2>>(inside_);
+    return {be64toh(words[0]), be64toh(words[1])};
+  }
+  std::strong_ordering compareOutside(Bytes const & other) const;
+  void copyOf(Bytes const & other) noexcept;
+  void release() noexcept {
+    if (!isInside())
+      outside_.~Outside();
+  }
+
+  union {
+    Inside inside_;
+    Outside outside_;
+  };
+  std::uint32_t size_;
 };
 void strepWrite(std::string & out, Bytes const & bytes);
 void strepRead(Zel::StrepReader & in, Bytes & bytes);

@@ -7,27 +7,41 @@
 
 namespace Snmp {
 
-Bytes::Bytes(std::span<std::uint8_t const> bytes) : size_(bytes.size()) {
-  if (bytes.empty())
+Bytes::Bytes(std::span<std::uint8_t const> bytes)
+    : inside_{},
+      size_(static_cast<std::uint32_t>(bytes.size())) {
+  if (isInside()) {
+    std::ranges::copy(bytes, inside_.begin());
     return;
+  }
   auto copy = std::make_shared<std::uint8_t[]>(bytes.size());
-  std::copy(bytes.begin(), bytes.end(), copy.get());
-  bytes_ = std::move(copy);
+  std::ranges::copy(bytes, copy.get());
+  std::construct_at(&outside_, std::move(copy));
+}
+
+Bytes & Bytes::operator=(Bytes const & other) noexcept {
+  if (this != &other) {
+    release();
+    size_ = other.size_;
+    copyOf(other);
+  }
+  return *this;
+}
+
+// Requires: what was here is released, and size_ is the other's.
+void Bytes::copyOf(Bytes const & other) noexcept {
+  if (isInside())
+    inside_ = other.inside_;
+  else
+    std::construct_at(&outside_, other.outside_);
 }
 
 std::uint32_t Bytes::hash(std::uint32_t seed) const {
   return Zel::Hash(seed).mix(span()).result();
 }
 
-bool Bytes::operator==(Bytes const & other) const {
-  return bytes_ == other.bytes_ || std::ranges::equal(span(), other.span());
-}
-
-std::strong_ordering Bytes::operator<=>(Bytes const & other) const {
-  if (auto const byLength = size() <=> other.size(); byLength != 0)
-    return byLength;
-  return size() == 0 ? std::strong_ordering::equal
-                     : std::memcmp(bytes_.get(), other.bytes_.get(), size()) <=> 0;
+std::strong_ordering Bytes::compareOutside(Bytes const & other) const {
+  return std::memcmp(outside_.get(), other.outside_.get(), size_) <=> 0;
 }
 
 void strepWrite(std::string & out, Bytes const & bytes) {

@@ -4,10 +4,13 @@
 #include "platform/Ipsec.h"
 #include "platform/Lumo.h"
 #include "platform/Snmp.h"
+#include "tests/support/TestScheduler.h"
 #include "tests/support/TraceRecorder.h"
+#include <algorithm>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <limits>
+#include <random>
 #include <sstream>
 
 namespace {
@@ -97,6 +100,33 @@ TEST(SnmpBytes, OrderByLengthAndThenByUnsignedOctet) {
       EXPECT_EQ(ascending[i] == ascending[j], i == j);
       EXPECT_EQ(ascending[i].hash(0) == ascending[j].hash(0), i == j);
     }
+}
+
+TEST(SnmpBytes, AreTheSameWhateverTheirLengthAndStaySoWhenCopied) {
+  std::mt19937 random(testSeed());
+  auto const draw = [&] {
+    std::vector<std::uint8_t> octets(random() % 20); // on both sides of what an object holds itself
+    for (auto & octet : octets)
+      octet = random() % 3 == 0 ? 255 : random() % 2;
+    return octets;
+  };
+  for (int round = 0; round != 5000; ++round) {
+    auto const left = draw();
+    auto const right = draw();
+    auto copy = bytes(left);
+    EXPECT_TRUE(std::ranges::equal(copy.span(), left));
+    EXPECT_EQ(copy <=> bytes(right),
+              std::tuple(left.size(), left) <=> std::tuple(right.size(), right));
+    copy = bytes(right);
+    EXPECT_EQ(copy, bytes(right));
+    auto const second = copy;
+    copy = bytes(left);
+    EXPECT_TRUE(std::ranges::equal(second.span(), right));
+    auto const & itself = copy;
+    copy = itself;
+    EXPECT_TRUE(std::ranges::equal(copy.span(), left));
+    EXPECT_EQ(copy.hash(7), Zel::Hash(7).mix(std::span(left)).result());
+  }
 }
 
 TEST(SnmpBytes, PrintAsHexadecimalAndParse) {
