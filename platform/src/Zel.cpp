@@ -8,10 +8,6 @@ namespace Zel {
 
 namespace {
 
-// While an object is destroyed its count stands here, so that Ptrs made of it by its destructor
-// (a notification, say) never destroy it again.
-constexpr std::uint32_t destroying = 1u << 30;
-
 Lumo::Counter exceptionsDropped("zel-exceptions-dropped");
 
 } // namespace
@@ -46,48 +42,122 @@ Type const & PtrInterface::type() const {
 }
 
 void PtrInterface::hasNotificationActiveIs(bool on) {
-  notificationActive_ = on;
-}
-
-bool PtrInterface::notifieesEmpty() const {
-  return !notifiees_ || notifiees_->empty();
+  if (on)
+    references_.fetch_or(notificationActive, std::memory_order_relaxed);
+  else
+    references_.fetch_and(~notificationActive, std::memory_order_relaxed);
 }
 
 void PtrInterface::refDec() const {
   if (Detail::threadSafePtrs) [[unlikely]] {
-    if (references_.fetch_sub(1, std::memory_order_acq_rel) != 1)
+    if ((references_.fetch_sub(1, std::memory_order_acq_rel) & countMask) != 1)
       return;
   } else {
     auto const left = references_.load(std::memory_order_relaxed) - 1;
     references_.store(left, std::memory_order_relaxed);
-    if (left != 0)
+    if ((left & countMask) != 0)
       return;
   }
-  references_.store(destroying, std::memory_order_relaxed);
+  references_.store(destroying | (references_.load(std::memory_order_relaxed) & notificationActive),
+                    std::memory_order_relaxed);
   handleZeroReferences();
 }
 
 void PtrInterface::notify(Attribute const & attribute) const {
-  if (notificationActive_ && notifiees_)
+  if (notifiees_ != nullptr && hasNotificationActive())
     notifyAll(Notification(*this, attribute));
 }
 
+/// One notification under way: who is next, and who is the last to hear of it.
+class Notifiee::Round {
+public:
+  explicit Round(PtrInterface const & notifier)
+      : notifier_(&notifier),
+        next_(notifier.notifiees_),
+        outer_(std::exchange(current, this)) {
+    for (last_ = next_; last_->next_ != nullptr;)
+      last_ = last_->next_;
+  }
+  Round(Round const &) = delete;
+  Round & operator=(Round const &) = delete;
+  ~Round() { current = outer_; }
+
+  /// The next one to call, or null.
+  Ptr<Notifiee> take() {
+    Ptr<Notifiee> const taken(next_); // it may release itself
+    if (taken)
+      next_ = taken.get() == last_ ? nullptr : taken->next_;
+    return taken;
+  }
+
+  /// Tells every round that a notifiee leaves; `before` is its predecessor, or null.
+  static void leaves(Notifiee const & notifiee, Notifiee * before) {
+    for (auto * round = current; round != nullptr; round = round->outer_)
+      if (round->notifier_ == notifiee.notifier_)
+        round->left(notifiee, before);
+  }
+
+private:
+  void left(Notifiee const & notifiee, Notifiee * before) {
+    if (next_ == &notifiee)
+      next_ = last_ == &notifiee ? nullptr : notifiee.next_;
+    if (last_ == &notifiee)
+      last_ = before;
+  }
+
+  static Round * current;
+
+  PtrInterface const * const notifier_;
+  Notifiee * next_;
+  Notifiee * last_;
+  Round * const outer_;
+};
+Notifiee::Round * Notifiee::Round::current = nullptr;
+
+namespace {
+template <class TakeNext>
+void tellEach(TakeNext takeNext, Notification const & notification) {
+  FirstException exception;
+  while (auto const notifiee = takeNext())
+    exception.run([&] { notifiee->onNotification(notification); });
+  exception.rethrow();
+}
+} // namespace
+
 void PtrInterface::notifyAll(Notification const & notification) const {
-  if (references_.load(std::memory_order_relaxed) < destroying) {
+  Notifiee::Round round(*this);
+  auto const takeNext = [&round] { return round.take(); };
+  if ((references_.load(std::memory_order_relaxed) & destroying) == 0) {
     Ptr<PtrInterface const> const self(this);
-    notifiees_->notify(notification);
+    tellEach(takeNext, notification);
     return;
   }
   try {
-    notifiees_->notify(notification);
+    tellEach(takeNext, notification);
   } catch (...) { // a destructor is at work, and cannot throw on
     exceptionsDropped.inc();
   }
 }
 
 void PtrInterface::notifieesDelAll() {
-  if (notifiees_)
-    notifiees_->delAll();
+  while (notifiees_ != nullptr)
+    notifiees_->notifierIs(nullptr);
+}
+
+void PtrInterface::addNotifiee(Notifiee & notifiee) const {
+  auto ** place = &notifiees_;
+  while (*place != nullptr)
+    place = &(*place)->next_;
+  *place = &notifiee;
+}
+
+void PtrInterface::delNotifiee(Notifiee & notifiee) const {
+  Notifiee * before = nullptr;
+  auto ** place = &notifiees_;
+  for (; *place != &notifiee; place = &before->next_)
+    before = *place;
+  Notifiee::Round::leaves(notifiee, before);
+  *place = std::exchange(notifiee.next_, nullptr);
 }
 
 Notifiee::~Notifiee() {
@@ -96,52 +166,10 @@ Notifiee::~Notifiee() {
 
 void Notifiee::notifierIs(PtrInterface const * notifier) {
   if (notifier_ != nullptr)
-    notifier_->notifiees_->del(*this);
+    notifier_->delNotifiee(*this);
   notifier_ = notifier;
-  if (notifier == nullptr)
-    return;
-  auto & notifiees = const_cast<PtrInterface *>(notifier)->notifiees_; // listening changes no value
-  if (!notifiees)
-    notifiees = std::make_unique<NotifieeList>();
-  notifiees->add(*this);
-}
-
-void NotifieeList::add(Notifiee & notifiee) {
-  notifiees_.push_back(&notifiee);
-}
-
-void NotifieeList::del(Notifiee & notifiee) {
-  *std::find(notifiees_.begin(), notifiees_.end(), &notifiee) = nullptr;
-  compact();
-}
-
-void NotifieeList::delAll() {
-  for (auto *& notifiee : notifiees_)
-    if (notifiee != nullptr)
-      std::exchange(notifiee, nullptr)->notifier_ = nullptr;
-  compact();
-}
-
-bool NotifieeList::empty() const {
-  return std::all_of(notifiees_.begin(), notifiees_.end(), [](auto * n) { return n == nullptr; });
-}
-
-void NotifieeList::notify(Notification const & notification) {
-  FirstException exception;
-  ++depth_;
-  for (std::size_t i = 0, present = notifiees_.size(); i != present; ++i) {
-    Ptr<Notifiee> const notifiee(notifiees_[i]); // it may release itself
-    if (notifiee)
-      exception.run([&] { notifiee->onNotification(notification); });
-  }
-  --depth_;
-  compact();
-  exception.rethrow();
-}
-
-void NotifieeList::compact() {
-  if (depth_ == 0)
-    std::erase(notifiees_, nullptr);
+  if (notifier != nullptr)
+    notifier->addNotifiee(*this);
 }
 
 Entity::Entity(std::string_view name) : name_(name) {

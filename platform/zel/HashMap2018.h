@@ -29,9 +29,8 @@ struct DefaultHasher {
 /// Any change but the replacement of a value ends the iterators of the entries it touches.
 template <class Key, class Value, class Hasher = DefaultHasher>
 class HashMap2018 {
-  struct Node {
+  struct Node { // without its hash, which is quicker computed than fetched with a larger node
     std::unique_ptr<Node> next;
-    std::uint32_t hash;
     std::pair<Key const, Value> entry;
   };
 
@@ -48,8 +47,8 @@ public:
     reference operator*() const { return node_->entry; }
     pointer operator->() const { return &node_->entry; }
     const_iterator & operator++() {
-      auto const bucket = map_->bucketOf(node_->hash);
-      node_ = node_->next ? node_->next.get() : map_->firstFrom(bucket + 1);
+      node_ = node_->next ? node_->next.get()
+                          : map_->firstFrom(map_->bucketOf(map_->hasher_(node_->entry.first)) + 1);
       return *this;
     }
     const_iterator operator++(int) {
@@ -116,7 +115,7 @@ public:
   Value const * find(Key const & key) const {
     auto const hash = hasher_(key);
     Node const * node = link(hash, key)->get();
-    return node && node->hash == hash && node->entry.first == key ? &node->entry.second : nullptr;
+    return node && node->entry.first == key ? &node->entry.second : nullptr;
   }
 
   /// Inserts the value or puts it in the place of the present one. Returns it where it now is.
@@ -124,7 +123,7 @@ public:
   Value & insertOrReplace(Key const & key, Value value) {
     auto const hash = hasher_(key);
     auto * place = link(hash, key);
-    if (*place && (*place)->hash == hash && (*place)->entry.first == key) {
+    if (*place && (*place)->entry.first == key) {
       std::swap((*place)->entry.second, value);
       return (*place)->entry.second;
     }
@@ -132,7 +131,7 @@ public:
       grow();
       place = link(hash, key);
     }
-    place->reset(new Node{std::move(*place), hash, {key, std::move(value)}});
+    place->reset(new Node{std::move(*place), {key, std::move(value)}});
     ++size_;
     advanceStamp();
     return (*place)->entry.second;
@@ -141,7 +140,7 @@ public:
   bool erase(Key const & key) {
     auto const hash = hasher_(key);
     auto * place = link(hash, key);
-    if (!*place || (*place)->hash != hash || !((*place)->entry.first == key))
+    if (!*place || !((*place)->entry.first == key))
       return false;
     auto const removed = std::move(*place); // destroyed last, when the map is consistent again
     *place = std::move(removed->next);
@@ -173,8 +172,11 @@ private:
       place = &(*place)->next;
     return place;
   }
-  static bool comesBefore(Node const & node, std::uint32_t hash, Key const & key) {
-    return node.hash != hash ? node.hash < hash : node.entry.first < key;
+  bool comesBefore(Node const & node, std::uint32_t hash, Key const & key) const {
+    if (node.entry.first == key)
+      return false;
+    auto const nodeHash = hasher_(node.entry.first);
+    return nodeHash != hash ? nodeHash < hash : node.entry.first < key;
   }
   Node const * firstFrom(std::size_t bucket) const {
     for (; bucket < buckets_.size(); ++bucket)
@@ -191,7 +193,7 @@ private:
       std::size_t tailBucket = 0;
       while (head) {
         auto rest = std::move(head->next);
-        auto const bucket = bucketOf(head->hash);
+        auto const bucket = bucketOf(hasher_(head->entry.first));
         if (tail == nullptr || bucket != tailBucket)
           tail = &buckets_[tailBucket = bucket];
         *tail = std::move(head);

@@ -4,7 +4,6 @@
 #include "platform/zel/Ptr.h"
 #include <cstddef>
 #include <typeinfo>
-#include <vector>
 
 namespace Zel {
 
@@ -47,6 +46,13 @@ private:
 
 /// Hears the changes of one object, from its connection to its destruction or disconnection,
 /// whichever comes first. Both ends may go in any order.
+///
+/// While a notification of that object is under way: a notifiee that leaves is not called any more;
+/// one that comes hears the next change, not this one; a change made by a notifiee is told in full,
+/// inside, before the rest of the outer notification goes on. An exception of a notifiee does not
+/// stop the others: when all have been called the first exception is thrown on to the caller of the
+/// mutator; each further one is dropped and counted ("zel-exceptions-dropped"). What an object
+/// notifies while it is destroyed has no caller to tell: then the first one is dropped, too.
 class Notifiee : public PtrInterface {
 public:
   ~Notifiee() override;
@@ -61,38 +67,15 @@ public:
   virtual void onNotification(Notification const & notification) = 0;
 
 private:
-  friend class NotifieeList;
   friend class PtrInterface;
+  class Round;
   PtrInterface const * notifier_ = nullptr;
-};
-
-/// The notifiees of one object.
-///
-/// While a notification is under way: a notifiee that leaves is not called any more; one that comes
-/// hears the next change, not this one; a change made by a notifiee is told in full, inside, before
-/// the rest of the outer notification goes on. An exception of a notifiee does not stop the others:
-/// when all have been called the first exception is thrown on to the caller of the mutator; each
-/// further one is dropped and counted ("zel-exceptions-dropped"). What an object notifies while it
-/// is destroyed has no caller to tell: then the first one is dropped, too.
-class NotifieeList {
-public:
-  void add(Notifiee & notifiee);
-  void del(Notifiee & notifiee);
-  /// Disconnects all, those included that a running notification has not reached.
-  void delAll();
-  bool empty() const;
-  void notify(Notification const & notification);
-
-private:
-  void compact();
-
-  std::vector<Notifiee *> notifiees_; // a null marks one that left during a notification
-  int depth_ = 0;
+  Notifiee * next_ = nullptr; // among the notifiees of that object, in the order in which they came
 };
 
 template <class Key>
 void PtrInterface::notify(Attribute const & attribute, Key const & key) const {
-  if (notificationActive_ && notifiees_)
+  if (notifiees_ != nullptr && hasNotificationActive())
     notifyAll(Notification(*this, attribute, key));
 }
 

@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
@@ -21,7 +20,6 @@ struct Type;
 struct Attribute;
 class Notifiee;
 class Notification;
-class NotifieeList;
 
 /// Switches the whole process between plain reference counts (off, the default) and atomic ones.
 /// Requires: no other thread uses a Ptr while the switch is turned.
@@ -53,19 +51,21 @@ public:
   virtual Type const & type() const;
 
   /// True if and only if changes of this object are told to its notifiees.
-  bool hasNotificationActive() const { return notificationActive_; }
+  bool hasNotificationActive() const {
+    return (references_.load(std::memory_order_relaxed) & notificationActive) != 0;
+  }
   /// Switches notification on or off. A change made while it is off is not told later.
   virtual void hasNotificationActiveIs(bool on);
   /// True if and only if no notifiee listens.
-  bool notifieesEmpty() const;
+  bool notifieesEmpty() const { return notifiees_ == nullptr; }
 
   void refInc() const noexcept;
   void refDec() const;
 
 protected:
   /// Tells every notifiee, in the order in which they came, that `attribute` changed. What holds
-  /// while notifiees come, go and throw stands at NotifieeList. This object survives the call even
-  /// if its last Ptr goes meanwhile. Does nothing while notification is off.
+  /// while notifiees come, go and throw stands at Notifiee. This object survives the call even if
+  /// its last Ptr goes meanwhile. Does nothing while notification is off.
   void notify(Attribute const & attribute) const;
   /// As above, for one key of a collection. `Key` must be the exact key type of that collection.
   template <class Key>
@@ -78,9 +78,20 @@ private:
   virtual void handleZeroReferences() const { delete this; }
   void notifyAll(Notification const & notification) const;
 
+  void addNotifiee(Notifiee & notifiee) const;
+  void delNotifiee(Notifiee & notifiee) const;
+
+  // Of the word that counts the references. While an object is destroyed its count stands at
+  // `destroying`, so that Ptrs made of it by its destructor (a notification, say) never destroy it
+  // again.
+  static constexpr std::uint32_t notificationActive = 1u << 31;
+  static constexpr std::uint32_t destroying = 1u << 30;
+  static constexpr std::uint32_t countMask = notificationActive - 1;
+
+  // One word with the flag, and last: a derived object's first small members stand beside it. There
+  // are a dozen objects for each tunnel.
+  Notifiee mutable * notifiees_ = nullptr; // the first one; each knows the next
   std::atomic<std::uint32_t> mutable references_{1};
-  bool notificationActive_ = false;
-  std::unique_ptr<NotifieeList> notifiees_; // made by the first notifiee: most objects have none
 };
 
 /// A counted pointer. Null by default; dereferencing null is a fatal assertion, never undefined.
