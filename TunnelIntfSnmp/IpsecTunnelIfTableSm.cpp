@@ -52,17 +52,18 @@ void IpsecTunnelIfTableSm::checkInputs() const {
 
 namespace FlowaCode::IpsecTunnelIfTableSm {
 
-bool IpsecSm1::follows(Zel::Attribute const & attribute) {
-  return &attribute == &Interface::TunnelIntfStatus::ipsecAttribute();
+std::span<Zel::Attribute const * const> IpsecSm1::followed() {
+  static std::array const attributes{&Interface::TunnelIntfStatus::ipsecAttribute()};
+  return attributes;
 }
 
 IpsecSm1::IpsecSm1(::TunnelIntfSnmp::IpsecTunnelIfTableSm & root, Plexa::IntfId intfId,
                    StatusPtr status)
-    : StatusChildSm(root, intfId, std::move(status)),
-      root_(root) {}
+    : StatusChildSm(root, intfId, std::move(status)) {}
 
 void IpsecSm1::emit(Plexa::IntfId intfId, StatusPtr const & status) {
-  root_.eventToTisIpsecStream(intfId, status ? Zel::Optional<bool>(status->ipsec()) : std::nullopt);
+  auto & root = static_cast<::TunnelIntfSnmp::IpsecTunnelIfTableSm &>(machine());
+  root.eventToTisIpsecStream(intfId, status ? Zel::Optional<bool>(status->ipsec()) : std::nullopt);
 }
 
 } // namespace FlowaCode::IpsecTunnelIfTableSm

@@ -5,6 +5,7 @@
 
 #include "TunnelIntfSnmp/StatusChildSm.h"
 #include "TunnelIntfSnmp/TunnelTableSm.h"
+#include <span>
 
 namespace TunnelIntfSnmp {
 
@@ -16,13 +17,10 @@ namespace FlowaCode::IpsecTunnelIfTableSm {
 class IpsecSm1 final : public StatusChildSm<IpsecSm1> {
 public:
   static constexpr std::string_view name = "IpsecSm1";
-  static bool follows(Zel::Attribute const & attribute);
+  static std::span<Zel::Attribute const * const> followed();
 
   IpsecSm1(::TunnelIntfSnmp::IpsecTunnelIfTableSm & root, Plexa::IntfId intfId, StatusPtr status);
   void emit(Plexa::IntfId intfId, StatusPtr const & status);
-
-private:
-  ::TunnelIntfSnmp::IpsecTunnelIfTableSm & root_;
 };
 
 using IntfStatusSm0 = StatusParentSm<::TunnelIntfSnmp::IpsecTunnelIfTableSm, IpsecSm1>;

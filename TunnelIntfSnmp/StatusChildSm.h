@@ -3,20 +3,24 @@
 #pragma once
 
 #include "TunnelIntfSnmp/CollectionSm.h"
+#include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <string_view>
 #include <utility>
 
 namespace TunnelIntfSnmp {
 
 /// Follows one interface's status record. `Child` says which of the record's attributes matter
-/// (`static bool follows(Zel::Attribute const &)`) and what its events are (`emit(intfId, status)`,
-/// where null means that the status is gone). It has no task: it scans inline, within its parent's
-/// run, and belongs to its parent.
+/// (`static followed()`, at most 8 of them) and what its events are (`emit(intfId, status)`, where
+/// null means that the status is gone). It has no task: it scans inline, within its parent's run,
+/// and belongs to its parent.
+///
+/// There is one for each tunnel: it hears the record itself, without a reactor beside it. While its
+/// notification is off it holds what it hears, each attribute once, as a reactor does.
 template <class Child>
-class StatusChildSm : public Flowa::Gen::InputStateMachine {
+class StatusChildSm : public Flowa::Gen::InputStateMachine<Zel::Notifiee> {
 public:
-  ~StatusChildSm() override { stop(); }
-
   Plexa::IntfId intfId() const { return intfId_; }
   StatusPtr const & status() const { return input_; }
   /// True if and only if the child is handling a change of its record.
@@ -46,38 +50,61 @@ public:
 
   /// From now on nothing of the record is heard: the child is no longer its parent's, though
   /// somebody may still hold it.
-  void stop() { en_->ownerDeletedIs(); }
+  void stop() {
+    held_ = 0;
+    notifierIs(nullptr);
+  }
 
+  void onNotification(Zel::Notification const & notification) override {
+    auto const followed = Child::followed();
+    auto const found = std::ranges::find(followed, &notification.attribute());
+    if (found == followed.end())
+      return;
+    held_ |= static_cast<std::uint8_t>(1u << (found - followed.begin()));
+    if (hasNotificationActive())
+      deliverHeld();
+  }
   void hasNotificationActiveIs(bool on) override {
     InputStateMachine::hasNotificationActiveIs(on);
-    if (!on)
+    if (on)
+      deliverHeld();
+    else
       machine_.inputUnheard();
-    en_->hasNotificationActiveIs(on);
   }
-  void zelDoZombieReactors(bool doIt) { en_->zelDoZombieReactors(doIt); }
+  /// Delivers what is held now, whether or not notification is on.
+  void zelDoZombieReactors(bool doIt) {
+    if (doIt)
+      deliverHeld();
+  }
 
 protected:
   StatusChildSm(TableSmBase & machine, Plexa::IntfId intfId, StatusPtr status)
       : machine_(machine),
         intfId_(intfId),
-        input_(std::move(status)),
-        en_(Zel::makePtr<Flowa::Gen::InReactor<StatusChildSm>>(*this, &StatusChildSm::handleReactor,
-                                                               input_.get())) {
+        input_(std::move(status)) {
+    InputStateMachine::hasNotificationActiveIs(true);
+    notifierIs(input_.get());
     initializedIs(true);
     if (!input_ || !input_->hasNotificationActive() || input_->intfId() != intfId_)
       machine_.inputUnheard();
   }
+  TableSmBase & machine() const { return machine_; }
 
 private:
   StatusPtr const & en() const { return input_; }
   Child & child() { return static_cast<Child &>(*this); }
   char const * unit() const { return machine_.names().machine.data(); }
 
-  void handleReactor(Zel::Attribute const & attribute, Flowa::Gen::NoKey const &) {
-    if (!Child::follows(attribute))
-      return;
+  // One event for each attribute that is held. A delivery may release the child.
+  void deliverHeld() {
     Zel::Ptr<TableSmBase> const keepMachine(&machine_);
     Zel::Ptr<StatusChildSm> const keepSelf(this);
+    Zel::FirstException exception;
+    for (auto left = std::popcount(std::exchange(held_, 0)); left != 0 && notifier(); --left)
+      exception.run([&] { handleReactor(); });
+    exception.rethrow();
+  }
+  void handleReactor() {
     Zel::FirstException exception;
     inReactor_ = true;
     exception.run([&] { child().emit(intfId_, input_); });
@@ -85,12 +112,12 @@ private:
     exception.rethrow();
   }
 
+  bool inReactor_ = false;
+  bool scanComplete_ = false;
+  std::uint8_t held_ = 0; // a bit for each of followed()
   TableSmBase & machine_;
   Plexa::IntfId const intfId_;
   StatusPtr const input_;
-  Zel::Ptr<Flowa::Gen::InReactor<StatusChildSm>> const en_;
-  bool inReactor_ = false;
-  bool scanComplete_ = false;
 };
 
 /// The child machine over intfStatus of such a machine: it owns a `Child` for each interface.

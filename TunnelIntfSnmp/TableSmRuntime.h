@@ -66,7 +66,7 @@ class TableSmBase;
 
 /// The child machine of one input: scans it, in runs, and then follows its changes. It belongs to
 /// the machine and never outlives it.
-class InputSm : public Flowa::Gen::InputStateMachine {
+class InputSm : public Flowa::Gen::InputStateMachine<> {
 public:
   /// notScanned -> initialComplete (first pass) -> complete (second pass, the task is released);
   /// before each of the two it may be yielded any number of times.

@@ -121,20 +121,21 @@ tunnelInetConfigTableSmFactory(Zel::Ptr<TunnelMib> const & mib,
 
 namespace FlowaCode::TunnelInetConfigTableSm {
 
-bool SrcAddrMAdstAddrMAmodeSm1::follows(Zel::Attribute const & attribute) {
+std::span<Zel::Attribute const * const> SrcAddrMAdstAddrMAmodeSm1::followed() {
   using Interface::TunnelIntfStatus;
-  return &attribute == &TunnelIntfStatus::srcAddrAttribute() ||
-         &attribute == &TunnelIntfStatus::dstAddrAttribute() ||
-         &attribute == &TunnelIntfStatus::modeAttribute();
+  static std::array const attributes{&TunnelIntfStatus::srcAddrAttribute(),
+                                     &TunnelIntfStatus::dstAddrAttribute(),
+                                     &TunnelIntfStatus::modeAttribute()};
+  return attributes;
 }
 
 SrcAddrMAdstAddrMAmodeSm1::SrcAddrMAdstAddrMAmodeSm1(
     ::TunnelIntfSnmp::TunnelInetConfigTableSm & root, Plexa::IntfId intfId, StatusPtr status)
-    : StatusChildSm(root, intfId, std::move(status)),
-      root_(root) {}
+    : StatusChildSm(root, intfId, std::move(status)) {}
 
 void SrcAddrMAdstAddrMAmodeSm1::emit(Plexa::IntfId intfId, StatusPtr const & status) {
-  root_.eventToTisStream(intfId, status ? Zel::Optional<StatusPtr>(status) : std::nullopt);
+  auto & root = static_cast<::TunnelIntfSnmp::TunnelInetConfigTableSm &>(machine());
+  root.eventToTisStream(intfId, status ? Zel::Optional<StatusPtr>(status) : std::nullopt);
 }
 
 } // namespace FlowaCode::TunnelInetConfigTableSm

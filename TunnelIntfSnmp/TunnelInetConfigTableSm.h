@@ -21,6 +21,7 @@
 #include "TunnelIntfSnmp/StatusChildSm.h"
 #include "TunnelIntfSnmp/TunnelTableSm.h"
 #include "TunnelIntfSnmp/WaitingTunnels.h"
+#include <span>
 
 namespace TunnelIntfSnmp {
 
@@ -77,14 +78,11 @@ private:
 class SrcAddrMAdstAddrMAmodeSm1 final : public StatusChildSm<SrcAddrMAdstAddrMAmodeSm1> {
 public:
   static constexpr std::string_view name = "SrcAddrMAdstAddrMAmodeSm1";
-  static bool follows(Zel::Attribute const & attribute);
+  static std::span<Zel::Attribute const * const> followed();
 
   SrcAddrMAdstAddrMAmodeSm1(::TunnelIntfSnmp::TunnelInetConfigTableSm & root, Plexa::IntfId intfId,
                             StatusPtr status);
   void emit(Plexa::IntfId intfId, StatusPtr const & status);
-
-private:
-  ::TunnelIntfSnmp::TunnelInetConfigTableSm & root_;
 };
 
 using IntfStatusSm0 =

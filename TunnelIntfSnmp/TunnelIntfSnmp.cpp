@@ -176,8 +176,8 @@ std::ostream & operator<<(std::ostream & out, TunnelInetConfigTableKey const & k
 
 TunnelInetConfigTableEntry::TunnelInetConfigTableEntry(TunnelInetConfigTableKey key,
                                                        std::uint32_t ifIndex)
-    : key_(std::move(key)),
-      ifIndex_(ifIndex) {}
+    : ifIndex_(ifIndex),
+      key_(std::move(key)) {}
 
 Zel::Type const & TunnelInetConfigTableEntry::type() const {
   return typeDescription();

@@ -138,8 +138,8 @@ public:
   static constexpr auto fields();
 
 private:
-  TunnelInetConfigTableKey const key_;
   std::uint32_t const ifIndex_;
+  TunnelInetConfigTableKey const key_;
 };
 constexpr auto TunnelInetConfigTableEntry::fields() {
   return std::tuple{Zel::Field{"key", &TunnelInetConfigTableEntry::key_},

@@ -33,8 +33,10 @@ private:
 
 namespace Gen {
 
-/// Base of the child machines, one per input.
-class InputStateMachine : public Zel::PtrInterface {
+/// What every child machine is, one per input. `Base` is Zel::Notifiee for one that hears its input
+/// itself, and has no reactor beside it.
+template <class Base = Zel::PtrInterface>
+class InputStateMachine : public Base {
 public:
   /// A child does nothing before it is initialized.
   bool initialized() const { return initialized_; }
