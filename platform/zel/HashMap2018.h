@@ -1,18 +1,23 @@
 // The hashed collection of the input records and of the machines' own stores.
 //
 // A scan of it is cut into runs with other work in between, so its order must survive everything
-// that can happen in between. It iterates by (hash, key): the bucket of an entry is the top bits of
-// its hash, and each bucket's chain is sorted, so growing splits each bucket in place and moves no
-// entry past another. A position is therefore a key, never an iterator: seek(key) finds where a
-// scan left off even if that key has been removed meanwhile.
+// that can happen in between. It iterates by (hash, key), whatever its size and history. A position
+// is therefore a key, never an iterator: seek(key) finds where a scan left off even if that key has
+// been removed meanwhile.
+//
+// The entries stand in one array, in that order, each as near as the others let it behind the home
+// that its hash gives it (linear probing that keeps its clusters sorted): a scan reads memory from
+// front to back, and a look-up touches one place. There are five such entries for each tunnel.
 #pragma once
 
 #include "platform/zel/Hash.h"
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -25,30 +30,27 @@ struct DefaultHasher {
   }
 };
 
-/// Keys to values, one value a key. Look-up and change take constant time on average.
-/// Any change but the replacement of a value ends the iterators of the entries it touches.
+/// Keys to values, one value a key. Look-up and change take constant time on average. An insertion
+/// or a removal ends every iterator and every pointer or reference into the map.
 template <class Key, class Value, class Hasher = DefaultHasher>
 class HashMap2018 {
-  struct Node { // without its hash, which is quicker computed than fetched with a larger node
-    std::unique_ptr<Node> next;
-    std::pair<Key const, Value> entry;
-  };
+  using Entry = std::pair<Key, Value>;
+  static_assert(std::is_nothrow_move_constructible_v<Entry>);
 
 public:
   class const_iterator {
   public:
     using iterator_category = std::forward_iterator_tag;
-    using value_type = std::pair<Key const, Value>;
+    using value_type = Entry;
     using difference_type = std::ptrdiff_t;
     using pointer = value_type const *;
     using reference = value_type const &;
 
     const_iterator() = default;
-    reference operator*() const { return node_->entry; }
-    pointer operator->() const { return &node_->entry; }
+    reference operator*() const { return map_->array_[index_]; }
+    pointer operator->() const { return &map_->array_[index_]; }
     const_iterator & operator++() {
-      node_ = node_->next ? node_->next.get()
-                          : map_->firstFrom(map_->bucketOf(map_->hasher_(node_->entry.first)) + 1);
+      index_ = map_->array_.usedFrom(index_ + 1);
       return *this;
     }
     const_iterator operator++(int) {
@@ -56,36 +58,32 @@ public:
       ++*this;
       return before;
     }
-    bool operator==(const_iterator const & other) const { return node_ == other.node_; }
+    bool operator==(const_iterator const & other) const { return index_ == other.index_; }
 
   private:
     friend HashMap2018;
-    const_iterator(HashMap2018 const * map, Node const * node) : map_(map), node_(node) {}
+    const_iterator(HashMap2018 const * map, std::size_t index) : map_(map), index_(index) {}
     HashMap2018 const * map_ = nullptr;
-    Node const * node_ = nullptr;
+    std::size_t index_ = none;
   };
 
-  HashMap2018() : buckets_(1) {}
+  HashMap2018() = default;
   HashMap2018(HashMap2018 const &) = delete;
   HashMap2018 & operator=(HashMap2018 const &) = delete;
-  ~HashMap2018() { clear(); }
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
   /// A 23-bit counter that every insertion and every removal advances, and nothing else.
   std::uint32_t changeStamp() const { return changeStamp_; }
 
-  const_iterator begin() const { return {this, firstFrom(0)}; }
-  const_iterator end() const { return {this, nullptr}; }
+  const_iterator begin() const { return {this, array_.usedFrom(0)}; }
+  const_iterator end() const { return {this, none}; }
   /// The first entry, in iteration order, that does not come before `key`; end() if there is none.
-  const_iterator seek(Key const & key) const {
-    auto const hash = hasher_(key);
-    auto const bucket = bucketOf(hash);
-    Node const * node = link(hash, key)->get();
-    return {this, node ? node : firstFrom(bucket + 1)};
-  }
+  const_iterator seek(Key const & key) const { return {this, array_.usedFrom(placeOf(key))}; }
   /// True if and only if iteration reaches `left` before `right`, were both keys of a map.
   static bool comesBefore(Key const & left, Key const & right) {
+    if (left == right)
+      return false;
     auto const leftHash = Hasher()(left);
     auto const rightHash = Hasher()(right);
     return leftHash != rightHash ? leftHash < rightHash : left < right;
@@ -111,39 +109,38 @@ public:
       position = stamp == changeStamp_ ? std::next(position) : seekBehind(entry.first);
     }
   }
-  /// The value of `key`, or null. Lives until that key is removed or its value replaced.
+  /// The value of `key`, or null. Lives until the next insertion or removal, or its replacement.
   Value const * find(Key const & key) const {
-    auto const hash = hasher_(key);
-    Node const * node = link(hash, key)->get();
-    return node && node->entry.first == key ? &node->entry.second : nullptr;
+    auto const place = placeOf(key);
+    return holds(place, key) ? &array_[place].second : nullptr;
   }
 
   /// Inserts the value or puts it in the place of the present one. Returns it where it now is.
-  /// Requires: the end of the replaced value does not remove the entry.
+  /// Requires: the end of the replaced value does not change the map.
   Value & insertOrReplace(Key const & key, Value value) {
-    auto const hash = hasher_(key);
-    auto * place = link(hash, key);
-    if (*place && (*place)->entry.first == key) {
-      std::swap((*place)->entry.second, value);
-      return (*place)->entry.second;
+    auto place = placeOf(key);
+    if (holds(place, key)) {
+      std::swap(array_[place].second, value);
+      return array_[place].second;
     }
-    if (size_ >= buckets_.size()) {
-      grow();
-      place = link(hash, key);
-    }
-    place->reset(new Node{std::move(*place), {key, std::move(value)}});
+    if ((size_ + 1) * 8 > homes_ * 7)
+      rebuild(std::max<std::size_t>(8, homes_ + homes_ / 2), shortestTail);
+    else if (array_.unusedFrom(place) == array_.places())
+      rebuild(homes_, std::max(shortestTail, size_));
+    place = placeOf(key);
+    makeRoom(place);
+    array_.put(place, {key, std::move(value)});
     ++size_;
     advanceStamp();
-    return (*place)->entry.second;
+    return array_[place].second;
   }
   /// Removes the entry. True if and only if there was one.
   bool erase(Key const & key) {
-    auto const hash = hasher_(key);
-    auto * place = link(hash, key);
-    if (!*place || !((*place)->entry.first == key))
+    auto const place = placeOf(key);
+    if (!holds(place, key))
       return false;
-    auto const removed = std::move(*place); // destroyed last, when the map is consistent again
-    *place = std::move(removed->next);
+    [[maybe_unused]] auto const removed = std::move(array_[place]); // ends when all is consistent
+    closeUp(place);
     --size_;
     advanceStamp();
     return true;
@@ -152,59 +149,136 @@ public:
   void clear() {
     if (size_ == 0)
       return;
-    auto buckets = std::exchange(buckets_, std::vector<std::unique_ptr<Node>>(1));
+    auto const removed = std::exchange(array_, Array()); // ends when all is consistent
+    homes_ = 0;
     size_ = 0;
     advanceStamp();
-    for (auto & head : buckets) // one by one: a long chain must not recurse
-      while (head)
-        head = std::move(head->next);
   }
 
 private:
-  std::size_t bucketOf(std::uint32_t hash) const {
-    auto const bits = std::bit_width(buckets_.size()) - 1;
-    return bits == 0 ? 0 : hash >> (32 - bits);
-  }
-  // Where the entry of `key` hangs, or would hang.
-  std::unique_ptr<Node> * link(std::uint32_t hash, Key const & key) const {
-    auto * place = const_cast<std::unique_ptr<Node> *>(&buckets_[bucketOf(hash)]);
-    while (*place && comesBefore(**place, hash, key))
-      place = &(*place)->next;
-    return place;
-  }
-  bool comesBefore(Node const & node, std::uint32_t hash, Key const & key) const {
-    if (node.entry.first == key)
-      return false;
-    auto const nodeHash = hasher_(node.entry.first);
-    return nodeHash != hash ? nodeHash < hash : node.entry.first < key;
-  }
-  Node const * firstFrom(std::size_t bucket) const {
-    for (; bucket < buckets_.size(); ++bucket)
-      if (buckets_[bucket])
-        return buckets_[bucket].get();
-    return nullptr;
-  }
-  // Doubles the buckets. Each chain splits into two consecutive runs, so the order stays.
-  void grow() {
-    std::vector<std::unique_ptr<Node>> old(buckets_.size() * 2);
-    old.swap(buckets_);
-    for (auto & head : old) {
-      std::unique_ptr<Node> * tail = nullptr;
-      std::size_t tailBucket = 0;
-      while (head) {
-        auto rest = std::move(head->next);
-        auto const bucket = bucketOf(hasher_(head->entry.first));
-        if (tail == nullptr || bucket != tailBucket)
-          tail = &buckets_[tailBucket = bucket];
-        *tail = std::move(head);
-        tail = &(*tail)->next;
-        head = std::move(rest);
+  static constexpr std::size_t none = SIZE_MAX;
+  static constexpr std::size_t shortestTail = 32;
+
+  // Places, each with an entry or without.
+  class Array {
+  public:
+    Array() = default;
+    explicit Array(std::size_t places)
+        : entries_(std::allocator<Entry>().allocate(places)),
+          places_(places),
+          used_(places / 64 + 1) {}
+    Array(Array && other) noexcept : Array() { *this = std::move(other); }
+    Array & operator=(Array && other) noexcept {
+      std::swap(entries_, other.entries_);
+      std::swap(places_, other.places_);
+      std::swap(used_, other.used_);
+      return *this;
+    }
+    ~Array() {
+      for (auto place = usedFrom(0); place != none; place = usedFrom(place + 1))
+        std::destroy_at(&entries_[place]);
+      if (entries_ != nullptr)
+        std::allocator<Entry>().deallocate(entries_, places_);
+    }
+
+    std::size_t places() const { return places_; }
+    Entry & operator[](std::size_t place) { return entries_[place]; }
+    Entry const & operator[](std::size_t place) const { return entries_[place]; }
+    // False behind the last place.
+    bool isUsed(std::size_t place) const {
+      return place < places_ && (used_[place / 64] >> place % 64 & 1) != 0;
+    }
+    std::size_t usedFrom(std::size_t place) const {
+      auto word = place / 64;
+      auto bits = word < used_.size() ? used_[word] & ~std::uint64_t{0} << place % 64 : 0;
+      while (bits == 0) {
+        if (++word >= used_.size())
+          return none;
+        bits = used_[word];
       }
+      return word * 64 + static_cast<std::size_t>(std::countr_zero(bits));
+    }
+    std::size_t unusedFrom(std::size_t place) const {
+      while (isUsed(place))
+        ++place;
+      return place;
+    }
+    // Requires: the place is unused.
+    void put(std::size_t place, Entry && entry) {
+      std::construct_at(&entries_[place], std::move(entry));
+      used_[place / 64] |= std::uint64_t{1} << place % 64;
+    }
+    void drop(std::size_t place) {
+      std::destroy_at(&entries_[place]);
+      used_[place / 64] &= ~(std::uint64_t{1} << place % 64);
+    }
+
+  private:
+    Entry * entries_ = nullptr;
+    std::size_t places_ = 0;
+    std::vector<std::uint64_t> used_; // a bit for each place
+  };
+
+  // Ascends with the hash, so that what is sorted by hash is sorted by home as well.
+  std::size_t homeOf(Key const & key) const {
+    return static_cast<std::size_t>(hasher_(key) * std::uint64_t{homes_} >> 32);
+  }
+  // Where the entry of `key` stands, or would stand: the first place from its home on that has no
+  // entry before it. Mostly that is the home or the next place. It can be far when keys come in the
+  // order of another map, which fills the first homes only: hence the growing steps.
+  std::size_t placeOf(Key const & key) const {
+    auto low = homeOf(key);
+    std::size_t step = 1;
+    for (; standsBefore(low, key); step *= 2)
+      low += step;
+    auto high = low;
+    low -= step == 1 ? 0 : step / 2 - 1; // behind the last one that was seen to stand before
+    while (low != high)
+      if (auto const middle = low + (high - low) / 2; standsBefore(middle, key))
+        low = middle + 1;
+      else
+        high = middle;
+    return high;
+  }
+  bool standsBefore(std::size_t place, Key const & key) const {
+    return array_.isUsed(place) && comesBefore(array_[place].first, key);
+  }
+  bool holds(std::size_t place, Key const & key) const {
+    return array_.isUsed(place) && array_[place].first == key;
+  }
+  // Frees a place by moving what stands there, and behind it without a gap, one further.
+  void makeRoom(std::size_t place) {
+    for (auto gap = array_.unusedFrom(place); gap != place; --gap) {
+      array_.put(gap, std::move(array_[gap - 1]));
+      array_.drop(gap - 1);
+    }
+  }
+  // Drops an entry, and moves nearer to its home what could not stand there because of it.
+  void closeUp(std::size_t place) {
+    array_.drop(place);
+    for (; array_.isUsed(place + 1) && homeOf(array_[place + 1].first) <= place; ++place) {
+      array_.put(place, std::move(array_[place + 1]));
+      array_.drop(place + 1);
+    }
+  }
+  // Spreads the entries over so many homes, with places left behind the last one.
+  void rebuild(std::size_t homes, std::size_t tail) {
+    homes_ = homes;
+    std::size_t behind = 0; // the last place that is needed
+    for (auto const & [key, value] : *this)
+      behind = std::max(behind, homeOf(key)) + 1;
+    auto old = std::exchange(array_, Array(std::max(homes, behind) + tail));
+    behind = 0;
+    for (auto from = old.usedFrom(0); from != none; from = old.usedFrom(from + 1)) {
+      auto const place = std::max(behind, homeOf(old[from].first));
+      array_.put(place, std::move(old[from]));
+      behind = place + 1;
     }
   }
   void advanceStamp() { changeStamp_ = (changeStamp_ + 1) & 0x7FFFFF; }
 
-  std::vector<std::unique_ptr<Node>> buckets_; // a power of two of them
+  Array array_;
+  std::size_t homes_ = 0; // the rest of the array is the tail, for what has no room at its home
   std::size_t size_ = 0;
   std::uint32_t changeStamp_ = 0;
   [[no_unique_address]] Hasher hasher_;
