@@ -126,7 +126,9 @@ class StatusParentSm final : public IntfStatusCollectionSm {
 public:
   StatusParentSm(Machine & root, StatusDirPtr tunnelIntfStatusDir)
       : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream),
-        root_(root) {}
+        root_(root) {
+    children_.reserve(inputSize());
+  }
   ~StatusParentSm() override { childSmDelAll(); }
 
   /// The child of the interface, or null.
@@ -136,9 +138,11 @@ public:
   }
   /// Keeps the interface's child if it has this very record, else replaces it.
   Zel::Ptr<Child> childSmIs(StatusPtr const & status, Plexa::IntfId intfId) {
-    if (auto child = childSm(intfId); child && child->status() == status)
-      return child;
-    childSmDel(intfId);
+    if (auto child = childSm(intfId)) {
+      if (child->status() == status)
+        return child;
+      child->stop();
+    }
     return children_.insertOrReplace(intfId, Zel::makePtr<Child>(root_, intfId, status));
   }
   void childSmDel(Plexa::IntfId intfId) {

@@ -347,11 +347,13 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
 void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
                                            TunnelInetConfigTableKey const & k1,
                                            EntryPtr const & value) {
-  expectTableChange(k1, value != nullptr);
   if (!value) {
     LUMO_TRACE(trace(), 7, unit(), "{}: deleting k1={}", statement, printed(k1));
     waiting_.keyFreed(k1);
-    mib()->tunnelInetConfigTableDel(k1);
+    if (auto const row = output().find(k1); row != output().end()) {
+      expectTableChange();
+      mib()->tunnelInetConfigTableDel(row);
+    }
     return;
   }
   LUMO_ASSERT(value->key() == k1,
@@ -360,14 +362,14 @@ void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
               statement, printed(value->key()), printed(k1));
   LUMO_TRACE(trace(), 7, unit(), "{}: inserting k1={}, value={}", statement, printed(k1),
              printed(*value));
+  if (output().find(k1) == output().end())
+    expectTableChange();
   mib()->tunnelInetConfigTableIs(value);
 }
 
 // A version that is not as the machine's own writes make it tells that somebody else wrote.
-void TunnelInetConfigTableSm::expectTableChange(TunnelInetConfigTableKey const & k1,
-                                                bool hasValue) {
-  auto const hasRow = output().find(k1) != output().end();
-  if (hasRow != hasValue && tableVersion_ == output().version())
+void TunnelInetConfigTableSm::expectTableChange() {
+  if (tableVersion_ == output().version())
     ++tableVersion_;
 }
 

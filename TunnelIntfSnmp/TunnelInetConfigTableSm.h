@@ -168,7 +168,7 @@ private:
                  Zel::Optional<StatusPtr> const & processedTisOpt, Zel::FirstException & exception);
   void rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
                  Zel::Optional<StatusPtr> const & processedTisOpt);
-  void expectTableChange(TunnelInetConfigTableKey const & k1, bool hasValue);
+  void expectTableChange();
 
   /// Whether waiting_ has every tunnel that a rescan has to try: not before the first scan with
   /// events has tried them all, nor after something went unheard, until a walk has tried them all.

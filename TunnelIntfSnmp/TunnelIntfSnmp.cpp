@@ -310,14 +310,16 @@ Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTable(std::uint32_t ifIndex) con
 
 Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableIs(std::uint32_t ifIndex,
                                                         StatusPtr tunnelIntfStatus) {
-  if (auto row = tunnelIfTable_[ifIndex]) {
+  auto const place = tunnelIfTable_.findNotLess(ifIndex);
+  if (place != tunnelIfTable_.end() && place->first == ifIndex) {
+    auto const & row = place->second;
     if (row->tunnelIntfStatus() != tunnelIntfStatus)
       throw Zel::ReinstantiationError("tunnelIntfStatus");
     return row;
   }
   auto row = Zel::makePtr<TunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus));
   row->hasNotificationActiveIs(true);
-  tunnelIfTable_.insertOrReplace(ifIndex, row);
+  tunnelIfTable_.insertOrReplace(place, ifIndex, row);
   notify(tunnelIfTableAttribute(), ifIndex);
   return row;
 }
@@ -341,7 +343,9 @@ Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTable(std::uint32_t if
 Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTableIs(std::uint32_t ifIndex,
                                                                   StatusPtr tunnelIntfStatus,
                                                                   IkeStatusPtr ikeStatus) {
-  if (auto row = ipsecTunnelIfTable_[ifIndex]) {
+  auto const place = ipsecTunnelIfTable_.findNotLess(ifIndex);
+  if (place != ipsecTunnelIfTable_.end() && place->first == ifIndex) {
+    auto const & row = place->second;
     if (row->tunnelIntfStatus() != tunnelIntfStatus)
       throw Zel::ReinstantiationError("tunnelIntfStatus");
     if (row->ikeStatus() != ikeStatus)
@@ -351,7 +355,7 @@ Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTableIs(std::uint32_t 
   auto row = Zel::makePtr<IpsecTunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus),
                                                    std::move(ikeStatus));
   row->hasNotificationActiveIs(true);
-  ipsecTunnelIfTable_.insertOrReplace(ifIndex, row);
+  ipsecTunnelIfTable_.insertOrReplace(place, ifIndex, row);
   notify(ipsecTunnelIfTableAttribute(), ifIndex);
   return row;
 }
@@ -373,9 +377,10 @@ void TunnelMib::tunnelInetConfigTableIs(Zel::Ptr<TunnelInetConfigTableEntry cons
   if (!entry)
     throw Zel::NullArgumentError("tunnelInetConfigTable");
   auto const & key = entry->key();
-  if (tunnelInetConfigTable_[key] == entry)
+  auto const place = tunnelInetConfigTable_.findNotLess(key);
+  if (place != tunnelInetConfigTable_.end() && place->second == entry)
     return;
-  tunnelInetConfigTable_.insertOrReplace(key, entry);
+  tunnelInetConfigTable_.insertOrReplace(place, key, entry);
   notify(tunnelInetConfigTableAttribute(), key);
 }
 

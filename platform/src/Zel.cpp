@@ -42,10 +42,12 @@ Type const & PtrInterface::type() const {
 }
 
 void PtrInterface::hasNotificationActiveIs(bool on) {
-  if (on)
-    references_.fetch_or(notificationActive, std::memory_order_relaxed);
+  auto const before = references_.load(std::memory_order_relaxed);
+  auto const flag = on ? notificationActive : 0;
+  if (Detail::threadSafePtrs) [[unlikely]]
+    references_.fetch_xor((before ^ flag) & notificationActive, std::memory_order_relaxed);
   else
-    references_.fetch_and(~notificationActive, std::memory_order_relaxed);
+    references_.store((before & ~notificationActive) | flag, std::memory_order_relaxed);
 }
 
 void PtrInterface::refDec() const {

@@ -7,7 +7,7 @@
 //
 // The entries stand in one array, in that order, each as near as the others let it behind the home
 // that its hash gives it (linear probing that keeps its clusters sorted): a scan reads memory from
-// front to back, and a look-up touches one place. There are five such entries for each tunnel.
+// front to back, and a look-up touches one entry. There are six such entries for each tunnel.
 #pragma once
 
 #include "platform/zel/Hash.h"
@@ -115,10 +115,16 @@ public:
     return holds(place, key) ? &array_[place].second : nullptr;
   }
 
+  /// Makes room for so many entries in all, and thus spares an insertion from having to.
+  void reserve(std::size_t size) {
+    if (size * 8 > homes_ * 7)
+      rebuild(size * 8 / 7 + 1, shortestTail);
+  }
   /// Inserts the value or puts it in the place of the present one. Returns it where it now is.
   /// Requires: the end of the replaced value does not change the map.
   Value & insertOrReplace(Key const & key, Value value) {
-    auto place = placeOf(key);
+    auto const hash = hasher_(key);
+    auto place = placeOf(hash, key);
     if (holds(place, key)) {
       std::swap(array_[place].second, value);
       return array_[place].second;
@@ -127,9 +133,9 @@ public:
       rebuild(std::max<std::size_t>(8, homes_ + homes_ / 2), shortestTail);
     else if (array_.unusedFrom(place) == array_.places())
       rebuild(homes_, std::max(shortestTail, size_));
-    place = placeOf(key);
+    place = placeOf(hash, key);
     makeRoom(place);
-    array_.put(place, {key, std::move(value)});
+    array_.put(place, hash, {key, std::move(value)});
     ++size_;
     advanceStamp();
     return array_[place].second;
@@ -166,11 +172,13 @@ private:
     explicit Array(std::size_t places)
         : entries_(std::allocator<Entry>().allocate(places)),
           places_(places),
+          hashes_(places),
           used_(places / 64 + 1) {}
     Array(Array && other) noexcept : Array() { *this = std::move(other); }
     Array & operator=(Array && other) noexcept {
       std::swap(entries_, other.entries_);
       std::swap(places_, other.places_);
+      std::swap(hashes_, other.hashes_);
       std::swap(used_, other.used_);
       return *this;
     }
@@ -198,14 +206,20 @@ private:
       }
       return word * 64 + static_cast<std::size_t>(std::countr_zero(bits));
     }
+    // places() when all are used.
     std::size_t unusedFrom(std::size_t place) const {
-      while (isUsed(place))
-        ++place;
-      return place;
+      for (; isUsed(place); place = place / 64 * 64 + 64)
+        if (auto const used = std::countr_one(used_[place / 64] >> place % 64);
+            place % 64 + static_cast<std::size_t>(used) < 64)
+          return place + static_cast<std::size_t>(used);
+      return std::min(place, places_);
     }
+    // Requires: the place is used.
+    std::uint32_t hashAt(std::size_t place) const { return hashes_[place]; }
     // Requires: the place is unused.
-    void put(std::size_t place, Entry && entry) {
+    void put(std::size_t place, std::uint32_t hash, Entry && entry) {
       std::construct_at(&entries_[place], std::move(entry));
+      hashes_[place] = hash;
       used_[place / 64] |= std::uint64_t{1} << place % 64;
     }
     void drop(std::size_t place) {
@@ -216,62 +230,67 @@ private:
   private:
     Entry * entries_ = nullptr;
     std::size_t places_ = 0;
+    std::vector<std::uint32_t> hashes_;
     std::vector<std::uint64_t> used_; // a bit for each place
   };
 
   // Ascends with the hash, so that what is sorted by hash is sorted by home as well.
-  std::size_t homeOf(Key const & key) const {
-    return static_cast<std::size_t>(hasher_(key) * std::uint64_t{homes_} >> 32);
+  std::size_t homeOf(std::uint32_t hash) const {
+    return static_cast<std::size_t>(hash * std::uint64_t{homes_} >> 32);
   }
   // Where the entry of `key` stands, or would stand: the first place from its home on that has no
   // entry before it. Mostly that is the home or the next place. It can be far when keys come in the
   // order of another map, which fills the first homes only: hence the growing steps.
-  std::size_t placeOf(Key const & key) const {
-    auto low = homeOf(key);
+  std::size_t placeOf(std::uint32_t hash, Key const & key) const {
+    auto low = homeOf(hash);
     std::size_t step = 1;
-    for (; standsBefore(low, key); step *= 2)
+    for (; standsBefore(low, hash, key); step *= 2)
       low += step;
     auto high = low;
     low -= step == 1 ? 0 : step / 2 - 1; // behind the last one that was seen to stand before
     while (low != high)
-      if (auto const middle = low + (high - low) / 2; standsBefore(middle, key))
+      if (auto const middle = low + (high - low) / 2; standsBefore(middle, hash, key))
         low = middle + 1;
       else
         high = middle;
     return high;
   }
-  bool standsBefore(std::size_t place, Key const & key) const {
-    return array_.isUsed(place) && comesBefore(array_[place].first, key);
+  std::size_t placeOf(Key const & key) const { return placeOf(hasher_(key), key); }
+  bool standsBefore(std::size_t place, std::uint32_t hash, Key const & key) const {
+    if (!array_.isUsed(place))
+      return false;
+    auto const present = array_.hashAt(place);
+    return present != hash ? present < hash : array_[place].first < key;
   }
   bool holds(std::size_t place, Key const & key) const {
     return array_.isUsed(place) && array_[place].first == key;
   }
+  void move(std::size_t from, std::size_t to) {
+    array_.put(to, array_.hashAt(from), std::move(array_[from]));
+    array_.drop(from);
+  }
   // Frees a place by moving what stands there, and behind it without a gap, one further.
   void makeRoom(std::size_t place) {
-    for (auto gap = array_.unusedFrom(place); gap != place; --gap) {
-      array_.put(gap, std::move(array_[gap - 1]));
-      array_.drop(gap - 1);
-    }
+    for (auto gap = array_.unusedFrom(place); gap != place; --gap)
+      move(gap - 1, gap);
   }
   // Drops an entry, and moves nearer to its home what could not stand there because of it.
   void closeUp(std::size_t place) {
     array_.drop(place);
-    for (; array_.isUsed(place + 1) && homeOf(array_[place + 1].first) <= place; ++place) {
-      array_.put(place, std::move(array_[place + 1]));
-      array_.drop(place + 1);
-    }
+    for (; array_.isUsed(place + 1) && homeOf(array_.hashAt(place + 1)) <= place; ++place)
+      move(place + 1, place);
   }
   // Spreads the entries over so many homes, with places left behind the last one.
   void rebuild(std::size_t homes, std::size_t tail) {
     homes_ = homes;
     std::size_t behind = 0; // the last place that is needed
-    for (auto const & [key, value] : *this)
-      behind = std::max(behind, homeOf(key)) + 1;
+    for (auto from = array_.usedFrom(0); from != none; from = array_.usedFrom(from + 1))
+      behind = std::max(behind, homeOf(array_.hashAt(from))) + 1;
     auto old = std::exchange(array_, Array(std::max(homes, behind) + tail));
     behind = 0;
     for (auto from = old.usedFrom(0); from != none; from = old.usedFrom(from + 1)) {
-      auto const place = std::max(behind, homeOf(old[from].first));
-      array_.put(place, std::move(old[from]));
+      auto const place = std::max(behind, homeOf(old.hashAt(from)));
+      array_.put(place, old.hashAt(from), std::move(old[from]));
       behind = place + 1;
     }
   }

@@ -39,11 +39,16 @@ public:
 
   /// Inserts the value or puts it in the place of the present one.
   void insertOrReplace(Key const & key, Value value) {
-    auto const [place, inserted] = map_.try_emplace(key, std::move(value));
-    if (inserted)
-      ++version_;
-    else
-      std::swap(place->second, value);
+    insertOrReplace(findNotLess(key), key, std::move(value));
+  }
+  /// As above, without a search. Requires: `position` is findNotLess(key).
+  void insertOrReplace(const_iterator position, Key const & key, Value value) {
+    if (position != end() && !(key < position->first)) {
+      std::swap(map_.erase(position, position)->second, value);
+      return;
+    }
+    map_.emplace_hint(position, key, std::move(value));
+    ++version_;
   }
   /// Removes the entry at `position` and returns its value.
   Value erase(const_iterator position) {
