@@ -1,0 +1,259 @@
+// What the machines cost: from their making to the tables complete, and one change of the inputs to
+// the row that shows it. Beside the start stands the least that anybody could do: filling three
+// std::map with the same rows.
+#include "bench/Machines.h"
+#include "bench/Tunnels.h"
+#include <algorithm>
+#include <benchmark/benchmark.h>
+#include <map>
+#include <memory>
+#include <random>
+
+namespace {
+
+using namespace Bench;
+using namespace TunnelIntfSnmp;
+
+/// Kept from one benchmark to the next of as many tunnels: making them takes longer than most.
+Inputs const & inputsOf(std::uint32_t tunnels) {
+  static std::unique_ptr<Inputs> kept;
+  if (!kept || kept->statuses.size() != tunnels) {
+    kept.reset();
+    kept = std::make_unique<Inputs>(tunnels);
+  }
+  return *kept;
+}
+
+// Start
+
+void startAll(benchmark::State & state) {
+  auto const tunnels = static_cast<std::uint32_t>(state.range(0));
+  auto const & inputs = inputsOf(tunnels);
+  for ([[maybe_unused]] auto const _ : state) {
+    state.PauseTiming();
+    Tasks const tasks;
+    auto const mib = Zel::makePtr<TunnelMib>("tunnelMib");
+    state.ResumeTiming();
+
+    auto agent = Zel::makePtr<TunnelIntfSnmpAgent>(mib, inputs.dir, inputs.ifMib, inputs.ikeStatus);
+    agent->hasNotificationActiveIs(true);
+    tasks.run();
+
+    state.PauseTiming();
+    if (!isComplete(*agent, tunnels))
+      state.SkipWithError("a table is not complete");
+    agent = nullptr;
+    state.ResumeTiming();
+  }
+}
+
+/// One machine; `Make` makes it from the inputs, `Rows` counts its rows.
+template <auto Make, auto Rows>
+void startOne(benchmark::State & state) {
+  auto const tunnels = static_cast<std::uint32_t>(state.range(0));
+  auto const & inputs = inputsOf(tunnels);
+  for ([[maybe_unused]] auto const _ : state) {
+    state.PauseTiming();
+    Tasks const tasks;
+    auto const mib = Zel::makePtr<TunnelMib>("tunnelMib");
+    state.ResumeTiming();
+
+    auto machine = Make(mib, inputs);
+    machine->hasNotificationActiveIs(true);
+    tasks.run();
+
+    state.PauseTiming();
+    if (!machine->ready() || Rows(*mib) != tunnels)
+      state.SkipWithError("the table is not complete");
+    machine = nullptr;
+    state.ResumeTiming();
+  }
+}
+
+auto makeTunnelIf(Zel::Ptr<TunnelMib> const & mib, Inputs const & inputs) {
+  return tunnelIfTableSmFactory(mib, inputs.dir, inputs.ifMib, {});
+}
+auto makeInetConfig(Zel::Ptr<TunnelMib> const & mib, Inputs const & inputs) {
+  return tunnelInetConfigTableSmFactory(mib, inputs.dir, inputs.ifMib, {});
+}
+auto makeIpsec(Zel::Ptr<TunnelMib> const & mib, Inputs const & inputs) {
+  return ipsecTunnelIfTableSmFactory(mib, inputs.dir, inputs.ifMib, inputs.ikeStatus, {});
+}
+std::size_t tunnelIfRows(TunnelMib const & mib) {
+  return mib.tunnelIfTable().size();
+}
+std::size_t inetConfigRows(TunnelMib const & mib) {
+  return mib.tunnelInetConfigTable().size();
+}
+std::size_t ipsecRows(TunnelMib const & mib) {
+  return mib.ipsecTunnelIfTable().size();
+}
+
+struct Maps {
+  std::map<std::uint32_t, Zel::Ptr<TunnelIfTableEntry>> tunnelIf;
+  std::map<TunnelInetConfigTableKey, Zel::Ptr<TunnelInetConfigTableEntry const>> inetConfig;
+  std::map<std::uint32_t, Zel::Ptr<IpsecTunnelIfTableEntry>> ipsec;
+};
+
+void fill(Maps & maps, Inputs const & inputs) {
+  for (auto const & [intfId, status] : inputs.dir->intfStatus()) {
+    auto const ifIndex = *inputs.ifMib->ifIndexByIntfId().find(intfId);
+    maps.tunnelIf.emplace(ifIndex, Zel::makePtr<TunnelIfTableEntry>(ifIndex, status));
+    auto const key = inetKeyOf(*status);
+    maps.inetConfig.emplace(key, tunnelInetConfigTableEntryFactory(key, ifIndex));
+    if (status->ipsec())
+      maps.ipsec.emplace(ifIndex,
+                         Zel::makePtr<IpsecTunnelIfTableEntry>(ifIndex, status, inputs.ikeStatus));
+  }
+}
+
+void startMaps(benchmark::State & state) {
+  auto const & inputs = inputsOf(static_cast<std::uint32_t>(state.range(0)));
+  for ([[maybe_unused]] auto const _ : state) {
+    auto maps = std::make_unique<Maps>();
+    fill(*maps, inputs);
+    benchmark::DoNotOptimize(maps);
+    state.PauseTiming();
+    maps.reset();
+    state.ResumeTiming();
+  }
+}
+
+// Changes, one at a time, of random tunnels
+
+/// The machines, ready, over inputs of their own.
+struct Running {
+  explicit Running(std::uint32_t tunnels) : inputs(tunnels), order(tunnels) {
+    agent = Zel::makePtr<TunnelIntfSnmpAgent>(mib, inputs.dir, inputs.ifMib, inputs.ikeStatus);
+    agent->hasNotificationActiveIs(true);
+    tasks.run();
+    std::ranges::generate(order, [ifIndex = 0U]() mutable { return ifIndex += 2; });
+    std::ranges::shuffle(order, std::mt19937(1));
+  }
+
+  /// The ifIndex of the next tunnel, in a random order that visits all.
+  std::uint32_t next() {
+    position = position + 1 == order.size() ? 0 : position + 1;
+    return order[position];
+  }
+
+  Tasks const tasks;
+  Inputs inputs;
+  std::vector<std::uint32_t> order;
+  std::size_t position = 0;
+  Zel::Ptr<TunnelMib> const mib = Zel::makePtr<TunnelMib>("tunnelMib");
+  Zel::Ptr<TunnelIntfSnmpAgent> agent;
+};
+
+/// Kept, as the inputs are, from one benchmark to the next.
+Running & runningWith(std::uint32_t tunnels) {
+  static std::unique_ptr<Running> kept;
+  if (!kept || kept->order.size() != tunnels) {
+    kept.reset();
+    kept = std::make_unique<Running>(tunnels);
+  }
+  return *kept;
+}
+
+/// `Change` makes `Count` changes of one tunnel and says whether the tables show them. The tables
+/// have as many rows afterwards as before.
+template <auto Change, int Count>
+void change(benchmark::State & state) {
+  auto const tunnels = static_cast<std::uint32_t>(state.range(0));
+  auto & running = runningWith(tunnels);
+  for ([[maybe_unused]] auto const _ : state)
+    if (!Change(running, running.next()))
+      return state.SkipWithError("a change does not show");
+  if (!isComplete(*running.agent, tunnels))
+    state.SkipWithError("a table is not complete");
+  state.counters["changes"] = Count;
+}
+
+/// Another source address, and back when the same tunnel is next: its row gets another key.
+bool changeAddress(Running & running, std::uint32_t ifIndex) {
+  auto const & status = running.inputs.status(ifIndex);
+  auto const usual = ip4(localOf(ifIndex));
+  status->srcAddrIs(status->srcAddr() == usual ? ip4(localOf(ifIndex) + 0x10000) : usual);
+  running.tasks.run();
+  return running.mib->tunnelInetConfigTable()[inetKeyOf(*status)] != nullptr;
+}
+
+/// A value that no row stores.
+bool changeHopLimit(Running & running, std::uint32_t ifIndex) {
+  auto const & status = running.inputs.status(ifIndex);
+  auto const hopLimit = static_cast<std::uint8_t>(status->hopLimit() ^ 1);
+  status->hopLimitIs(hopLimit);
+  running.tasks.run();
+  return running.mib->tunnelIfTable(ifIndex)->hopLimit() == hopLimit;
+}
+
+/// IPsec is switched off and on.
+bool changeIpsec(Running & running, std::uint32_t ifIndex) {
+  auto const & status = running.inputs.status(ifIndex);
+  status->ipsecIs(false);
+  running.tasks.run();
+  auto const gone = running.mib->ipsecTunnelIfTable(ifIndex) == nullptr;
+  status->ipsecIs(true);
+  running.tasks.run();
+  return gone && running.mib->ipsecTunnelIfTable(ifIndex) != nullptr;
+}
+
+/// The status goes and comes again: of all three tables.
+bool changeStatus(Running & running, std::uint32_t ifIndex) {
+  running.inputs.dir->intfStatusDel(intfIdOf(ifIndex));
+  running.tasks.run();
+  auto const gone = running.mib->tunnelIfTable(ifIndex) == nullptr;
+  running.inputs.dir->intfStatusIs(intfIdOf(ifIndex), running.inputs.status(ifIndex));
+  running.tasks.run();
+  return gone && running.mib->tunnelIfTable(ifIndex) != nullptr;
+}
+
+/// Gives the interface an ifIndex while its status is away, so that no row is left behind.
+bool moveTo(Running & running, Zel::Ptr<Status> const & status, std::uint32_t ifIndex) {
+  auto const & inputs = running.inputs;
+  inputs.dir->intfStatusDel(status->intfId());
+  inputs.ifMib->ifIndexByIntfIdDel(status->intfId());
+  inputs.ifMib->ifIndexByIntfIdIs(status->intfId(), ifIndex);
+  inputs.dir->intfStatusIs(status->intfId(), status);
+  running.tasks.run();
+  return running.mib->tunnelIfTable(ifIndex) != nullptr;
+}
+
+/// Another ifIndex, and back: of all three tables.
+bool changeIfIndex(Running & running, std::uint32_t ifIndex) {
+  auto const & status = running.inputs.status(ifIndex);
+  return moveTo(running, status, ifIndex - 1) && moveTo(running, status, ifIndex);
+}
+
+struct Named {
+  char const * name;
+  void (*run)(benchmark::State &);
+  benchmark::TimeUnit unit;
+};
+
+constexpr Named benchmarks[] = {
+    {"startAll", startAll, benchmark::kMillisecond},
+    {"startMaps", startMaps, benchmark::kMillisecond},
+    {"startTunnelIf", startOne<makeTunnelIf, tunnelIfRows>, benchmark::kMillisecond},
+    {"startInetConfig", startOne<makeInetConfig, inetConfigRows>, benchmark::kMillisecond},
+    {"startIpsec", startOne<makeIpsec, ipsecRows>, benchmark::kMillisecond},
+    {"changeHopLimit", change<changeHopLimit, 1>, benchmark::kNanosecond},
+    {"changeAddress", change<changeAddress, 1>, benchmark::kNanosecond},
+    {"changeIpsec", change<changeIpsec, 2>, benchmark::kNanosecond},
+    {"changeStatus", change<changeStatus, 2>, benchmark::kNanosecond},
+    {"changeIfIndex", change<changeIfIndex, 8>, benchmark::kNanosecond},
+};
+
+} // namespace
+
+int main(int argc, char ** argv) {
+  // By numbers of tunnels first: making them is what takes long.
+  for (auto const tunnels : {1000, 10'000, 100'000})
+    for (auto const & [name, run, unit] : benchmarks)
+      benchmark::RegisterBenchmark(name, run)->Arg(tunnels)->Unit(unit);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv))
+    return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  return 0;
+}

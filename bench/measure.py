@@ -1,0 +1,175 @@
+"""What is measured, round by round. In each round every mode has its turn, so that what else goes
+on in the machine meets all of them; figures are compared within a round."""
+
+import json
+import signal
+import subprocess
+import sys
+
+from agents import MODES, OURS, PATIENCE
+
+TABLES = {"if": "tunnelIfTable", "inet": "tunnelInetConfigTable",
+          "ipsec": "velmoraIpsecTunnelIfTable"}
+COLUMNS = {"if": 7, "inet": 3, "ipsec": 1}
+OPERATIONS = ("bulk50", "get", "next", "miss")
+
+
+class Measure:
+    def __init__(self, workshop, rounds, quick):
+        self.workshop = workshop
+        self.rounds = rounds
+        self.quick = quick
+        self.ours = OURS if workshop.has_host_iterator() else OURS[:1]
+        self.modes = [mode for mode in MODES if mode not in OURS or mode in self.ours]
+        self.sizes = (1000, 10000) if quick else (1000, 10000, 100000)
+
+    def varbinds(self, table, rows, mode, operation):
+        """How many instances one turn asks for: enough for the clock, and not for minutes."""
+        share = 4 if self.quick else 1
+        if operation == "bulk50":  # whole walks
+            walk = rows * COLUMNS[table]
+            return walk * max(1, 100000 // share // walk)
+        if operation == "miss" and mode in OURS:  # may look at every row
+            return max(50, min(5000, 6_000_000 // rows) // share)
+        return 5000 // share
+
+    def table(self, table):
+        """{rows: {operation: {mode: [ns of each round]}}}"""
+        return {rows: self._rounds(table, rows, OPERATIONS) for rows in self.sizes}
+
+    def _rounds(self, table, rows, operations):
+        figures = {operation: {mode: [] for mode in self.modes} for operation in operations}
+        with self.workshop.agents(self.modes, table, rows) as agents:
+            self.require_same_answers(agents, table, rows)
+            for number in range(self.rounds + 1):
+                progress(f"{TABLES[table]}, {rows} rows, round {number}")
+                for operation in operations:
+                    for mode, agent in agents.items():
+                        figure = self.turn(agent, table, rows, mode, operation, number)
+                        if number > 0:  # the first one warms up
+                            figures[operation][mode].append(figure)
+        return figures
+
+    def turn(self, agent, table, rows, mode, operation, number):
+        """Nanoseconds of the agent's CPU for one varbind."""
+        count = self.varbinds(table, rows, mode, operation)
+        answer = self.workshop.ask(agent, table, rows, operation, "--varbinds", count,
+                                   "--seed", number)
+        return answer["cpuNs"] / answer["varbinds"]
+
+    def require_same_answers(self, agents, table, rows):
+        answers = {mode: self.workshop.ask(agent, table, rows, "check")
+                   for mode, agent in agents.items()}
+        for mode, answer in answers.items():
+            if answer != answers["e"]:
+                raise SystemExit(f"bench: {mode} and e differ in a walk of {TABLES[table]} with "
+                                 f"{rows} rows: {answer}, {answers['e']}")
+
+    def steps(self):
+        """Bulk walks of the smallest and the largest size side by side:
+        {table: {mode: {rows: [ns of each round]}}}"""
+        return {table: {mode: self._step(table, mode) for mode in ("e", "c", *self.ours)}
+                for table in TABLES}
+
+    def _step(self, table, mode):
+        sizes = (self.sizes[0], self.sizes[-1])
+        figures = {rows: [] for rows in sizes}
+        with self.workshop.agents([mode], table, sizes[0]) as small, \
+                self.workshop.agents([mode], table, sizes[1]) as large:
+            for number in range(self.rounds + 1):
+                progress(f"step of {mode}, {TABLES[table]}, round {number}")
+                for rows, agents in zip(sizes, (small, large)):
+                    figure = self.turn(agents[mode], table, rows, mode, "bulk50", number)
+                    if number > 0:
+                        figures[rows].append(figure)
+        return figures
+
+    # Latency
+
+    def latency(self):
+        """{mode: {phase: [what benchManager says, of each repetition]}}"""
+        return {mode: self._latency(mode, self.sizes[-1]) for mode in self.ours}
+
+    def _latency(self, mode, rows):
+        figures = {"idle": [], "restart-machines": [], "start": []}
+        for number in range(1 if self.quick else 3):
+            progress(f"latency of {mode}, {rows} rows, repetition {number}")
+            agent = self.workshop.daemon(mode, rows)
+            try:
+                with self.polling(agent, rows, figures["start"]):
+                    agent.control.wait_ready()
+                figures["idle"].append(self.workshop.ask(agent, "if", rows, "latency",
+                                                         "--seconds", 2))
+                with self.polling(agent, rows, figures["restart-machines"]):
+                    agent.control.ask("restart-machines")
+                    agent.control.wait_ready()
+            finally:
+                agent.end()
+        return figures
+
+    def polling(self, agent, rows, figures):
+        return Polling(self.workshop.manager(agent, "if", rows, "latency", "--seconds", PATIENCE),
+                       figures)
+
+    # The machines without SNMP
+
+    def machines(self, names):
+        """{benchmark: {rows: [ns of each round]}}"""
+        figures = {}
+        for number in range(self.rounds + 1):
+            progress(f"machines, {names}, round {number}")
+            for result in self._benchmarks(names):
+                name, rows = result["name"].split("/")
+                if number > 0:
+                    of_rows = figures.setdefault(name, {}).setdefault(int(rows), [])
+                    of_rows.append(nanoseconds(result) / result.get("changes", 1))
+        return figures
+
+    def _benchmarks(self, names):
+        sizes = "|".join(str(rows) for rows in self.sizes)
+        done = subprocess.run([self.workshop.program("benchMachines"), "--benchmark_format=json",
+                               f"--benchmark_filter=^{names}.*/({sizes})$",
+                               "--benchmark_min_time=0.1"],
+                              check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        results = json.loads(done.stdout)["benchmarks"]
+        for result in results:
+            if result.get("error_occurred"):
+                raise SystemExit(f"bench: {result['name']}: {result['error_message']}")
+        return results
+
+    def memory(self):
+        progress("memory")
+        tunnels, changes = (10000, 100000) if self.quick else (100000, 1000000)
+        done = subprocess.run([self.workshop.program("benchMemory"), "--tunnels", str(tunnels),
+                               "--changes", str(changes)],
+                              check=True, stdout=subprocess.PIPE, text=True)
+        return json.loads(done.stdout)
+
+
+class Polling:
+    """benchManager measures latency while the block runs."""
+
+    def __init__(self, command, figures):
+        self.command = command
+        self.figures = figures
+
+    def __enter__(self):
+        self.child = subprocess.Popen(self.command, stdout=subprocess.PIPE, text=True)
+        self.child.stdout.readline()  # it polls now
+
+    def __exit__(self, kind, *_):
+        self.child.send_signal(signal.SIGTERM)
+        out, _ = self.child.communicate()
+        if kind is None:
+            if self.child.returncode != 0:
+                raise SystemExit("bench: a request was not answered")
+            self.figures.append(json.loads(out))
+
+
+def nanoseconds(result):
+    return result["cpu_time"] * {"ns": 1, "us": 1e3, "ms": 1e6}[result["time_unit"]]
+
+
+def progress(text):
+    print(f"\r\033[K{text}" if sys.stderr.isatty() else text, file=sys.stderr, flush=True,
+          end="" if sys.stderr.isatty() else "\n")

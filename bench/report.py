@@ -1,0 +1,189 @@
+"""The figures as tables in Markdown: medians, with the lowest and the highest round in brackets."""
+
+import datetime
+import os
+import platform
+import statistics
+import subprocess
+
+from measure import TABLES
+
+MEANINGS = {
+    "e": "the floor: a handler that computes the row, called for each repetition of a GETBULK",
+    "e2": "the same, answering a whole GETBULK in one call (for information)",
+    "c": "net-snmp's `container_table`, a sorted array",
+    "d": "net-snmp's `tdata`",
+    "stock": "`tunnelsnmpd --iterator stock`: net-snmp's own table iterator",
+    "host": "`tunnelsnmpd --iterator host`: the daemon's table iterator",
+}
+OPERATION_TITLES = {"bulk50": "GETBULK walk, 50 repetitions", "get": "GET of a random instance",
+                    "next": "GETNEXT of a random instance",
+                    "miss": "GET of a row that is not there"}
+BENCHMARK_TITLES = {
+    "startAll": "all three machines", "startMaps": "three `std::map` filled with the same rows",
+    "startTunnelIf": "`TunnelIfTableSm` alone", "startInetConfig": "`TunnelInetConfigTableSm` alone",
+    "startIpsec": "`IpsecTunnelIfTableSm` alone",
+    "changeHopLimit": "a hop limit (no row stores it)", "changeAddress": "an address (row re-keyed)",
+    "changeIpsec": "IPsec off, on", "changeStatus": "a status gone, back",
+    "changeIfIndex": "an ifIndex gone, another one come, with its status",
+}
+
+
+def spread(values, form="{:.2f}"):
+    """The median, then the lowest and the highest."""
+    parts = (statistics.median(values), min(values), max(values))
+    return "{} ({}..{})".format(*(form.format(part) for part in parts))
+
+
+def ratios(values, base):
+    """Round by round."""
+    return [value / other for value, other in zip(values, base)]
+
+
+def table(head, lines):
+    figures = "--:" if any(line[-1][:1].isdigit() for line in lines) else "---"
+    rows = [head, ["---"] + [figures] * (len(head) - 1), *lines]
+    return "\n".join("| " + " | ".join(row) + " |" for row in rows) + "\n"
+
+
+def walks(figures):
+    """One section for each table, one table for each operation."""
+    return "\n".join(f"### {TABLES[name]}\n\n" + "\n".join(
+        operation_table(operation, by_rows) for operation in OPERATION_TITLES)
+        for name, by_rows in figures.items())
+
+
+def operation_table(operation, by_rows):
+    lines = []
+    for rows, operations in by_rows.items():
+        of_mode = operations[operation]
+        for mode, values in of_mode.items():
+            lines.append([mode, f"{rows:,}", spread([value / 1000 for value in values]),
+                          spread(ratios(values, of_mode["e"])),
+                          spread(ratios(values, of_mode["c"]))])
+    return (f"{OPERATION_TITLES[operation]}:\n\n"
+            + table(["", "rows", "µs per varbind", "of e", "of c"], lines))
+
+
+def steps(figures):
+    lines = []
+    for name, modes in figures.items():
+        for mode, by_rows in modes.items():
+            small, large = by_rows.values()
+            lines.append([f"{TABLES[name]}, {mode}", spread(ratios(large, small))])
+    sizes = list(next(iter(next(iter(figures.values())).values())))
+    return table(["GETBULK walk, CPU per varbind",
+                  f"{sizes[1]:,} rows against {sizes[0]:,}"], lines)
+
+
+def latency(figures):
+    lines = []
+    for mode, phases in figures.items():
+        for phase, repetitions in phases.items():
+            columns = ([run[key] / 1000 for run in repetitions]
+                       for key in ("p50Us", "p99Us", "maxUs"))
+            lines.append([f"{mode}, {phase}", *(spread(column) for column in columns),
+                          spread([run["seconds"] for run in repetitions]),
+                          str(sum(run["count"] for run in repetitions))])
+    return table(["", "median, ms", "99 of 100 within, ms", "longest, ms", "lasted, s", "requests"],
+                 lines)
+
+
+def start(figures):
+    lines = []
+    for name, by_rows in figures.items():
+        for rows, values in by_rows.items():
+            lines.append([BENCHMARK_TITLES[name], f"{rows:,}",
+                          spread([value / 1e6 for value in values]),
+                          spread(ratios(values, figures["startMaps"][rows]))])
+    return table(["", "tunnels", "ms", "of the maps"], lines)
+
+
+def changes(figures):
+    lines = [[BENCHMARK_TITLES[name], *(spread([value / 1000 for value in values])
+                                        for values in by_rows.values())]
+             for name, by_rows in figures.items()]
+    sizes = next(iter(figures.values()))
+    return table(["µs per change", *(f"{rows:,} tunnels" for rows in sizes)], lines)
+
+
+def memory(figures):
+    parts = figures["bytesPerTunnel"]
+    lines = [[name, f"{size:.0f}"] for name, size in parts.items()]
+    lines.append(["all", f"{sum(parts.values()):.0f}"])
+    run = figures["changes"]
+    growth = (f"\nAfter {run['changes'] // 10:,} random changes of {run['tunnels']:,} tunnels "
+              f"(addresses, IPsec, statuses and ifIndexes that go and come back) the process had "
+              f"{run['bytesAfterTenth']:,} bytes in use, after {run['changes']:,} "
+              f"{run['bytesAtEnd']:,}: {run['growth']:+,}.\n")
+    return table(["bytes per tunnel", f"of {figures['tunnels']:,}"], lines) + growth
+
+
+def machine():
+    lines = [["CPU", cpu_model()], ["cores", str(os.cpu_count())],
+             ["kernel", f"{platform.system()} {platform.release()}"],
+             ["compiler", first_line(["c++", "--version"])],
+             ["net-snmp", first_line(["net-snmp-config", "--version"])],
+             ["date", datetime.date.today().isoformat()]]
+    return table(["", "measured on"], lines)
+
+
+def cpu_model():
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        models = [line.split(":", 1)[1].strip() for line in file if line.startswith("model name")]
+    return models[0] if models else platform.machine()
+
+
+def first_line(command):
+    return subprocess.run(command, check=True, capture_output=True,
+                          text=True).stdout.splitlines()[0]
+
+
+SECTIONS = {
+    "if": None, "inet": None, "ipsec": None,  # together, see text()
+    "steps": ("Does the size matter?", steps),
+    "latency": ("How long a manager waits", latency),
+    "start": ("From nothing to complete tables", start),
+    "changes": ("One change", changes),
+    "memory": ("Memory", memory),
+}
+
+
+def text(results):
+    """Whatever has been measured."""
+    parts = []
+    served = {name: results[name] for name in TABLES if name in results}
+    if served:
+        parts.append("## Serving a table\n\n" + walks(served))
+    for name, section in SECTIONS.items():
+        if section and name in results:
+            title, make = section
+            parts.append(f"## {title}\n\n{NOTES[name]}\n\n{make(results[name])}")
+    return "\n".join(parts)
+
+
+NOTES = {
+    "steps": "A small and a large agent side by side, each round by turns.",
+    "latency": "Single GETs of random instances of tunnelIfTable, each sent when the one before is "
+               "answered: while nothing else goes on; from just before `tunnelsnmpctl "
+               "restart-machines` until the daemon is ready again; from the start's \"listening\" "
+               "until ready. The daemon has the largest number of tunnels that is measured.",
+    "start": "CPU time from the making of the machines until all of them are ready, in task mode "
+             "with the real scheduler.",
+    "changes": "CPU time of one change of an input record to the row that shows it, for random "
+               "tunnels.",
+    "memory": "Every allocation counted, with what `malloc` adds to it.",
+}
+
+
+def document(results, command, pictures):
+    modes = [mode for mode in MEANINGS if mode in next(iter(results["if"].values()))["get"]]
+    meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
+    shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
+    return (f"# Performance figures\n\nWritten by `{command}`. Every figure is a median with the "
+            f"lowest and the highest round in brackets; ratios are taken within a round. All modes "
+            f"run side by side and take turns; each is the same agent, engine and event loop, and "
+            f"all answer a walk with the same bytes. CPU time is that of the agent's process. The "
+            f"rows of a table have every second number as their ifIndex, so that what is not there "
+            f"has neighbours.\n\n{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n"
+            + text(results))
