@@ -1,6 +1,7 @@
 // Both collections against std::map, step by step; and what a scan that is cut into runs relies on.
 #include "platform/Zel.h"
 #include "tests/support/TestScheduler.h"
+#include <functional>
 #include <gmock/gmock.h>
 #include <map>
 #include <random>
@@ -209,6 +210,45 @@ TEST(RbTreeMap, AgreesWithTheStandardMapAfterEveryStep) {
   map.clear();
   EXPECT_TRUE(map.empty());
   EXPECT_NE(map.version(), version);
+}
+
+// Many rows: upwards, downwards and at random, and fewer and fewer again.
+TEST(RbTreeMap, AgreesWithTheStandardMapInWhateverOrderRowsComeAndGo) {
+  std::mt19937 random(testSeed());
+  auto const drawn = [&](std::uint32_t) { return static_cast<std::uint32_t>(random() % 3000); };
+  auto const upwards = [](std::uint32_t step) { return step; };
+  auto const downwards = [](std::uint32_t step) { return 3000 - step; };
+  Zel::RbTreeMap<std::uint32_t, std::uint32_t> map;
+  std::map<std::uint32_t, std::uint32_t> oracle;
+  auto const expectSame = [&] {
+    ASSERT_EQ(map.size(), oracle.size());
+    ASSERT_EQ((std::map<std::uint32_t, std::uint32_t>(map.begin(), map.end())), oracle);
+    for (std::uint32_t key = 0; key != 3002; ++key) {
+      auto const next = oracle.upper_bound(key);
+      auto const found = map.findNext(key);
+      ASSERT_EQ(found == map.end(), next == oracle.end()) << key;
+      if (found != map.end()) {
+        ASSERT_EQ(found->first, next->first) << key;
+      }
+      ASSERT_EQ(map.find(key) != map.end(), oracle.contains(key)) << key;
+    }
+  };
+  std::function<std::uint32_t(std::uint32_t)> const orders[] = {upwards, downwards, drawn};
+  for (auto const & come : orders)
+    for (auto const & go : orders) {
+      for (std::uint32_t step = 0; step != 3000; ++step) {
+        auto const key = come(step);
+        map.insertOrReplace(key, step);
+        oracle.insert_or_assign(key, step);
+      }
+      expectSame();
+      for (std::uint32_t step = 0; step != 2950; ++step)
+        if (auto const position = map.find(go(step)); position != map.end()) {
+          oracle.erase(position->first);
+          map.erase(position);
+        }
+      expectSame();
+    }
 }
 
 } // namespace
