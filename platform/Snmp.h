@@ -34,7 +34,14 @@ public:
   Bytes() noexcept : inside_{}, size_(0) {}
   explicit Bytes(std::span<std::uint8_t const> bytes);
   Bytes(Bytes const & other) noexcept : size_(other.size_) { copyOf(other); }
-  Bytes & operator=(Bytes const & other) noexcept;
+  Bytes & operator=(Bytes const & other) noexcept {
+    if (this != &other) {
+      release();
+      size_ = other.size_;
+      copyOf(other);
+    }
+    return *this;
+  }
   ~Bytes() { release(); }
 
   std::span<std::uint8_t const> span() const {
@@ -60,7 +67,13 @@ private:
     return {be64toh(words[0]), be64toh(words[1])};
   }
   std::strong_ordering compareOutside(Bytes const & other) const;
-  void copyOf(Bytes const & other) noexcept;
+  // Requires: what was here is released, and size_ is the other's.
+  void copyOf(Bytes const & other) noexcept {
+    if (isInside())
+      inside_ = other.inside_;
+    else
+      std::construct_at(&outside_, other.outside_);
+  }
   void release() noexcept {
     if (!isInside())
       outside_.~Outside();

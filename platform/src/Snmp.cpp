@@ -19,23 +19,6 @@ Bytes::Bytes(std::span<std::uint8_t const> bytes)
   std::construct_at(&outside_, std::move(copy));
 }
 
-Bytes & Bytes::operator=(Bytes const & other) noexcept {
-  if (this != &other) {
-    release();
-    size_ = other.size_;
-    copyOf(other);
-  }
-  return *this;
-}
-
-// Requires: what was here is released, and size_ is the other's.
-void Bytes::copyOf(Bytes const & other) noexcept {
-  if (isInside())
-    inside_ = other.inside_;
-  else
-    std::construct_at(&outside_, other.outside_);
-}
-
 std::uint32_t Bytes::hash(std::uint32_t seed) const {
   return Zel::Hash(seed).mix(span()).result();
 }
