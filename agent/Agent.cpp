@@ -1,4 +1,5 @@
 #include "agent/Agent.h"
+#include "agent/HostIterator.h"
 #include "agent/Report.h"
 #include "agent/Status.h"
 #include "platform/Snmp.h"
@@ -155,6 +156,8 @@ void Agent::startMachines() {
 void Agent::startSnmp() {
   snmp_ = std::make_unique<SnmpEngine>(loop_, SnmpSettings{options_.configFile, options_.agentx});
   plugin_->registerMibs();
+  if (options_.iterator == Iterator::host)
+    installHostIterator();
 }
 
 void Agent::startControl() {

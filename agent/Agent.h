@@ -5,7 +5,8 @@
 //   plug-in      the library is loaded; its MIB entity and its root are made by type name
 //   sources      every source has published what there is
 //   machines     the root has its agent: the state machines begin
-//   snmp         net-snmp has read its configuration, and the MIB modules are registered
+//   snmp         net-snmp has read its configuration, and the MIB modules are registered; their
+//                tables are served by the daemon's own iterator, unless it is told otherwise
 //   control      the control socket answers
 //   listening    SNMP is served; the operator is told on the standard output stream
 //

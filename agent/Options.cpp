@@ -32,6 +32,7 @@ struct Parser {
                "tunnelsnmpd"};
   Options options;
   std::string agentxSocket;
+  std::string iterator = "host";
   std::vector<std::string> traceTexts;
 
   explicit Parser(std::string const & defaultPlugin) {
@@ -58,6 +59,18 @@ struct Parser {
         ->capture_default_str();
     app.add_option("--plugin", options.pluginFile, "The library to load")
         ->type_name("FILE")
+        ->capture_default_str();
+    addIterator();
+  }
+
+  void addIterator() {
+    app.add_option(
+           "--iterator", iterator,
+           "What finds the rows: \"host\", the daemon's own iterator, or \"stock\", that of "
+           "net-snmp. Both answer alike; stock costs several times as much, and is for "
+           "comparing them, or for a plug-in whose rows are not in the order of their indexes")
+        ->type_name("NAME")
+        ->check(CLI::IsMember({"host", "stock"}).description(""))
         ->capture_default_str();
   }
 
@@ -93,6 +106,7 @@ Options finish(Parser & parser) {
   auto & options = parser.options;
   if (parser.app.count("--agentx") != 0)
     options.agentx = parser.agentxSocket.empty() ? defaultAgentxSocket : parser.agentxSocket;
+  options.iterator = parser.iterator == "host" ? Iterator::host : Iterator::stock;
   for (auto const & text : parser.traceTexts)
     options.traces.push_back(parseTrace(text));
   if (options.controlPath.empty())

@@ -13,6 +13,10 @@ struct TraceOption {
   std::uint32_t levelMask;
 };
 
+/// What finds the rows that are asked for: net-snmp's table iterator, or the daemon's own in its
+/// place (agent/HostIterator.h).
+enum class Iterator : std::uint8_t { stock, host };
+
 struct Options {
   std::string listen = "udp:127.0.0.1:1161"; ///< net-snmp's notation; port 0 takes a free one
   std::optional<std::string> agentx; ///< the master's socket: a subagent of its, no listener
@@ -21,6 +25,7 @@ struct Options {
   std::vector<TraceOption> traces;
   std::string controlPath = "/run/tunnelsnmpd.sock";
   std::string pluginFile;
+  Iterator iterator = Iterator::host;
 };
 
 /// Either options, or the end of the process before it began: what to print and the exit status (0

@@ -39,6 +39,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Wrong{"TraceWithoutHandle", {"--trace", "=2"}, "--trace =2"},
                     Wrong{"TraceWithBadLevels", {"--trace", "Snmp=12"}, "--trace Snmp=12"},
                     Wrong{"SourceWithoutValue", {"--source"}, "--source"},
+                    Wrong{"UnknownIterator", {"--iterator", "fast"}, "--iterator"},
+                    Wrong{"IteratorByNumber", {"--iterator", "0"}, "--iterator"},
                     Wrong{"EmptyControl", {"--control", ""}, "--control"}),
     [](auto const & wrong) { return wrong.param.name; });
 
@@ -72,12 +74,18 @@ TEST(Options, TakeTheUsualMasterSocketWhenAgentxNamesNone) {
   EXPECT_THAT(options.sources, ElementsAre("linux"));
 }
 
+TEST(Options, ChooseTheIteratorByName) {
+  EXPECT_EQ(Agent::Iterator::host, parse({}).options.value().iterator);
+  EXPECT_EQ(Agent::Iterator::host, parse({"--iterator", "host"}).options.value().iterator);
+  EXPECT_EQ(Agent::Iterator::stock, parse({"--iterator=stock"}).options.value().iterator);
+}
+
 TEST(Options, HelpTeachesAndSucceeds) {
   auto const parsed = parse({"--help"});
   EXPECT_EQ(0, parsed.exitStatus);
   EXPECT_FALSE(parsed.options);
   for (auto const * text : {"--listen", "--agentx", "--source", "--config", "--trace", "--control",
-                            "--plugin", "Examples:", "Exit status:"})
+                            "--plugin", "--iterator", "Examples:", "Exit status:"})
     EXPECT_THAT(parsed.text, HasSubstr(text));
 }
 
