@@ -153,13 +153,19 @@ netsnmp_variable_list const * HintReader::next(char const * index, u_char asnTyp
   return nullptr;
 }
 
+template <class T>
+void HintReader::use(char const * index, T const & value) {
+  LUMO_TRACE(snmpTrace(), 2, unit, "hint component {} is '{}'", index, printed(value));
+  ++found_;
+}
+
 std::optional<std::int32_t> HintReader::integer(char const * index) {
   auto const * part = next(index, ASN_INTEGER);
   if (part == nullptr)
     return std::nullopt;
   try {
     auto const value = Snmp::AsnIntegerToS32(*part->val.integer);
-    use(index, printed(static_cast<std::uint32_t>(value)));
+    use(index, static_cast<std::uint32_t>(value));
     return value;
   } catch (Zel::RangeException const & exception) {
     LUMO_TRACE(snmpTrace(), 0, unit, "hint for index {} of {} is out of range! {}", index, table_,
@@ -173,13 +179,8 @@ std::optional<Snmp::Bytes> HintReader::octets(char const * index) {
   if (part == nullptr)
     return std::nullopt;
   auto const value = Snmp::AsnOctetStringToSnmpBytes(part->val.string, part->val_len);
-  use(index, valueToStrep(value));
+  use(index, value);
   return value;
-}
-
-void HintReader::use(char const * index, std::string const & value) {
-  LUMO_TRACE(snmpTrace(), 2, unit, "hint component {} is '{}'", index, value);
-  ++found_;
 }
 
 std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
@@ -196,23 +197,24 @@ std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
   return static_cast<std::uint32_t>(*ifIndex);
 }
 
+template <class T>
+void IndexWriter::trace(char const * name, T const & value) const {
+  LUMO_TRACE(snmpTrace(), 2, unit, "{}IterationHelper - iterator has another value: {}={}", table_,
+             name, printed(value));
+}
+
 IndexWriter & IndexWriter::unsigned32(char const * name, std::uint32_t value) {
   std::uint8_t buffer[integerCapacity];
-  trace(name, printed(value));
+  trace(name, value);
   set(ASN_INTEGER, buffer, Snmp::U32ToAsnUnsigned(value, buffer, sizeof buffer));
   return *this;
 }
 
 IndexWriter & IndexWriter::octets(char const * name, Snmp::Bytes const & value) {
   std::uint8_t buffer[octetsCapacity];
-  trace(name, valueToStrep(value));
+  trace(name, value);
   set(ASN_OCTET_STR, buffer, Snmp::BytesToAsnOctetString(value, buffer, sizeof buffer));
   return *this;
-}
-
-void IndexWriter::trace(char const * name, std::string_view value) const {
-  LUMO_TRACE(snmpTrace(), 2, unit, "{}IterationHelper - iterator has another value: {}={}", table_,
-             name, value);
 }
 
 void IndexWriter::set(u_char asnType, std::uint8_t const * buffer, int length) {

@@ -17,6 +17,9 @@ template <Zel::FieldedValue T>
 std::string printed(T const & value) {
   return Zel::valueToStrep(value);
 }
+inline std::string printed(Snmp::Bytes const & bytes) {
+  return valueToStrep(bytes);
+}
 inline std::string printed(StatusPtr const & status) {
   return status ? fmt::format("Interface::TunnelIntfStatus( {} )", status->intfId()) : "null";
 }

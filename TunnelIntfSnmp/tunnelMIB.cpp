@@ -35,6 +35,9 @@ struct TunnelIfTable {
   static void setIndexes(TunnelIfTableEntry const & row, netsnmp_variable_list * index) {
     IndexWriter(name, index).unsigned32("ifIndex", row.ifIndex());
   }
+  static void const * record(TunnelIfTableEntry const & row) {
+    return row.tunnelIntfStatus().get();
+  }
   static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
     switch (column) {
     case 3:
@@ -107,6 +110,7 @@ struct TunnelInetConfigTable {
         .unsigned32("encapsMethod", row.encapsMethod())
         .unsigned32("configId", row.configId());
   }
+  static void const * record(TunnelInetConfigTableEntry const &) { return nullptr; }
   static bool get(TunnelInetConfigTableEntry const & row, unsigned int column, Answer & answer) {
     switch (column) {
     case 6:
