@@ -28,7 +28,6 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -259,18 +258,19 @@ protected:
 
   /// Remembers that the pipeline produced the key. Every write to the output begins with it.
   void outputKeySeen(K0 const & k0) {
-    if (mibOutputReconciling())
-      seen_.insert(Key{k0, true});
+    if (!mibOutputReconciling())
+      return;
+    if (seen_.empty())
+      seen_.reserve(output().size()); // grown by and by, the last growth would be a long step
+    seen_.insertOrReplace(Key{k0, true}, {});
   }
 
 private:
-  struct HashOfKey {
-    std::size_t operator()(Key const & key) const { return key.hash(0); }
-  };
+  struct Seen {};
 
   bool outputHasRows() const final { return !output().empty(); }
   void outputKeysForgotten() final {
-    seen_ = {};
+    seen_.clear();
     bookmark_ = Key();
     useBookmark_ = false;
   }
@@ -282,7 +282,7 @@ private:
     std::size_t deletions = 0;
     while (row != output().end()) {
       auto const k0 = row->first;
-      if (!seen_.contains(Key{k0, true})) {
+      if (seen_.find(Key{k0, true}) == nullptr) {
         exception.run([&] { deleteOutputRow(k0); });
         ++deletions;
       }
@@ -299,7 +299,7 @@ private:
     return true;
   }
 
-  std::unordered_set<Key, HashOfKey> seen_;
+  Zel::HashMap2018<Key, Seen> seen_;
   Key bookmark_;
   bool useBookmark_ = false;
 };

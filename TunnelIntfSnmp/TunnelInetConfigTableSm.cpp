@@ -380,6 +380,8 @@ void TunnelInetConfigTableSm::deleteOutputRow(TunnelInetConfigTableKey const & k
 // What is heard
 
 void TunnelInetConfigTableSm::hasNotificationActiveIs(bool on) {
+  if (on && !deaf_) // as it was made
+    return TunnelTableSm::hasNotificationActiveIs(on);
   auto const unheard = unheard_;
   deaf_ = true; // until what was held has been delivered
   survey_ = Survey::lost;

@@ -16,6 +16,9 @@ Lumo::Counter notifieeExceptions("agent-notifiee-exceptions");
 Lumo::Counter taskExceptions("agent-task-exceptions");
 Lumo::Counter rereads("agent-rereads");
 
+/// How long a task may keep a request waiting.
+constexpr std::chrono::milliseconds taskShare{3};
+
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
 constexpr char const * rootPath = "snmp/tunnelIntf/root";
 
@@ -34,7 +37,7 @@ void writeTrace(Lumo::TraceMessage const & message) {
 Agent::Agent(Options options, EventLoop & loop)
     : options_(std::move(options)),
       loop_(loop),
-      scheduler_(Zel::makePtr<Kiln::TaskScheduler>()),
+      scheduler_(Zel::makePtr<Kiln::TaskScheduler>(std::chrono::steady_clock::now, taskShare)),
       document_(database_, [](std::string_view pointer, std::exception const & exception) {
         reportFailure(notifieeExceptions, fmt::format("after the change of {}", pointer),
                       exception);

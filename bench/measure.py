@@ -91,7 +91,7 @@ class Measure:
         return {mode: self._latency(mode, self.sizes[-1]) for mode in self.ours}
 
     def _latency(self, mode, rows):
-        figures = {"idle": [], "restart-machines": [], "start": []}
+        figures = {"idle": [], "start": [], "scan and reconciliation": [], "restart-machines": []}
         for number in range(1 if self.quick else 3):
             progress(f"latency of {mode}, {rows} rows, repetition {number}")
             agent = self.workshop.daemon(mode, rows)
@@ -101,7 +101,10 @@ class Measure:
                 figures["idle"].append(self.workshop.ask(agent, "if", rows, "latency",
                                                          "--seconds", 2))
                 with self.polling(agent, rows, figures["restart-machines"]):
-                    agent.control.ask("restart-machines")
+                    agent.control.ask("restart-machines")  # in one step: the old machines end
+                    agent.control.wait_ready()
+                agent.control.ask("restart-machines")
+                with self.polling(agent, rows, figures["scan and reconciliation"]):
                     agent.control.wait_ready()
             finally:
                 agent.end()
