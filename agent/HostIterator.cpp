@@ -484,8 +484,7 @@ bool Call::answer(netsnmp_request_info & request, Cursor const & cursor) {
 int Call::askModule(netsnmp_request_info & request, void * dataContext) {
   static char tableName[] = TABLE_HANDLER_NAME;
   static char iteratorName[] = TABLE_ITERATOR_NAME;
-  auto * const others = request.parent_data;
-  netsnmp_data_list context{others, iteratorName, dataContext, nullptr};
+  netsnmp_data_list context{request.parent_data, iteratorName, dataContext, nullptr};
   netsnmp_data_list table{&context, tableName, &asked_, nullptr};
   request.parent_data = &table;
   request.processed = 0;

@@ -229,9 +229,23 @@ INSTANTIATE_TEST_SUITE_P(Places, IntrudedTable,
                          testing::Values(Oid{1}, Oid{1, 2}, Oid{1, 3}, Oid{1, 3, 5}, Oid{1, 4, 7},
                                          Oid{1, 4}, Oid{1, 9}, Oid{2}));
 
+// Without GETBULKs of several names: what net-snmp answers to those once a table is cut depends on
+// the registrations that were there before.
 TEST_P(IntrudedTable, IsServedAlikeWhenItWasTakenOverFirst) {
-  std::optional<Intruder> intruder;
-  expectEqual(shape_, requests_, [&](ToyTable &) { intruder.emplace(place()); });
+  std::erase_if(requests_, [](Request const & request) {
+    return request.command == Wire::Command::getBulk && request.names.size() > 1;
+  });
+  std::vector<std::string> expected;
+  {
+    ToyTable const stock(shape_);
+    Intruder const intruder(place());
+    expected = answers(requests_);
+  }
+  ToyTable const host(shape_);
+  EXPECT_EQ(1u, Agent::installHostIterator());
+  Intruder const intruder(place());
+  expectAnswers(expected, requests_);
+  EXPECT_EQ(0, host.contexts());
 }
 
 TEST_P(IntrudedTable, IsServedAlikeWhenItIsTakenOverInParts) {
@@ -308,6 +322,11 @@ TEST(HostIteratorCost, OfAMissingRowIsOneStep) {
 
 TEST(HostIteratorCost, OfRepetitionsIsOneStepEach) {
   EXPECT_EQ(1 + 50 * 2, callsFor({Wire::Command::getBulk, {cell(3, 200)}, 0, 50}));
+}
+
+TEST(HostIteratorCost, OfSeveralNamesIsThatOfEach) {
+  EXPECT_EQ(2 * (1 + 20 * 2),
+            callsFor({Wire::Command::getBulk, {cell(2, 100), cell(3, 200)}, 0, 20}));
 }
 
 // Answers that differ, or are none

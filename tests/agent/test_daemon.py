@@ -200,6 +200,21 @@ class Serving(DaemonTest):
         self.assertRegex(values[cell], r"^INTEGER: \d+$")
         self.assertRegex(values[f"{TUNNEL_IF_TABLE}.1.4.1"], "No Such Instance")
 
+    def test_the_iterator_that_is_chosen_finds_the_rows(self):
+        walks, steps = {}, {}
+        for iterator in ("host", "stock"):
+            daemon = self.start_office("--iterator", iterator)
+            walks[iterator] = self.walk()
+            self.ctl("trace", "set", "Snmp=2")
+            self.snmp("snmpget", [f"{TUNNEL_IF_TABLE}.1.4.1"])
+            daemon.wait_for_line(daemon.err, "null data context in request")
+            steps[iterator] = sum("_get_next_data_point" in line for line in daemon.err)
+            daemon.end()
+        self.assertEqual(walks["stock"], walks["host"])
+        # Only the daemon's own sees from the first row that there is no such one.
+        self.assertEqual(0, steps["host"])
+        self.assertGreater(steps["stock"], 0)
+
     def test_nobody_else_may_read(self):
         self.start_office()
         _, output = self.snmp("snmpget", [f"{TUNNEL_IF_TABLE}.1.4.1"],
