@@ -27,7 +27,7 @@ def measure(options):
     """{section: figures}; each is shown when it is there."""
     results = {}
     with tempfile.TemporaryDirectory(prefix="bench-") as folder:
-        work = Measure(Workshop(str(options.binaries), folder), 3 if options.quick else 7,
+        work = Measure(Workshop(str(options.binaries), folder), 3 if options.quick else 5,
                        options.quick)
         make = {"steps": work.steps, "latency": work.latency, "memory": work.memory,
                 "start": lambda: work.machines("start"),

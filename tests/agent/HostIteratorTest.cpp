@@ -229,12 +229,10 @@ INSTANTIATE_TEST_SUITE_P(Places, IntrudedTable,
                          testing::Values(Oid{1}, Oid{1, 2}, Oid{1, 3}, Oid{1, 3, 5}, Oid{1, 4, 7},
                                          Oid{1, 4}, Oid{1, 9}, Oid{2}));
 
-// Without GETBULKs of several names: what net-snmp answers to those once a table is cut depends on
-// the registrations that were there before.
+// One name at a time: in which order net-snmp takes several of them, once a table is cut, depends
+// on the registrations that were there before.
 TEST_P(IntrudedTable, IsServedAlikeWhenItWasTakenOverFirst) {
-  std::erase_if(requests_, [](Request const & request) {
-    return request.command == Wire::Command::getBulk && request.names.size() > 1;
-  });
+  std::erase_if(requests_, [](Request const & request) { return request.names.size() > 1; });
   std::vector<std::string> expected;
   {
     ToyTable const stock(shape_);
