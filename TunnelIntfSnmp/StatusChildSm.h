@@ -68,7 +68,7 @@ public:
     InputStateMachine::hasNotificationActiveIs(on);
     if (on)
       deliverHeld();
-    else
+    else if (notifier() != nullptr)
       machine_.inputUnheard();
   }
   /// Delivers what is held now, whether or not notification is on.
@@ -97,6 +97,8 @@ private:
 
   // One event for each attribute that is held. A delivery may release the child.
   void deliverHeld() {
+    if (held_ == 0 || notifier() == nullptr) // a child that was stopped may outlive its machine
+      return;
     Zel::Ptr<TableSmBase> const keepMachine(&machine_);
     Zel::Ptr<StatusChildSm> const keepSelf(this);
     Zel::FirstException exception;

@@ -72,10 +72,12 @@ Zel::Attribute const & LocalAttrStore::tunnelInetConfigByIfIndexAttribute() {
   return attribute;
 }
 
-Zel::Ptr<LocalAttrStore::Slot> LocalAttrStore::tunnelInetConfigByIfIndexIs(std::uint32_t ifIndex) {
+Zel::Ptr<LocalAttrStore::Slot> LocalAttrStore::tunnelInetConfigByIfIndexIs(std::uint32_t ifIndex,
+                                                                           Plexa::IntfId holder) {
   if (auto const * present = slots_.find(ifIndex))
     return *present;
   auto slot = slots_.insertOrReplace(ifIndex, Zel::makePtr<Slot>(ifIndex));
+  slot->holderIs(holder);
   notify(tunnelInetConfigByIfIndexAttribute(), ifIndex);
   return slot;
 }
@@ -165,6 +167,8 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
   if (statusOutlives(intfId, exception,
                      [&] { eventToDeleteStream(ifIndex, intfStatusOpt, isAdd); }))
     exception.run([&] { eventToAddStream(ifIndex, intfStatusOpt, isAdd); });
+  if (!statusOf(intfId))
+    waiting_.forget(intfId); // the delete stream woke it
   exception.run([&] { eventToRescanStream(ifIndex, intfStatusOpt, isAdd); });
   exception.rethrow();
 }
@@ -247,11 +251,11 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
     return;
   }
   auto const entry = tunnelInetConfigTableEntryFactory(mibKey, ifIndex);
-  auto const slot = localAttrStore_->tunnelInetConfigByIfIndexIs(ifIndex);
+  auto const slot = localAttrStore_->tunnelInetConfigByIfIndexIs(ifIndex, intfId);
   LUMO_TRACE(trace(), 7, unit(),
              "into( tunnelInetConfigByIfIndex[ ifIndex ] ): inserting k1={}, value={}", ifIndex,
              printed(*entry));
-  if (auto const before = slot->holder(); slot->value() && before != intfId)
+  if (auto const before = slot->holder(); before != intfId)
     waiting_.wake(before);
   slot->holderIs(intfId);
   slot->valueIs(entry);
@@ -335,6 +339,8 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
   if (auto const * slot = localAttrStore_->tunnelInetConfigByIfIndex().find(*ifIndex)) {
     if ((*slot)->holder() != intfId)
       waiting_.waitsForSlot(intfId, *ifIndex);
+    else
+      waiting_.forget(intfId);
     LUMO_TRACE(trace(), 6, unit(),
                "filter( ( !tunnelInetConfigByIfIndex[ ifIndex ] ) ) failed, terminating pipeline");
     return;
@@ -385,10 +391,12 @@ void TunnelInetConfigTableSm::hasNotificationActiveIs(bool on) {
   auto const unheard = unheard_;
   deaf_ = true; // until what was held has been delivered
   survey_ = Survey::lost;
-  TunnelTableSm::hasNotificationActiveIs(on);
+  Zel::FirstException exception;
+  exception.run([&] { TunnelTableSm::hasNotificationActiveIs(on); });
   deaf_ = !on;
   if (!on)
     unheard_ = unheard; // the children were switched off, but not for good
+  exception.rethrow();
 }
 
 void TunnelInetConfigTableSm::inputUnheard() {

@@ -7,7 +7,8 @@
 // key that was written, never by one computed from the status of today. Whenever a row may have
 // gone, every tunnel without a row is tried again: by a walk over all of them where a trace would
 // show it, else only those that what happened since they were tried last can help
-// (WaitingTunnels.h). The outcome is the same, down to the order.
+// (WaitingTunnels.h). The outcome is the same, down to the order, as long as the inputs tell of
+// their changes, and tell this machine before somebody answers with further ones.
 //
 //   event                      delete  add  rescan
 //   a status came or changed   yes     yes  yes
@@ -65,8 +66,8 @@ public:
   static Zel::Attribute const & tunnelInetConfigByIfIndexAttribute();
 
   ZelTunnelInetConfigByIfIndex const & tunnelInetConfigByIfIndex() const { return slots_; }
-  /// Finds the slot or creates an empty one.
-  Zel::Ptr<Slot> tunnelInetConfigByIfIndexIs(std::uint32_t ifIndex);
+  /// Finds the slot or creates an empty one, for a row of `holder`.
+  Zel::Ptr<Slot> tunnelInetConfigByIfIndexIs(std::uint32_t ifIndex, Plexa::IntfId holder = {});
   void tunnelInetConfigByIfIndexDel(std::uint32_t ifIndex);
   void tunnelInetConfigByIfIndexDelAll();
 

@@ -292,8 +292,11 @@ void Cursor::nextColumn() {
 void Cursor::firstRow(void * hint) {
   loop_ = hint;
   void * dataContext = nullptr;
-  arriveAt(
-      table_.info->get_first_data_point(&loop_, &dataContext, table_.row.emptied(), table_.info));
+  auto * row =
+      table_.info->get_first_data_point(&loop_, &dataContext, table_.row.emptied(), table_.info);
+  if (loop_ == hint)
+    loop_ = nullptr; // the module left it there: it is nothing of the module's to free
+  arriveAt(row);
 }
 
 void Cursor::leaveRows() {

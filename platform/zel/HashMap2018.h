@@ -30,8 +30,8 @@ struct DefaultHasher {
   }
 };
 
-/// Keys to values, one value a key. Look-up and change take constant time on average. An insertion
-/// or a removal ends every iterator and every pointer or reference into the map.
+/// Keys to values, one value a key. Look-up and change take constant time on average. An insertion,
+/// a removal or reserve() ends every iterator and every pointer or reference into the map.
 template <class Key, class Value, class Hasher = DefaultHasher>
 class HashMap2018 {
   using Entry = std::pair<Key, Value>;
@@ -133,9 +133,10 @@ public:
       rebuild(std::max<std::size_t>(8, homes_ + homes_ / 2), shortestTail);
     else if (array_.unusedFrom(place) == array_.places())
       rebuild(homes_, std::max(shortestTail, size_));
+    Entry entry(key, std::move(value)); // before room is made: a copy may throw
     place = placeOf(hash, key);
     makeRoom(place);
-    array_.put(place, hash, {key, std::move(value)});
+    array_.put(place, hash, std::move(entry));
     ++size_;
     advanceStamp();
     return array_[place].second;

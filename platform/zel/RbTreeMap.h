@@ -70,8 +70,8 @@ public:
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  /// A number that every insertion and every removal advances by one, and nothing else changes; it
-  /// comes round after 2^32 of them.
+  /// A number that every insertion, every removal and every clear() advances by one, and nothing
+  /// else changes; it comes round after 2^32 of them.
   std::uint32_t version() const { return version_; }
 
   const_iterator begin() const { return {runs_.begin(), runs_.end()}; }
@@ -139,7 +139,7 @@ public:
   }
 
 private:
-  // Some hundred bytes: less to move than a search through more runs would cost.
+  // Half a kilobyte to one: less to move than a search through more runs would cost.
   static constexpr std::size_t capacity = std::max<std::size_t>(16, 512 / sizeof(Entry));
 
   bool isAt(const_iterator position, Key const & key) const {

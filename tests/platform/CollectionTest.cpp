@@ -12,7 +12,7 @@ namespace {
 struct ConstantHasher {
   std::uint32_t operator()(std::uint32_t) const { return 7; }
 };
-struct TopBitHasher { // two full chains in every table that has two buckets
+struct TopBitHasher { // all entries at two homes
   std::uint32_t operator()(std::uint32_t key) const { return (key & 1) << 31; }
 };
 
