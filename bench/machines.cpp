@@ -1,7 +1,7 @@
 // What the machines cost: from their making to the tables complete, and one change of the inputs to
 // the row that shows it. Beside the start stands the least that anybody could do: filling three
 // std::map with the same rows.
-#include "bench/Machines.h"
+#include "bench/MachineInputs.h"
 #include "bench/Tunnels.h"
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -26,7 +26,9 @@ Inputs const & inputsOf(std::uint32_t tunnels) {
 
 // Start
 
-void startAll(benchmark::State & state) {
+/// `make` makes what is to start, and `complete` tells whether it did, with so many rows.
+template <auto make, auto complete>
+void start(benchmark::State & state) {
   auto const tunnels = static_cast<std::uint32_t>(state.range(0));
   auto const & inputs = inputsOf(tunnels);
   for ([[maybe_unused]] auto const _ : state) {
@@ -35,41 +37,21 @@ void startAll(benchmark::State & state) {
     auto const mib = Zel::makePtr<TunnelMib>("tunnelMib");
     state.ResumeTiming();
 
-    auto agent = Zel::makePtr<TunnelIntfSnmpAgent>(mib, inputs.dir, inputs.ifMib, inputs.ikeStatus);
-    agent->hasNotificationActiveIs(true);
+    auto made = make(mib, inputs);
+    made->hasNotificationActiveIs(true);
     tasks.run();
 
     state.PauseTiming();
-    if (!isComplete(*agent, tunnels))
+    if (!complete(*made, tunnels))
       state.SkipWithError("a table is not complete");
-    agent = nullptr;
+    made = nullptr;
     state.ResumeTiming();
   }
 }
 
-/// One machine; `Make` makes it from the inputs, `Rows` counts its rows.
-template <auto Make, auto Rows>
-void startOne(benchmark::State & state) {
-  auto const tunnels = static_cast<std::uint32_t>(state.range(0));
-  auto const & inputs = inputsOf(tunnels);
-  for ([[maybe_unused]] auto const _ : state) {
-    state.PauseTiming();
-    Tasks const tasks;
-    auto const mib = Zel::makePtr<TunnelMib>("tunnelMib");
-    state.ResumeTiming();
-
-    auto machine = Make(mib, inputs);
-    machine->hasNotificationActiveIs(true);
-    tasks.run();
-
-    state.PauseTiming();
-    if (!machine->ready() || Rows(*mib) != tunnels)
-      state.SkipWithError("the table is not complete");
-    machine = nullptr;
-    state.ResumeTiming();
-  }
+auto makeAll(Zel::Ptr<TunnelMib> const & mib, Inputs const & inputs) {
+  return Zel::makePtr<TunnelIntfSnmpAgent>(mib, inputs.dir, inputs.ifMib, inputs.ikeStatus);
 }
-
 auto makeTunnelIf(Zel::Ptr<TunnelMib> const & mib, Inputs const & inputs) {
   return tunnelIfTableSmFactory(mib, inputs.dir, inputs.ifMib, {});
 }
@@ -79,14 +61,14 @@ auto makeInetConfig(Zel::Ptr<TunnelMib> const & mib, Inputs const & inputs) {
 auto makeIpsec(Zel::Ptr<TunnelMib> const & mib, Inputs const & inputs) {
   return ipsecTunnelIfTableSmFactory(mib, inputs.dir, inputs.ifMib, inputs.ikeStatus, {});
 }
-std::size_t tunnelIfRows(TunnelMib const & mib) {
-  return mib.tunnelIfTable().size();
+bool hasTunnelIf(TunnelIfTableSm const & machine, std::uint32_t tunnels) {
+  return machine.ready() && machine.mib()->tunnelIfTable().size() == tunnels;
 }
-std::size_t inetConfigRows(TunnelMib const & mib) {
-  return mib.tunnelInetConfigTable().size();
+bool hasInetConfig(TunnelInetConfigTableSm const & machine, std::uint32_t tunnels) {
+  return machine.ready() && machine.mib()->tunnelInetConfigTable().size() == tunnels;
 }
-std::size_t ipsecRows(TunnelMib const & mib) {
-  return mib.ipsecTunnelIfTable().size();
+bool hasIpsec(IpsecTunnelIfTableSm const & machine, std::uint32_t tunnels) {
+  return machine.ready() && machine.mib()->ipsecTunnelIfTable().size() == tunnels;
 }
 
 struct Maps {
@@ -232,11 +214,11 @@ struct Named {
 };
 
 constexpr Named benchmarks[] = {
-    {"startAll", startAll, benchmark::kMillisecond},
+    {"startAll", start<makeAll, isComplete>, benchmark::kMillisecond},
     {"startMaps", startMaps, benchmark::kMillisecond},
-    {"startTunnelIf", startOne<makeTunnelIf, tunnelIfRows>, benchmark::kMillisecond},
-    {"startInetConfig", startOne<makeInetConfig, inetConfigRows>, benchmark::kMillisecond},
-    {"startIpsec", startOne<makeIpsec, ipsecRows>, benchmark::kMillisecond},
+    {"startTunnelIf", start<makeTunnelIf, hasTunnelIf>, benchmark::kMillisecond},
+    {"startInetConfig", start<makeInetConfig, hasInetConfig>, benchmark::kMillisecond},
+    {"startIpsec", start<makeIpsec, hasIpsec>, benchmark::kMillisecond},
     {"changeHopLimit", change<changeHopLimit, 1>, benchmark::kNanosecond},
     {"changeAddress", change<changeAddress, 1>, benchmark::kNanosecond},
     {"changeIpsec", change<changeIpsec, 2>, benchmark::kNanosecond},

@@ -1,6 +1,6 @@
 // What the machines need of the heap: by component, and over a long series of random changes. Every
 // allocation of the process is counted with what malloc adds to it. Prints JSON.
-#include "bench/Machines.h"
+#include "bench/MachineInputs.h"
 #include "bench/Tunnels.h"
 #include <CLI/CLI.hpp>
 #include <cstdio>

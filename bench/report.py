@@ -165,9 +165,9 @@ def text(results):
 NOTES = {
     "steps": "A small and a large agent side by side, each round by turns.",
     "latency": "Single GETs of random instances of tunnelIfTable, each sent when the one before is "
-               "answered: while nothing else goes on; from just before `tunnelsnmpctl "
-               "restart-machines` until the daemon is ready again; from the start's \"listening\" "
-               "until ready. The daemon has the largest number of tunnels that is measured.",
+               "answered: while nothing else goes on; from the start's \"listening\" until ready; "
+               "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
+               "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
              "with the real scheduler.",
     "changes": "CPU time of one change of an input record to the row that shows it, for random "
@@ -178,10 +178,11 @@ NOTES = {
 
 def document(results, command, pictures):
     modes = [mode for mode in MEANINGS if mode in next(iter(results["if"].values()))["get"]]
+    rounds = len(next(iter(results["if"].values()))["get"]["e"])
     meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
     shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
-    return (f"# Performance figures\n\nWritten by `{command}`. Every figure is a median with the "
-            f"lowest and the highest round in brackets; ratios are taken within a round. All modes "
+    return (f"# Performance figures\n\nWritten by `{command}`. Every figure is a median of {rounds} "
+            f"rounds with the lowest and the highest in brackets; ratios are taken within a round. All modes "
             f"run side by side and take turns; each is the same agent, engine and event loop, and "
             f"all answer a walk with the same bytes. CPU time is that of the agent's process. The "
             f"rows of a table have every second number as their ifIndex, so that what is not there "

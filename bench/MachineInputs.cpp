@@ -1,4 +1,4 @@
-#include "bench/Machines.h"
+#include "bench/MachineInputs.h"
 #include "bench/Tunnels.h"
 
 namespace Bench {
