@@ -129,12 +129,9 @@ public:
       std::swap(array_[place].second, value);
       return array_[place].second;
     }
-    if ((size_ + 1) * 8 > homes_ * 7)
-      rebuild(std::max<std::size_t>(8, homes_ + homes_ / 2), shortestTail);
-    else if (array_.unusedFrom(place) == array_.places())
-      rebuild(homes_, std::max(shortestTail, size_));
     Entry entry(key, std::move(value)); // before room is made: a copy may throw
-    place = placeOf(hash, key);
+    if (rebuiltFor(place))
+      place = placeOf(hash, key);
     makeRoom(place);
     array_.put(place, hash, std::move(entry));
     ++size_;
@@ -280,6 +277,16 @@ private:
     array_.drop(place);
     for (; array_.isUsed(place + 1) && homeOf(array_.hashAt(place + 1)) <= place; ++place)
       move(place + 1, place);
+  }
+  // Rebuilds if the array is too full, or has no room from `place` on. True if and only if it did.
+  bool rebuiltFor(std::size_t place) {
+    if ((size_ + 1) * 8 > homes_ * 7)
+      rebuild(std::max<std::size_t>(8, homes_ + homes_ / 2), shortestTail);
+    else if (array_.unusedFrom(place) == array_.places())
+      rebuild(homes_, std::max(shortestTail, size_));
+    else
+      return false;
+    return true;
   }
   // Spreads the entries over so many homes, with places left behind the last one.
   void rebuild(std::size_t homes, std::size_t tail) {

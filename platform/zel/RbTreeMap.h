@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <iterator>
 #include <map>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -155,8 +154,7 @@ private:
       index = std::ssize((--run)->second);
     if (run == runs_.end() || (std::next(run) == runs_.end() && isFull(run, index))) {
       // Behind the last run, which is full: what comes in ascending order leaves full runs behind.
-      run = runs_.emplace_hint(runs_.end(), entry.first, Run());
-      run->second.reserve(capacity);
+      run = newRun(runs_.end(), entry.first);
       index = 0;
     } else if (run->second.size() == capacity) {
       auto const half = std::ssize(run->second) / 2;
@@ -169,6 +167,11 @@ private:
     if (index == 0 && run == runs_.begin())
       run = renamed(run, entry.first);
     run->second.insert(run->second.begin() + index, std::move(entry));
+  }
+  typename Runs::iterator newRun(Place before, Key const & key) {
+    auto const run = runs_.emplace_hint(before, key, Run());
+    run->second.reserve(capacity);
+    return run;
   }
   // The first run, about to begin with `key`.
   typename Runs::iterator renamed(typename Runs::iterator first, Key const & key) {
@@ -183,8 +186,7 @@ private:
   typename Runs::iterator split(typename Runs::iterator run, std::ptrdiff_t half) {
     auto & entries = run->second;
     auto const middle = entries.begin() + half;
-    auto const upper = runs_.emplace_hint(std::next(run), middle->first, Run());
-    upper->second.reserve(capacity);
+    auto const upper = newRun(std::next(run), middle->first);
     std::move(middle, entries.end(), std::back_inserter(upper->second));
     entries.erase(middle, entries.end());
     return upper;
