@@ -152,8 +152,7 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
              "tisStream = from( tunnelIntfStatusDir.intfStatus[].{{ srcAddr, dstAddr, mode }} ): "
              "intfId={} intfStatusOpt={}",
              intfId, printed(intfStatusOpt));
-  if (!statusOf(intfId))
-    waiting_.forget(intfId);
+  forgetIfGone(intfId, intfStatusOpt);
   auto const * found = ifMib()->ifIndexByIntfId().find(intfId);
   if (found == nullptr) {
     LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
@@ -167,10 +166,16 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
   if (statusOutlives(intfId, exception,
                      [&] { eventToDeleteStream(ifIndex, intfStatusOpt, isAdd); }))
     exception.run([&] { eventToAddStream(ifIndex, intfStatusOpt, isAdd); });
-  if (!statusOf(intfId))
-    waiting_.forget(intfId); // the delete stream woke it
+  forgetIfGone(intfId, intfStatusOpt); // the delete stream woke it
   exception.run([&] { eventToRescanStream(ifIndex, intfStatusOpt, isAdd); });
   exception.rethrow();
+}
+
+// A status may be told as gone while it is still there: then the tunnel goes on waiting.
+void TunnelInetConfigTableSm::forgetIfGone(Plexa::IntfId intfId,
+                                           Zel::Optional<StatusPtr> const & intfStatusOpt) {
+  if (!intfStatusOpt && !statusOf(intfId))
+    waiting_.forget(intfId);
 }
 
 void TunnelInetConfigTableSm::eventToIfMibStream(Plexa::IntfId intfId,

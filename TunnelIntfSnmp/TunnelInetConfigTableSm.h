@@ -163,6 +163,7 @@ private:
   }
   void deleteOutputRow(TunnelInetConfigTableKey const & k1) override;
 
+  void forgetIfGone(Plexa::IntfId intfId, Zel::Optional<StatusPtr> const & intfStatusOpt);
   bool waitingTunnelsKnown() const;
   void rescanWaiting(Zel::Optional<StatusPtr> const & processedTisOpt);
   void rescanAll(std::optional<Plexa::IntfId> position,
