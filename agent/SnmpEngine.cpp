@@ -13,6 +13,7 @@
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <tcpd.h>
 #include <unistd.h>
 #include <utility>
 
@@ -53,11 +54,6 @@ public:
 private:
   netsnmp_large_fd_set set_;
 };
-
-unsigned long inodeOf(int descriptor) {
-  struct stat status {};
-  return fstat(descriptor, &status) == 0 ? status.st_ino : 0;
-}
 
 /// True if and only if it is a socket with somebody at its other end.
 bool isConnected(int descriptor) {
@@ -139,7 +135,8 @@ private:
 SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
     : loop_(loop),
       settings_(std::move(settings)),
-      log_(std::make_unique<Log>()) {
+      log_(std::make_unique<Log>()),
+      accessFiles_{AccessFile(hosts_allow_table), AccessFile(hosts_deny_table)} {
   checkReadable();
   setUp();
   init_agent(applicationName);
@@ -260,6 +257,8 @@ void SnmpEngine::requireUnderstood(std::vector<std::string> const & complaints) 
 }
 
 void SnmpEngine::read(int descriptor) {
+  for (auto & file : accessFiles_)
+    file.look(std::time(nullptr));
   DescriptorSet ready;
   NETSNMP_LARGE_FD_SET(descriptor, ready.get());
   snmp_read2(ready.get());
@@ -307,6 +306,13 @@ void SnmpEngine::watchDescriptor(int descriptor, std::map<int, Watched> & before
   watched_.emplace(descriptor, Watched{inode, loop_.readable(descriptor, [this, descriptor] {
                                          read(descriptor);
                                        })});
+}
+
+// Only a subagent closes a descriptor and opens another within one call, when it finds its master
+// gone. Elsewhere it would be a system call for nothing with each packet.
+unsigned long SnmpEngine::inodeOf(int descriptor) const {
+  struct stat status {};
+  return settings_.agentx && fstat(descriptor, &status) == 0 ? status.st_ino : 0;
 }
 
 } // namespace Agent

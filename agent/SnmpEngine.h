@@ -4,7 +4,9 @@
 // file but the configuration that it is given, and opens no port but the one that it is told.
 #pragma once
 
+#include "agent/AccessFile.h"
 #include "sources/Loop.h"
+#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -48,7 +50,7 @@ public:
 private:
   class Log;
   struct Watched {
-    unsigned long inode; // tells a descriptor from a new one with the same number
+    unsigned long inode; // tells a descriptor from a new one with the same number, or 0
     Sources::Loop::Handle watch;
   };
 
@@ -60,10 +62,12 @@ private:
   void timeOut();
   void update();
   void watchDescriptor(int descriptor, std::map<int, Watched> & before);
+  unsigned long inodeOf(int descriptor) const;
 
   Sources::Loop & loop_;
   SnmpSettings const settings_;
   std::unique_ptr<Log> log_;
+  std::array<AccessFile, 2> accessFiles_;
   int endpoint_ = -1; // net-snmp's handle for the transport that it listens on
   std::map<int, Watched> watched_;
   Sources::Loop::Handle timer_;

@@ -1,5 +1,5 @@
 #include "sources/json/JsonFile.h"
-#include "tests/sources/json/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

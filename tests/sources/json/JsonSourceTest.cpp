@@ -1,6 +1,6 @@
 #include "sources/json/JsonSource.h"
 #include "tests/sources/ContractTests.h"
-#include "tests/sources/json/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 #include "tests/support/TraceRecorder.h"
 #include <gmock/gmock.h>
 #include <sys/stat.h>

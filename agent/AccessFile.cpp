@@ -1,0 +1,47 @@
+#include "agent/AccessFile.h"
+#include <fstream>
+#include <string>
+#include <sys/stat.h>
+
+namespace Agent {
+
+namespace {
+
+/// Anything but a comment and a blank line; also what libwrap complains of: a line that does not
+/// end, is long, or holds an octet of zero.
+bool isRule(std::string const & line, bool ends) {
+  constexpr std::size_t longest = 1000; // not all that libwrap takes, and more than comments need
+  auto const decidesNothing = line.starts_with('#') || line.find_first_not_of(" \t") == line.npos;
+  return !decidesNothing || !ends || line.size() > longest || line.find('\0') != line.npos;
+}
+
+bool hasRules(char const * path) {
+  std::ifstream file(path);
+  std::string line;
+  while (std::getline(file, line))
+    if (isRule(line, !file.eof()))
+      return true;
+  return !file.eof(); // it cannot be read
+}
+
+} // namespace
+
+void AccessFile::look(std::time_t now) {
+  static char none[] = "";
+  table_ = isWithoutRules(now) ? none : path_;
+}
+
+bool AccessFile::isWithoutRules(std::time_t now) {
+  struct stat status {};
+  if (stat(path_, &status) != 0 || now - status.st_ctim.tv_sec < 2)
+    return false;
+  Stamp const stamp{status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec,
+                    status.st_ctim.tv_nsec};
+  if (known_ != stamp) {
+    known_ = stamp;
+    hasRules_ = hasRules(path_);
+  }
+  return !hasRules_;
+}
+
+} // namespace Agent

@@ -1,0 +1,43 @@
+// net-snmp has libwrap read /etc/hosts.allow and /etc/hosts.deny for every packet, which takes more
+// system calls than all the rest. Most such files hold comments at most, and decide nothing.
+#pragma once
+
+#include <ctime>
+#include <optional>
+
+namespace Agent {
+
+/// One of libwrap's two files. While it holds no rule, libwrap is told of none to read in its
+/// place: a missing file and one without rules mean the same (hosts_access(5)).
+class AccessFile {
+public:
+  /// `table` is libwrap's variable for the file's path. It gets its value back at the end.
+  explicit AccessFile(char *& table) : table_(table), path_(table) {}
+  AccessFile(AccessFile const &) = delete;
+  AccessFile & operator=(AccessFile const &) = delete;
+  ~AccessFile() { table_ = path_; }
+
+  /// Requires that it is called before libwrap is asked, with the time. A file that has changed
+  /// within the last second may do so again and look the same: it is left to libwrap.
+  void look(std::time_t now);
+
+private:
+  /// What tells a file from another one, and from itself when it has changed.
+  struct Stamp {
+    unsigned long device;
+    unsigned long inode;
+    long size;
+    long changedSeconds;
+    long changedNanoseconds;
+    bool operator==(Stamp const &) const = default;
+  };
+
+  bool isWithoutRules(std::time_t now);
+
+  char *& table_;
+  char * const path_;
+  std::optional<Stamp> known_; // what was read last
+  bool hasRules_ = true;       // and what it held
+};
+
+} // namespace Agent

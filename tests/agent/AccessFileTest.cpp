@@ -1,0 +1,108 @@
+// libwrap itself reads the files here, as it does beneath net-snmp.
+#include "agent/AccessFile.h"
+#include "tests/support/TemporaryFolder.h"
+#include <gtest/gtest.h>
+#include <tcpd.h>
+
+namespace {
+
+constexpr std::time_t later = 10; // seconds; long enough for a change to be settled
+
+class AccessFile : public testing::Test {
+protected:
+  AccessFile() {
+    hosts_allow_table = allowPath_.data();
+    hosts_deny_table = denyPath_.data();
+  }
+  ~AccessFile() override {
+    hosts_allow_table = systemsAllowTable_;
+    hosts_deny_table = systemsDenyTable_;
+  }
+
+  void write(std::string const & text) const { folder_.write("deny", text); }
+  bool isAllowed() const {
+    char daemon[] = "tunnelsnmpd";
+    char unknown[] = STRING_UNKNOWN;
+    char address[] = "192.0.2.1";
+    return hosts_ctl(daemon, unknown, address, unknown) != 0;
+  }
+  bool isLeftToLibwrap() const { return hosts_deny_table == denyPath_.data(); }
+
+private:
+  char * const systemsAllowTable_ = hosts_allow_table;
+  char * const systemsDenyTable_ = hosts_deny_table;
+  TemporaryFolder folder_;
+  std::string allowPath_ = folder_.file("allow");
+  std::string denyPath_ = folder_.file("deny");
+};
+
+TEST_F(AccessFile, IsNotReadWhileItHoldsNoRule) {
+  for (auto const * text :
+       {"", "\n", "# nobody is denied\n", " \t\n#\n\n", "# goes on \\\n# here\n"}) {
+    write(text);
+    Agent::AccessFile file(hosts_deny_table);
+    file.look(std::time(nullptr) + later);
+    EXPECT_FALSE(isLeftToLibwrap()) << text;
+    EXPECT_TRUE(isAllowed()) << text;
+  }
+}
+
+TEST_F(AccessFile, IsReadWhenItHoldsARule) {
+  for (auto const * text : {"ALL: ALL\n", "# all\nALL: ALL\n", "\n\ntunnelsnmpd: 192.0.2.\n"}) {
+    write(text);
+    Agent::AccessFile file(hosts_deny_table);
+    file.look(std::time(nullptr) + later);
+    EXPECT_TRUE(isLeftToLibwrap()) << text;
+    EXPECT_FALSE(isAllowed()) << text;
+  }
+}
+
+TEST_F(AccessFile, IsReadWhenLibwrapWouldComplainOfIt) {
+  using namespace std::literals;
+  for (auto const & text : {"# does not end"s, "#\0\n"s, "#" + std::string(2000, 'x') + "\n"}) {
+    write(text);
+    Agent::AccessFile file(hosts_deny_table);
+    file.look(std::time(nullptr) + later);
+    EXPECT_TRUE(isLeftToLibwrap()) << text;
+  }
+}
+
+TEST_F(AccessFile, IsReadWhenItMayChangeAgainAndLookTheSame) {
+  write("# nobody is denied\n");
+  Agent::AccessFile file(hosts_deny_table);
+  file.look(std::time(nullptr));
+  EXPECT_TRUE(isLeftToLibwrap());
+}
+
+TEST_F(AccessFile, IsLookedIntoAgainWhenItHasChanged) {
+  write("#\n");
+  Agent::AccessFile file(hosts_deny_table);
+  file.look(std::time(nullptr) + later);
+  write("ALL: ALL\n");
+  file.look(std::time(nullptr) + 2 * later);
+  EXPECT_FALSE(isAllowed());
+  write("#ALL: ALL\n");
+  file.look(std::time(nullptr) + 3 * later);
+  EXPECT_FALSE(isLeftToLibwrap());
+}
+
+TEST_F(AccessFile, MayBeMissing) {
+  Agent::AccessFile file(hosts_deny_table);
+  file.look(std::time(nullptr) + later);
+  EXPECT_TRUE(isAllowed());
+  write("ALL: ALL\n");
+  file.look(std::time(nullptr) + later);
+  EXPECT_FALSE(isAllowed());
+}
+
+TEST_F(AccessFile, IsLibwrapsAgainAtTheEnd) {
+  write("#\n");
+  {
+    Agent::AccessFile file(hosts_deny_table);
+    file.look(std::time(nullptr) + later);
+    ASSERT_FALSE(isLeftToLibwrap());
+  }
+  EXPECT_TRUE(isLeftToLibwrap());
+}
+
+} // namespace
