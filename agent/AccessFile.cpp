@@ -26,14 +26,17 @@ bool hasRules(char const * path) {
 
 } // namespace
 
-void AccessFile::look(std::time_t now) {
+void AccessFile::look(Clock::time_point now) {
   static char none[] = "";
+  if (now >= looked_ && now - looked_ < std::chrono::milliseconds(10))
+    return;
+  looked_ = now;
   table_ = isWithoutRules(now) ? none : path_;
 }
 
-bool AccessFile::isWithoutRules(std::time_t now) {
+bool AccessFile::isWithoutRules(Clock::time_point now) {
   struct stat status {};
-  if (stat(path_, &status) != 0 || now - status.st_ctim.tv_sec < 2)
+  if (stat(path_, &status) != 0 || Clock::to_time_t(now) - status.st_ctim.tv_sec < 2)
     return false;
   Stamp const stamp{status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec,
                     status.st_ctim.tv_nsec};

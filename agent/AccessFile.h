@@ -2,7 +2,7 @@
 // system calls than all the rest. Most such files hold comments at most, and decide nothing.
 #pragma once
 
-#include <ctime>
+#include <chrono>
 #include <optional>
 
 namespace Agent {
@@ -17,9 +17,12 @@ public:
   AccessFile & operator=(AccessFile const &) = delete;
   ~AccessFile() { table_ = path_; }
 
-  /// Requires that it is called before libwrap is asked, with the time. A file that has changed
-  /// within the last second may do so again and look the same: it is left to libwrap.
-  void look(std::time_t now);
+  using Clock = std::chrono::system_clock; // the one of the files' times
+
+  /// To be called before libwrap is asked. Does nothing within a hundredth of a second since it did
+  /// something: a look costs a tenth of what a packet does. A file that has changed within the last
+  /// second may do so again and look the same: it is left to libwrap.
+  void look(Clock::time_point now);
 
 private:
   /// What tells a file from another one, and from itself when it has changed.
@@ -32,10 +35,11 @@ private:
     bool operator==(Stamp const &) const = default;
   };
 
-  bool isWithoutRules(std::time_t now);
+  bool isWithoutRules(Clock::time_point now);
 
   char *& table_;
   char * const path_;
+  Clock::time_point looked_;
   std::optional<Stamp> known_; // what was read last
   bool hasRules_ = true;       // and what it held
 };

@@ -257,8 +257,9 @@ void SnmpEngine::requireUnderstood(std::vector<std::string> const & complaints) 
 }
 
 void SnmpEngine::read(int descriptor) {
+  auto const now = AccessFile::Clock::now();
   for (auto & file : accessFiles_)
-    file.look(std::time(nullptr));
+    file.look(now);
   DescriptorSet ready;
   NETSNMP_LARGE_FD_SET(descriptor, ready.get());
   snmp_read2(ready.get());

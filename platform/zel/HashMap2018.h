@@ -162,6 +162,9 @@ public:
 private:
   static constexpr std::size_t none = SIZE_MAX;
   static constexpr std::size_t shortestTail = 32;
+  /// The hash of a number is sooner computed than it would be fetched from a second array.
+  static constexpr bool keepsHashes = !std::is_trivially_copyable_v<Key> ||
+                                      sizeof(Key) > sizeof(std::uint64_t);
 
   // Places, each with an entry or without.
   class Array {
@@ -170,7 +173,7 @@ private:
     explicit Array(std::size_t places)
         : entries_(std::allocator<Entry>().allocate(places)),
           places_(places),
-          hashes_(places),
+          hashes_(keepsHashes ? places : 0),
           used_(places / 64 + 1) {}
     Array(Array && other) noexcept : Array() { *this = std::move(other); }
     Array & operator=(Array && other) noexcept {
@@ -213,11 +216,17 @@ private:
       return std::min(place, places_);
     }
     // Requires: the place is used.
-    std::uint32_t hashAt(std::size_t place) const { return hashes_[place]; }
+    std::uint32_t hashAt(std::size_t place) const {
+      if constexpr (keepsHashes)
+        return hashes_[place];
+      else
+        return Hasher()(entries_[place].first);
+    }
     // Requires: the place is unused.
-    void put(std::size_t place, std::uint32_t hash, Entry && entry) {
+    void put(std::size_t place, [[maybe_unused]] std::uint32_t hash, Entry && entry) {
       std::construct_at(&entries_[place], std::move(entry));
-      hashes_[place] = hash;
+      if constexpr (keepsHashes)
+        hashes_[place] = hash;
       used_[place / 64] |= std::uint64_t{1} << place % 64;
     }
     void drop(std::size_t place) {
@@ -228,8 +237,8 @@ private:
   private:
     Entry * entries_ = nullptr;
     std::size_t places_ = 0;
-    std::vector<std::uint32_t> hashes_;
-    std::vector<std::uint64_t> used_; // a bit for each place
+    std::vector<std::uint32_t> hashes_; // of the used places, if they are kept
+    std::vector<std::uint64_t> used_;   // a bit for each place
   };
 
   // Ascends with the hash, so that what is sorted by hash is sorted by home as well.

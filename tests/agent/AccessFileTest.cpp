@@ -6,7 +6,10 @@
 
 namespace {
 
-constexpr std::time_t later = 10; // seconds; long enough for a change to be settled
+using Clock = Agent::AccessFile::Clock;
+using namespace std::chrono_literals;
+
+constexpr auto later = 10s; // long enough for a change to be settled
 
 class AccessFile : public testing::Test {
 protected:
@@ -41,7 +44,7 @@ TEST_F(AccessFile, IsNotReadWhileItHoldsNoRule) {
        {"", "\n", "# nobody is denied\n", " \t\n#\n\n", "# goes on \\\n# here\n"}) {
     write(text);
     Agent::AccessFile file(hosts_deny_table);
-    file.look(std::time(nullptr) + later);
+    file.look(Clock::now() + later);
     EXPECT_FALSE(isLeftToLibwrap()) << text;
     EXPECT_TRUE(isAllowed()) << text;
   }
@@ -51,7 +54,7 @@ TEST_F(AccessFile, IsReadWhenItHoldsARule) {
   for (auto const * text : {"ALL: ALL\n", "# all\nALL: ALL\n", "\n\ntunnelsnmpd: 192.0.2.\n"}) {
     write(text);
     Agent::AccessFile file(hosts_deny_table);
-    file.look(std::time(nullptr) + later);
+    file.look(Clock::now() + later);
     EXPECT_TRUE(isLeftToLibwrap()) << text;
     EXPECT_FALSE(isAllowed()) << text;
   }
@@ -62,7 +65,7 @@ TEST_F(AccessFile, IsReadWhenLibwrapWouldComplainOfIt) {
   for (auto const & text : {"# does not end"s, "#\0\n"s, "#" + std::string(2000, 'x') + "\n"}) {
     write(text);
     Agent::AccessFile file(hosts_deny_table);
-    file.look(std::time(nullptr) + later);
+    file.look(Clock::now() + later);
     EXPECT_TRUE(isLeftToLibwrap()) << text;
   }
 }
@@ -70,36 +73,56 @@ TEST_F(AccessFile, IsReadWhenLibwrapWouldComplainOfIt) {
 TEST_F(AccessFile, IsReadWhenItMayChangeAgainAndLookTheSame) {
   write("# nobody is denied\n");
   Agent::AccessFile file(hosts_deny_table);
-  file.look(std::time(nullptr));
+  file.look(Clock::now());
   EXPECT_TRUE(isLeftToLibwrap());
 }
 
 TEST_F(AccessFile, IsLookedIntoAgainWhenItHasChanged) {
   write("#\n");
   Agent::AccessFile file(hosts_deny_table);
-  file.look(std::time(nullptr) + later);
+  file.look(Clock::now() + later);
   write("ALL: ALL\n");
-  file.look(std::time(nullptr) + 2 * later);
+  file.look(Clock::now() + 2 * later);
   EXPECT_FALSE(isAllowed());
   write("#ALL: ALL\n");
-  file.look(std::time(nullptr) + 3 * later);
+  file.look(Clock::now() + 3 * later);
   EXPECT_FALSE(isLeftToLibwrap());
 }
 
 TEST_F(AccessFile, MayBeMissing) {
   Agent::AccessFile file(hosts_deny_table);
-  file.look(std::time(nullptr) + later);
+  file.look(Clock::now() + later);
   EXPECT_TRUE(isAllowed());
   write("ALL: ALL\n");
-  file.look(std::time(nullptr) + later);
+  file.look(Clock::now() + 2 * later);
   EXPECT_FALSE(isAllowed());
+}
+
+TEST_F(AccessFile, IsLookedAtNoMoreOftenThanAHundredTimesASecond) {
+  auto const now = Clock::now() + later;
+  write("#\n");
+  Agent::AccessFile file(hosts_deny_table);
+  file.look(now);
+  write("ALL: ALL\n");
+  file.look(now + 9ms);
+  EXPECT_FALSE(isLeftToLibwrap());
+  file.look(now + 10ms);
+  EXPECT_TRUE(isLeftToLibwrap());
+}
+
+TEST_F(AccessFile, IsLookedAtWhenTheClockWasPutBack) {
+  write("#\n");
+  Agent::AccessFile file(hosts_deny_table);
+  file.look(Clock::now() + later);
+  file.look(Clock::now() + 5ms);
+  EXPECT_TRUE(isLeftToLibwrap()); // it has changed just now
 }
 
 TEST_F(AccessFile, IsLibwrapsAgainAtTheEnd) {
   write("#\n");
   {
     Agent::AccessFile file(hosts_deny_table);
-    file.look(std::time(nullptr) + later);
+    file.look(Clock::now() + later);
     ASSERT_FALSE(isLeftToLibwrap());
   }
   EXPECT_TRUE(isLeftToLibwrap());
