@@ -1,6 +1,7 @@
 #include "agent/HostIterator.h"
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -37,9 +38,11 @@ public:
   netsnmp_variable_list * get() const { return list_.get(); }
   /// Without the values of the last time: an old length would be taken for a fixed one.
   netsnmp_variable_list * emptied() const {
-    snmp_reset_var_buffers(list_.get()); // which leaves short values, and their length, in place
-    for (auto * one = list_.get(); one != nullptr; one = one->next_variable)
+    for (auto * one = list_.get(); one != nullptr; one = one->next_variable) {
+      if (one->val.string != nullptr && one->val.string != one->buf)
+        snmp_set_var_value(one, nullptr, 0);
       one->val_len = 0;
+    }
     return list_.get();
   }
 
@@ -49,6 +52,13 @@ private:
   };
   std::unique_ptr<netsnmp_variable_list, Free> const list_;
 };
+
+bool isNumber(netsnmp_variable_list const & varbind) {
+  return varbind.type == ASN_INTEGER || varbind.type == ASN_UNSIGNED;
+}
+bool isOctets(netsnmp_variable_list const & varbind) {
+  return varbind.type == ASN_OCTET_STR;
+}
 
 std::size_t encodeAny(netsnmp_variable_list * indexes, std::span<oid> to) {
   std::size_t length = 0;
@@ -61,16 +71,52 @@ std::size_t encodeAny(netsnmp_variable_list * indexes, std::span<oid> to) {
 std::size_t encode(netsnmp_variable_list * indexes, std::span<oid> to) {
   std::size_t length = 0;
   for (auto const * one = indexes; one != nullptr; one = one->next_variable) {
-    auto const isOctets = one->type == ASN_OCTET_STR;
-    if (!isOctets && one->type != ASN_INTEGER && one->type != ASN_UNSIGNED)
+    if (!isOctets(*one) && !isNumber(*one))
       return encodeAny(indexes, to);
-    if (length + 1 + (isOctets ? one->val_len : 0) > to.size())
+    if (length + 1 + (isOctets(*one) ? one->val_len : 0) > to.size())
       return 0;
-    to[length++] = isOctets ? one->val_len : static_cast<oid>(*one->val.integer);
-    if (isOctets)
+    to[length++] = isOctets(*one) ? one->val_len : static_cast<oid>(*one->val.integer);
+    if (isOctets(*one))
       length = std::copy_n(one->val.string, one->val_len, to.data() + length) - to.data();
   }
   return length;
+}
+
+bool decodeAny(std::span<oid> index, netsnmp_variable_list * to) {
+  return parse_oid_indexes(index.data(), index.size(), to) == SNMPERR_SUCCESS;
+}
+
+/// Reads the length and so many octets. Returns how many sub-identifiers that were; 0 if some are
+/// missing or are no octets.
+std::size_t decodeOctets(SubIds from, netsnmp_variable_list * to) {
+  auto const length = from.front();
+  auto const isOctet = [](oid subId) { return subId <= UCHAR_MAX; };
+  if (length >= from.size() || !std::ranges::all_of(from.subspan(1, length), isOctet))
+    return 0;
+  std::array<u_char, MAX_OID_LEN> octets;
+  std::ranges::copy(from.subspan(1, length), octets.data());
+  snmp_set_var_value(to, octets.data(), length);
+  return 1 + length;
+}
+
+/// The reverse of encode(). False for an index that has a part too few or too many, or one that no
+/// varbind can have. Requires: the varbinds are emptied.
+bool decode(std::span<oid> index, netsnmp_variable_list * to) {
+  for (auto const * one = to; one != nullptr; one = one->next_variable)
+    if (!isOctets(*one) && !isNumber(*one))
+      return decodeAny(index, to);
+  SubIds rest = index;
+  for (auto * one = to; one != nullptr; one = one->next_variable) {
+    if (rest.empty())
+      return false;
+    if (isNumber(*one))
+      snmp_set_var_value(one, &rest.front(), sizeof rest.front());
+    auto const taken = isNumber(*one) ? 1 : decodeOctets(rest, one);
+    if (taken == 0)
+      return false;
+    rest = rest.subspan(taken);
+  }
+  return rest.empty();
 }
 
 /// What a handler of ours keeps from call to call, one for each registration.
@@ -344,7 +390,7 @@ int Call::leaveToStock(netsnmp_request_info & request) {
 }
 
 bool beginsWith(SubIds name, SubIds prefix) {
-  return std::ranges::mismatch(name, prefix).in2 == prefix.end();
+  return name.size() >= prefix.size() && std::ranges::equal(name.first(prefix.size()), prefix);
 }
 
 /// False for everything that is not the name of a cell or, in a walk, of a column or a place before
@@ -379,7 +425,7 @@ bool Call::understandIndex(SubIds index) {
   std::ranges::copy(index, asked_.index_oid);
   asked_.index_oid_len = index.size();
   asked_.number_indexes = asked_.reg_info->number_indexes;
-  return parse_oid_indexes(asked_.index_oid, index.size(), table_.asked.get()) == SNMPERR_SUCCESS;
+  return decode({asked_.index_oid, index.size()}, table_.asked.get());
 }
 
 bool Call::beforeFirstColumn(SubIds name) const {
@@ -475,6 +521,8 @@ void Call::skipAsked(Cursor & cursor) const {
 }
 
 bool Call::answer(netsnmp_request_info & request, Cursor const & cursor) {
+  if (cursor.index().empty())
+    return false; // it has no room in a name
   auto & varbind = *request.requestvb;
   varbind.type = ASN_NULL;
   snmp_set_var_objid(&varbind, cursor.name().data(), cursor.name().size());

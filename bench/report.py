@@ -182,9 +182,11 @@ def document(results, command, pictures):
     meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
     shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
     return (f"# Performance figures\n\nWritten by `{command}`. Every figure is a median of {rounds} "
-            f"rounds with the lowest and the highest in brackets; ratios are taken within a round. All modes "
-            f"run side by side and take turns; each is the same agent, engine and event loop, and "
-            f"all answer a walk with the same bytes. CPU time is that of the agent's process. The "
-            f"rows of a table have every second number as their ifIndex, so that what is not there "
-            f"has neighbours.\n\n{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n"
+            f"rounds with the lowest and the highest in brackets; ratios are taken within a "
+            f"round. All modes run side by side and take turns; each is the same agent, engine "
+            f"and event loop, and all answer a walk with the same bytes. CPU time is that of the "
+            f"agent's process; agents and manager share one core, because an answer that wakes a "
+            f"manager on another one costs what the machine takes for that. The rows of a table "
+            f"have every second number as their ifIndex, so that what is not there has "
+            f"neighbours.\n\n{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n"
             + text(results))
