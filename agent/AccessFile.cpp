@@ -1,7 +1,9 @@
 #include "agent/AccessFile.h"
+#include <fcntl.h>
 #include <fstream>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace Agent {
 
@@ -12,7 +14,8 @@ namespace {
 bool isRule(std::string const & line, bool ends) {
   constexpr std::size_t longest = 1000; // not all that libwrap takes, and more than comments need
   auto const decidesNothing = line.starts_with('#') || line.find_first_not_of(" \t") == line.npos;
-  return !decidesNothing || !ends || line.size() > longest || line.find('\0') != line.npos;
+  return !decidesNothing || !ends || line.ends_with('\\') || line.size() > longest ||
+         line.find('\0') != line.npos;
 }
 
 bool hasRules(char const * path) {
@@ -22,6 +25,17 @@ bool hasRules(char const * path) {
     if (isRule(line, !file.eof()))
       return true;
   return !file.eof(); // it cannot be read
+}
+
+/// Of the opened file: a file system of another machine may answer stat() from its memory.
+std::optional<struct stat> statusOf(char const * path) {
+  auto const descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (descriptor == -1)
+    return std::nullopt;
+  struct stat status {};
+  auto const known = fstat(descriptor, &status) == 0;
+  close(descriptor);
+  return known ? std::optional(status) : std::nullopt;
 }
 
 } // namespace
@@ -35,11 +49,11 @@ void AccessFile::look(Clock::time_point now) {
 }
 
 bool AccessFile::isWithoutRules(Clock::time_point now) {
-  struct stat status {};
-  if (stat(path_, &status) != 0 || Clock::to_time_t(now) - status.st_ctim.tv_sec < 2)
+  auto const status = statusOf(path_);
+  if (!status || !S_ISREG(status->st_mode) || Clock::to_time_t(now) - status->st_ctim.tv_sec < 2)
     return false;
-  Stamp const stamp{status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec,
-                    status.st_ctim.tv_nsec};
+  Stamp const stamp{status->st_dev, status->st_ino, status->st_size, status->st_ctim.tv_sec,
+                    status->st_ctim.tv_nsec};
   if (known_ != stamp) {
     known_ = stamp;
     hasRules_ = hasRules(path_);

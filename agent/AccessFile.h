@@ -4,11 +4,13 @@
 
 #include <chrono>
 #include <optional>
+#include <sys/types.h>
 
 namespace Agent {
 
-/// One of libwrap's two files. While it holds no rule, libwrap is told of none to read in its
-/// place: a missing file and one without rules mean the same (hosts_access(5)).
+/// One of libwrap's two files. While it holds no rule, and has not changed just now, libwrap is
+/// told of none to read in its place: a missing file and one without rules mean the same
+/// (hosts_access(5)). A new rule counts a hundredth of a second later at most.
 class AccessFile {
 public:
   /// `table` is libwrap's variable for the file's path. It gets its value back at the end.
@@ -27,10 +29,10 @@ public:
 private:
   /// What tells a file from another one, and from itself when it has changed.
   struct Stamp {
-    unsigned long device;
-    unsigned long inode;
-    long size;
-    long changedSeconds;
+    dev_t device;
+    ino_t inode;
+    off_t size;
+    time_t changedSeconds;
     long changedNanoseconds;
     bool operator==(Stamp const &) const = default;
   };

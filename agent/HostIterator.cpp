@@ -99,8 +99,8 @@ std::size_t decodeOctets(SubIds from, netsnmp_variable_list * to) {
   return 1 + length;
 }
 
-/// The reverse of encode(). False for an index that has a part too few or too many, or one that no
-/// varbind can have. Requires: the varbinds are emptied.
+/// The reverse of encode(). False for an index that has a part too few or too many, or an octet
+/// above 255: net-snmp's handlers then decide what it means. Requires: the varbinds are emptied.
 bool decode(std::span<oid> index, netsnmp_variable_list * to) {
   for (auto const * one = to; one != nullptr; one = one->next_variable)
     if (!isOctets(*one) && !isNumber(*one))
@@ -515,7 +515,7 @@ bool Call::seesEnough() {
 void Call::skipAsked(Cursor & cursor) const {
   SubIds const asked{asked_.index_oid, asked_.index_oid_len};
   auto const column = cursor.column();
-  while (!cursor.atEnd() && cursor.column() == column &&
+  while (!cursor.atEnd() && cursor.column() == column && !cursor.index().empty() &&
          !std::ranges::lexicographical_compare(asked, cursor.index()))
     cursor.nextRow();
 }

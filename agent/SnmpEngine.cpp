@@ -199,6 +199,7 @@ void SnmpEngine::reread() {
     return;
   checkReadable();
   log_->keep();
+  watched_.clear(); // what the configuration named is closed and opened anew, with the same numbers
   free_config();
   read_premib_configs();
   read_configs();
@@ -309,8 +310,8 @@ void SnmpEngine::watchDescriptor(int descriptor, std::map<int, Watched> & before
                                        })});
 }
 
-// Only a subagent closes a descriptor and opens another within one call, when it finds its master
-// gone. Elsewhere it would be a system call for nothing with each packet.
+// While it serves, only a subagent closes a descriptor and opens another within one call, when it
+// finds its master gone. Elsewhere it would be a system call for nothing with each packet.
 unsigned long SnmpEngine::inodeOf(int descriptor) const {
   struct stat status {};
   return settings_.agentx && fstat(descriptor, &status) == 0 ? status.st_ino : 0;

@@ -1,7 +1,8 @@
 // net-snmp inside the daemon's event loop: a stand-alone master agent, or an AgentX subagent.
 //
-// net-snmp keeps its state in the process, so there is one engine at a time. It reads and writes no
-// file but the configuration that it is given, and opens no port but the one that it is told.
+// net-snmp keeps its state in the process, so there is one engine at a time. It writes no file,
+// reads none but the configuration that it is given and libwrap's two, and opens no port but the
+// one that it is told.
 #pragma once
 
 #include "agent/AccessFile.h"

@@ -36,6 +36,7 @@ template <class Key, class Value, class Hasher = DefaultHasher>
 class HashMap2018 {
   using Entry = std::pair<Key, Value>;
   static_assert(std::is_nothrow_move_constructible_v<Entry>);
+  static_assert(std::is_empty_v<Hasher>); // any of them hashes alike
 
 public:
   class const_iterator {
@@ -130,7 +131,7 @@ public:
       return array_[place].second;
     }
     Entry entry(key, std::move(value)); // before room is made: a copy may throw
-    if (rebuiltFor(place))
+    if (rebuildIfFull(place))
       place = placeOf(hash, key);
     makeRoom(place);
     array_.put(place, hash, std::move(entry));
@@ -162,7 +163,7 @@ public:
 private:
   static constexpr std::size_t none = SIZE_MAX;
   static constexpr std::size_t shortestTail = 32;
-  /// The hash of a number is sooner computed than it would be fetched from a second array.
+  /// The hash of a small plain key is sooner computed than fetched from a second array.
   static constexpr bool keepsHashes = !std::is_trivially_copyable_v<Key> ||
                                       sizeof(Key) > sizeof(std::uint64_t);
 
@@ -288,7 +289,7 @@ private:
       move(place + 1, place);
   }
   // Rebuilds if the array is too full, or has no room from `place` on. True if and only if it did.
-  bool rebuiltFor(std::size_t place) {
+  bool rebuildIfFull(std::size_t place) {
     if ((size_ + 1) * 8 > homes_ * 7)
       rebuild(std::max<std::size_t>(8, homes_ + homes_ / 2), shortestTail);
     else if (array_.unusedFrom(place) == array_.places())

@@ -3,11 +3,12 @@
 #include "tests/support/TemporaryFolder.h"
 #include <gtest/gtest.h>
 #include <tcpd.h>
+#include <thread>
 
 namespace {
 
 using Clock = Agent::AccessFile::Clock;
-using namespace std::chrono_literals;
+using namespace std::literals;
 
 constexpr auto later = 10s; // long enough for a change to be settled
 
@@ -40,8 +41,7 @@ private:
 };
 
 TEST_F(AccessFile, IsNotReadWhileItHoldsNoRule) {
-  for (auto const * text :
-       {"", "\n", "# nobody is denied\n", " \t\n#\n\n", "# goes on \\\n# here\n"}) {
+  for (auto const * text : {"", "\n", "# nobody is denied\n", " \t\n#\n\n"}) {
     write(text);
     Agent::AccessFile file(hosts_deny_table);
     file.look(Clock::now() + later);
@@ -61,8 +61,8 @@ TEST_F(AccessFile, IsReadWhenItHoldsARule) {
 }
 
 TEST_F(AccessFile, IsReadWhenLibwrapWouldComplainOfIt) {
-  using namespace std::literals;
-  for (auto const & text : {"# does not end"s, "#\0\n"s, "#" + std::string(2000, 'x') + "\n"}) {
+  for (auto const & text : {"# does not end"s, "# goes on \\\n# here\n"s, "# or not \\\n"s,
+                            "#\0\n"s, "#" + std::string(2000, 'x') + "\n"}) {
     write(text);
     Agent::AccessFile file(hosts_deny_table);
     file.look(Clock::now() + later);
@@ -87,6 +87,24 @@ TEST_F(AccessFile, IsLookedIntoAgainWhenItHasChanged) {
   write("#ALL: ALL\n");
   file.look(Clock::now() + 3 * later);
   EXPECT_FALSE(isLeftToLibwrap());
+}
+
+TEST_F(AccessFile, IsLookedIntoAgainWhenOnlyItsTimeTellsOfTheChange) {
+  write("#LL: ALL\n");
+  Agent::AccessFile file(hosts_deny_table);
+  file.look(Clock::now() + later);
+  ASSERT_FALSE(isLeftToLibwrap());
+  std::this_thread::sleep_for(50ms); // the file system's clock tells nothing shorter apart
+  write("ALL: ALL\n");
+  file.look(Clock::now() + 2 * later);
+  EXPECT_FALSE(isAllowed());
+}
+
+TEST_F(AccessFile, IsLeftToLibwrapWhenItIsAFolder) {
+  std::filesystem::create_directory(hosts_deny_table);
+  Agent::AccessFile file(hosts_deny_table);
+  file.look(Clock::now() + later);
+  EXPECT_TRUE(isLeftToLibwrap());
 }
 
 TEST_F(AccessFile, MayBeMissing) {

@@ -70,6 +70,13 @@ ToyShape withColumns(std::vector<unsigned int> columns, bool ranges) {
 
 std::vector<Oid> const simple{{0}, {1}, {3}, {4}, {5}, {7}, {9}, {10}};
 
+Oid longString(oid length, oid number) {
+  Oid index(1 + length, 65);
+  index.front() = length;
+  index.push_back(number);
+  return index;
+}
+
 std::vector<Case> cases() {
   std::vector<Case> all{
       {"Empty", withRows({}), simple},
@@ -83,6 +90,21 @@ std::vector<Case> cases() {
        mixed({ASN_INTEGER, ASN_OCTET_STR, ASN_PRIV_IMPLIED_OCTET_STR},
              {{5, 1, 0, 65}, {5, 2, 1, 255, 66, 66}, {5, 2, 2, 0, 66}, {7, 1, 9, 9, 9}}),
        {{5, 2, 1, 255, 66, 66}, {5, 2, 1, 256, 66}, {7, 1, 9, 9, 9}, {6, 0, 1}}},
+      {"SeveralStrings",
+       mixed({ASN_OCTET_STR, ASN_OCTET_STR, ASN_INTEGER},
+             {{1, 10, 1, 65, 3}, {1, 10, 2, 65, 66, 3}, {2, 10, 11, 1, 255, 4294967295}}),
+       {{1, 10, 1, 65, 3},
+        {1, 266, 1, 65, 3},
+        {1, 10, 1, 65, 3, 9},
+        {1, 10, 4294967295, 65, 3},
+        {2, 10, 11, 1, 255, 4294967295},
+        {1, 10, 0, 3},
+        {0, 0, 0},
+        {1, 10, 2, 65, 256, 3}}},
+      {"LongStrings",
+       mixed({ASN_OCTET_STR, ASN_INTEGER},
+             {longString(60, 7), longString(100, 1), {1, 65, 2}, {0, 5}}),
+       {longString(60, 7), {1, 65, 2}, longString(100, 1), {1, 66, 0}, longString(99, 1)}},
       {"ObjectIndexes",
        mixed({ASN_OBJECT_ID, ASN_IPADDRESS, ASN_UNSIGNED},
              {{2, 1, 3, 10, 0, 0, 1, 7}, {3, 1, 3, 6, 10, 0, 0, 1, 7}}),
