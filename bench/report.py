@@ -154,7 +154,7 @@ def text(results):
     parts = []
     served = {name: results[name] for name in TABLES if name in results}
     if served:
-        parts.append("## Serving a table\n\n" + walks(served))
+        parts.append(f"## Serving a table\n\n{NOTES['serving']}\n\n" + walks(served))
     for name, section in SECTIONS.items():
         if section and name in results:
             title, make = section
@@ -163,16 +163,21 @@ def text(results):
 
 
 NOTES = {
-    "steps": "A small and a large agent side by side, each round by turns.",
-    "latency": "Single GETs of random instances of tunnelIfTable, each sent when the one before is "
-               "answered: while nothing else goes on; from the start's \"listening\" until ready; "
+    "serving": "All modes run side by side and take turns; each is the same agent, engine and event "
+               "loop, and all answer a walk with the same bytes. Agents and manager share one core, "
+               "because an answer that wakes a manager on another one costs what the machine takes "
+               "for that. The rows of a table have every second number as their ifIndex, so that "
+               "what is not there has neighbours.",
+    "steps": "A small and a large agent side by side, each round by turns, on one core as above.",
+    "latency": "Three repetitions, on all cores. Single GETs of random instances of "
+               "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
                "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
              "with the real scheduler.",
     "changes": "CPU time of one change of an input record to the row that shows it, for random "
                "tunnels.",
-    "memory": "Every allocation counted, with what `malloc` adds to it.",
+    "memory": "One run. Every allocation counted, with what `malloc` adds to it.",
 }
 
 
@@ -181,12 +186,7 @@ def document(results, command, pictures):
     rounds = len(next(iter(results["if"].values()))["get"]["e"])
     meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
     shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
-    return (f"# Performance figures\n\nWritten by `{command}`. Every figure is a median of {rounds} "
-            f"rounds with the lowest and the highest in brackets; ratios are taken within a "
-            f"round. All modes run side by side and take turns; each is the same agent, engine "
-            f"and event loop, and all answer a walk with the same bytes. CPU time is that of the "
-            f"agent's process; agents and manager share one core, because an answer that wakes a "
-            f"manager on another one costs what the machine takes for that. The rows of a table "
-            f"have every second number as their ifIndex, so that what is not there has "
-            f"neighbours.\n\n{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n"
-            + text(results))
+    return (f"# Performance figures\n\nWritten by `{command}`. A figure is a median with the lowest "
+            f"and the highest in brackets, of {rounds} rounds where nothing else is said; ratios "
+            f"are taken within a round. CPU time is that of one process.\n\n"
+            f"{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n" + text(results))
