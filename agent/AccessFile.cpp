@@ -9,8 +9,8 @@ namespace Agent {
 
 namespace {
 
-/// Anything but a comment and a blank line; also what libwrap complains of: a line that does not
-/// end, is long, or holds an octet of zero.
+/// Anything but a comment and a blank line. Also a comment that goes on in the next line, and what
+/// libwrap complains of: a line that does not end, is long, or holds an octet of zero.
 bool isRule(std::string const & line, bool ends) {
   constexpr std::size_t longest = 1000; // not all that libwrap takes, and more than comments need
   auto const decidesNothing = line.starts_with('#') || line.find_first_not_of(" \t") == line.npos;

@@ -2,6 +2,7 @@
 #include "agent/AccessFile.h"
 #include "tests/support/TemporaryFolder.h"
 #include <gtest/gtest.h>
+#include <memory>
 #include <tcpd.h>
 #include <thread>
 
@@ -24,6 +25,13 @@ protected:
   }
 
   void write(std::string const & text) const { folder_.write("deny", text); }
+  /// The file with that text, when it has been looked at.
+  std::unique_ptr<Agent::AccessFile> seen(std::string const & text) const {
+    write(text);
+    auto file = std::make_unique<Agent::AccessFile>(hosts_deny_table);
+    file->look(Clock::now() + later);
+    return file;
+  }
   bool isAllowed() const {
     char daemon[] = "tunnelsnmpd";
     char unknown[] = STRING_UNKNOWN;
@@ -42,9 +50,7 @@ private:
 
 TEST_F(AccessFile, IsNotReadWhileItHoldsNoRule) {
   for (auto const * text : {"", "\n", "# nobody is denied\n", " \t\n#\n\n"}) {
-    write(text);
-    Agent::AccessFile file(hosts_deny_table);
-    file.look(Clock::now() + later);
+    auto const file = seen(text);
     EXPECT_FALSE(isLeftToLibwrap()) << text;
     EXPECT_TRUE(isAllowed()) << text;
   }
@@ -52,9 +58,7 @@ TEST_F(AccessFile, IsNotReadWhileItHoldsNoRule) {
 
 TEST_F(AccessFile, IsReadWhenItHoldsARule) {
   for (auto const * text : {"ALL: ALL\n", "# all\nALL: ALL\n", "\n\ntunnelsnmpd: 192.0.2.\n"}) {
-    write(text);
-    Agent::AccessFile file(hosts_deny_table);
-    file.look(Clock::now() + later);
+    auto const file = seen(text);
     EXPECT_TRUE(isLeftToLibwrap()) << text;
     EXPECT_FALSE(isAllowed()) << text;
   }
@@ -63,9 +67,7 @@ TEST_F(AccessFile, IsReadWhenItHoldsARule) {
 TEST_F(AccessFile, IsReadWhenLibwrapWouldComplainOfIt) {
   for (auto const & text : {"# does not end"s, "# goes on \\\n# here\n"s, "# or not \\\n"s,
                             "#\0\n"s, "#" + std::string(2000, 'x') + "\n"}) {
-    write(text);
-    Agent::AccessFile file(hosts_deny_table);
-    file.look(Clock::now() + later);
+    auto const file = seen(text);
     EXPECT_TRUE(isLeftToLibwrap()) << text;
   }
 }
