@@ -1,4 +1,4 @@
-"""Measures, prints tables (the rounds themselves go to results.json), and with --record writes docs/performance-figures.md and its pictures.
+"""Measures, prints tables (the figures themselves go to results.json), and with --record writes docs/performance-figures.md and its pictures.
 Called by bench/run, which builds first."""
 
 import argparse

@@ -1,5 +1,5 @@
-"""What is measured, round by round. In each round every mode has its turn, so that what else goes
-on in the machine meets all of them; figures are compared within a round."""
+"""What is measured, round by round. In each round every mode has its turns, which are short, so that
+what else goes on in the machine meets all of them; figures are compared turn by turn."""
 
 import contextlib
 import json
@@ -13,7 +13,7 @@ from agents import MODES, OURS, PATIENCE
 TABLES = {"if": "tunnelIfTable", "inet": "tunnelInetConfigTable",
           "ipsec": "velmoraIpsecTunnelIfTable"}
 COLUMNS = {"if": 7, "inet": 3, "ipsec": 1}
-OPERATIONS = ("bulk50", "get", "next", "miss")
+OPERATIONS = {"bulk50": 2, "get": 5, "next": 5, "miss": 5}  # each with its turns in a round
 
 
 @contextlib.contextmanager
@@ -42,34 +42,35 @@ class Measure:
         share = 4 if self.quick else 1
         if operation == "bulk50":  # whole walks
             walk = rows * COLUMNS[table]
-            return walk * max(1, 100000 // share // walk)
-        if operation == "miss" and mode in OURS:  # may look at every row
-            return max(50, min(5000, 6_000_000 // rows) // share)
-        return 5000 // share
+            return walk * max(1, 50000 // share // walk)
+        if operation == "miss" and mode == "stock":  # looks at every row
+            return max(10, min(1000, 1_000_000 // rows) // share)
+        return 1000 // share
 
     def table(self, table):
-        """{rows: {operation: {mode: [ns of each round]}}}"""
-        return {rows: self._rounds(table, rows, OPERATIONS) for rows in self.sizes}
+        """{rows: {operation: {mode: [ns of each turn]}}}"""
+        return {rows: self._rounds(table, rows) for rows in self.sizes}
 
     @one_core()
-    def _rounds(self, table, rows, operations):
-        figures = {operation: {mode: [] for mode in self.modes} for operation in operations}
+    def _rounds(self, table, rows):
+        figures = {operation: {mode: [] for mode in self.modes} for operation in OPERATIONS}
         with self.workshop.agents(self.modes, table, rows) as agents:
             self.require_same_answers(agents, table, rows)
             for number in range(self.rounds + 1):
                 progress(f"{TABLES[table]}, {rows} rows, round {number}")
-                for operation in operations:
-                    for mode, agent in agents.items():
-                        figure = self.turn(agent, table, rows, mode, operation, number)
-                        if number > 0:  # the first one warms up
-                            figures[operation][mode].append(figure)
+                for operation, turns in OPERATIONS.items():
+                    for seed in range(number * turns, (number + 1) * turns):
+                        for mode in rotated(self.modes, seed):
+                            figure = self.turn(agents[mode], table, rows, mode, operation, seed)
+                            if number > 0:  # the first one warms up
+                                figures[operation][mode].append(figure)
         return figures
 
-    def turn(self, agent, table, rows, mode, operation, number):
+    def turn(self, agent, table, rows, mode, operation, seed):
         """Nanoseconds of the agent's CPU for one varbind."""
         count = self.varbinds(table, rows, mode, operation)
         answer = self.workshop.ask(agent, table, rows, operation, "--varbinds", count,
-                                   "--seed", number)
+                                   "--seed", seed)
         return answer["cpuNs"] / answer["varbinds"]
 
     def require_same_answers(self, agents, table, rows):
@@ -94,7 +95,7 @@ class Measure:
                 self.workshop.agents([mode], table, sizes[1]) as large:
             for number in range(self.rounds + 1):
                 progress(f"step of {mode}, {TABLES[table]}, round {number}")
-                for rows, agents in zip(sizes, (small, large)):
+                for rows, agents in rotated(list(zip(sizes, (small, large))), number):
                     figure = self.turn(agents[mode], table, rows, mode, "bulk50", number)
                     if number > 0:
                         figures[rows].append(figure)
@@ -183,6 +184,12 @@ class Polling:
             if self.child.returncode != 0:
                 raise SystemExit("bench: a request was not answered")
             self.figures.append(json.loads(out))
+
+
+def rotated(modes, number):
+    """In another order each time: who comes behind a pause, or behind whom, costs a little."""
+    first = number % len(modes)
+    return modes[first:] + modes[:first]
 
 
 def nanoseconds(result):

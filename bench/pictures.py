@@ -23,8 +23,10 @@ def lines(axes, of_name, scale, log):
     ends = []
     for name, by_rows in of_name.items():
         medians = [statistics.median(values) * scale for values in by_rows.values()]
-        low = [min(values) * scale for values in by_rows.values()]
-        high = [max(values) * scale for values in by_rows.values()]
+        quartiles = [statistics.quantiles(values, method="inclusive")
+                     for values in by_rows.values()]
+        low = [lower * scale for lower, _, _ in quartiles]
+        high = [upper * scale for _, _, upper in quartiles]
         axes.plot(list(by_rows), medians, color=COLOURS[name], marker="o", markersize=3,
                   linewidth=1.4)
         axes.fill_between(list(by_rows), low, high, color=COLOURS[name], alpha=0.15, linewidth=0)

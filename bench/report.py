@@ -1,4 +1,4 @@
-"""The figures as tables in Markdown: medians, with the lowest and the highest round in brackets."""
+"""The figures as tables in Markdown: medians, with the middle half of the figures in brackets."""
 
 import datetime
 import os
@@ -30,13 +30,13 @@ BENCHMARK_TITLES = {
 
 
 def spread(values, form="{:.2f}"):
-    """The median, then the lowest and the highest."""
-    parts = (statistics.median(values), min(values), max(values))
-    return "{} ({}..{})".format(*(form.format(part) for part in parts))
+    """The median, then the quartiles."""
+    lower, median, upper = statistics.quantiles(values, method="inclusive")
+    return "{} ({}..{})".format(*(form.format(part) for part in (median, lower, upper)))
 
 
 def ratios(values, base):
-    """Round by round."""
+    """Turn by turn."""
     return [value / other for value, other in zip(values, base)]
 
 
@@ -183,10 +183,12 @@ NOTES = {
 
 def document(results, command, pictures):
     modes = [mode for mode in MEANINGS if mode in next(iter(results["if"].values()))["get"]]
-    rounds = len(next(iter(results["if"].values()))["get"]["e"])
+    of_rows = next(iter(results["if"].values()))
+    walk_turns, request_turns = (len(of_rows[name]["e"]) for name in ("bulk50", "get"))
     meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
     shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
-    return (f"# Performance figures\n\nWritten by `{command}`. A figure is a median with the lowest "
-            f"and the highest in brackets, of {rounds} rounds where nothing else is said; ratios "
-            f"are taken within a round. CPU time is that of one process.\n\n"
+    return (f"# Performance figures\n\nWritten by `{command}`. A figure is a median, with the "
+            f"quartiles in brackets (half of all lies between them): of {request_turns} turns for "
+            f"single requests, of {walk_turns} for walks, of {walk_turns // 2} rounds where nothing "
+            f"else is said. Ratios are taken turn by turn. CPU time is that of one process.\n\n"
             f"{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n" + text(results))
