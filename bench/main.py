@@ -34,9 +34,9 @@ def measure(options):
                 "changes": lambda: work.machines("change")}
         for section in options.only or report.SECTIONS:
             results[section] = work.table(section) if section in TABLES else make[section]()
-            print("\n" + report.text({section: results[section]}), flush=True)
             options.binaries.with_name("results.json").write_text(json.dumps(results),
                                                                   encoding="utf-8")
+            print("\n" + report.text({section: results[section]}), flush=True)
     return results
 
 

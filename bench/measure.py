@@ -4,6 +4,7 @@ what else goes on in the machine meets all of them; figures are compared turn by
 import contextlib
 import json
 import os
+import random
 import signal
 import subprocess
 import sys
@@ -60,7 +61,7 @@ class Measure:
                 progress(f"{TABLES[table]}, {rows} rows, round {number}")
                 for operation, turns in OPERATIONS.items():
                     for seed in range(number * turns, (number + 1) * turns):
-                        for mode in rotated(self.modes, seed):
+                        for mode in shuffled(self.modes, seed):
                             figure = self.turn(agents[mode], table, rows, mode, operation, seed)
                             if number > 0:  # the first one warms up
                                 figures[operation][mode].append(figure)
@@ -95,7 +96,7 @@ class Measure:
                 self.workshop.agents([mode], table, sizes[1]) as large:
             for number in range(self.rounds + 1):
                 progress(f"step of {mode}, {TABLES[table]}, round {number}")
-                for rows, agents in rotated(list(zip(sizes, (small, large))), number):
+                for rows, agents in shuffled(list(zip(sizes, (small, large))), number):
                     figure = self.turn(agents[mode], table, rows, mode, "bulk50", number)
                     if number > 0:
                         figures[rows].append(figure)
@@ -186,10 +187,9 @@ class Polling:
             self.figures.append(json.loads(out))
 
 
-def rotated(modes, number):
+def shuffled(modes, seed):
     """In another order each time: who comes behind a pause, or behind whom, costs a little."""
-    first = number % len(modes)
-    return modes[first:] + modes[:first]
+    return random.Random(seed).sample(modes, len(modes))
 
 
 def nanoseconds(result):

@@ -6,7 +6,7 @@ import platform
 import statistics
 import subprocess
 
-from measure import TABLES
+from measure import OPERATIONS, TABLES
 
 MEANINGS = {
     "e": "the floor: a handler that computes the row, called for each repetition of a GETBULK",
@@ -29,10 +29,16 @@ BENCHMARK_TITLES = {
 }
 
 
-def spread(values, form="{:.2f}"):
+def spread(values):
     """The median, then the quartiles."""
     lower, median, upper = statistics.quantiles(values, method="inclusive")
-    return "{} ({}..{})".format(*(form.format(part) for part in (median, lower, upper)))
+    return f"{median:.2f} ({lower:.2f}..{upper:.2f})"
+
+
+def reach(values):
+    """The median, then the lowest and the highest: of a few long measurements."""
+    parts = (statistics.median(values), min(values), max(values))
+    return "{:.2f} ({:.2f}..{:.2f})".format(*parts)
 
 
 def ratios(values, base):
@@ -82,8 +88,8 @@ def latency(figures):
         for phase, repetitions in phases.items():
             columns = ([run[key] / 1000 for run in repetitions]
                        for key in ("p50Us", "p99Us", "maxUs"))
-            lines.append([f"{mode}, {phase}", *(spread(column) for column in columns),
-                          spread([run["seconds"] for run in repetitions]),
+            lines.append([f"{mode}, {phase}", *(reach(column) for column in columns),
+                          reach([run["seconds"] for run in repetitions]),
                           str(sum(run["count"] for run in repetitions))])
     return table(["", "median, ms", "99 of 100 within, ms", "longest, ms", "lasted, s", "requests"],
                  lines)
@@ -169,7 +175,7 @@ NOTES = {
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
     "steps": "A small and a large agent side by side, each round by turns, on one core as above.",
-    "latency": "Three repetitions, on all cores. Single GETs of random instances of "
+    "latency": "A few repetitions, the lowest and the highest in brackets, on all cores. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
                "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
@@ -185,10 +191,11 @@ def document(results, command, pictures):
     modes = [mode for mode in MEANINGS if mode in next(iter(results["if"].values()))["get"]]
     of_rows = next(iter(results["if"].values()))
     walk_turns, request_turns = (len(of_rows[name]["e"]) for name in ("bulk50", "get"))
+    rounds = walk_turns // OPERATIONS["bulk50"]
     meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
     shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
     return (f"# Performance figures\n\nWritten by `{command}`. A figure is a median, with the "
             f"quartiles in brackets (half of all lies between them): of {request_turns} turns for "
-            f"single requests, of {walk_turns} for walks, of {walk_turns // 2} rounds where nothing "
+            f"single requests, of {walk_turns} for walks, of {rounds} rounds where nothing "
             f"else is said. Ratios are taken turn by turn. CPU time is that of one process.\n\n"
             f"{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n" + text(results))

@@ -197,6 +197,37 @@ TEST(HashMapValues, AreReleasedWhenTheMapIsConsistentAgain) {
   EXPECT_EQ(sizeSeen, 0u);
 }
 
+// What ends with a value may look at the map, and change it.
+TEST(RbTreeMapValues, AreReleasedWhenTheMapIsConsistentAgain) {
+  struct Watcher;
+  using Map = Zel::RbTreeMap<std::uint32_t, std::shared_ptr<Watcher>>;
+  struct Watcher {
+    Map & map;
+    std::vector<std::size_t> & sizesSeen;
+    ~Watcher() {
+      sizesSeen.push_back(map.size());
+      if (auto const other = map.find(2); other != map.end())
+        map.erase(other);
+    }
+  };
+  std::vector<std::size_t> sizesSeen;
+  Map map;
+  auto const watchedBeside = [&](std::uint32_t other) {
+    map.insertOrReplace(1, std::make_shared<Watcher>(map, sizesSeen));
+    map.insertOrReplace(other, nullptr);
+  };
+  watchedBeside(2);
+  map.insertOrReplace(1, nullptr);
+  EXPECT_THAT(keysOf(map), ElementsAre(1));
+  watchedBeside(2);
+  map.erase(map.find(1));
+  EXPECT_TRUE(map.empty());
+  watchedBeside(3);
+  map.clear();
+  EXPECT_TRUE(map.empty());
+  EXPECT_THAT(sizesSeen, ElementsAre(2, 1, 0)) << "replaced, erased, cleared";
+}
+
 TEST(RbTreeMap, AgreesWithTheStandardMapAfterEveryStep) {
   std::mt19937 random(testSeed());
   Zel::RbTreeMap<std::uint32_t, std::string> map;
