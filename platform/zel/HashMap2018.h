@@ -112,8 +112,14 @@ public:
   }
   /// The value of `key`, or null. Lives until the next insertion or removal, or its replacement.
   Value const * find(Key const & key) const {
-    auto const place = placeOf(key);
-    return holds(place, key) ? &array_[place].second : nullptr;
+    auto const hash = hasher_(key);
+    auto const home = homeOf(hash);
+    auto const far = home + nearHome;
+    auto const gap = array_.unusedFrom(home); // there is none between an entry and its home
+    for (auto place = home; place < std::min(gap, far); ++place)
+      if (array_[place].first == key)
+        return &array_[place].second;
+    return gap < far ? nullptr : findFar(hash, key);
   }
 
   /// Makes room for so many entries in all, and thus spares an insertion from having to.
@@ -163,6 +169,8 @@ public:
 private:
   static constexpr std::size_t none = SIZE_MAX;
   static constexpr std::size_t shortestTail = 32;
+  /// Nearly every key is nearer to its home than this, and so many are soon compared.
+  static constexpr std::size_t nearHome = 8;
   /// The hash of a small plain key is sooner computed than fetched from a second array.
   static constexpr bool keepsHashes = !std::is_trivially_copyable_v<Key> ||
                                       sizeof(Key) > sizeof(std::uint64_t);
@@ -272,6 +280,10 @@ private:
   }
   bool holds(std::size_t place, Key const & key) const {
     return array_.isUsed(place) && array_[place].first == key;
+  }
+  Value const * findFar(std::uint32_t hash, Key const & key) const {
+    auto const place = placeOf(hash, key);
+    return holds(place, key) ? &array_[place].second : nullptr;
   }
   void move(std::size_t from, std::size_t to) {
     array_.put(to, array_.hashAt(from), std::move(array_[from]));
