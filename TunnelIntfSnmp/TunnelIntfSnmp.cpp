@@ -133,17 +133,35 @@ std::uint32_t connStateColumn(Ipsec::Ike::ConnState state) {
 } // namespace
 
 std::uint32_t IpsecTunnelIfTableEntry::connState() const {
+  auto const * applied = connection();
+  return applied == nullptr ? 0 : connStateColumn(applied->connState());
+}
+
+void const * IpsecTunnelIfTableEntry::connStateSource() const {
+  return found_ != nullptr ? static_cast<void const *>(found_) : tunnelIntfStatus_.get();
+}
+
+// What is not there is looked for each time, and traced.
+Ipsec::Ike::IpsecTunnelProfileInfo const * IpsecTunnelIfTableEntry::connection() const {
+  auto const revision = Ipsec::Ike::directoryRevision();
+  if (found_ == nullptr || foundAt_ != revision) {
+    found_ = findConnection();
+    foundAt_ = revision;
+  }
+  return found_;
+}
+
+Ipsec::Ike::IpsecTunnelProfileInfo const * IpsecTunnelIfTableEntry::findConnection() const {
   auto const intfId = tunnelIntfStatus_->intfId();
   auto const * info = lookUp(ikeStatus_->ipsecTunnelInfo(), intfId, "No tunnelInfo for {}");
   if (info == nullptr)
-    return 0;
+    return nullptr;
   auto const * connections = lookUp(ikeStatus_->appliedProfiles(), info->profileName(),
                                     "No appliedProfile profileConnectionMap for profile {}");
   if (connections == nullptr)
-    return 0;
-  auto const * applied = lookUp(connections->appliedIntfId(), intfId,
-                                "No appliedIntfId tunnelProfileInfo for intfId {}");
-  return applied == nullptr ? 0 : connStateColumn(applied->connState());
+    return nullptr;
+  return lookUp(connections->appliedIntfId(), intfId,
+                "No appliedIntfId tunnelProfileInfo for intfId {}");
 }
 
 // tunnelInetConfigTable

@@ -70,11 +70,21 @@ public:
   /// The column's number of the connection state that the IKE status has for the interface now; 0
   /// when it knows nothing of the interface. Requires: both records are set.
   std::uint32_t connState() const;
+  /// Where connState() will read, as far as the row knows; never null. Only to be fetched from
+  /// memory: it may be gone.
+  void const * connStateSource() const;
 
 private:
+  Ipsec::Ike::IpsecTunnelProfileInfo const * connection() const;
+  Ipsec::Ike::IpsecTunnelProfileInfo const * findConnection() const;
+
   std::uint32_t const ifIndex_;
   StatusPtr const tunnelIntfStatus_;
   IkeStatusPtr const ikeStatus_;
+  // Where the connection was found last: a walk through many rows waits for memory at each of the
+  // four look-ups. Not what was read there.
+  Ipsec::Ike::IpsecTunnelProfileInfo const mutable * found_ = nullptr;
+  std::uint64_t mutable foundAt_ = 0; // the directory's revision then
 };
 
 /// The index of tunnelInetConfigTable (RFC 4087). A value; its address type travels in

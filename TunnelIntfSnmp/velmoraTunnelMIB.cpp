@@ -24,9 +24,7 @@ struct VelmoraIpsecTunnelIfTable {
   static void setIndexes(IpsecTunnelIfTableEntry const & row, netsnmp_variable_list * index) {
     IndexWriter(name, index).unsigned32("ifIndex", row.ifIndex());
   }
-  static void const * record(IpsecTunnelIfTableEntry const & row) {
-    return row.tunnelIntfStatus().get();
-  }
+  static void const * record(IpsecTunnelIfTableEntry const & row) { return row.connStateSource(); }
   static bool get(IpsecTunnelIfTableEntry const & row, unsigned int, Answer & answer) {
     return answer.unsigned32(row.connState(), "connState");
   }

@@ -126,7 +126,13 @@ namespace Ipsec::Ike {
 namespace {
 constexpr std::array<std::string_view, 8> stateNames{"none", "down",    "connecting", "ikeUp",
                                                      "up",   "unknown", "rekeying",   "closing"};
+
+std::uint64_t revision = 1;
 } // namespace
+
+std::uint64_t directoryRevision() {
+  return revision;
+}
 
 std::string valueToStrep(ConnState state) {
   auto const number = static_cast<std::size_t>(state);
@@ -173,10 +179,12 @@ Zel::Type const & IpsecProfileConnectionMap::type() const {
 
 void IpsecProfileConnectionMap::appliedIntfIdIs(Plexa::IntfId intfId,
                                                 Zel::Ptr<IpsecTunnelProfileInfo> info) {
+  ++revision;
   if (replaced(appliedIntfId_, intfId, info))
     notify(appliedIntfIdAttribute(), intfId);
 }
 void IpsecProfileConnectionMap::appliedIntfIdDel(Plexa::IntfId intfId) {
+  ++revision;
   if (appliedIntfId_.erase(intfId))
     notify(appliedIntfIdAttribute(), intfId);
 }
@@ -196,6 +204,7 @@ Zel::Type const & TunnelInfo::type() const {
 void TunnelInfo::profileNameIs(std::string_view profileName) {
   if (profileName_ == profileName)
     return;
+  ++revision;
   profileName_ = profileName;
   notify(profileNameAttribute());
 }
@@ -212,19 +221,23 @@ Zel::Type const & Status::type() const {
 }
 
 void Status::ipsecTunnelInfoIs(Plexa::IntfId intfId, Zel::Ptr<TunnelInfo> info) {
+  ++revision;
   if (replaced(ipsecTunnelInfo_, intfId, info))
     notify(ipsecTunnelInfoAttribute(), intfId);
 }
 void Status::ipsecTunnelInfoDel(Plexa::IntfId intfId) {
+  ++revision;
   if (ipsecTunnelInfo_.erase(intfId))
     notify(ipsecTunnelInfoAttribute(), intfId);
 }
 void Status::appliedProfilesIs(std::string const & profile,
                                Zel::Ptr<IpsecProfileConnectionMap> map) {
+  ++revision;
   if (replaced(appliedProfiles_, profile, map))
     notify(appliedProfilesAttribute(), profile);
 }
 void Status::appliedProfilesDel(std::string profile) {
+  ++revision;
   if (appliedProfiles_.erase(profile))
     notify(appliedProfilesAttribute(), profile);
 }

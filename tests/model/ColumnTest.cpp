@@ -1,7 +1,10 @@
 // The columns that are computed from the input records at the moment they are read.
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include "tests/support/TraceRecorder.h"
+#include <functional>
 #include <gmock/gmock.h>
+#include <utility>
+#include <vector>
 
 namespace TunnelIntfSnmp {
 namespace {
@@ -129,6 +132,95 @@ TEST_F(ConnState, TakesANullRecordForAMissingOne) {
   ike_->appliedProfilesIs("p", map);
   map->appliedIntfIdIs(id_, nullptr);
   EXPECT_THAT(traced(0), ElementsAre("No appliedIntfId tunnelProfileInfo for intfId 42"));
+}
+
+/// A connection that is up, and that has been read before.
+class ConnStateAgain : public ConnState {
+protected:
+  using Connection = Ipsec::Ike::IpsecTunnelProfileInfo;
+
+  ConnStateAgain() {
+    applied_->connStateIs(Ipsec::Ike::ConnState::up);
+    connections_->appliedIntfIdIs(id_, applied_);
+    ike_->appliedProfilesIs("p", connections_);
+    info_->profileNameIs("p");
+    ike_->ipsecTunnelInfoIs(id_, info_);
+    EXPECT_EQ(row_.connState(), 4u);
+  }
+  static Zel::Ptr<Connection> connecting() {
+    auto connection = Zel::makePtr<Connection>();
+    connection->connStateIs(Ipsec::Ike::ConnState::connecting);
+    return connection;
+  }
+  static Zel::Ptr<Ipsec::Ike::IpsecProfileConnectionMap> connectionsOf(Plexa::IntfId id) {
+    auto connections = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
+    connections->appliedIntfIdIs(id, connecting());
+    return connections;
+  }
+
+  Zel::Ptr<Connection> applied_ = Zel::makePtr<Connection>();
+  Zel::Ptr<Ipsec::Ike::IpsecProfileConnectionMap> connections_ =
+      Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
+  Zel::Ptr<Ipsec::Ike::TunnelInfo> info_ = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
+};
+
+TEST_F(ConnStateAgain, FollowsTheRecord) {
+  applied_->connStateIs(Ipsec::Ike::ConnState::down);
+  EXPECT_EQ(row_.connState(), 1u);
+}
+
+TEST_F(ConnStateAgain, FollowsTheInterfaceToAnotherRecord) {
+  connections_->appliedIntfIdIs(id_, connecting());
+  EXPECT_EQ(row_.connState(), 2u);
+  connections_->appliedIntfIdIs(id_, nullptr);
+  EXPECT_THAT(traced(0), ElementsAre("No appliedIntfId tunnelProfileInfo for intfId 42"));
+  connections_->appliedIntfIdIs(id_, applied_);
+  EXPECT_EQ(row_.connState(), 4u);
+  connections_->appliedIntfIdDel(id_);
+  EXPECT_THAT(traced(0), ElementsAre("No appliedIntfId tunnelProfileInfo for intfId 42"));
+  EXPECT_THAT(traced(0), ElementsAre("No appliedIntfId tunnelProfileInfo for intfId 42"));
+}
+
+TEST_F(ConnStateAgain, FollowsTheProfileToAnotherMap) {
+  ike_->appliedProfilesIs("p", connectionsOf(id_));
+  EXPECT_EQ(row_.connState(), 2u);
+  ike_->appliedProfilesDel("p");
+  EXPECT_THAT(traced(0), ElementsAre("No appliedProfile profileConnectionMap for profile p"));
+  ike_->appliedProfilesIs("p", connections_);
+  EXPECT_EQ(row_.connState(), 4u);
+}
+
+TEST_F(ConnStateAgain, FollowsTheInterfaceToAnotherProfile) {
+  ike_->appliedProfilesIs("q", connectionsOf(id_));
+  EXPECT_EQ(row_.connState(), 4u);
+  info_->profileNameIs("q");
+  EXPECT_EQ(row_.connState(), 2u);
+  auto const other = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
+  other->profileNameIs("p");
+  ike_->ipsecTunnelInfoIs(id_, other);
+  EXPECT_EQ(row_.connState(), 4u);
+  ike_->ipsecTunnelInfoDel(id_);
+  EXPECT_THAT(traced(0), ElementsAre("No tunnelInfo for 42"));
+}
+
+TEST_F(ConnStateAgain, IsThatOfTheNewRecordWhereTheOldOneEnds) {
+  struct Ending : Connection {
+    explicit Ending(std::function<void()> atEnd) : atEnd_(std::move(atEnd)) {}
+    ~Ending() override { atEnd_(); }
+    std::function<void()> const atEnd_;
+  };
+  std::vector<std::uint32_t> seen;
+  auto const look = [&] { seen.push_back(row_.connState()); };
+  connections_->appliedIntfIdIs(id_, Zel::makePtr<Ending>(look));
+  EXPECT_EQ(row_.connState(), 0u);
+  connections_->appliedIntfIdIs(id_, Zel::makePtr<Ending>(look));
+  EXPECT_EQ(row_.connState(), 0u);
+  connections_->appliedIntfIdIs(id_, applied_);
+  connections_->appliedIntfIdIs(id_, Zel::makePtr<Ending>(look));
+  EXPECT_EQ(row_.connState(), 0u);
+  connections_->appliedIntfIdDel(id_);
+  EXPECT_THAT(seen, ElementsAre(0u, 4u, 0u));
+  EXPECT_EQ(row_.connState(), 0u);
 }
 
 } // namespace

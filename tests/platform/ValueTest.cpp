@@ -12,6 +12,7 @@
 #include <limits>
 #include <random>
 #include <sstream>
+#include <utility>
 
 namespace {
 
@@ -304,6 +305,38 @@ TEST(IfMib, NotifiesAnotherIfIndexButNotTheSame) {
   ifMib->ifIndexByIntfIdDel(Plexa::IntfId(1));
   ifMib->ifIndexByIntfIdDel(Plexa::IntfId(1));
   EXPECT_EQ(told->attributes.size(), 3u);
+}
+
+TEST(IkeDirectoryRevision, AdvancesWithWhatStandsWhereAndNotWithStates) {
+  auto last = Ipsec::Ike::directoryRevision();
+  auto const advances = [&] {
+    auto const before = std::exchange(last, Ipsec::Ike::directoryRevision());
+    return before < last;
+  };
+  auto const ike = Zel::makePtr<Ipsec::Ike::Status>("ike");
+  auto const info = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
+  auto const map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
+  auto const applied = Zel::makePtr<Ipsec::Ike::IpsecTunnelProfileInfo>();
+  Plexa::IntfId const id(7);
+
+  info->profileNameIs("p");
+  EXPECT_TRUE(advances());
+  info->profileNameIs("p");
+  EXPECT_FALSE(advances());
+  ike->ipsecTunnelInfoIs(id, info);
+  EXPECT_TRUE(advances());
+  ike->appliedProfilesIs("p", map);
+  EXPECT_TRUE(advances());
+  map->appliedIntfIdIs(id, applied);
+  EXPECT_TRUE(advances());
+  applied->connStateIs(Ipsec::Ike::ConnState::up);
+  EXPECT_FALSE(advances());
+  map->appliedIntfIdDel(id);
+  EXPECT_TRUE(advances());
+  ike->appliedProfilesDel("p");
+  EXPECT_TRUE(advances());
+  ike->ipsecTunnelInfoDel(id);
+  EXPECT_TRUE(advances());
 }
 
 TEST(IkeStatus, NotifiesEachOfItsCollectionsAndRecords) {
