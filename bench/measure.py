@@ -134,29 +134,44 @@ class Measure:
 
     # The machines without SNMP
 
-    def machines(self, names):
+    def start(self):
+        return self._machines("start", 2 * self.rounds)
+
+    def changes(self):
+        return self._machines("change", self.rounds)
+
+    def _machines(self, names, rounds):
         """{benchmark: {rows: [ns of each round]}}"""
+        benchmarks = self._benchmarks(names)
         figures = {}
-        for number in range(self.rounds + 1):
+        for name, rows in map(name_and_rows, benchmarks):
+            figures.setdefault(name, {})[rows] = []
+        for number in range(rounds + 1):
             progress(f"machines, {names}, round {number}")
-            for result in self._benchmarks(names):
-                name, rows = result["name"].split("/")
+            for benchmark in shuffled(benchmarks, number):
+                figure = self._benchmark(benchmark)
                 if number > 0:
-                    of_rows = figures.setdefault(name, {}).setdefault(int(rows), [])
-                    of_rows.append(nanoseconds(result) / result.get("changes", 1))
+                    name, rows = name_and_rows(benchmark)
+                    figures[name][rows].append(figure)
         return figures
 
     def _benchmarks(self, names):
         sizes = "|".join(str(rows) for rows in self.sizes)
-        done = subprocess.run([self.workshop.program("benchMachines"), "--benchmark_format=json",
-                               f"--benchmark_filter=^{names}.*/({sizes})$",
-                               "--benchmark_min_time=0.1"],
-                              check=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        results = json.loads(done.stdout)["benchmarks"]
-        for result in results:
-            if result.get("error_occurred"):
-                raise SystemExit(f"bench: {result['name']}: {result['error_message']}")
-        return results
+        return self._bench_machines(f"--benchmark_filter=^{names}[A-Za-z]*/({sizes})(/|$)",
+                                    "--benchmark_list_tests").split()
+
+    def _benchmark(self, name):
+        """Nanoseconds, in a process of its own: what memory one leaves behind costs the next."""
+        out = self._bench_machines(f"--benchmark_filter=^{name}$", "--benchmark_format=json",
+                                   "--benchmark_min_time=0.1")
+        result = json.loads(out)["benchmarks"][0]
+        if result.get("error_occurred"):
+            raise SystemExit(f"bench: {name}: {result['error_message']}")
+        return nanoseconds(result) / result.get("changes", 1)
+
+    def _bench_machines(self, *arguments):
+        return subprocess.run([self.workshop.program("benchMachines"), *arguments], check=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True).stdout
 
     def memory(self):
         progress("memory")
@@ -190,6 +205,11 @@ class Polling:
 def shuffled(modes, seed):
     """In another order each time: who comes behind a pause, or behind whom, costs a little."""
     return random.Random(seed).sample(modes, len(modes))
+
+
+def name_and_rows(benchmark):
+    name, rows = benchmark.split("/")[:2]
+    return name, int(rows)
 
 
 def nanoseconds(result):
