@@ -34,14 +34,22 @@ public:
     LUMO_ASSERT(en(), "Sm args can only be null if marked as Optional in the SM type declaration");
     std::uint64_t iterations = 0;
     Zel::FirstException exception; // of whoever hears of a row: it must not end the scan
-    for (auto position = scanFrom(); position != collection().end();) {
+    auto position = scanFrom();
+    auto ahead = aheadOf(position);
+    while (position != collection().end()) {
+      if (ahead != collection().end())
+        fetchFor(ahead++->first);
       auto const key = position->first;
       auto const stamp = collection().changeStamp();
       exception.run([&] { handleKey(key); });
       keyScanned();
       ++iterations;
-      position =
-          stamp == collection().changeStamp() ? std::next(position) : collection().seekBehind(key);
+      if (stamp == collection().changeStamp()) {
+        ++position;
+      } else {
+        position = collection().seekBehind(key);
+        ahead = aheadOf(position);
+      }
       if (shouldYield() && position != collection().end()) {
         inputScanBookmark_ = position->first;
         scanYields(iterations);
@@ -89,6 +97,9 @@ protected:
   /// One key counts as gone, though the collection still has it.
   virtual void handleGone(Key const & key) = 0;
 
+  /// Has brought near what handleKey() will look into when the scan comes to the key.
+  virtual void fetchFor(Key const & key) const = 0;
+
   /// Records that everything up to now has been heard. Called before a key's event is emitted.
   void observeChangeStamp() { observedChangeStamp_ = collection().changeStamp(); }
   /// The value of the key now. A null value counts as none.
@@ -103,6 +114,8 @@ protected:
 private:
   using Reactor = Flowa::Gen::InReactor<CollectionSm, Key>;
 
+  using Position = typename Map::const_iterator;
+
   Zel::Ptr<Entity const> const & en() const { return input_; }
   Map const & collection() const { return (input_.get()->*Collection)(); }
 
@@ -111,6 +124,12 @@ private:
       return collection().seek(inputScanBookmark_);
     passBegins();
     return collection().begin();
+  }
+
+  // The order of a scan is that of hashes: what the keys stand for lies anywhere in memory.
+  Position aheadOf(Position position) const {
+    constexpr auto keys = 8;
+    return std::ranges::next(position, keys, collection().end());
   }
 
   void handleReactor(Zel::Attribute const & attribute, Key const & key) {
@@ -147,6 +166,7 @@ private:
   void handleGone(Plexa::IntfId const & intfId) override {
     root_.eventToIfMibStream(intfId, std::nullopt);
   }
+  void fetchFor(Plexa::IntfId const & intfId) const override { root_.fetchStatus(intfId); }
 
   Machine & root_;
 };

@@ -9,6 +9,7 @@
 // stays readable until that request is over.
 #pragma once
 
+#include "TunnelIntfSnmp/Fetch.h"
 #include "TunnelIntfSnmp/Printed.h"
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include "platform/Lumo.h"
@@ -123,15 +124,6 @@ private:
   char const * const table_;
   netsnmp_variable_list * next_;
 };
-
-/// Has an object brought near that will be looked into soon. It is larger than one line of memory
-/// and smaller than two. Null does nothing.
-inline void fetch(void const * object) {
-  if (object == nullptr)
-    return;
-  __builtin_prefetch(object);
-  __builtin_prefetch(static_cast<char const *>(object) + 64);
-}
 
 /// The iterator's callbacks for one table. `Table` says what is particular to it:
 ///
