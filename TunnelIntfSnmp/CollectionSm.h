@@ -2,6 +2,7 @@
 // has over the ifIndex map.
 #pragma once
 
+#include "TunnelIntfSnmp/Fetch.h"
 #include "TunnelIntfSnmp/TableSmRuntime.h"
 #include <iterator>
 #include <string_view>
@@ -38,7 +39,7 @@ public:
     auto ahead = aheadOf(position);
     while (position != collection().end()) {
       if (ahead != collection().end())
-        fetchFor(ahead++->first);
+        fetchFor(*ahead++);
       auto const key = position->first;
       auto const stamp = collection().changeStamp();
       exception.run([&] { handleKey(key); });
@@ -97,8 +98,12 @@ protected:
   /// One key counts as gone, though the collection still has it.
   virtual void handleGone(Key const & key) = 0;
 
-  /// Has brought near what handleKey() will look into when the scan comes to the key.
-  virtual void fetchFor(Key const & key) const = 0;
+  /// Has what handleKey() will look into fetched, for a key that the scan soon comes to: a record
+  /// itself, unless the derived child knows better.
+  virtual void fetchFor(typename Map::const_iterator::reference entry) const {
+    if constexpr (requires { entry.second.get(); })
+      fetch(entry.second.get());
+  }
 
   /// Records that everything up to now has been heard. Called before a key's event is emitted.
   void observeChangeStamp() { observedChangeStamp_ = collection().changeStamp(); }
@@ -166,7 +171,10 @@ private:
   void handleGone(Plexa::IntfId const & intfId) override {
     root_.eventToIfMibStream(intfId, std::nullopt);
   }
-  void fetchFor(Plexa::IntfId const & intfId) const override { root_.fetchStatus(intfId); }
+  void fetchFor(typename Map::const_iterator::reference entry) const override {
+    if (initialScanDone()) // before that, no event leads anywhere
+      root_.fetchStatus(entry.first);
+  }
 
   Machine & root_;
 };

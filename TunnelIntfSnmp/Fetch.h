@@ -1,16 +1,19 @@
-// Waiting for memory is what walks through many records are made of. Who knows which comes soon has
-// it fetched meanwhile.
+// Walks through many records mostly wait for memory. Who knows which record comes soon has it
+// fetched meanwhile.
 #pragma once
+
+#include <cstddef>
 
 namespace TunnelIntfSnmp {
 
-/// Has an object brought near that will be looked into soon. It is larger than one line of memory
-/// and smaller than two. Null does nothing.
+/// Begins to fetch the first two lines of memory from an object on, more than any record or row
+/// has. Null does nothing.
 inline void fetch(void const * object) {
+  constexpr std::size_t line = 64;
   if (object == nullptr)
     return;
   __builtin_prefetch(object);
-  __builtin_prefetch(static_cast<char const *>(object) + 64);
+  __builtin_prefetch(static_cast<char const *>(object) + line);
 }
 
 } // namespace TunnelIntfSnmp

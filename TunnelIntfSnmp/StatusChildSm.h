@@ -206,7 +206,6 @@ private:
       childSmDel(intfId);
     exception.rethrow();
   }
-  void fetchFor(Plexa::IntfId const & intfId) const override { root_.fetchStatus(intfId); }
 
   Machine & root_;
   Zel::HashMap2018<Plexa::IntfId, Zel::Ptr<Child>> children_;

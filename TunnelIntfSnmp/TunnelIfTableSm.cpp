@@ -58,10 +58,6 @@ void IntfStatusSm0::handleGone(Plexa::IntfId const & intfId) {
   root_.eventToTisStream(intfId, std::nullopt);
 }
 
-void IntfStatusSm0::fetchFor(Plexa::IntfId const & intfId) const {
-  root_.fetchStatus(intfId);
-}
-
 } // namespace FlowaCode::TunnelIfTableSm
 
 // Pipeline

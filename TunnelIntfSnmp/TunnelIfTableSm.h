@@ -23,7 +23,6 @@ public:
 private:
   void handleKey(Plexa::IntfId const & intfId) override;
   void handleGone(Plexa::IntfId const & intfId) override;
-  void fetchFor(Plexa::IntfId const & intfId) const override;
 
   ::TunnelIntfSnmp::TunnelIfTableSm & root_;
 };

@@ -138,13 +138,17 @@ std::uint32_t IpsecTunnelIfTableEntry::connState() const {
 }
 
 void const * IpsecTunnelIfTableEntry::connStateSource() const {
-  return found_ != nullptr ? static_cast<void const *>(found_) : tunnelIntfStatus_.get();
+  return isFound() ? static_cast<void const *>(found_) : tunnelIntfStatus_.get();
+}
+
+bool IpsecTunnelIfTableEntry::isFound() const {
+  return found_ != nullptr && foundAt_ == Ipsec::Ike::directoryRevision();
 }
 
 // What is not there is looked for each time, and traced.
 Ipsec::Ike::IpsecTunnelProfileInfo const * IpsecTunnelIfTableEntry::connection() const {
-  auto const revision = Ipsec::Ike::directoryRevision();
-  if (found_ == nullptr || foundAt_ != revision) {
+  if (!isFound()) {
+    auto const revision = Ipsec::Ike::directoryRevision();
     found_ = findConnection();
     foundAt_ = revision;
   }

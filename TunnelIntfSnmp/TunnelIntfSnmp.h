@@ -70,11 +70,11 @@ public:
   /// The column's number of the connection state that the IKE status has for the interface now; 0
   /// when it knows nothing of the interface. Requires: both records are set.
   std::uint32_t connState() const;
-  /// Where connState() will read, as far as the row knows; never null. Only to be fetched from
-  /// memory: it may be gone.
+  /// Where connState() reads first; null if there is no status.
   void const * connStateSource() const;
 
 private:
+  bool isFound() const;
   Ipsec::Ike::IpsecTunnelProfileInfo const * connection() const;
   Ipsec::Ike::IpsecTunnelProfileInfo const * findConnection() const;
 

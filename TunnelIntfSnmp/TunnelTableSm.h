@@ -28,7 +28,7 @@ public:
     return this->template intfStatusSm<typename Machine::IntfStatusSm0>();
   }
 
-  /// Has the interface's status brought near, which an event will soon look into.
+  /// Has the interface's status fetched, which an event will soon look into.
   void fetchStatus(Plexa::IntfId intfId) const {
     if (auto const * status = tunnelIntfStatusDir_->intfStatus().find(intfId))
       fetch(status->get());

@@ -118,7 +118,8 @@ struct Running {
   Zel::Ptr<TunnelIntfSnmpAgent> agent;
 };
 
-/// Kept from one benchmark to the next of as many tunnels: making them takes longer than most.
+/// Kept while a benchmark of as many tunnels is called again, with more changes: making them takes
+/// longer than most.
 Running & runningWith(std::uint32_t tunnels) {
   static std::unique_ptr<Running> kept;
   if (!kept || kept->order.size() != tunnels) {
@@ -229,7 +230,6 @@ void registerFor(std::uint32_t tunnels) {
 } // namespace
 
 int main(int argc, char ** argv) {
-  // By numbers of tunnels first: making them is what takes long.
   for (auto const tunnels : {1000U, 10'000U, 100'000U})
     registerFor(tunnels);
   benchmark::Initialize(&argc, argv);

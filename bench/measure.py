@@ -94,7 +94,7 @@ class Measure:
         figures = {rows: [] for rows in sizes}
         with self.workshop.agents([mode], table, sizes[0]) as small, \
                 self.workshop.agents([mode], table, sizes[1]) as large:
-            for number in range(self.rounds + 1):
+            for number in range(2 * self.rounds + 1):
                 progress(f"step of {mode}, {TABLES[table]}, round {number}")
                 for rows, agents in shuffled(list(zip(sizes, (small, large))), number):
                     figure = self.turn(agents[mode], table, rows, mode, "bulk50", number)

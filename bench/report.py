@@ -174,13 +174,15 @@ NOTES = {
                "because an answer that wakes a manager on another one costs what the machine takes "
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
-    "steps": "A small and a large agent side by side, each round by turns, on one core as above.",
+    "steps": "A small and a large agent side by side by turns, 10 each (6 with --quick), on one core as above.",
     "latency": "A few repetitions, the lowest and the highest in brackets, on all cores. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
                "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
-             "with the real scheduler.",
+             "with the real scheduler; of 10 rounds (6 with --quick). Each is the one start of a process of its own, "
+             "as the maps are filled in one of their own: the first use of memory counts, the making "
+             "of the inputs and the end do not.",
     "changes": "CPU time of one change of an input record to the row that shows it, for random "
                "tunnels.",
     "memory": "One run. Every allocation counted, with what `malloc` adds to it.",

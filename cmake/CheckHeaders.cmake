@@ -1,11 +1,12 @@
 # Compiles every header of the tree alone, once: each must bring what it needs. A header that its own
-# source includes before anything else is compiled alone there (bench/ is not built beside the tests).
+# source includes before anything else is compiled alone there, if that source is built as well.
 file(GLOB_RECURSE headers RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS
   TunnelIntfSnmp/*.h platform/*.h statedb/*.h sources/*.h agent/*.h ctl/*.h tests/*.h bench/*.h)
 set(units)
 foreach(header ${headers})
   string(REGEX REPLACE "\\.h$" ".cpp" source ${CMAKE_SOURCE_DIR}/${header})
-  if(EXISTS ${source} AND NOT header MATCHES "^bench/")
+  if(EXISTS ${source} AND (BUILD_BENCH OR NOT header MATCHES "^bench/")
+     AND (BUILD_TESTING OR NOT header MATCHES "^tests/"))
     file(STRINGS ${source} first REGEX "^#include" LIMIT_COUNT 1)
     if(first STREQUAL "#include \"${header}\"")
       continue()

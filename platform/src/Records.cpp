@@ -18,11 +18,9 @@ constexpr std::string_view collectionType = "Zel::HashMap2018";
   }
 
 template <class Map, class Key, class T>
-bool replaced(Map & map, Key const & key, Zel::Ptr<T> & value) {
-  if (auto const * present = map.find(key); present != nullptr && *present == value)
-    return false;
-  map.insertOrReplace(key, std::move(value));
-  return true;
+bool has(Map const & map, Key const & key, Zel::Ptr<T> const & value) {
+  auto const * present = map.find(key);
+  return present != nullptr && *present == value;
 }
 
 } // namespace
@@ -85,8 +83,10 @@ Zel::Type const & TunnelIntfStatusDir::type() const {
 }
 
 void TunnelIntfStatusDir::intfStatusIs(Plexa::IntfId intfId, Zel::Ptr<TunnelIntfStatus> status) {
-  if (replaced(intfStatus_, intfId, status))
-    notify(intfStatusAttribute(), intfId);
+  if (has(intfStatus_, intfId, status))
+    return;
+  intfStatus_.insertOrReplace(intfId, std::move(status));
+  notify(intfStatusAttribute(), intfId);
 }
 void TunnelIntfStatusDir::intfStatusDel(Plexa::IntfId intfId) {
   if (intfStatus_.erase(intfId))
@@ -128,6 +128,24 @@ constexpr std::array<std::string_view, 8> stateNames{"none", "down",    "connect
                                                      "up",   "unknown", "rekeying",   "closing"};
 
 std::uint64_t revision = 1;
+
+// The revision advances before the change: who looks while a record ends must find what is there
+// then.
+template <class Map, class Key, class T>
+bool replaced(Map & map, Key const & key, Zel::Ptr<T> & value) {
+  if (has(map, key, value))
+    return false;
+  ++revision;
+  map.insertOrReplace(key, std::move(value));
+  return true;
+}
+template <class Map, class Key>
+bool removed(Map & map, Key const & key) {
+  if (map.find(key) == nullptr)
+    return false;
+  ++revision;
+  return map.erase(key);
+}
 } // namespace
 
 std::uint64_t directoryRevision() {
@@ -179,13 +197,11 @@ Zel::Type const & IpsecProfileConnectionMap::type() const {
 
 void IpsecProfileConnectionMap::appliedIntfIdIs(Plexa::IntfId intfId,
                                                 Zel::Ptr<IpsecTunnelProfileInfo> info) {
-  ++revision;
   if (replaced(appliedIntfId_, intfId, info))
     notify(appliedIntfIdAttribute(), intfId);
 }
 void IpsecProfileConnectionMap::appliedIntfIdDel(Plexa::IntfId intfId) {
-  ++revision;
-  if (appliedIntfId_.erase(intfId))
+  if (removed(appliedIntfId_, intfId))
     notify(appliedIntfIdAttribute(), intfId);
 }
 
@@ -221,24 +237,20 @@ Zel::Type const & Status::type() const {
 }
 
 void Status::ipsecTunnelInfoIs(Plexa::IntfId intfId, Zel::Ptr<TunnelInfo> info) {
-  ++revision;
   if (replaced(ipsecTunnelInfo_, intfId, info))
     notify(ipsecTunnelInfoAttribute(), intfId);
 }
 void Status::ipsecTunnelInfoDel(Plexa::IntfId intfId) {
-  ++revision;
-  if (ipsecTunnelInfo_.erase(intfId))
+  if (removed(ipsecTunnelInfo_, intfId))
     notify(ipsecTunnelInfoAttribute(), intfId);
 }
 void Status::appliedProfilesIs(std::string const & profile,
                                Zel::Ptr<IpsecProfileConnectionMap> map) {
-  ++revision;
   if (replaced(appliedProfiles_, profile, map))
     notify(appliedProfilesAttribute(), profile);
 }
 void Status::appliedProfilesDel(std::string profile) {
-  ++revision;
-  if (appliedProfiles_.erase(profile))
+  if (removed(appliedProfiles_, profile))
     notify(appliedProfilesAttribute(), profile);
 }
 

@@ -113,13 +113,13 @@ public:
   /// The value of `key`, or null. Lives until the next insertion or removal, or its replacement.
   Value const * find(Key const & key) const {
     auto const hash = hasher_(key);
-    auto const home = homeOf(hash);
-    auto const far = home + nearHome;
-    auto const gap = array_.unusedFrom(home); // there is none between an entry and its home
-    for (auto place = home; place < std::min(gap, far); ++place)
+    for (auto place = homeOf(hash), far = place + nearHome; place != far; ++place) {
+      if (!array_.isUsed(place)) // there is no gap between an entry and its home
+        return nullptr;
       if (array_[place].first == key)
         return &array_[place].second;
-    return gap < far ? nullptr : findFar(hash, key);
+    }
+    return findFar(hash, key);
   }
 
   /// Makes room for so many entries in all, and thus spares an insertion from having to.

@@ -138,7 +138,7 @@ public:
     auto const profile = "p" + std::to_string(below(3));
     auto const profilePath = "/ikeStatus/appliedProfiles/" + profile;
     auto const status = at(statusPath);
-    switch (below(10)) {
+    switch (below(11)) {
     case 0:
     case 1:
       return add(statusPath, below(10) == 0 ? json(nullptr) : freshStatus(id));
@@ -153,6 +153,11 @@ public:
     case 4:
       if (status.is_object())
         return changedMember(statusPath, id);
+      break;
+    case 10:
+      for (auto const & path : {profilePath + "/appliedIntfId/" + id, infoPath, profilePath})
+        if (below(2) == 0 && !at(path).is_discarded())
+          return {{"op", "remove"}, {"path", path}};
       break;
     case 9:
       if (at(infoPath).is_object())

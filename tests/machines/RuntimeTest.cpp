@@ -4,6 +4,7 @@
 #include "tests/machines/World.h"
 #include "tests/support/TraceRecorder.h"
 #include <gmock/gmock.h>
+#include <utility>
 
 namespace TunnelIntfSnmp {
 namespace {
@@ -138,6 +139,21 @@ TEST_P(Runtime, MaySeeItsInputsChangedByWhoeverHearsOfARow) {
   EXPECT_TRUE(machine->ready());
   for (auto const & [ifIndex, id] : world_.tunnelIfRows())
     EXPECT_NE(world_.dir->intfStatus().find(Plexa::IntfId(id)), nullptr) << ifIndex;
+}
+
+TEST_P(Runtime, MaySeeItsInputsGrowByWhoeverHearsOfARow) {
+  for (std::uint32_t i = 1; i <= 20; ++i)
+    world_.addTunnel(i, i);
+  auto more = true;
+  auto const meddler = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
+    if (std::exchange(more, false))
+      for (std::uint32_t i = 21; i <= 320; ++i)
+        world_.addTunnel(i, i);
+  });
+  auto const machine = machineIn(world_);
+  world_.settle();
+  EXPECT_TRUE(machine->ready());
+  EXPECT_EQ(world_.tunnelIfRows().size(), 320u);
 }
 
 TEST_P(Runtime, MayBeReleasedByWhoeverHearsOfARow) {

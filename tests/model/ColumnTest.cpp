@@ -205,22 +205,52 @@ TEST_F(ConnStateAgain, FollowsTheInterfaceToAnotherProfile) {
 
 TEST_F(ConnStateAgain, IsThatOfTheNewRecordWhereTheOldOneEnds) {
   struct Ending : Connection {
-    explicit Ending(std::function<void()> atEnd) : atEnd_(std::move(atEnd)) {}
+    Ending(Ipsec::Ike::ConnState state, std::function<void()> atEnd) : atEnd_(std::move(atEnd)) {
+      connStateIs(state);
+    }
     ~Ending() override { atEnd_(); }
     std::function<void()> const atEnd_;
   };
   std::vector<std::uint32_t> seen;
-  auto const look = [&] { seen.push_back(row_.connState()); };
-  connections_->appliedIntfIdIs(id_, Zel::makePtr<Ending>(look));
-  EXPECT_EQ(row_.connState(), 0u);
-  connections_->appliedIntfIdIs(id_, Zel::makePtr<Ending>(look));
-  EXPECT_EQ(row_.connState(), 0u);
-  connections_->appliedIntfIdIs(id_, applied_);
-  connections_->appliedIntfIdIs(id_, Zel::makePtr<Ending>(look));
-  EXPECT_EQ(row_.connState(), 0u);
+  auto const ending = [&](Ipsec::Ike::ConnState state) {
+    return Zel::makePtr<Ending>(state, [&] { seen.push_back(row_.connState()); });
+  };
+  connections_->appliedIntfIdIs(id_, ending(Ipsec::Ike::ConnState::connecting));
+  EXPECT_EQ(row_.connState(), 2u);
+  connections_->appliedIntfIdIs(id_, ending(Ipsec::Ike::ConnState::rekeying));
+  EXPECT_EQ(row_.connState(), 5u);
   connections_->appliedIntfIdDel(id_);
-  EXPECT_THAT(seen, ElementsAre(0u, 4u, 0u));
   EXPECT_EQ(row_.connState(), 0u);
+
+  auto const mapWith = [&](Zel::Ptr<Connection> const & connection) {
+    auto map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
+    map->appliedIntfIdIs(id_, connection);
+    return map;
+  };
+  ike_->appliedProfilesIs("p", mapWith(ending(Ipsec::Ike::ConnState::closing)));
+  EXPECT_EQ(row_.connState(), 6u);
+  ike_->appliedProfilesIs("p", mapWith(ending(Ipsec::Ike::ConnState::down)));
+  EXPECT_EQ(row_.connState(), 1u);
+  ike_->appliedProfilesDel("p");
+  EXPECT_THAT(seen, ElementsAre(5u, 0u, 1u, 0u));
+}
+
+TEST_F(ConnStateAgain, FollowsMapsThatNotifyNobody) {
+  connections_->hasNotificationActiveIs(false);
+  ike_->hasNotificationActiveIs(false);
+  connections_->appliedIntfIdIs(id_, connecting());
+  EXPECT_EQ(row_.connState(), 2u);
+  ike_->appliedProfilesDel("p");
+  EXPECT_EQ(row_.connState(), 0u);
+}
+
+TEST_F(ConnStateAgain, IsThatOfItsOwnStatus) {
+  auto const other = Zel::makePtr<Ipsec::Ike::Status>("other");
+  other->ipsecTunnelInfoIs(id_, info_);
+  other->appliedProfilesIs("p", connectionsOf(id_));
+  IpsecTunnelIfTableEntry const row(7, status_, other);
+  EXPECT_EQ(row.connState(), 2u);
+  EXPECT_EQ(row_.connState(), 4u);
 }
 
 } // namespace

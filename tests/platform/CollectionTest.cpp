@@ -12,6 +12,9 @@ namespace {
 struct ConstantHasher {
   std::uint32_t operator()(std::uint32_t) const { return 7; }
 };
+struct LastHasher { // all entries behind the last home
+  std::uint32_t operator()(std::uint32_t) const { return UINT32_MAX; }
+};
 struct TopBitHasher { // all entries at two homes
   std::uint32_t operator()(std::uint32_t key) const { return (key & 1) << 31; }
 };
@@ -46,10 +49,10 @@ struct Kind {
 };
 template <class>
 class HashMap : public testing::Test {};
-using Kinds =
-    testing::Types<Kind<std::uint32_t, Zel::DefaultHasher>, Kind<std::uint32_t, ConstantHasher>,
-                   Kind<std::uint32_t, TopBitHasher>, Kind<WideKey, Zel::DefaultHasher>,
-                   Kind<WideKey, ConstantHasher>, Kind<WideKey, TopBitHasher>>;
+using Kinds = testing::Types<Kind<std::uint32_t, Zel::DefaultHasher>,
+                             Kind<std::uint32_t, ConstantHasher>, Kind<std::uint32_t, LastHasher>,
+                             Kind<std::uint32_t, TopBitHasher>, Kind<WideKey, Zel::DefaultHasher>,
+                             Kind<WideKey, ConstantHasher>, Kind<WideKey, TopBitHasher>>;
 TYPED_TEST_SUITE(HashMap, Kinds);
 
 TYPED_TEST(HashMap, AgreesWithTheStandardMapAfterEveryStep) {
@@ -86,6 +89,9 @@ TYPED_TEST(HashMap, AgreesWithTheStandardMapAfterEveryStep) {
     ASSERT_EQ(content, oracle);
     auto const * found = map.find(key);
     ASSERT_EQ(found != nullptr, oracle.contains(key));
+    if (found != nullptr) {
+      ASSERT_EQ(*found, oracle.at(key));
+    }
   }
 }
 
