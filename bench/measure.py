@@ -110,7 +110,7 @@ class Measure:
 
     def _latency(self, mode, rows):
         figures = {"idle": [], "start": [], "scan and reconciliation": [], "restart-machines": []}
-        for number in range(1 if self.quick else 3):
+        for number in range(1 if self.quick else 9):
             progress(f"latency of {mode}, {rows} rows, repetition {number}")
             agent = self.workshop.daemon(mode, rows)
             try:

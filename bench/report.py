@@ -175,7 +175,7 @@ NOTES = {
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
     "steps": "A small and a large agent side by side by turns, 10 each (6 with --quick), on one core as above.",
-    "latency": "A few repetitions, the lowest and the highest in brackets, on all cores. Single GETs of random instances of "
+    "latency": "9 repetitions (1 with --quick), the lowest and the highest in brackets, on all cores. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
                "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
