@@ -118,7 +118,6 @@ protected:
 
 private:
   using Reactor = Flowa::Gen::InReactor<CollectionSm, Key>;
-
   using Position = typename Map::const_iterator;
 
   Zel::Ptr<Entity const> const & en() const { return input_; }

@@ -6,8 +6,8 @@
 
 namespace TunnelIntfSnmp {
 
-/// Begins to fetch the first two lines of memory from an object on, more than any record or row
-/// has. Null does nothing.
+/// Begins to fetch the line of memory that an object begins in, and the one behind it. Null does
+/// nothing.
 inline void fetch(void const * object) {
   constexpr std::size_t line = 64;
   if (object == nullptr)

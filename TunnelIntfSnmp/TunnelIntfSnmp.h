@@ -82,7 +82,7 @@ private:
   StatusPtr const tunnelIntfStatus_;
   IkeStatusPtr const ikeStatus_;
   // Where the connection was found last: a walk through many rows waits for memory at each of the
-  // four look-ups. Not what was read there.
+  // three look-ups. Not what was read there.
   Ipsec::Ike::IpsecTunnelProfileInfo const mutable * found_ = nullptr;
   std::uint64_t mutable foundAt_ = 0; // the directory's revision then
 };

@@ -6,7 +6,7 @@ import platform
 import statistics
 import subprocess
 
-from measure import OPERATIONS, TABLES
+from measure import TABLES
 
 MEANINGS = {
     "e": "the floor: a handler that computes the row, called for each repetition of a GETBULK",
@@ -164,7 +164,8 @@ def text(results):
     for name, section in SECTIONS.items():
         if section and name in results:
             title, make = section
-            parts.append(f"## {title}\n\n{NOTES[name]}\n\n{make(results[name])}")
+            parts.append(f"## {title}\n\n{note(name, results[name])}\n\n"
+                         f"{make(results[name])}")
     return "\n".join(parts)
 
 
@@ -174,30 +175,39 @@ NOTES = {
                "because an answer that wakes a manager on another one costs what the machine takes "
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
-    "steps": "A small and a large agent side by side by turns, 10 each (6 with --quick), on one core as above.",
-    "latency": "9 repetitions (1 with --quick), the lowest and the highest in brackets, on all cores. Single GETs of random instances of "
+    "steps": "A small and a large agent side by side, {turns} turns each, on one core as above.",
+    "latency": "{turns} repetitions, the lowest and the highest in brackets, on all cores. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
                "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
-             "with the real scheduler; of 10 rounds (6 with --quick). Each is the one start of a process of its own, "
+             "with the real scheduler; of {turns} rounds. Each is the one start of a process of its own, "
              "as the maps are filled in one of their own: the first use of memory counts, the making "
              "of the inputs and the end do not.",
     "changes": "CPU time of one change of an input record to the row that shows it, for random "
-               "tunnels.",
+               "tunnels; of {turns} rounds.",
     "memory": "One run. Every allocation counted, with what `malloc` adds to it.",
 }
+
+
+def note(name, figures):
+    return NOTES[name].format(turns=turns(figures))
+
+
+def turns(figures):
+    """How often each was measured."""
+    while isinstance(figures, dict):
+        figures = next(iter(figures.values()))
+    return len(figures) if isinstance(figures, list) else 1
 
 
 def document(results, command, pictures):
     modes = [mode for mode in MEANINGS if mode in next(iter(results["if"].values()))["get"]]
     of_rows = next(iter(results["if"].values()))
     walk_turns, request_turns = (len(of_rows[name]["e"]) for name in ("bulk50", "get"))
-    rounds = walk_turns // OPERATIONS["bulk50"]
     meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
     shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
     return (f"# Performance figures\n\nWritten by `{command}`. A figure is a median, with the "
             f"quartiles in brackets (half of all lies between them): of {request_turns} turns for "
-            f"single requests, of {walk_turns} for walks, of {rounds} rounds where nothing "
-            f"else is said. Ratios are taken turn by turn. CPU time is that of one process.\n\n"
+            f"single requests, of {walk_turns} for walks. Ratios are taken turn by turn. CPU time is that of one process.\n\n"
             f"{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n" + text(results))

@@ -331,8 +331,12 @@ TEST(IkeDirectoryRevision, AdvancesWithWhatStandsWhereAndNotWithStates) {
   EXPECT_TRUE(advances());
   applied->connStateIs(Ipsec::Ike::ConnState::up);
   EXPECT_FALSE(advances());
+  map->appliedIntfIdIs(id, applied);
+  EXPECT_FALSE(advances());
   map->appliedIntfIdDel(id);
   EXPECT_TRUE(advances());
+  map->appliedIntfIdDel(id);
+  EXPECT_FALSE(advances());
   ike->appliedProfilesDel("p");
   EXPECT_TRUE(advances());
   ike->ipsecTunnelInfoDel(id);
