@@ -3,7 +3,9 @@
 #include "TunnelIntfSnmp/TunnelIfTableSm.h"
 #include "tests/machines/World.h"
 #include "tests/support/TraceRecorder.h"
+#include <algorithm>
 #include <gmock/gmock.h>
+#include <iterator>
 #include <utility>
 
 namespace TunnelIntfSnmp {
@@ -139,21 +141,6 @@ TEST_P(Runtime, MaySeeItsInputsChangedByWhoeverHearsOfARow) {
   EXPECT_TRUE(machine->ready());
   for (auto const & [ifIndex, id] : world_.tunnelIfRows())
     EXPECT_NE(world_.dir->intfStatus().find(Plexa::IntfId(id)), nullptr) << ifIndex;
-}
-
-TEST_P(Runtime, MaySeeItsInputsGrowByWhoeverHearsOfARow) {
-  for (std::uint32_t i = 1; i <= 20; ++i)
-    world_.addTunnel(i, i);
-  auto more = true;
-  auto const meddler = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
-    if (std::exchange(more, false))
-      for (std::uint32_t i = 21; i <= 320; ++i)
-        world_.addTunnel(i, i);
-  });
-  auto const machine = machineIn(world_);
-  world_.settle();
-  EXPECT_TRUE(machine->ready());
-  EXPECT_EQ(world_.tunnelIfRows().size(), 320u);
 }
 
 TEST_P(Runtime, MayBeReleasedByWhoeverHearsOfARow) {
@@ -516,6 +503,46 @@ TEST(RuntimeScan, LosesNoKeyWhenTheCollectionGrowsBetweenTwoRuns) {
   world.settle();
   EXPECT_TRUE(machine->ready());
   EXPECT_EQ(world.tunnelIfRows().size(), 600u);
+}
+
+TEST(RuntimeScan, GoesOnFromItsKeyWhenWhoeverHearsOfARowAddsMore) {
+  World world(neverYield);
+  for (std::uint32_t i = 1; i <= 20; ++i)
+    world.addTunnel(i, i);
+  auto const & ifIndexes = world.ifMib->ifIndexByIntfId();
+  auto const first = ifIndexes.begin()->first;
+  auto more = true;
+  auto const meddler = Zel::makePtr<OnChange>(*world.mib, [&](auto const &) {
+    if (std::exchange(more, false))
+      for (std::uint32_t i = 21; i <= 320; ++i)
+        world.addTunnel(i, i);
+  });
+  auto const machine = machineIn(world);
+  world.settle();
+  EXPECT_TRUE(machine->ready());
+  EXPECT_EQ(world.tunnelIfRows().size(), 320u);
+  auto const fromFirst = std::distance(ifIndexes.seek(first), ifIndexes.end());
+  EXPECT_EQ(machine->ifIndexByIntfIdSm1()->scanned(), static_cast<std::uint64_t>(fromFirst));
+}
+
+TEST(RuntimeScan, GoesOnFromItsKeyWhenWhoeverHearsOfARowRemovesOthers) {
+  World world(neverYield);
+  constexpr std::uint32_t tunnels = 20;
+  constexpr std::uint32_t last = 120; // of those behind the tunnels, which have no status
+  for (std::uint32_t i = 1; i <= last; ++i)
+    i <= tunnels ? world.addTunnel(i, i) : world.addIfIndex(i, i);
+  auto const & ifIndexes = world.ifMib->ifIndexByIntfId();
+  auto const first = std::ranges::find_if(
+      ifIndexes, [](auto const & entry) { return entry.first.value() <= tunnels; });
+  auto const toFirst = static_cast<std::uint64_t>(std::distance(ifIndexes.begin(), first)) + 1;
+  auto const meddler = Zel::makePtr<OnChange>(*world.mib, [&](auto const &) {
+    for (std::uint32_t i = tunnels + 1; i <= last; ++i)
+      world.ifMib->ifIndexByIntfIdDel(Plexa::IntfId(i));
+  });
+  auto const machine = machineIn(world);
+  world.settle();
+  EXPECT_EQ(world.tunnelIfRows().size(), tunnels);
+  EXPECT_EQ(machine->ifIndexByIntfIdSm1()->scanned(), toFirst + tunnels - 1);
 }
 
 TEST(RuntimeReconciliation, HandlesOneRowAndYieldsToItsTaskWhenReachedFromAReactor) {
