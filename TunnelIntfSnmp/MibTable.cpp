@@ -22,11 +22,6 @@ T * zeroed() {
 
 } // namespace
 
-Lumo::DebugHandler const & snmpTrace() {
-  static auto const handler = Lumo::Platform::getDebugHandler("Snmp", false);
-  return *handler;
-}
-
 // Registration
 
 namespace {

@@ -36,7 +36,10 @@ namespace TunnelIntfSnmp {
 
 /// The trace facility of the MIB handlers, "Snmp": 0 faults, 1 registered OIDs, 2 every step of a
 /// request, 8 tables initialised.
-Lumo::DebugHandler const & snmpTrace();
+inline Lumo::DebugHandler const & snmpTrace() {
+  static auto const handler = Lumo::Platform::getDebugHandler("Snmp", false);
+  return *handler;
+}
 
 // Registration
 

@@ -7,6 +7,7 @@
 #include "sources/json/JsonFile.h"
 #include <filesystem>
 #include <fmt/format.h>
+#include <malloc.h>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
@@ -44,12 +45,14 @@ public:
 private:
   void watch();
   void readAndPublish();
+  void publish(std::string text);
 
   std::string const path_;
   Loop & loop_;
   StateDb::StateDocument & document_;
   std::unique_ptr<FolderWatch> watch_;
-  json published_ = json::object(); ///< the file's last good content
+  /// The file's last good content, as the text that it was: parsed, it is many times as large.
+  std::string published_ = "{}";
   SourceStatus status_;
 };
 
@@ -87,17 +90,22 @@ void JsonSource::watch() {
 
 void JsonSource::readAndPublish() {
   LUMO_TRACE(traceHandler(), entry, unit, "reading {}", path_);
-  auto fresh = decodeDocument(path_, readFile(path_));
+  publish(readFile(path_));
+  status_.state = SourceStatus::State::inSync;
+  status_.lastError.clear();
+  malloc_trim(0); // a large file's documents took several times what its records take
+}
+
+void JsonSource::publish(std::string text) {
+  auto const fresh = decodeDocument(path_, text);
   ++status_.fullReads;
-  if (auto const patch = document_.publication(published_, fresh); !patch.empty()) {
+  if (auto const patch = document_.publication(json::parse(published_), fresh); !patch.empty()) {
     LUMO_TRACE(traceHandler(), output, unit, "publishing {}", patch.dump());
     document_.apply(patch);
     ++status_.patches;
   }
-  published_ = std::move(fresh);
-  status_.records = published_.value("/tunnelIntfStatusDir/intfStatus"_json_pointer, json()).size();
-  status_.state = SourceStatus::State::inSync;
-  status_.lastError.clear();
+  published_ = std::move(text);
+  status_.records = fresh.value("/tunnelIntfStatusDir/intfStatus"_json_pointer, json()).size();
 }
 
 } // namespace
