@@ -30,6 +30,12 @@ Lumo::DebugHandler const & traceHandler() {
   return *handler;
 }
 
+/// Has malloc return free memory to the system at the end of a scope. The documents of a large file
+/// take many times what its records take.
+struct GiveBack {
+  ~GiveBack() { malloc_trim(0); }
+};
+
 class JsonSource final : public Source {
 public:
   JsonSource(std::string path, Loop & loop, StateDb::StateDocument & document)
@@ -45,7 +51,6 @@ public:
 private:
   void watch();
   void readAndPublish();
-  void publish(std::string text);
 
   std::string const path_;
   Loop & loop_;
@@ -90,13 +95,8 @@ void JsonSource::watch() {
 
 void JsonSource::readAndPublish() {
   LUMO_TRACE(traceHandler(), entry, unit, "reading {}", path_);
-  publish(readFile(path_));
-  status_.state = SourceStatus::State::inSync;
-  status_.lastError.clear();
-  malloc_trim(0); // a large file's documents took several times what its records take
-}
-
-void JsonSource::publish(std::string text) {
+  GiveBack const giveBack;
+  auto text = readFile(path_);
   auto const fresh = decodeDocument(path_, text);
   ++status_.fullReads;
   if (auto const patch = document_.publication(json::parse(published_), fresh); !patch.empty()) {
@@ -106,6 +106,8 @@ void JsonSource::publish(std::string text) {
   }
   published_ = std::move(text);
   status_.records = fresh.value("/tunnelIntfStatusDir/intfStatus"_json_pointer, json()).size();
+  status_.state = SourceStatus::State::inSync;
+  status_.lastError.clear();
 }
 
 } // namespace

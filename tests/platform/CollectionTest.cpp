@@ -1,6 +1,7 @@
 // Both collections against std::map, step by step; and what a scan that is cut into runs relies on.
 #include "platform/Zel.h"
 #include "tests/support/TestScheduler.h"
+#include <array>
 #include <functional>
 #include <gmock/gmock.h>
 #include <map>
@@ -269,17 +270,23 @@ TEST(RbTreeMap, AgreesWithTheStandardMapAfterEveryStep) {
   EXPECT_NE(map.version(), version);
 }
 
+// A node holds 126 of these entries, or four: then the tree is as deep as one of many rows.
+template <class Value>
+class RbTreeMapOf : public testing::Test {};
+using NarrowAndWide = testing::Types<std::uint32_t, std::array<std::uint32_t, 60>>;
+TYPED_TEST_SUITE(RbTreeMapOf, NarrowAndWide);
+
 // Many rows: upwards, downwards and at random, and fewer and fewer again.
-TEST(RbTreeMap, AgreesWithTheStandardMapInWhateverOrderRowsComeAndGo) {
+TYPED_TEST(RbTreeMapOf, AgreesWithTheStandardMapInWhateverOrderRowsComeAndGo) {
   std::mt19937 random(testSeed());
   auto const drawn = [&](std::uint32_t) { return static_cast<std::uint32_t>(random() % 3000); };
   auto const upwards = [](std::uint32_t step) { return step; };
   auto const downwards = [](std::uint32_t step) { return 3000 - step; };
-  Zel::RbTreeMap<std::uint32_t, std::uint32_t> map;
-  std::map<std::uint32_t, std::uint32_t> oracle;
+  Zel::RbTreeMap<std::uint32_t, TypeParam> map;
+  std::map<std::uint32_t, TypeParam> oracle;
   auto const expectSame = [&] {
     ASSERT_EQ(map.size(), oracle.size());
-    ASSERT_EQ((std::map<std::uint32_t, std::uint32_t>(map.begin(), map.end())), oracle);
+    ASSERT_EQ((std::map<std::uint32_t, TypeParam>(map.begin(), map.end())), oracle);
     for (std::uint32_t key = 0; key != 3002; ++key) {
       auto const next = oracle.upper_bound(key);
       auto const found = map.findNext(key);
@@ -295,8 +302,8 @@ TEST(RbTreeMap, AgreesWithTheStandardMapInWhateverOrderRowsComeAndGo) {
     for (auto const & go : orders) {
       for (std::uint32_t step = 0; step != 3000; ++step) {
         auto const key = come(step);
-        map.insertOrReplace(key, step);
-        oracle.insert_or_assign(key, step);
+        map.insertOrReplace(key, TypeParam{step});
+        oracle.insert_or_assign(key, TypeParam{step});
       }
       expectSame();
       for (std::uint32_t step = 0; step != 2950; ++step)

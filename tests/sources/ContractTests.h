@@ -91,6 +91,9 @@ TEST_P(SourceContract, FollowsTunnelsThatComeChangeAndGo) {
   EXPECT_FALSE(statuses().contains(world->intfId(1)));
   EXPECT_FALSE(document.read("/ifMib/ifIndexByIntfId").contains(world->intfId(1)));
   EXPECT_TRUE(isPublished(2));
+  world->tunnelDel(2);
+  settle();
+  EXPECT_FALSE(statuses().contains(world->intfId(2))) << "which came after the start";
 }
 
 TEST_P(SourceContract, PublishesDifferencesOnly) {

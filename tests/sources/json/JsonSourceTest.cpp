@@ -170,6 +170,18 @@ TEST_F(JsonSource, KeepsTheTunnelsWhileTheFileIsBroken) {
   expectGood(2);
 }
 
+// Readable, but not what a document may be.
+TEST_F(JsonSource, KnowsItsTunnelsAfterAFileThatCannotBeUsed) {
+  folder.write("branch.json", tunnel(1));
+  start();
+  folder.write("branch.json", R"({"ifMib": 5})");
+  settle();
+  expectStillThere(1);
+  folder.write("branch.json", "{}");
+  settle();
+  EXPECT_EQ(tos(), json());
+}
+
 TEST_F(JsonSource, RemovesTheTunnelsOfAFileThatSaysThatThereAreNone) {
   folder.write("branch.json", tunnel(1));
   start();
