@@ -179,7 +179,19 @@ class Measure:
         done = subprocess.run([self.workshop.program("benchMemory"), "--tunnels", str(tunnels),
                                "--changes", str(changes)],
                               check=True, stdout=subprocess.PIPE, text=True)
-        return json.loads(done.stdout)
+        return {**json.loads(done.stdout), "daemon": self._resident(tunnels)}
+
+    def _resident(self, rows):
+        """Bytes of the daemon when it has become ready, and the most that it had until then."""
+        agent = self.workshop.daemon(self.ours[-1], rows)
+        try:
+            agent.control.wait_ready()
+            with open(f"/proc/{agent.child.pid}/status", encoding="utf-8") as status:
+                fields = dict(line.split(":", 1) for line in status)
+        finally:
+            agent.end()
+        return {name: 1024 * int(fields[field].split()[0])
+                for name, field in (("ready", "VmRSS"), ("most", "VmHWM"))}
 
 
 class Polling:

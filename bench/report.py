@@ -122,7 +122,11 @@ def memory(figures):
               f"(addresses, IPsec, statuses and ifIndexes that go and come back) the process had "
               f"{run['bytesAfterTenth']:,} bytes in use, after {run['changes']:,} "
               f"{run['bytesAtEnd']:,}: {run['growth']:+,}.\n")
-    return table(["bytes per tunnel", f"of {figures['tunnels']:,}"], lines) + growth
+    daemon = figures["daemon"]
+    resident = (f"\nThe daemon, with the tunnels from a JSON file, has {daemon['ready'] / 1e6:.0f} "
+                f"MB resident when it is ready, and {daemon['most'] / 1e6:.0f} MB at most while it "
+                f"reads.\n")
+    return table(["bytes per tunnel", f"of {figures['tunnels']:,}"], lines) + growth + resident
 
 
 def machine():
