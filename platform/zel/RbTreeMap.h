@@ -28,11 +28,11 @@ struct KeyLess : std::less<Key> {
 // choose: its own hold four entries with addresses, the least there may be, and a search for one of
 // 100 000 passes nine nodes. Of this size it passes five. Inner nodes have their pointers besides:
 // 63 entries with a number make 1536 bytes.
-constexpr int nodeSize = 1024;
+constexpr int leafSize = 1024;
 template <class Key, class Value>
 using BTree = absl::container_internal::btree_map_container<
     absl::container_internal::btree<absl::container_internal::map_params<
-        Key, Value, KeyLess<Key>, std::allocator<std::pair<Key const, Value>>, nodeSize,
+        Key, Value, KeyLess<Key>, std::allocator<std::pair<Key const, Value>>, leafSize,
         /*Multi=*/false>>>;
 
 } // namespace Detail
