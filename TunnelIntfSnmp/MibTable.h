@@ -34,11 +34,11 @@
 
 namespace TunnelIntfSnmp {
 
+inline auto const snmpDebugHandler = Lumo::Platform::getDebugHandler("Snmp", false);
 /// The trace facility of the MIB handlers, "Snmp": 0 faults, 1 registered OIDs, 2 every step of a
 /// request, 8 tables initialised.
 inline Lumo::DebugHandler const & snmpTrace() {
-  static auto const handler = Lumo::Platform::getDebugHandler("Snmp", false);
-  return *handler;
+  return *snmpDebugHandler;
 }
 
 // Registration

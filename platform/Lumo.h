@@ -72,10 +72,12 @@ std::string traceLine(TraceMessage const & message);
 void vfmtrace(DebugHandler const & handler, int level, char const * unit, char const * function,
               int line, fmt::string_view format, fmt::format_args arguments);
 
-/// Formats and hands on one message. Callers use LUMO_TRACE, which checks the level first.
+/// Formats and hands on one message. Callers use LUMO_TRACE, which checks the level first. Cold:
+/// what a message takes stays out of the way of the code that does without.
 template <class... Args>
-void fmtrace(DebugHandler const & handler, int level, char const * unit, char const * function,
-             int line, fmt::format_string<Args...> format, Args &&... arguments) {
+[[gnu::cold, gnu::noinline]] void
+fmtrace(DebugHandler const & handler, int level, char const * unit, char const * function, int line,
+        fmt::format_string<Args...> format, Args &&... arguments) {
   vfmtrace(handler, level, unit, function, line, format, fmt::make_format_args(arguments...));
 }
 
