@@ -9,8 +9,9 @@
 #include <absl/container/btree_map.h>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 
@@ -18,17 +19,50 @@ namespace Zel {
 
 namespace Detail {
 
-// Abseil goes through numbers one by one, which suits nodes of 15. These have up to 63.
-template <class Key>
-struct KeyLess : std::less<Key> {
-  using absl_btree_prefer_linear_node_search = std::false_type;
-};
-
 // absl::btree_map as it is made (20220623), but for the size of a leaf, which it does not let one
 // choose: its own hold four entries with addresses, the least there may be, and a search for one of
 // 100 000 passes nine nodes. Of this size it passes five. Inner nodes have their pointers besides:
 // 63 entries with a number make 1536 bytes.
 constexpr int leafSize = 1024;
+
+// A key that is looked for. In a large tree each node is far from the last, and a search that goes
+// by halves would wait for memory at each half: the first entry that it meets in a node, which is
+// the middle one, has all entries there fetched.
+template <class Key>
+class Sought {
+public:
+  explicit Sought(Key const & key) : key_(key) {}
+
+  bool isLess(Key const & entry) const { return key_ < met(entry); }
+  bool isGreater(Key const & entry) const { return met(entry) < key_; }
+
+private:
+  Key const & met(Key const & entry) const {
+    constexpr auto line = 64;
+    auto const place = reinterpret_cast<std::uintptr_t>(&entry);
+    if (place - first_ + leafSize / 2 > leafSize) {
+      first_ = place;
+      for (auto offset = -leafSize / 2; offset <= leafSize / 2; offset += line)
+        __builtin_prefetch(reinterpret_cast<void const *>(place + offset));
+    }
+    return entry;
+  }
+
+  Key const & key_;
+  std::uintptr_t mutable first_ = 0; // met in this node
+};
+
+// With std::less itself, Abseil would go through numbers one by one, which suits nodes of 15. These
+// have up to 63.
+template <class Key>
+struct KeyLess {
+  using is_transparent = void;
+
+  bool operator()(Key const & a, Key const & b) const { return a < b; }
+  bool operator()(Key const & entry, Sought<Key> const & key) const { return key.isGreater(entry); }
+  bool operator()(Sought<Key> const & key, Key const & entry) const { return key.isLess(entry); }
+};
+
 template <class Key, class Value>
 using BTree = absl::container_internal::btree_map_container<
     absl::container_internal::btree<absl::container_internal::map_params<
@@ -42,9 +76,14 @@ using BTree = absl::container_internal::btree_map_container<
 template <class Key, class Value>
 class RbTreeMap {
   using Tree = Detail::BTree<Key, Value>;
+  using Sought = Detail::Sought<Key>;
 
 public:
   using const_iterator = typename Tree::const_iterator;
+
+  RbTreeMap() = default;
+  RbTreeMap(RbTreeMap const &) = delete;
+  RbTreeMap & operator=(RbTreeMap const &) = delete;
 
   std::size_t size() const { return tree_.size(); }
   bool empty() const { return tree_.empty(); }
@@ -55,11 +94,16 @@ public:
   const_iterator begin() const { return tree_.begin(); }
   const_iterator end() const { return tree_.end(); }
   /// The entry with exactly this key, or end().
-  const_iterator find(Key const & key) const { return tree_.find(key); }
+  const_iterator find(Key const & key) const { return tree_.find(Sought(key)); }
   /// The first entry whose key is greater than `key`, or end(). The key itself need not be present.
-  const_iterator findNext(Key const & key) const { return tree_.upper_bound(key); }
+  const_iterator findNext(Key const & key) const { return tree_.upper_bound(Sought(key)); }
   /// The first entry whose key is not less than `key`, or end().
-  const_iterator findNotLess(Key const & key) const { return tree_.lower_bound(key); }
+  const_iterator findNotLess(Key const & key) const {
+    // An entry often comes in the place of the one that went last.
+    if (behindRemoved_ && isPlaceOf(key, *behindRemoved_))
+      return *behindRemoved_;
+    return tree_.lower_bound(Sought(key));
+  }
   /// The value of `key`, or the empty value.
   Value operator[](Key const & key) const {
     auto const found = find(key);
@@ -76,26 +120,33 @@ public:
       std::swap(valueAt(position), value);
       return;
     }
+    behindRemoved_.reset();
     tree_.emplace_hint(position, key, std::move(value));
     ++version_;
   }
   /// Removes the entry at `position` and returns its value.
   Value erase(const_iterator position) {
     auto value = std::move(valueAt(position)); // ends when all is consistent
-    tree_.erase(position);
+    behindRemoved_ = tree_.erase(position);
     ++version_;
     return value;
   }
   void clear() {
+    behindRemoved_.reset();
     ++version_;
     Tree().swap(tree_); // what ends with a value sees an empty map
   }
 
 private:
   Value & valueAt(const_iterator position) { return const_cast<Value &>(position->second); }
+  bool isPlaceOf(Key const & key, const_iterator position) const {
+    return (position == end() || !(position->first < key)) &&
+           (position == begin() || std::prev(position)->first < key);
+  }
 
   Tree tree_;
   std::uint32_t version_ = 0;
+  std::optional<const_iterator> behindRemoved_; // until the next insertion or removal
 };
 
 } // namespace Zel

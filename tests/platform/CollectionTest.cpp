@@ -261,13 +261,22 @@ TEST(RbTreeMap, AgreesWithTheStandardMapAfterEveryStep) {
       ASSERT_EQ(found->first, next->first);
     }
     auto const notLess = oracle.lower_bound(key);
-    ASSERT_EQ(map.findNotLess(key) == map.end(), notLess == oracle.end());
+    auto const place = map.findNotLess(key);
+    ASSERT_EQ(place == map.end(), notLess == oracle.end());
+    if (place != map.end()) {
+      ASSERT_EQ(place->first, notLess->first);
+    }
     ASSERT_EQ(map[key], oracle.contains(key) ? oracle.at(key) : "");
   }
+  map.insertOrReplace(1, "removed last");
+  map.erase(map.find(1));
   auto const version = map.version();
   map.clear();
   EXPECT_TRUE(map.empty());
   EXPECT_NE(map.version(), version);
+  EXPECT_EQ(map.findNotLess(1), map.end());
+  map.insertOrReplace(1, "again");
+  EXPECT_EQ(map[1], "again");
 }
 
 // A node holds 126 of these entries, or four: then the tree is as deep as one of many rows.
@@ -293,6 +302,12 @@ TYPED_TEST(RbTreeMapOf, AgreesWithTheStandardMapInWhateverOrderRowsComeAndGo) {
       ASSERT_EQ(found == map.end(), next == oracle.end()) << key;
       if (found != map.end()) {
         ASSERT_EQ(found->first, next->first) << key;
+      }
+      auto const notLess = oracle.lower_bound(key);
+      auto const place = map.findNotLess(key);
+      ASSERT_EQ(place == map.end(), notLess == oracle.end()) << key;
+      if (place != map.end()) {
+        ASSERT_EQ(place->first, notLess->first) << key;
       }
       ASSERT_EQ(map.find(key) != map.end(), oracle.contains(key)) << key;
     }
