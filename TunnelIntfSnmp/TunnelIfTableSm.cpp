@@ -104,10 +104,14 @@ void TunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
 void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId,
                                       StatusPtr const & status) {
   Zel::FirstException exception; // of whoever hears of the deletion: the new row must not miss it
-  if (auto const row = mib()->tunnelIfTable(k1); row && row->tunnelIntfStatus() != status)
-    if (!statusOutlives(intfId, exception, [&] { mib()->tunnelIfTableDel(k1); }))
+  auto isThere = false;
+  if (auto const row = mib()->tunnelIfTable(k1)) {
+    isThere = row->tunnelIntfStatus() == status;
+    if (!isThere && !statusOutlives(intfId, exception, [&] { mib()->tunnelIfTableDel(k1); }))
       return exception.rethrow();
-  exception.run([&] { mib()->tunnelIfTableIs(k1, status); });
+  }
+  if (!isThere)
+    exception.run([&] { mib()->tunnelIfTableIs(k1, status); });
   LUMO_TRACE(trace(), 7, unit(),
              "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1={}, value=Tuple( {}, {} )",
              k1, k1, printed(status));

@@ -250,7 +250,8 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
       Snmp::InetAddress::fromIpGenAddr(intfStatus->srcAddr()),
       Snmp::InetAddress::fromIpGenAddr(intfStatus->dstAddr()).address(),
       modeToEncap(intfStatus->mode()), 1);
-  if (output().find(mibKey) != output().end()) {
+  Place const place{output().findNotLess(mibKey), output().version()};
+  if (place.position != output().end() && place.position->first == mibKey) {
     waiting_.waitsForKey(intfId, mibKey);
     LUMO_TRACE(trace(), 6, unit(), "filter( ( !existing ) ) failed, terminating pipeline");
     return;
@@ -265,7 +266,7 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
   slot->holderIs(intfId);
   slot->valueIs(entry);
   outputKeySeen(mibKey);
-  intoMibTable(intoByMibKey, mibKey, entry);
+  intoMibTable(intoByMibKey, mibKey, entry, place);
 }
 
 void TunnelInetConfigTableSm::eventToRescanStream(std::uint32_t,
@@ -358,24 +359,30 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
 void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
                                            TunnelInetConfigTableKey const & k1,
                                            EntryPtr const & value) {
-  if (!value) {
-    LUMO_TRACE(trace(), 7, unit(), "{}: deleting k1={}", statement, printed(k1));
-    waiting_.keyFreed(k1);
-    if (auto const row = output().find(k1); row != output().end()) {
-      expectTableChange();
-      mib()->tunnelInetConfigTableDel(row);
-    }
-    return;
+  if (value)
+    return intoMibTable(statement, k1, value, {output().findNotLess(k1), output().version()});
+  LUMO_TRACE(trace(), 7, unit(), "{}: deleting k1={}", statement, printed(k1));
+  waiting_.keyFreed(k1);
+  if (auto const row = output().find(k1); row != output().end()) {
+    expectTableChange();
+    mib()->tunnelInetConfigTableDel(row);
   }
+}
+
+void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
+                                           TunnelInetConfigTableKey const & k1,
+                                           EntryPtr const & value, Place const & place) {
   LUMO_ASSERT(value->key() == k1,
               "In \"{}\" the value inserted in the into statement has internal key: {}, but the "
               "key specified in the into is: {}",
               statement, printed(value->key()), printed(k1));
   LUMO_TRACE(trace(), 7, unit(), "{}: inserting k1={}, value={}", statement, printed(k1),
              printed(*value));
-  if (output().find(k1) == output().end())
+  auto const position =
+      place.version == output().version() ? place.position : output().findNotLess(k1);
+  if (position == output().end() || position->first != k1)
     expectTableChange();
-  mib()->tunnelInetConfigTableIs(value);
+  mib()->tunnelInetConfigTableIs(position, value);
 }
 
 // A version that is not as the machine's own writes make it tells that somebody else wrote.

@@ -163,6 +163,16 @@ private:
   }
   void deleteOutputRow(TunnelInetConfigTableKey const & k1) override;
 
+  /// Where a key is in the output or would be, as long as that has the version.
+  struct Place {
+    TunnelMib::TunnelInetConfigTable::const_iterator position;
+    std::uint32_t version;
+  };
+  /// Inserts or replaces, as above, without a search unless the table has changed since. Requires:
+  /// there is a value.
+  void intoMibTable(std::string_view statement, TunnelInetConfigTableKey const & k1,
+                    EntryPtr const & value, Place const & place);
+
   void forgetIfGone(Plexa::IntfId intfId, Zel::Optional<StatusPtr> const & intfStatusOpt);
   bool waitingTunnelsKnown() const;
   void rescanWaiting(Zel::Optional<StatusPtr> const & processedTisOpt);

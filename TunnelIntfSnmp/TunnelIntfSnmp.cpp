@@ -398,10 +398,15 @@ void TunnelMib::ipsecTunnelIfTableDelAll() {
 void TunnelMib::tunnelInetConfigTableIs(Zel::Ptr<TunnelInetConfigTableEntry const> entry) {
   if (!entry)
     throw Zel::NullArgumentError("tunnelInetConfigTable");
-  auto const & key = entry->key();
-  auto const place = tunnelInetConfigTable_.findNotLess(key);
+  auto const place = tunnelInetConfigTable_.findNotLess(entry->key());
+  tunnelInetConfigTableIs(place, std::move(entry));
+}
+
+void TunnelMib::tunnelInetConfigTableIs(TunnelInetConfigTable::const_iterator place,
+                                        Zel::Ptr<TunnelInetConfigTableEntry const> entry) {
   if (place != tunnelInetConfigTable_.end() && place->second == entry)
     return;
+  auto const & key = entry->key();
   tunnelInetConfigTable_.insertOrReplace(place, key, entry);
   notify(tunnelInetConfigTableAttribute(), key);
 }

@@ -216,6 +216,10 @@ public:
   /// Inserts the entry under its key, or puts it in the place of another entry. Raises
   /// Zel::NullArgumentError when it is null.
   void tunnelInetConfigTableIs(Zel::Ptr<TunnelInetConfigTableEntry const> entry);
+  /// The same without a search. Requires: the entry is not null, and `place` is what the table's
+  /// findNotLess() finds for its key.
+  void tunnelInetConfigTableIs(TunnelInetConfigTable::const_iterator place,
+                               Zel::Ptr<TunnelInetConfigTableEntry const> entry);
   /// Removes and returns the entry; null when there is none.
   Zel::Ptr<TunnelInetConfigTableEntry const>
   tunnelInetConfigTableDel(TunnelInetConfigTableKey const & key);

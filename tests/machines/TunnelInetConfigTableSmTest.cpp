@@ -433,6 +433,22 @@ TEST_P(InetConfig, AddsNothingUnderTheKeyOfARowThatSomebodyElseWrote) {
   world_.mib->tunnelInetConfigTableDel(keyAB);
 }
 
+// Where the row belongs was sought before the slot was made.
+TEST_P(InetConfig, WritesItsRowThoughWhoHearsOfTheSlotChangesTheTable) {
+  auto const before = inetConfigKey("10.0.0.0", "10.0.0.2", gre);
+  world_.mib->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(before, 70));
+  world_.mib->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(keyAC, 71));
+  auto const listener =
+      Zel::makePtr<OnChange>(*machine_->localAttrStore(), [&](Zel::Notification const &) {
+        world_.mib->tunnelInetConfigTableDel(before);
+        world_.mib->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(keyAB, 72));
+      });
+  world_.addIfIndex(1, 10);
+  world_.addEndpoints(1, "10.0.0.1", "10.0.0.2");
+  EXPECT_EQ(world_.inetConfigRows(), (InetConfigRows{{keyAB, 10}, {keyAC, 71}}));
+  world_.mib->tunnelInetConfigTableDel(keyAC);
+}
+
 TEST_P(InetConfig, LeavesItsRowsBehindAndStopsWhenItIsReleased) {
   world_.addIfIndex(1, 10);
   auto const status = world_.addEndpoints(1, "10.0.0.1", "10.0.0.2");
