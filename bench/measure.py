@@ -18,15 +18,20 @@ OPERATIONS = {"bulk50": 2, "get": 5, "next": 5, "miss": 5}  # each with its turn
 
 
 @contextlib.contextmanager
-def one_core():
-    """Has agents and manager share a core. An answer that wakes a manager on another one costs the
-    agent what the machine takes for that: on a virtual one, more than all the rest."""
-    cores = os.sched_getaffinity(0)
-    os.sched_setaffinity(0, {max(cores)})
+def on(cores):
+    """Has this process, and what it starts meanwhile, run on those."""
+    before = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, cores)
     try:
         yield
     finally:
-        os.sched_setaffinity(0, cores)
+        os.sched_setaffinity(0, before)
+
+
+def one_core():
+    """Has agents and manager share a core. An answer that wakes a manager on another one costs the
+    agent what the machine takes for that: on a virtual one, more than all the rest."""
+    return on({max(os.sched_getaffinity(0))})
 
 
 class Measure:
@@ -110,23 +115,29 @@ class Measure:
 
     def _latency(self, mode, rows):
         figures = {"idle": [], "start": [], "scan and reconciliation": [], "restart-machines": []}
-        for number in range(1 if self.quick else 9):
-            progress(f"latency of {mode}, {rows} rows, repetition {number}")
-            agent = self.workshop.daemon(mode, rows)
-            try:
-                with self.polling(agent, rows, figures["start"]):
-                    agent.control.wait_ready()
-                figures["idle"].append(self.workshop.ask(agent, "if", rows, "latency",
-                                                         "--seconds", 2))
-                with self.polling(agent, rows, figures["restart-machines"]):
-                    agent.control.ask("restart-machines")  # in one step: the old machines end
-                    agent.control.wait_ready()
-                agent.control.ask("restart-machines")
-                with self.polling(agent, rows, figures["scan and reconciliation"]):
-                    agent.control.wait_ready()
-            finally:
-                agent.end()
+        *others, last = sorted(os.sched_getaffinity(0))
+        # A manager on the busy daemon's core would wait for the kernel to give it a turn.
+        with on(others or {last}):
+            for number in range(1 if self.quick else 9):
+                progress(f"latency of {mode}, {rows} rows, repetition {number}")
+                with on({last}):
+                    agent = self.workshop.daemon(mode, rows)
+                try:
+                    self._wait_for(agent, rows, figures)
+                finally:
+                    agent.end()
         return figures
+
+    def _wait_for(self, agent, rows, figures):
+        with self.polling(agent, rows, figures["start"]):
+            agent.control.wait_ready()
+        figures["idle"].append(self.workshop.ask(agent, "if", rows, "latency", "--seconds", 2))
+        with self.polling(agent, rows, figures["restart-machines"]):
+            agent.control.ask("restart-machines")  # in one step: the old machines end
+            agent.control.wait_ready()
+        agent.control.ask("restart-machines")
+        with self.polling(agent, rows, figures["scan and reconciliation"]):
+            agent.control.wait_ready()
 
     def polling(self, agent, rows, figures):
         return Polling(self.workshop.manager(agent, "if", rows, "latency", "--seconds", PATIENCE),

@@ -180,7 +180,7 @@ NOTES = {
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
     "steps": "A small and a large agent side by side, {turns} turns each, on one core as above.",
-    "latency": "{turns} repetitions, the lowest and the highest in brackets, on all cores. Single GETs of random instances of "
+    "latency": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
                "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
