@@ -2,7 +2,6 @@
 // has over the ifIndex map.
 #pragma once
 
-#include "TunnelIntfSnmp/Fetch.h"
 #include "TunnelIntfSnmp/TableSmRuntime.h"
 #include <iterator>
 #include <string_view>
@@ -36,21 +35,14 @@ public:
     std::uint64_t iterations = 0;
     Zel::FirstException exception; // of whoever hears of a row: it must not end the scan
     auto position = scanFrom();
-    auto ahead = aheadOf(position);
     while (position != collection().end()) {
-      if (ahead != collection().end())
-        fetchFor(*ahead++);
       auto const key = position->first;
       auto const stamp = collection().changeStamp();
       exception.run([&] { handleKey(key); });
       keyScanned();
       ++iterations;
-      if (stamp == collection().changeStamp()) {
-        ++position;
-      } else {
-        position = collection().seekBehind(key);
-        ahead = aheadOf(position);
-      }
+      position =
+          stamp == collection().changeStamp() ? std::next(position) : collection().seekBehind(key);
       if (shouldYield() && position != collection().end()) {
         inputScanBookmark_ = position->first;
         scanYields(iterations);
@@ -98,13 +90,6 @@ protected:
   /// One key counts as gone, though the collection still has it.
   virtual void handleGone(Key const & key) = 0;
 
-  /// Has what handleKey() will look into fetched, for a key that the scan soon comes to: a record
-  /// itself, unless the derived child knows better.
-  virtual void fetchFor(typename Map::const_iterator::reference entry) const {
-    if constexpr (requires { entry.second.get(); })
-      fetch(entry.second.get());
-  }
-
   /// Records that everything up to now has been heard. Called before a key's event is emitted.
   void observeChangeStamp() { observedChangeStamp_ = collection().changeStamp(); }
   /// The value of the key now. A null value counts as none.
@@ -118,7 +103,6 @@ protected:
 
 private:
   using Reactor = Flowa::Gen::InReactor<CollectionSm, Key>;
-  using Position = typename Map::const_iterator;
 
   Zel::Ptr<Entity const> const & en() const { return input_; }
   Map const & collection() const { return (input_.get()->*Collection)(); }
@@ -128,12 +112,6 @@ private:
       return collection().seek(inputScanBookmark_);
     passBegins();
     return collection().begin();
-  }
-
-  // The order of a scan is that of hashes: what the keys stand for lies anywhere in memory.
-  Position aheadOf(Position position) const {
-    constexpr auto keys = 8;
-    return std::ranges::next(position, keys, collection().end());
   }
 
   void handleReactor(Zel::Attribute const & attribute, Key const & key) {
@@ -169,10 +147,6 @@ private:
   }
   void handleGone(Plexa::IntfId const & intfId) override {
     root_.eventToIfMibStream(intfId, std::nullopt);
-  }
-  void fetchFor(typename Map::const_iterator::reference entry) const override {
-    if (initialScanDone()) // before that, no event leads anywhere
-      root_.fetchStatus(entry.first);
   }
 
   Machine & root_;

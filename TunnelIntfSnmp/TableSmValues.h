@@ -28,12 +28,7 @@ struct OutputKeyType {
   /// Marks the key as set. Every value is accepted.
   void validate() { k0Valid = true; }
   std::uint32_t hash(std::uint32_t seed) const {
-    Zel::Hash hash(seed);
-    if constexpr (std::unsigned_integral<K0>)
-      hash.mix(k0);
-    else
-      hash.mix(k0.hash(0));
-    return hash.mix(static_cast<std::uint8_t>(k0Valid)).result();
+    return Zel::hashOf(k0, Zel::Hash(seed).mix(static_cast<std::uint8_t>(k0Valid)).result());
   }
 
   static constexpr std::string_view typeName = TypeName.view();

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "TunnelIntfSnmp/CollectionSm.h"
-#include "TunnelIntfSnmp/Fetch.h"
 #include "TunnelIntfSnmp/TableSmRuntime.h"
 #include <span>
 #include <utility>
@@ -26,12 +25,6 @@ public:
   IfMibPtr const & ifMib() const { return ifMib_; }
   auto intfStatusSm0() const {
     return this->template intfStatusSm<typename Machine::IntfStatusSm0>();
-  }
-
-  /// Has the interface's status fetched, which an event will soon look into.
-  void fetchStatus(Plexa::IntfId intfId) const {
-    if (auto const * status = tunnelIntfStatusDir_->intfStatus().find(intfId))
-      fetch(status->get());
   }
 
   Zel::Type const & type() const final { return typeDescription(); }

@@ -21,7 +21,7 @@ public:
 
   constexpr std::uint64_t value() const { return value_; }
   std::string stringValue() const { return std::to_string(value_); }
-  std::uint32_t hash(std::uint32_t seed) const { return Zel::Hash(seed).mix(value_).result(); }
+  std::uint32_t hash(std::uint32_t seed) const { return Zel::hashOf(value_, seed); }
   constexpr auto operator<=>(IntfId const &) const = default;
 
 private:

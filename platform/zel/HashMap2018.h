@@ -8,6 +8,8 @@
 // The entries stand in one array, in that order, each as near as the others let it behind the home
 // that its hash gives it (linear probing that keeps its clusters sorted): a scan reads memory from
 // front to back, and a look-up touches one entry. There are six such entries for each tunnel.
+// Numbers in a row stand in a row (hashOfNumber()), so what is looked up next mostly stands behind
+// what was looked up last, and is sought there first.
 #pragma once
 
 #include "platform/zel/Hash.h"
@@ -112,12 +114,14 @@ public:
   }
   /// The value of `key`, or null. Lives until the next insertion or removal, or its replacement.
   Value const * find(Key const & key) const {
+    if (holds(behindLast_, key))
+      return foundAt(behindLast_);
     auto const hash = hasher_(key);
     for (auto place = homeOf(hash), far = place + nearHome; place != far; ++place) {
       if (!array_.isUsed(place)) // there is no gap between an entry and its home
         return nullptr;
       if (array_[place].first == key)
-        return &array_[place].second;
+        return foundAt(place);
     }
     return findFar(hash, key);
   }
@@ -141,6 +145,7 @@ public:
       place = placeOf(hash, key);
     makeRoom(place);
     array_.put(place, hash, std::move(entry));
+    behindLast_ = place + 1;
     ++size_;
     advanceStamp();
     return array_[place].second;
@@ -152,6 +157,7 @@ public:
       return false;
     [[maybe_unused]] auto const removed = std::move(array_[place]); // ends when all is consistent
     closeUp(place);
+    behindLast_ = place;
     --size_;
     advanceStamp();
     return true;
@@ -259,6 +265,8 @@ private:
   // order of another map, which fills the first homes only: hence the growing steps.
   std::size_t placeOf(std::uint32_t hash, Key const & key) const {
     auto low = homeOf(hash);
+    if (behindLast_ > low && standsBefore(behindLast_ - 1, hash, key))
+      low = behindLast_; // no gap and nothing greater is between that entry's home, or this, and it
     std::size_t step = 1;
     for (; standsBefore(low, hash, key); step *= 2)
       low += step;
@@ -283,7 +291,11 @@ private:
   }
   Value const * findFar(std::uint32_t hash, Key const & key) const {
     auto const place = placeOf(hash, key);
-    return holds(place, key) ? &array_[place].second : nullptr;
+    return holds(place, key) ? foundAt(place) : nullptr;
+  }
+  Value const * foundAt(std::size_t place) const {
+    behindLast_ = place + 1;
+    return &array_[place].second;
   }
   void move(std::size_t from, std::size_t to) {
     array_.put(to, array_.hashAt(from), std::move(array_[from]));
@@ -330,6 +342,7 @@ private:
   std::size_t homes_ = 0; // the rest of the array is the tail, for what has no room at its home
   std::size_t size_ = 0;
   std::uint32_t changeStamp_ = 0;
+  std::size_t mutable behindLast_ = 0; // a guess: any place, or none
   [[no_unique_address]] Hasher hasher_;
 };
 

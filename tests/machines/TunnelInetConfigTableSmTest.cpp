@@ -500,8 +500,8 @@ TEST_P(InetConfig, MaySeeItsInputsChangedByWhoeverHearsOfARow) {
     world_.addEndpoints(id, "10.0.0.1", fmt::format("10.0.1.{}", id));
   }
   auto const meddler = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
-    if (world_.dir->intfStatus().size() > 5)
-      world_.dir->intfStatusDel(world_.dir->intfStatus().begin()->first);
+    if (auto const left = world_.dir->intfStatus().size(); left > 5)
+      world_.dir->intfStatusDel(IntfId(left));
   });
   world_.addEndpoints(1, "10.0.0.1", "10.0.0.9");
   EXPECT_EQ(world_.dir->intfStatus().size(), 5u);
