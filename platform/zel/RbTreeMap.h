@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
-#include <optional>
 #include <type_traits>
 #include <utility>
 
@@ -81,7 +80,7 @@ class RbTreeMap {
 public:
   using const_iterator = typename Tree::const_iterator;
 
-  RbTreeMap() = default;
+  RbTreeMap() : last_(tree_.end()) {}
   RbTreeMap(RbTreeMap const &) = delete;
   RbTreeMap & operator=(RbTreeMap const &) = delete;
 
@@ -94,15 +93,18 @@ public:
   const_iterator begin() const { return tree_.begin(); }
   const_iterator end() const { return tree_.end(); }
   /// The entry with exactly this key, or end().
-  const_iterator find(Key const & key) const { return tree_.find(Sought(key)); }
+  const_iterator find(Key const & key) const {
+    auto const place = findNotLess(key);
+    return place != end() && place->first == key ? place : end();
+  }
   /// The first entry whose key is greater than `key`, or end(). The key itself need not be present.
   const_iterator findNext(Key const & key) const { return tree_.upper_bound(Sought(key)); }
   /// The first entry whose key is not less than `key`, or end().
   const_iterator findNotLess(Key const & key) const {
-    // An entry often comes in the place of the one that went last.
-    if (behindRemoved_ && isPlaceOf(key, *behindRemoved_))
-      return *behindRemoved_;
-    return tree_.lower_bound(Sought(key));
+    auto near = last_;
+    if (near != end() && near->first < key)
+      ++near;
+    return last_ = isPlaceOf(key, near) ? near : tree_.lower_bound(Sought(key));
   }
   /// The value of `key`, or the empty value.
   Value operator[](Key const & key) const {
@@ -120,21 +122,21 @@ public:
       std::swap(valueAt(position), value);
       return;
     }
-    behindRemoved_.reset();
-    tree_.emplace_hint(position, key, std::move(value));
+    last_ = tree_.emplace_hint(position, key, std::move(value));
     ++version_;
   }
   /// Removes the entry at `position` and returns its value.
   Value erase(const_iterator position) {
     auto value = std::move(valueAt(position)); // ends when all is consistent
-    behindRemoved_ = tree_.erase(position);
+    last_ = tree_.erase(position);
     ++version_;
     return value;
   }
   void clear() {
-    behindRemoved_.reset();
+    Tree removed; // what ends with a value sees an empty map
+    removed.swap(tree_);
+    last_ = tree_.end();
     ++version_;
-    Tree().swap(tree_); // what ends with a value sees an empty map
   }
 
 private:
@@ -146,7 +148,9 @@ private:
 
   Tree tree_;
   std::uint32_t version_ = 0;
-  std::optional<const_iterator> behindRemoved_; // until the next insertion or removal
+  // Where the last search or change ended. The next is mostly there or one further: a scan comes to
+  // neighbours one after the other, and an entry often takes the place of the one that went last.
+  const_iterator mutable last_;
 };
 
 } // namespace Zel
