@@ -29,6 +29,8 @@ bool TaskScheduler::runOne() {
   } const runEnd{*this};
   ++runs_;
   scheduledByRun_ = 0;
+  shareIsUsed_ = false;
+  asks_ = 0;
   runBegan_ = clock_();
   running_->run();
   return true;
@@ -42,7 +44,11 @@ std::size_t TaskScheduler::scheduled() const {
 }
 
 bool TaskScheduler::shouldYield(Task const &) const {
-  return !running_ || clock_() - runBegan_ >= share_;
+  if (!running_)
+    return true;
+  if (!shareIsUsed_ && ++asks_ % asksPerLook == 0)
+    shareIsUsed_ = clock_() - runBegan_ >= share_;
+  return shareIsUsed_;
 }
 
 Task * TaskScheduler::takeNext(std::deque<Task *> & equals) {

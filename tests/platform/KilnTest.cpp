@@ -2,10 +2,14 @@
 #include "platform/Kiln.h"
 #include "platform/Flowa.h"
 #include "tests/support/TestScheduler.h"
+#include <algorithm>
 #include <gmock/gmock.h>
+#include <iterator>
 
 namespace {
 
+using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 
 class Worker : public Zel::Notifiee {
@@ -33,6 +37,13 @@ protected:
       Zel::makePtr<Kiln::TaskScheduler>([this] { return now_; });
   std::vector<std::string> ran_;
 
+  /// What so many asks of one run say as have the scheduler look at the clock.
+  static std::vector<bool> asked(Kiln::Task const & task) {
+    std::vector<bool> verdicts;
+    std::generate_n(std::back_inserter(verdicts), Kiln::TaskScheduler::asksPerLook,
+                    [&] { return task.taskShouldYield(); });
+    return verdicts;
+  }
   Zel::Ptr<Worker> worker(Kiln::TaskPriority priority, std::string const & name) {
     return Zel::makePtr<Worker>(scheduler_, priority, name,
                                 [this](auto & task) { ran_.push_back(task.name()); });
@@ -102,11 +113,12 @@ TEST_F(Scheduler, LetsATaskScheduleItselfAgain) {
 
 TEST_F(Scheduler, AsksToYieldWhenTheShareOfARunIsUsed) {
   auto const one = Zel::makePtr<Worker>(scheduler_, 3, "one", [&](Kiln::Task & task) {
-    EXPECT_FALSE(task.taskShouldYield());
+    EXPECT_THAT(asked(task), Each(false));
     now_ += std::chrono::microseconds(4999);
-    EXPECT_FALSE(task.taskShouldYield());
+    EXPECT_THAT(asked(task), Each(false));
     now_ += std::chrono::microseconds(1);
-    EXPECT_TRUE(task.taskShouldYield());
+    EXPECT_THAT(asked(task), Contains(true)) << "the clock is looked at";
+    EXPECT_THAT(asked(task), Each(true)) << "from then on to the end of the run";
   });
   one->task->scheduleTask();
   scheduler_->runOne();
@@ -114,10 +126,12 @@ TEST_F(Scheduler, AsksToYieldWhenTheShareOfARunIsUsed) {
 }
 
 TEST_F(Scheduler, GivesEachRunAShareOfItsOwn) {
-  auto const hog = Zel::makePtr<Worker>(scheduler_, 3, "hog",
-                                        [&](Kiln::Task &) { now_ += std::chrono::seconds(1); });
+  auto const hog = Zel::makePtr<Worker>(scheduler_, 3, "hog", [&](Kiln::Task & task) {
+    now_ += std::chrono::seconds(1);
+    EXPECT_THAT(asked(task), Contains(true));
+  });
   auto const next = Zel::makePtr<Worker>(
-      scheduler_, 3, "next", [&](Kiln::Task & task) { EXPECT_FALSE(task.taskShouldYield()); });
+      scheduler_, 3, "next", [&](Kiln::Task & task) { EXPECT_THAT(asked(task), Each(false)); });
   hog->task->scheduleTask();
   next->task->scheduleTask();
   scheduler_->runOne();
