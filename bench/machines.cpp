@@ -68,8 +68,23 @@ struct Maps {
   std::map<std::uint32_t, Zel::Ptr<IpsecTunnelIfTableEntry>> ipsec;
 };
 
-void fill(Maps & maps, Inputs const & inputs) {
-  for (auto const & [intfId, status] : inputs.dir->intfStatus()) {
+using Statuses = std::vector<Zel::Ptr<Status>>;
+
+Statuses inScanOrder(Inputs const & inputs) {
+  Statuses statuses;
+  for (auto const & [intfId, status] : inputs.dir->intfStatus())
+    statuses.push_back(status);
+  return statuses;
+}
+Statuses inDrawnOrder(Inputs const & inputs) {
+  auto statuses = inScanOrder(inputs);
+  std::ranges::shuffle(statuses, std::mt19937(1));
+  return statuses;
+}
+
+void fill(Maps & maps, Inputs const & inputs, Statuses const & statuses) {
+  for (auto const & status : statuses) {
+    auto const intfId = status->intfId();
     auto const ifIndex = *inputs.ifMib->ifIndexByIntfId().find(intfId);
     maps.tunnelIf.emplace(ifIndex, Zel::makePtr<TunnelIfTableEntry>(ifIndex, status));
     auto const key = inetKeyOf(*status);
@@ -80,11 +95,13 @@ void fill(Maps & maps, Inputs const & inputs) {
   }
 }
 
+template <auto Order>
 void startMaps(benchmark::State & state) {
   Inputs const inputs(static_cast<std::uint32_t>(state.range(0)));
+  auto const statuses = Order(inputs);
   for ([[maybe_unused]] auto const _ : state) {
     auto maps = std::make_unique<Maps>();
-    fill(*maps, inputs);
+    fill(*maps, inputs, statuses);
     benchmark::DoNotOptimize(maps);
     state.PauseTiming();
     maps.reset();
@@ -206,7 +223,8 @@ struct Named {
 
 constexpr Named starts[] = {
     {"startAll", start<makeAll, isComplete>},
-    {"startMaps", startMaps},
+    {"startMaps", startMaps<inScanOrder>},
+    {"startMapsDrawn", startMaps<inDrawnOrder>},
     {"startTunnelIf", start<makeTunnelIf, hasTunnelIf>},
     {"startInetConfig", start<makeInetConfig, hasInetConfig>},
     {"startIpsec", start<makeIpsec, hasIpsec>},

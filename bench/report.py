@@ -21,6 +21,7 @@ OPERATION_TITLES = {"bulk50": "GETBULK walk, 50 repetitions", "get": "GET of a r
                     "miss": "GET of a row that is not there"}
 BENCHMARK_TITLES = {
     "startAll": "all three machines", "startMaps": "three `std::map` filled with the same rows",
+    "startMapsDrawn": "the same, in a drawn order",
     "startTunnelIf": "`TunnelIfTableSm` alone", "startInetConfig": "`TunnelInetConfigTableSm` alone",
     "startIpsec": "`IpsecTunnelIfTableSm` alone",
     "changeHopLimit": "a hop limit (no row stores it)", "changeAddress": "an address (row re-keyed)",
@@ -186,7 +187,8 @@ NOTES = {
                "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
              "with the real scheduler; of {turns} rounds. Each is the one start of a process of its own, "
-             "as the maps are filled in one of their own: the first use of memory counts, the making "
+             "as the maps are filled in one of their own, in the order of the machines' scans "
+             "or in a drawn one: the first use of memory counts, the making "
              "of the inputs and the end do not.",
     "changes": "CPU time of one change of an input record to the row that shows it, for random "
                "tunnels; of {turns} rounds.",
@@ -208,10 +210,10 @@ def turns(figures):
 def document(results, command, pictures):
     modes = [mode for mode in MEANINGS if mode in next(iter(results["if"].values()))["get"]]
     of_rows = next(iter(results["if"].values()))
-    walk_turns, request_turns = (len(of_rows[name]["e"]) for name in ("bulk50", "get"))
+    of = {name: len(by_mode["e"]) for name, by_mode in of_rows.items()}  # turns
     meanings = table(["", "what serves the table"], [[mode, MEANINGS[mode]] for mode in modes])
     shown = {name: f"![{title}]({name})\n" for name, title in pictures.items()}
     return (f"# Performance figures\n\nWritten by `{command}`. A figure is a median, with the "
-            f"quartiles in brackets (half of all lies between them): of {request_turns} turns for "
-            f"single requests, of {walk_turns} for walks. Ratios are taken turn by turn. CPU time is that of one process.\n\n"
+            f"quartiles in brackets (half of all lies between them): of {of['get']} turns for GETs, "
+            f"of {of['next']} for other single requests, of {of['bulk50']} for walks. Ratios are taken turn by turn. CPU time is that of one process.\n\n"
             f"{machine()}\n{meanings}\n" + "\n".join(shown.values()) + "\n" + text(results))
