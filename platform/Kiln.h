@@ -30,7 +30,6 @@ class Task;
 class TaskScheduler : public Zel::PtrInterface {
 public:
   static constexpr std::chrono::microseconds defaultShare{5000};
-  static constexpr std::uint32_t asksPerLook = 8;
 
   /// `share` is how long one run may take before it is asked to yield.
   explicit TaskScheduler(Clock clock = std::chrono::steady_clock::now,
@@ -58,8 +57,8 @@ public:
 
 protected:
   /// True if and only if the work that `task` asks for should stop soon. By default: when the
-  /// running task has used its share, and always outside any run, where nobody has a share. Every
-  /// asksPerLook-th ask of a run looks at the clock, which would otherwise take a tenth of a scan.
+  /// running task has used its share, and always outside any run, where nobody has a share. Once
+  /// true, it stays so to the end of the run.
   virtual bool shouldYield(Task const & task) const;
   /// Takes the next task to run out of the scheduled ones of the most urgent priority.
   virtual Task * takeNext(std::deque<Task *> & equals);
@@ -77,8 +76,13 @@ private:
   Zel::Ptr<Task> running_;
   std::ptrdiff_t scheduledByRun_ = 0; // equals of the running task, at the front of their queue
   std::chrono::steady_clock::time_point runBegan_;
-  bool mutable shareIsUsed_ = false; // of this run, as all that follows
-  std::uint32_t mutable asks_ = 0;
+  // Reading the clock for each ask would take a tenth of a scan. While what is done between two
+  // looks takes less than a 32nd of the share, only each eighth ask looks.
+  static constexpr std::uint32_t asksPerLook = 8;
+  static constexpr std::uint32_t looksAShare = 32;
+  bool mutable shareIsUsed_ = false; // in this run
+  std::uint32_t mutable asksToSkip_ = 0;
+  std::chrono::steady_clock::time_point mutable lastLook_;
   std::uint64_t runs_ = 0;
   std::function<void()> wakeUp_;
 };

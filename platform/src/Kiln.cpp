@@ -30,8 +30,8 @@ bool TaskScheduler::runOne() {
   ++runs_;
   scheduledByRun_ = 0;
   shareIsUsed_ = false;
-  asks_ = 0;
-  runBegan_ = clock_();
+  asksToSkip_ = 0;
+  runBegan_ = lastLook_ = clock_();
   running_->run();
   return true;
 }
@@ -46,9 +46,16 @@ std::size_t TaskScheduler::scheduled() const {
 bool TaskScheduler::shouldYield(Task const &) const {
   if (!running_)
     return true;
-  if (!shareIsUsed_ && ++asks_ % asksPerLook == 0)
-    shareIsUsed_ = clock_() - runBegan_ >= share_;
-  return shareIsUsed_;
+  if (shareIsUsed_)
+    return true;
+  if (asksToSkip_ != 0) {
+    --asksToSkip_;
+    return false;
+  }
+  auto const now = clock_();
+  asksToSkip_ = now - lastLook_ < share_ / looksAShare ? asksPerLook - 1 : 0;
+  lastLook_ = now;
+  return shareIsUsed_ = now - runBegan_ >= share_;
 }
 
 Task * TaskScheduler::takeNext(std::deque<Task *> & equals) {

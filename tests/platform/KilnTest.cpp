@@ -33,15 +33,17 @@ private:
 class Scheduler : public testing::Test {
 protected:
   std::chrono::steady_clock::time_point now_{};
-  Zel::Ptr<Kiln::TaskScheduler> scheduler_ =
-      Zel::makePtr<Kiln::TaskScheduler>([this] { return now_; });
+  Zel::Ptr<Kiln::TaskScheduler> scheduler_ = Zel::makePtr<Kiln::TaskScheduler>([this] {
+    ++looks_;
+    return now_;
+  });
+  int looks_ = 0;
   std::vector<std::string> ran_;
 
-  /// What so many asks of one run say as have the scheduler look at the clock.
+  /// What so many asks in a row say as have the scheduler look at the clock once.
   static std::vector<bool> asked(Kiln::Task const & task) {
     std::vector<bool> verdicts;
-    std::generate_n(std::back_inserter(verdicts), Kiln::TaskScheduler::asksPerLook,
-                    [&] { return task.taskShouldYield(); });
+    std::generate_n(std::back_inserter(verdicts), 8, [&] { return task.taskShouldYield(); });
     return verdicts;
   }
   Zel::Ptr<Worker> worker(Kiln::TaskPriority priority, std::string const & name) {
@@ -123,6 +125,32 @@ TEST_F(Scheduler, AsksToYieldWhenTheShareOfARunIsUsed) {
   one->task->scheduleTask();
   scheduler_->runOne();
   EXPECT_EQ(scheduler_->share(), std::chrono::milliseconds(5));
+}
+
+TEST_F(Scheduler, LooksAtTheClockForEachEighthAskWhileLittleIsDoneBetween) {
+  auto const quick = Zel::makePtr<Worker>(scheduler_, 3, "quick", [&](Kiln::Task & task) {
+    looks_ = 0;
+    for (int item = 0; item != 800; ++item) {
+      now_ += std::chrono::microseconds(1);
+      EXPECT_FALSE(task.taskShouldYield());
+    }
+    EXPECT_EQ(looks_, 100);
+  });
+  quick->task->scheduleTask();
+  scheduler_->runOne();
+}
+
+TEST_F(Scheduler, LooksAtTheClockForEachAskWhileMuchIsDoneBetween) {
+  auto const slow = Zel::makePtr<Worker>(scheduler_, 3, "slow", [&](Kiln::Task & task) {
+    for (int item = 1; item != 5; ++item) {
+      now_ += std::chrono::milliseconds(1);
+      EXPECT_FALSE(task.taskShouldYield()) << item;
+    }
+    now_ += std::chrono::milliseconds(1);
+    EXPECT_TRUE(task.taskShouldYield());
+  });
+  slow->task->scheduleTask();
+  scheduler_->runOne();
 }
 
 TEST_F(Scheduler, GivesEachRunAShareOfItsOwn) {
