@@ -3,7 +3,6 @@
 
 #include "platform/Zel.h"
 #include <compare>
-#include <concepts>
 #include <cstdint>
 #include <ostream>
 #include <string_view>

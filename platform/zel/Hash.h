@@ -39,13 +39,13 @@ private:
   std::uint64_t state_;
 };
 
-/// Hashes a number so that numbers in a row, `runLength` of them, have hashes in a row: a scan by
-/// hash comes to them one after the other, and to what was made for them, and is ordered by them.
-/// Runs that follow one another are as far from each other as can be (multiplication by the golden
-/// ratio), so that the numbers of interfaces, which mostly have no gaps, spread better than by
-/// chance.
+/// Hashes a number. The numbers from one multiple of `runLength` to the next have hashes in a row:
+/// a scan by hash comes to them one after the other, as to what was made for them, and to rows that
+/// are ordered by them. Multiplying by the golden ratio spreads such runs more evenly than chance
+/// where numbers have no gaps, as those of interfaces mostly. Strides of runLength times a
+/// Fibonacci number are what it spreads badly.
 inline std::uint32_t hashOfNumber(std::uint64_t number, std::uint32_t seed) {
-  constexpr std::uint32_t runLength = 32;
+  constexpr std::uint32_t runLength = 16;
   constexpr std::uint64_t goldenRatio = 0x9E3779B97F4A7C15u;
   auto const run = static_cast<std::uint32_t>((number / runLength + seed) * goldenRatio >> 32);
   return run / runLength * runLength + static_cast<std::uint32_t>(number % runLength);

@@ -7,9 +7,9 @@
 //
 // The entries stand in one array, in that order, each as near as the others let it behind the home
 // that its hash gives it (linear probing that keeps its clusters sorted): a scan reads memory from
-// front to back, and a look-up touches one entry. There are six such entries for each tunnel.
-// Numbers in a row stand in a row (hashOfNumber()), so what is looked up next mostly stands behind
-// what was looked up last, and is sought there first.
+// front to back, and a look-up touches few entries, side by side. There are six such entries for
+// each tunnel. Numbers in a row stand in a row (hashOfNumber()), so what is looked up next mostly
+// stands behind what was looked up last, and is sought there first.
 #pragma once
 
 #include "platform/zel/Hash.h"
@@ -33,7 +33,8 @@ struct DefaultHasher {
 };
 
 /// Keys to values, one value a key. Look-up and change take constant time on average. An insertion,
-/// a removal or reserve() ends every iterator and every pointer or reference into the map.
+/// a removal or reserve() ends every iterator and every pointer or reference into the map. For one
+/// thread: a look-up notes where it ended.
 template <class Key, class Value, class Hasher = DefaultHasher>
 class HashMap2018 {
   using Entry = std::pair<Key, Value>;
@@ -114,8 +115,8 @@ public:
   }
   /// The value of `key`, or null. Lives until the next insertion or removal, or its replacement.
   Value const * find(Key const & key) const {
-    if (holds(behindLast_, key))
-      return foundAt(behindLast_);
+    if (holds(guess_, key))
+      return foundAt(guess_);
     auto const hash = hasher_(key);
     for (auto place = homeOf(hash), far = place + nearHome; place != far; ++place) {
       if (!array_.isUsed(place)) // there is no gap between an entry and its home
@@ -145,7 +146,7 @@ public:
       place = placeOf(hash, key);
     makeRoom(place);
     array_.put(place, hash, std::move(entry));
-    behindLast_ = place + 1;
+    guess_ = place + 1;
     ++size_;
     advanceStamp();
     return array_[place].second;
@@ -157,7 +158,7 @@ public:
       return false;
     [[maybe_unused]] auto const removed = std::move(array_[place]); // ends when all is consistent
     closeUp(place);
-    behindLast_ = place;
+    guess_ = place;
     --size_;
     advanceStamp();
     return true;
@@ -175,8 +176,9 @@ public:
 private:
   static constexpr std::size_t none = SIZE_MAX;
   static constexpr std::size_t shortestTail = 32;
-  /// Nearly every key is nearer to its home than this, and so many are soon compared.
-  static constexpr std::size_t nearHome = 8;
+  /// Most keys are nearer to their home than this, numbers in a run as well, and so many are soon
+  /// compared.
+  static constexpr std::size_t nearHome = 16;
   /// The hash of a small plain key is sooner computed than fetched from a second array.
   static constexpr bool keepsHashes = !std::is_trivially_copyable_v<Key> ||
                                       sizeof(Key) > sizeof(std::uint64_t);
@@ -261,12 +263,12 @@ private:
     return static_cast<std::size_t>(hash * std::uint64_t{homes_} >> 32);
   }
   // Where the entry of `key` stands, or would stand: the first place from its home on that has no
-  // entry before it. Mostly that is the home or the next place. It can be far when keys come in the
-  // order of another map, which fills the first homes only: hence the growing steps.
+  // entry before it. Mostly that is the home or one of the next places. It can be far when keys
+  // come in the order of another map, which fills the first homes only: hence the growing steps.
   std::size_t placeOf(std::uint32_t hash, Key const & key) const {
     auto low = homeOf(hash);
-    if (behindLast_ > low && standsBefore(behindLast_ - 1, hash, key))
-      low = behindLast_; // no gap and nothing greater is between that entry's home, or this, and it
+    if (guess_ > low && standsBefore(guess_ - 1, hash, key))
+      low = guess_; // no gap and nothing greater is between that entry's home, or this, and it
     std::size_t step = 1;
     for (; standsBefore(low, hash, key); step *= 2)
       low += step;
@@ -294,7 +296,7 @@ private:
     return holds(place, key) ? foundAt(place) : nullptr;
   }
   Value const * foundAt(std::size_t place) const {
-    behindLast_ = place + 1;
+    guess_ = place + 1;
     return &array_[place].second;
   }
   void move(std::size_t from, std::size_t to) {
@@ -342,7 +344,8 @@ private:
   std::size_t homes_ = 0; // the rest of the array is the tail, for what has no room at its home
   std::size_t size_ = 0;
   std::uint32_t changeStamp_ = 0;
-  std::size_t mutable behindLast_ = 0; // a guess: any place, or none
+  std::size_t mutable guess_ =
+      0; // where the next key may be, behind the last one: any place, or none
   [[no_unique_address]] Hasher hasher_;
 };
 

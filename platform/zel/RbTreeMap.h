@@ -71,7 +71,8 @@ using BTree = absl::container_internal::btree_map_container<
 } // namespace Detail
 
 /// Keys to values in ascending key order, one value a key. An insertion or a removal ends every
-/// iterator, end() as well; version() tells whether there was one.
+/// iterator, end() as well; version() tells whether there was one. For one thread: a search notes
+/// where it ended.
 template <class Key, class Value>
 class RbTreeMap {
   using Tree = Detail::BTree<Key, Value>;
@@ -148,8 +149,9 @@ private:
 
   Tree tree_;
   std::uint32_t version_ = 0;
-  // Where the last search or change ended. The next is mostly there or one further: a scan comes to
-  // neighbours one after the other, and an entry often takes the place of the one that went last.
+  // Where the last find(), findNotLess() or change ended. The next is mostly there or one further:
+  // a scan comes to neighbours one after the other, and an entry often takes the place of the one
+  // that went last.
   const_iterator mutable last_;
 };
 

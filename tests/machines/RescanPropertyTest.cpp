@@ -134,7 +134,8 @@ public:
   }
 
 private:
-  Plexa::IntfId id() { return Plexa::IntfId(below(tunnels) + 1); }
+  // Not in a row: those are scanned in ascending order.
+  Plexa::IntfId id() { return Plexa::IntfId(5 * below(tunnels) + 3); }
   std::uint32_t ifIndex() { return static_cast<std::uint32_t>(below(8) + 1); }
   std::string text() {
     static char const * const texts[] = {"", "0.0.0.0", "10.0.0.1", "10.0.0.2", "2001:db8::1"};
