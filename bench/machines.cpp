@@ -68,24 +68,22 @@ struct Maps {
   std::map<std::uint32_t, Zel::Ptr<IpsecTunnelIfTableEntry>> ipsec;
 };
 
-using Statuses = std::vector<Zel::Ptr<Status>>;
+using Tunnels = std::vector<std::pair<std::uint32_t, Zel::Ptr<Status>>>; // with their ifIndexes
 
-Statuses inScanOrder(Inputs const & inputs) {
-  Statuses statuses;
+Tunnels inScanOrder(Inputs const & inputs) {
+  Tunnels tunnels;
   for (auto const & [intfId, status] : inputs.dir->intfStatus())
-    statuses.push_back(status);
-  return statuses;
+    tunnels.emplace_back(*inputs.ifMib->ifIndexByIntfId().find(intfId), status);
+  return tunnels;
 }
-Statuses inDrawnOrder(Inputs const & inputs) {
-  auto statuses = inScanOrder(inputs);
-  std::ranges::shuffle(statuses, std::mt19937(1));
-  return statuses;
+Tunnels inDrawnOrder(Inputs const & inputs) {
+  auto tunnels = inScanOrder(inputs);
+  std::ranges::shuffle(tunnels, std::mt19937(1));
+  return tunnels;
 }
 
-void fill(Maps & maps, Inputs const & inputs, Statuses const & statuses) {
-  for (auto const & status : statuses) {
-    auto const intfId = status->intfId();
-    auto const ifIndex = *inputs.ifMib->ifIndexByIntfId().find(intfId);
+void fill(Maps & maps, Inputs const & inputs, Tunnels const & tunnels) {
+  for (auto const & [ifIndex, status] : tunnels) {
     maps.tunnelIf.emplace(ifIndex, Zel::makePtr<TunnelIfTableEntry>(ifIndex, status));
     auto const key = inetKeyOf(*status);
     maps.inetConfig.emplace(key, tunnelInetConfigTableEntryFactory(key, ifIndex));
@@ -98,10 +96,10 @@ void fill(Maps & maps, Inputs const & inputs, Statuses const & statuses) {
 template <auto Order>
 void startMaps(benchmark::State & state) {
   Inputs const inputs(static_cast<std::uint32_t>(state.range(0)));
-  auto const statuses = Order(inputs);
+  auto const tunnels = Order(inputs);
   for ([[maybe_unused]] auto const _ : state) {
     auto maps = std::make_unique<Maps>();
-    fill(*maps, inputs, statuses);
+    fill(*maps, inputs, tunnels);
     benchmark::DoNotOptimize(maps);
     state.PauseTiming();
     maps.reset();
