@@ -15,7 +15,7 @@ COLOURS = {"e": "#777777", "e2": "#bbbbbb", "c": "#b8860b", "d": "#8c564b", "sto
            "startTunnelIf": "#1f77b4", "startInetConfig": "#b8860b", "startIpsec": "#2e8b57"}
 LABELS = {"e": "e, arithmetic", "e2": "e2, whole bulks", "c": "c, container", "d": "d, tdata",
           "startAll": "three machines", "startMaps": "std::map",
-          "startMapsDrawn": "std::map, drawn order",
+          "startMapsDrawn": "std::map, drawn",
           "startTunnelIf": "tunnelIf", "startInetConfig": "inetConfig", "startIpsec": "ipsec"}
 LABEL_GAP = 0.14  # inches
 
