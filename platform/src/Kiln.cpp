@@ -44,9 +44,7 @@ std::size_t TaskScheduler::scheduled() const {
 }
 
 bool TaskScheduler::shouldYield(Task const &) const {
-  if (!running_)
-    return true;
-  if (shareIsUsed_)
+  if (!running_ || shareIsUsed_)
     return true;
   if (asksToSkip_ != 0) {
     --asksToSkip_;

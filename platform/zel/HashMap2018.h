@@ -344,8 +344,8 @@ private:
   std::size_t homes_ = 0; // the rest of the array is the tail, for what has no room at its home
   std::size_t size_ = 0;
   std::uint32_t changeStamp_ = 0;
-  std::size_t mutable guess_ =
-      0; // where the next key may be, behind the last one: any place, or none
+  // Where the next key may be, behind the last one. Any place, or none.
+  std::size_t mutable guess_ = 0;
   [[no_unique_address]] Hasher hasher_;
 };
 
