@@ -17,7 +17,7 @@ Lumo::Counter taskExceptions("agent-task-exceptions");
 Lumo::Counter rereads("agent-rereads");
 
 /// How long a task may keep a request waiting.
-constexpr std::chrono::milliseconds taskShare{3};
+constexpr std::chrono::milliseconds taskShare{2};
 
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
 constexpr char const * rootPath = "snmp/tunnelIntf/root";
