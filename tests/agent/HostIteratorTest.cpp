@@ -61,10 +61,10 @@ ToyShape withManyRows() {
   return shape;
 }
 
-ToyShape withColumns(std::vector<unsigned int> columns, bool ranges) {
+ToyShape withColumns(std::vector<unsigned int> columns, ColumnsAre columnsAre) {
   auto shape = withRows({{3}, {5}});
   shape.columns = std::move(columns);
-  shape.ranges = ranges;
+  shape.columnsAre = columnsAre;
   return shape;
 }
 
@@ -84,8 +84,9 @@ std::vector<Case> cases() {
       {"TwoRows", withRows({{3}, {5}}), simple},
       {"SomeRows", withCells([](unsigned int, Oid const &) { return Cell::value; }), simple},
       {"ManyRows", withManyRows(), {{2}, {5}, {590}, {600}}},
-      {"GapsInColumns", withColumns({2, 3, 5, 9}, false), simple},
-      {"RangesOfColumns", withColumns({2, 3, 5, 9}, true), simple},
+      {"GapsInColumns", withColumns({2, 3, 5, 9}, ColumnsAre::listed), simple},
+      {"RangesOfColumns", withColumns({2, 3, 5, 9}, ColumnsAre::inRanges), simple},
+      {"AnyColumn", withColumns({2, 3, 4}, ColumnsAre::unlisted), simple},
       {"OctetIndexes",
        mixed({ASN_INTEGER, ASN_OCTET_STR, ASN_PRIV_IMPLIED_OCTET_STR},
              {{5, 1, 0, 65}, {5, 2, 1, 255, 66, 66}, {5, 2, 2, 0, 66}, {7, 1, 9, 9, 9}}),
@@ -102,9 +103,19 @@ std::vector<Case> cases() {
         {0, 0, 0},
         {1, 10, 2, 65, 256, 3}}},
       {"LongStrings",
-       mixed({ASN_OCTET_STR, ASN_INTEGER},
-             {longString(60, 7), longString(100, 1), {1, 65, 2}, {0, 5}}),
-       {longString(60, 7), {1, 65, 2}, longString(100, 1), {1, 66, 0}, longString(99, 1)}},
+       mixed({ASN_OCTET_STR, ASN_INTEGER}, {longString(39, 7),
+                                            longString(40, 7),
+                                            longString(60, 7),
+                                            longString(100, 1),
+                                            {1, 65, 2},
+                                            {0, 5}}),
+       {longString(39, 7),
+        longString(40, 7),
+        longString(60, 7),
+        {1, 65, 2},
+        longString(100, 1),
+        {1, 66, 0},
+        longString(99, 1)}},
       {"ObjectIndexes",
        mixed({ASN_OBJECT_ID, ASN_IPADDRESS, ASN_UNSIGNED},
              {{2, 1, 3, 10, 0, 0, 1, 7}, {3, 1, 3, 6, 10, 0, 0, 1, 7}}),
@@ -391,7 +402,7 @@ public:
     shape.columns.clear();
     for (auto column = below(3) + 1; shape.columns.size() < below(4) + 1; column += below(3) + 1)
       shape.columns.push_back(static_cast<unsigned int>(column));
-    shape.ranges = below(2) == 0;
+    shape.columnsAre = static_cast<ColumnsAre>(below(3));
     static std::vector<std::vector<unsigned char>> const types{
         {ASN_INTEGER},
         {ASN_UNSIGNED, ASN_INTEGER},

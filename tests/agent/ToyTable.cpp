@@ -60,18 +60,27 @@ ToyTable::~ToyTable() {
 void ToyTable::fillColumns(netsnmp_table_registration_info & table) {
   table.min_column = columnList_.front();
   table.max_column = columnList_.back();
-  if (!shape_.ranges) {
+  if (shape_.columnsAre == ColumnsAre::unlisted)
+    return;
+  if (shape_.columnsAre == ColumnsAre::listed) {
     columns_.push_back({0, static_cast<char>(columnList_.size()), {}, nullptr});
     columns_[0].details.list = columnList_.data();
   } else {
-    for (auto const column : columnList_) {
-      columns_.push_back({1, 0, {}, nullptr});
-      columns_.back().details.range[0] = columns_.back().details.range[1] = column;
-    }
-    for (std::size_t at = 1; at < columns_.size(); ++at)
-      columns_[at - 1].next = &columns_[at];
+    fillRanges();
   }
   table.valid_columns = columns_.data();
+}
+
+void ToyTable::fillRanges() {
+  for (auto const column : columnList_) {
+    if (columns_.empty() || columns_.back().details.range[1] + 1 != column) {
+      columns_.push_back({1, 0, {}, nullptr});
+      columns_.back().details.range[0] = column;
+    }
+    columns_.back().details.range[1] = column;
+  }
+  for (std::size_t at = 1; at < columns_.size(); ++at)
+    columns_[at - 1].next = &columns_[at];
 }
 
 netsnmp_variable_list * ToyTable::getFirst(void ** loop, void **, netsnmp_variable_list * index,

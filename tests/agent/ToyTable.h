@@ -26,12 +26,15 @@ enum class Cell {
   silentFailure, ///< an error of the request alone
 };
 
+/// How the columns are registered.
+enum class ColumnsAre { listed, inRanges, unlisted };
+
 struct ToyShape {
   Wire::Oid root{1, 3, 6, 1, 4, 1, 32473, 9, 1};
   std::vector<unsigned char> indexTypes{ASN_INTEGER};
   std::size_t indexLength = 0; ///< of all indexes, where it is not part of the name
   std::vector<unsigned int> columns{2, 3, 4};
-  bool ranges = false; ///< the columns are registered as ranges and not as a list
+  ColumnsAre columnsAre = ColumnsAre::listed;
   std::string value = "value";
   /// The indexes as sub-identifiers.
   std::set<Wire::Oid> rows;
@@ -70,6 +73,7 @@ private:
                     netsnmp_agent_request_info * agent, netsnmp_request_info * requests);
   netsnmp_variable_list * fill(Context const & context, netsnmp_variable_list * index);
   int answer(netsnmp_request_info * request, Wire::Oid const & index);
+  void fillRanges();
   void fillColumns(netsnmp_table_registration_info & table);
 
   ToyShape const shape_;
