@@ -14,7 +14,7 @@ from agents import MODES, OURS, PATIENCE
 TABLES = {"if": "tunnelIfTable", "inet": "tunnelInetConfigTable",
           "ipsec": "velmoraIpsecTunnelIfTable"}
 COLUMNS = {"if": 7, "inet": 3, "ipsec": 1}
-OPERATIONS = {"bulk50": 2, "get": 15, "next": 5, "miss": 5}  # each with its turns in a round
+OPERATIONS = {"bulk50": 2, "get": 30, "next": 5, "miss": 5}  # each with its turns in a round
 
 
 @contextlib.contextmanager
