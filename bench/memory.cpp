@@ -1,5 +1,6 @@
 // What the machines need of the heap: by component, and over a long series of random changes. Every
-// allocation of the process is counted with what malloc adds to it. Prints JSON.
+// allocation of the process is counted with all the room that the daemon's malloc gives it. Prints
+// JSON.
 #include "bench/MachineInputs.h"
 #include "bench/Tunnels.h"
 #include <CLI/CLI.hpp>
@@ -15,7 +16,6 @@
 namespace {
 
 std::int64_t inUse = 0;
-constexpr std::int64_t headerOfMalloc = 8;
 
 } // namespace
 
@@ -23,12 +23,12 @@ void * operator new(std::size_t size) {
   auto * const memory = std::malloc(size);
   if (memory == nullptr)
     throw std::bad_alloc();
-  inUse += static_cast<std::int64_t>(malloc_usable_size(memory)) + headerOfMalloc;
+  inUse += static_cast<std::int64_t>(malloc_usable_size(memory));
   return memory;
 }
 void operator delete(void * memory) noexcept {
   if (memory != nullptr)
-    inUse -= static_cast<std::int64_t>(malloc_usable_size(memory)) + headerOfMalloc;
+    inUse -= static_cast<std::int64_t>(malloc_usable_size(memory));
   std::free(memory);
 }
 void operator delete(void * memory, std::size_t) noexcept {

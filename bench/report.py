@@ -192,7 +192,8 @@ NOTES = {
              "of the inputs and the end do not.",
     "changes": "CPU time of one change of an input record to the row that shows it, for random "
                "tunnels; of {turns} rounds.",
-    "memory": "One run. Every allocation counted, with what `malloc` adds to it.",
+    "memory": "One run. Every allocation counted, with all the room that the daemon's `malloc` "
+              "gives it.",
 }
 
 

@@ -13,6 +13,9 @@
 
 namespace Sources {
 
+// Of mimalloc, where the program has its malloc from there; null where it has not.
+extern "C" [[gnu::weak]] void mi_collect(bool force) noexcept;
+
 using nlohmann::json;
 using namespace nlohmann::literals;
 
@@ -33,7 +36,11 @@ Lumo::DebugHandler const & traceHandler() {
 /// Has malloc return free memory to the system at the end of a scope. The documents of a large file
 /// take many times what its records take.
 struct GiveBack {
-  ~GiveBack() { malloc_trim(0); }
+  ~GiveBack() {
+    malloc_trim(0);
+    if (mi_collect != nullptr)
+      mi_collect(true);
+  }
 };
 
 class JsonSource final : public Source {
