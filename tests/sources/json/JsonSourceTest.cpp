@@ -6,6 +6,15 @@
 #include <sys/stat.h>
 
 namespace {
+int collections = 0;
+} // namespace
+
+/// mimalloc's, which this program has not.
+extern "C" void mi_collect(bool) noexcept {
+  ++collections;
+}
+
+namespace {
 
 using nlohmann::json;
 using Sources::SourceStatus;
@@ -180,6 +189,16 @@ TEST_F(JsonSource, KnowsItsTunnelsAfterAFileThatCannotBeUsed) {
   folder.write("branch.json", "{}");
   settle();
   EXPECT_EQ(tos(), json());
+}
+
+TEST_F(JsonSource, HasFreeMemoryGivenBackAfterEachReading) {
+  folder.write("branch.json", tunnel(1));
+  collections = 0;
+  start();
+  EXPECT_EQ(collections, 1);
+  folder.write("branch.json", "no JSON");
+  source->reread();
+  EXPECT_EQ(collections, 2);
 }
 
 TEST_F(JsonSource, RemovesTheTunnelsOfAFileThatSaysThatThereAreNone) {
