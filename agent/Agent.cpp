@@ -16,7 +16,8 @@ Lumo::Counter notifieeExceptions("agent-notifiee-exceptions");
 Lumo::Counter taskExceptions("agent-task-exceptions");
 Lumo::Counter rereads("agent-rereads");
 
-/// How long a task may keep a request waiting.
+/// How long a task works before it is asked to yield: about as long as half of all requests wait
+/// while there is much to do.
 constexpr std::chrono::milliseconds taskShare{2};
 
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";

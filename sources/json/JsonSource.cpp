@@ -13,7 +13,8 @@
 
 namespace Sources {
 
-// Of mimalloc, where the program has its malloc from there; null where it has not.
+// mimalloc's. Weak, because not every program that this library is part of has its malloc from
+// there: the daemon does, but not one with a sanitizer. Null in the others.
 extern "C" [[gnu::weak]] void mi_collect(bool force) noexcept;
 
 using nlohmann::json;
@@ -34,7 +35,7 @@ Lumo::DebugHandler const & traceHandler() {
 }
 
 /// Has malloc return free memory to the system at the end of a scope. The documents of a large file
-/// take many times what its records take.
+/// take many times what its records take. malloc_trim() is glibc's and does nothing for mimalloc.
 struct GiveBack {
   ~GiveBack() {
     malloc_trim(0);

@@ -613,8 +613,15 @@ class Start(DaemonTest):
         self.assertEqual(0, daemon.end()[0], daemon.err)
 
 
-@unittest.skipUnless(shutil.which("valgrind"), "valgrind is not installed")
 class Memory(DaemonTest):
+    def test_its_malloc_is_one_that_suits_packets(self):
+        if PATHS.slow:
+            self.skipTest("a sanitizer brings its own")
+        daemon = self.start_office()
+        with open(f"/proc/{daemon.child.pid}/maps", encoding="utf-8") as maps:
+            self.assertIn("/libmimalloc.so", maps.read())
+
+    @unittest.skipUnless(shutil.which("valgrind"), "valgrind is not installed")
     def test_a_short_life_leaks_nothing_of_ours(self):
         if PATHS.slow:
             self.skipTest("the sanitizers watch this build")
