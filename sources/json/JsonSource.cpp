@@ -7,7 +7,6 @@
 #include "sources/json/JsonFile.h"
 #include <filesystem>
 #include <fmt/format.h>
-#include <malloc.h>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
@@ -35,10 +34,9 @@ Lumo::DebugHandler const & traceHandler() {
 }
 
 /// Has malloc return free memory to the system at the end of a scope. The documents of a large file
-/// take many times what its records take. malloc_trim() is glibc's and does nothing for mimalloc.
+/// take many times what its records take.
 struct GiveBack {
   ~GiveBack() {
-    malloc_trim(0);
     if (mi_collect != nullptr)
       mi_collect(true);
   }
