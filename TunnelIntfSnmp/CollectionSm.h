@@ -26,8 +26,8 @@ public:
     Zel::Ptr<TableSmBase> const keepMachine(&parent());
     if (!initialized())
       return;
-    LUMO_TRACE(trace(), 9, unit(), "");
-    LUMO_TRACE(trace(), 9, unit(), " scan complete: {} resumed: {} scan: {}", streamScanned(),
+    LUMO_TRACE(trace(), 9, "");
+    LUMO_TRACE(trace(), 9, " scan complete: {} resumed: {} scan: {}", streamScanned(),
                inputScanComplete(), static_cast<unsigned>(scanState()));
     if (inputScanComplete())
       return;
@@ -57,7 +57,7 @@ public:
 
   void doDeleteAll() override {
     Zel::Ptr<TableSmBase> const keepMachine(&parent());
-    LUMO_TRACE(trace(), 9, unit(), "");
+    LUMO_TRACE(trace(), 9, "");
     LUMO_ASSERT(collection().changeStamp() == observedChangeStamp_,
                 "We missed notifications that happened to {} before the enclosing entity got "
                 "deleted",

@@ -72,11 +72,11 @@ void IpsecSm1::emit(Plexa::IntfId intfId, StatusPtr const & status) {
 
 void IpsecTunnelIfTableSm::eventToTisIpsecStream(Plexa::IntfId intfId,
                                                  Zel::Optional<bool> const &) {
-  LUMO_TRACE(trace(), 7, unit(),
+  LUMO_TRACE(trace(), 7,
              "tisIpsecStream = from( tunnelIntfStatusDir.intfStatus[].ipsec ): intfId={}", intfId);
   auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   eventToUpdateStream(*ifIndex, statusOf(intfId));
@@ -86,16 +86,15 @@ void IpsecTunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
                                               Zel::Optional<std::uint32_t> const & ifIndexOpt) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(),
-             "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}", intfId,
-             printed(ifIndexOpt));
+  LUMO_TRACE(trace(), 7, "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}",
+             intfId, printed(ifIndexOpt));
   if (!ifIndexOpt) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   auto const status = statusOf(intfId);
   if (!status) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( intfStatusOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( intfStatusOpt ) failed, terminating pipeline");
     return;
   }
   eventToUpdateStream(*ifIndexOpt, status);
@@ -105,7 +104,7 @@ void IpsecTunnelIfTableSm::eventToUpdateStream(std::uint32_t ifIndex,
                                                Zel::Optional<StatusPtr> const & intfStatusOpt) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(),
+  LUMO_TRACE(trace(), 7,
              "updateStream = merge( tisIpsecStream, ifMibStream ): ifIndex={} intfStatusOpt={}",
              ifIndex, printed(intfStatusOpt));
   outputKeySeen(ifIndex);
@@ -129,14 +128,14 @@ void IpsecTunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & s
   }
   exception.run([&] { mib()->ipsecTunnelIfTableIs(k1, status, ikeStatus_); });
   LUMO_TRACE(
-      trace(), 7, unit(),
+      trace(), 7,
       "into( mib.ipsecTunnelIfTable[ ifIndex ] ): inserting k1={}, value=Tuple( {}, {}, {} )", k1,
       k1, printed(status), printed(ikeStatus_));
   exception.rethrow();
 }
 
 void IpsecTunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
-  LUMO_TRACE(trace(), 7, unit(), "into( mib.ipsecTunnelIfTable[ ifIndex ] ): deleting k1={}", k1);
+  LUMO_TRACE(trace(), 7, "into( mib.ipsecTunnelIfTable[ ifIndex ] ): deleting k1={}", k1);
   mib()->ipsecTunnelIfTableDel(k1);
 }
 

@@ -8,7 +8,6 @@ namespace TunnelIntfSnmp {
 
 namespace {
 
-constexpr char const * unit = "MibTable";
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
 constexpr std::size_t integerCapacity = 1024;
 constexpr std::size_t octetsCapacity = 255;
@@ -31,7 +30,7 @@ void traceRootOid(MibTableRegistration const & table, Zel::String const & contex
     return;
   char rendered[200];
   snprint_objid(rendered, sizeof rendered, table.rootOid.data(), table.rootOid.size());
-  LUMO_TRACE(snmpTrace(), 1, unit, "initialize_table_{} initializing oid {} in context \"{}\"",
+  LUMO_TRACE(snmpTrace(), 1, "initialize_table_{} initializing oid {} in context \"{}\"",
              table.table, rendered, context);
 }
 
@@ -65,9 +64,8 @@ netsnmp_table_registration_info * tableInfo(MibTableRegistration const & table,
   auto * info = zeroed<netsnmp_table_registration_info>();
   for (auto const & index : table.indexes)
     if (snmp_varlist_add_variable(&info->indexes, nullptr, 0, index.asnType, nullptr, 0) == nullptr)
-      LUMO_TRACE(snmpTrace(), 0, unit,
-                 "Failed to set up {} in netsnmp table_info in context \"{}\"", index.name,
-                 context);
+      LUMO_TRACE(snmpTrace(), 0, "Failed to set up {} in netsnmp table_info in context \"{}\"",
+                 index.name, context);
   info->min_column = table.validColumns.front();
   info->max_column = table.validColumns.back();
   info->valid_columns = columns;
@@ -99,7 +97,7 @@ void initializeTable(MibModule & module, MibTableRegistration const & table,
       table.rootOid.size(), HANDLER_CAN_RWRITE);
   if (!context.empty()) {
     netsnmp_handler_registration_free(registration);
-    LUMO_TRACE(snmpTrace(), 2, unit,
+    LUMO_TRACE(snmpTrace(), 2,
                "initialize_table_{} in context \"{}\" hivePathWithContext not specified",
                table.table, context);
     return;
@@ -116,11 +114,11 @@ void initializeTable(MibModule & module, MibTableRegistration const & table,
   // The hint is that of a PDU's first request only: requests must come one by one.
   auto const injected = netsnmp_inject_handler(registration, netsnmp_get_serialize_handler());
   LUMO_ASSERT(injected == (0), "net-snmp refuses the serialize handler of {}", table.table);
-  LUMO_TRACE(snmpTrace(), 8, unit, "Initialized table {} in context \"{}\"", table.table, context);
+  LUMO_TRACE(snmpTrace(), 8, "Initialized table {} in context \"{}\"", table.table, context);
 }
 
 void unregisterModule(MibModule & module, Zel::String const & context) {
-  LUMO_TRACE(snmpTrace(), 2, unit, "Unregistering {} in context \"{}\"", module.name, context);
+  LUMO_TRACE(snmpTrace(), 2, "Unregistering {} in context \"{}\"", module.name, context);
   for (auto * registration : std::list(module.handlerRegistrations[context]))
     netsnmp_unregister_handler(registration);
   module.handlerRegistrations.erase(context);
@@ -143,14 +141,14 @@ netsnmp_variable_list const * HintReader::next(char const * index, u_char asnTyp
   rest_ = part->next_variable;
   if (part->type == asnType)
     return part;
-  LUMO_TRACE(snmpTrace(), 0, unit, "hint for {} has incorrect type! Expecting {} but got {}", index,
+  LUMO_TRACE(snmpTrace(), 0, "hint for {} has incorrect type! Expecting {} but got {}", index,
              asnType, part->type);
   return nullptr;
 }
 
 template <class T>
 void HintReader::use(char const * index, T const & value) {
-  LUMO_TRACE(snmpTrace(), 2, unit, "hint component {} is '{}'", index, printed(value));
+  LUMO_TRACE(snmpTrace(), 2, "hint component {} is '{}'", index, printed(value));
   ++found_;
 }
 
@@ -163,7 +161,7 @@ std::optional<std::int32_t> HintReader::integer(char const * index) {
     use(index, static_cast<std::uint32_t>(value));
     return value;
   } catch (Zel::RangeException const & exception) {
-    LUMO_TRACE(snmpTrace(), 0, unit, "hint for index {} of {} is out of range! {}", index, table_,
+    LUMO_TRACE(snmpTrace(), 0, "hint for index {} of {} is out of range! {}", index, table_,
                exception.what());
     return std::nullopt;
   }
@@ -185,8 +183,8 @@ std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
   auto const * found = hint->indexes;
   auto const ifIndex = parts.integer("ifIndex");
   if (found == nullptr || found->type != ASN_INTEGER)
-    LUMO_TRACE(snmpTrace(), 2, unit, "{}_get_first_data_point - needed 1 components,found only {}",
-               table, parts.found());
+    LUMO_TRACE(snmpTrace(), 2, "{}_get_first_data_point - needed 1 components,found only {}", table,
+               parts.found());
   if (!ifIndex)
     return std::nullopt;
   return static_cast<std::uint32_t>(*ifIndex);
@@ -194,8 +192,8 @@ std::optional<std::uint32_t> ifIndexOfHint(char const * table, Hint hint) {
 
 template <class T>
 void IndexWriter::trace(char const * name, T const & value) const {
-  LUMO_TRACE(snmpTrace(), 2, unit, "{}IterationHelper - iterator has another value: {}={}", table_,
-             name, printed(value));
+  LUMO_TRACE(snmpTrace(), 2, "{}IterationHelper - iterator has another value: {}={}", table_, name,
+             printed(value));
 }
 
 IndexWriter & IndexWriter::unsigned32(char const * name, std::uint32_t value) {
@@ -253,8 +251,8 @@ bool Answer::octets(int length, std::uint8_t const * buffer, char const * encode
   if (!encoded(length, encoder, name))
     return false;
   if (static_cast<std::size_t>(length) > octetsCapacity) {
-    LUMO_TRACE(snmpTrace(), 2, unit, "handle_{} - entity /{}/{} length out of range: {} ({})",
-               table_, SnmpUtil::getSnmpConfig()->systemName, mibPath, name, length);
+    LUMO_TRACE(snmpTrace(), 2, "handle_{} - entity /{}/{} length out of range: {} ({})", table_,
+               SnmpUtil::getSnmpConfig()->systemName, mibPath, name, length);
     return false;
   }
   snmp_set_var_typed_value(request_->requestvb, ASN_OCTET_STR, buffer,
@@ -264,7 +262,7 @@ bool Answer::octets(int length, std::uint8_t const * buffer, char const * encode
 
 bool Answer::encoded(int length, char const * encoder, char const * name) const {
   if (length < 0)
-    LUMO_TRACE(snmpTrace(), 2, unit, "handle_{} - {} failed for: {}", table_, encoder, name);
+    LUMO_TRACE(snmpTrace(), 2, "handle_{} - {} failed for: {}", table_, encoder, name);
   return length >= 0;
 }
 
@@ -278,7 +276,7 @@ MibColumn const * columnOf(std::span<MibColumn const> columns, unsigned int numb
 }
 
 void traceInvalidColumn(char const * table, unsigned int number) {
-  LUMO_TRACE(snmpTrace(), 0, unit, "{} invalid column {}", table, number);
+  LUMO_TRACE(snmpTrace(), 0, "{} invalid column {}", table, number);
 }
 
 } // namespace
@@ -294,7 +292,7 @@ MibColumn const * servedColumn(char const * table, std::span<MibColumn const> co
 
 bool alreadyProcessed(char const * table, netsnmp_request_info const * request) {
   if (request->processed != 0)
-    LUMO_TRACE(snmpTrace(), 2, unit, "{}_handler: request {} already processed", table,
+    LUMO_TRACE(snmpTrace(), 2, "{}_handler: request {} already processed", table,
                fmt::ptr(request));
   return request->processed != 0;
 }
@@ -308,7 +306,7 @@ int refuseSet(char const * table, std::span<MibColumn const> columns,
     return SNMP_ERR_NOERROR;
   auto const number = netsnmp_extract_table_info(request)->colnum;
   if (auto const * column = columnOf(columns, number); column != nullptr && column->namedInSet)
-    LUMO_TRACE(snmpTrace(), 2, unit, "{}_handler: SET is not configured for column {}", table,
+    LUMO_TRACE(snmpTrace(), 2, "{}_handler: SET is not configured for column {}", table,
                column->name);
   else
     traceInvalidColumn(table, number);

@@ -130,7 +130,7 @@ private:
 
 /// The iterator's callbacks for one table. `Table` says what is particular to it:
 ///
-///   name, unit, keyType        "tunnelIfTable", the source unit, the type of its key, for traces
+///   name, keyType              "tunnelIfTable", the type of its key, both for traces
 ///   rows(mib)                  the collection
 ///   key(row)                   the row's key in it
 ///   hintKey(hint)              the key that the hint names, or nothing; may raise RangeException
@@ -162,7 +162,6 @@ struct TableWalk {
   static void freeLoopContextAtEnd(void * loopContext, netsnmp_iterator_info *);
 
 private:
-  static constexpr char const * unit = Table::unit;
   static Row rowAt(Rows const & rows, Position position) {
     return position == rows.end() ? Row() : position->second;
   }
@@ -225,8 +224,7 @@ int answerGets(netsnmp_request_info * requests) {
     auto const * entry = static_cast<typename TableWalk<Table>::Entry const *>(
         netsnmp_extract_iterator_context(request));
     if (entry == nullptr) {
-      LUMO_TRACE(snmpTrace(), 2, Table::unit, "{}_handler: null data context in request",
-                 Table::name);
+      LUMO_TRACE(snmpTrace(), 2, "{}_handler: null data context in request", Table::name);
       return SNMP_ERR_NOERROR;
     }
     auto const number = netsnmp_extract_table_info(request)->colnum;
@@ -235,8 +233,8 @@ int answerGets(netsnmp_request_info * requests) {
       netsnmp_request_set_error(request, SNMP_NOSUCHOBJECT);
       return SNMP_ERR_NOERROR;
     }
-    LUMO_TRACE(snmpTrace(), 2, Table::unit, "{}_handler: request GET for column {}, key {}",
-               Table::name, column->name, printed(Table::key(*entry->row)));
+    LUMO_TRACE(snmpTrace(), 2, "{}_handler: request GET for column {}, key {}", Table::name,
+               column->name, printed(Table::key(*entry->row)));
     if (Answer answer(Table::name, request); !Table::get(*entry->row, number, answer)) {
       netsnmp_request_set_error(requests, SNMP_ERR_GENERR); // on the first one, whichever failed
       return SNMP_ERR_GENERR;
@@ -248,8 +246,8 @@ int answerGets(netsnmp_request_info * requests) {
 /// What a table's request handler does: answers GETs, refuses everything else.
 template <class Table>
 int answerRequests(netsnmp_agent_request_info const & agent, netsnmp_request_info * requests) {
-  LUMO_TRACE(snmpTrace(), 2, Table::unit, "{}_handler", Table::name);
-  LUMO_TRACE(snmpTrace(), 2, Table::unit, "{}_handler: request mode {}", Table::name, agent.mode);
+  LUMO_TRACE(snmpTrace(), 2, "{}_handler", Table::name);
+  LUMO_TRACE(snmpTrace(), 2, "{}_handler: request mode {}", Table::name, agent.mode);
   return agent.mode == MODE_GET ? answerGets<Table>(requests)
                                 : refuseSet(Table::name, Table::columns, requests);
 }
@@ -261,14 +259,14 @@ netsnmp_variable_list * TableWalk<Table>::getFirst(void ** loopContext, void **,
                                                    netsnmp_variable_list * index,
                                                    netsnmp_iterator_info * info) {
   auto const * hint = static_cast<Hint>(*loopContext);
-  LUMO_TRACE(snmpTrace(), 2, unit, "{}_get_first_data_point - *hint = {}, number_indexes = {}",
+  LUMO_TRACE(snmpTrace(), 2, "{}_get_first_data_point - *hint = {}, number_indexes = {}",
              Table::name, fmt::ptr(hint), hint == nullptr ? 0 : hint->number_indexes);
   auto const & rows = Table::rows(*static_cast<TunnelMib const *>(info->myvoid));
   auto const match = matching(rows, hint);
   auto const position = match.value_or(rows.begin());
   auto * entry = new Entry{rows, rowAt(rows, position), position, rows.version()};
   *loopContext = entry;
-  LUMO_TRACE(snmpTrace(), 2, unit,
+  LUMO_TRACE(snmpTrace(), 2,
              "{}_get_first_data_point - allocated new loop context {}, hintMatched={}", Table::name,
              fmt::ptr(entry), match.has_value());
   return fill(*entry, index);
@@ -282,10 +280,10 @@ auto TableWalk<Table>::matching(Rows const & rows, Hint hint) -> std::optional<P
       return std::nullopt;
     if (auto const position = rows.find(*key); position != rows.end())
       return position;
-    LUMO_TRACE(snmpTrace(), 2, unit, "{}_get_first_data_point - key '{}' not found in table",
-               Table::name, printed(*key));
+    LUMO_TRACE(snmpTrace(), 2, "{}_get_first_data_point - key '{}' not found in table", Table::name,
+               printed(*key));
   } catch (Zel::RangeException const & exception) {
-    LUMO_TRACE(snmpTrace(), 0, unit, "Bad hint for {}: {} ctor threw exception: {}", Table::name,
+    LUMO_TRACE(snmpTrace(), 0, "Bad hint for {}: {} ctor threw exception: {}", Table::name,
                Table::keyType, exception.what());
   }
   return std::nullopt;
@@ -294,7 +292,7 @@ auto TableWalk<Table>::matching(Rows const & rows, Hint hint) -> std::optional<P
 template <class Table>
 netsnmp_variable_list * TableWalk<Table>::fill(Entry const & entry, netsnmp_variable_list * index) {
   if (!entry.row) {
-    LUMO_TRACE(snmpTrace(), 2, unit, "{}IterationHelper - iterator is at end", Table::name);
+    LUMO_TRACE(snmpTrace(), 2, "{}IterationHelper - iterator is at end", Table::name);
     return nullptr;
   }
   Table::setIndexes(*entry.row, index);
@@ -307,13 +305,12 @@ netsnmp_variable_list * TableWalk<Table>::getNext(void ** loopContext, void ** d
                                                   netsnmp_iterator_info *) {
   auto * entry = static_cast<Entry *>(*loopContext);
   if (entry == nullptr || !entry->row) {
-    LUMO_TRACE(snmpTrace(), 2, unit, "{}_get_next_data_point - at end of loop context {}",
-               Table::name, fmt::ptr(entry));
+    LUMO_TRACE(snmpTrace(), 2, "{}_get_next_data_point - at end of loop context {}", Table::name,
+               fmt::ptr(entry));
     return nullptr;
   }
-  LUMO_TRACE(snmpTrace(), 2, unit,
-             "{}_get_next_data_point - advancing loop context {} ; data context {}", Table::name,
-             fmt::ptr(entry), fmt::ptr(*dataContext));
+  LUMO_TRACE(snmpTrace(), 2, "{}_get_next_data_point - advancing loop context {} ; data context {}",
+             Table::name, fmt::ptr(entry), fmt::ptr(*dataContext));
   // Rows came or went since: the position may be gone, the key of its row is not.
   if (entry->version != entry->rows.version())
     entry->position = entry->rows.findNext(Table::key(*entry->row));
@@ -340,22 +337,20 @@ void TableWalk<Table>::fetchAhead(Entry const & entry) {
 template <class Table>
 void * TableWalk<Table>::makeDataContext(void * loopContext, netsnmp_iterator_info *) {
   auto * entry = new Entry(*static_cast<Entry const *>(loopContext));
-  LUMO_TRACE(snmpTrace(), 2, unit,
-             "{}_make_data_context - allocated data context {} for loop context {}", Table::name,
-             fmt::ptr(entry), fmt::ptr(loopContext));
+  LUMO_TRACE(snmpTrace(), 2, "{}_make_data_context - allocated data context {} for loop context {}",
+             Table::name, fmt::ptr(entry), fmt::ptr(loopContext));
   return entry;
 }
 
 template <class Table>
 void TableWalk<Table>::freeDataContext(void * dataContext, netsnmp_iterator_info *) {
-  LUMO_TRACE(snmpTrace(), 2, unit, "{}_free_data_context {}", Table::name, fmt::ptr(dataContext));
+  LUMO_TRACE(snmpTrace(), 2, "{}_free_data_context {}", Table::name, fmt::ptr(dataContext));
   delete static_cast<Entry *>(dataContext);
 }
 
 template <class Table>
 void TableWalk<Table>::freeLoopContextAtEnd(void * loopContext, netsnmp_iterator_info *) {
-  LUMO_TRACE(snmpTrace(), 2, unit, "{}_free_loop_context_at_end {}", Table::name,
-             fmt::ptr(loopContext));
+  LUMO_TRACE(snmpTrace(), 2, "{}_free_loop_context_at_end {}", Table::name, fmt::ptr(loopContext));
   delete static_cast<Entry *>(loopContext);
 }
 

@@ -37,14 +37,14 @@ public:
     Zel::FirstException exception;
     if (machine_.initialScanDone())
       exception.run([&] { child().emit(intfId_, input_); });
-    LUMO_TRACE(machine_.trace(), 9, unit(), "{}{} scan complete. ", Child::name,
+    LUMO_TRACE(trace(), 9, "{}{} scan complete. ", Child::name,
                machine_.initialScanDone() ? "" : " initial");
     scanComplete_ = machine_.initialScanDone();
     exception.rethrow();
   }
   /// Emits that the status is gone.
   void doDeleteAll() {
-    LUMO_TRACE(machine_.trace(), 9, unit(), "");
+    LUMO_TRACE(trace(), 9, "");
     child().emit(intfId_, nullptr);
   }
 
@@ -93,7 +93,7 @@ protected:
 private:
   StatusPtr const & en() const { return input_; }
   Child & child() { return static_cast<Child &>(*this); }
-  char const * unit() const { return machine_.names().machine.data(); }
+  Lumo::Tracer trace() const { return {machine_.trace().handler(), Child::name}; }
 
   // One event for each attribute that is held. A delivery may release the child.
   void deliverHeld() {
@@ -161,7 +161,7 @@ public:
   /// here: the children are what was heard of.
   void doDeleteAll() override {
     Zel::Ptr<TableSmBase> const keepMachine(&root_);
-    LUMO_TRACE(trace(), 9, unit(), "");
+    LUMO_TRACE(trace(), 9, "");
     Zel::FirstException exception;
     children_.forEach([&](Plexa::IntfId, Zel::Ptr<Child> const & child) {
       exception.run([&] { child->doDeleteAll(); });
@@ -190,7 +190,7 @@ private:
     if (!initialized())
       return;
     observeChangeStamp();
-    LUMO_TRACE(trace(), 9, unit(), "k: {}", intfId);
+    LUMO_TRACE(trace(), 9, "k: {}", intfId);
     if (auto const status = valueOf(intfId))
       childSmIs(*status, intfId)->doInputScan();
     else

@@ -16,11 +16,8 @@ bool InputSm::synchronous() const {
 bool InputSm::initialScanDone() const {
   return parent_.initialScanDone();
 }
-Lumo::DebugHandler const & InputSm::trace() const {
-  return parent_.trace();
-}
-char const * InputSm::unit() const {
-  return parent_.names().machine.data();
+Lumo::Tracer InputSm::trace() const {
+  return {parent_.trace().handler(), name_};
 }
 
 Zel::Type const & InputSm::type() const {
@@ -94,8 +91,8 @@ void InputSm::scanYields(std::uint64_t iterations) {
   task->taskWorkCountInc(iterations);
   task->taskWorkPendingIs(size);
   task->scheduleTask();
-  LUMO_TRACE(trace(), 8, unit(), "{} {} yielding after {} iterations ({} remaining)", unit(), name_,
-             iterations, size > scanned_ ? size - scanned_ : 1);
+  LUMO_TRACE(trace(), 8, "{} {} yielding after {} iterations ({} remaining)",
+             parent_.names().machine, name_, iterations, size > scanned_ ? size - scanned_ : 1);
 }
 
 void InputSm::scanCompletes() {
@@ -109,7 +106,7 @@ void InputSm::scanCompletes() {
   }
   Zel::FirstException exception;
   exception.run([&] { setStreamScanned(); });
-  LUMO_TRACE(trace(), 9, unit(), "{}{} scan, and parent scan, complete.", name_, pass);
+  LUMO_TRACE(trace(), 9, "{}{} scan, and parent scan, complete.", name_, pass);
   exception.rethrow();
 }
 
@@ -133,7 +130,7 @@ void TableSmBase::handleInitialized() {
     return;
   if (!flowaControl_.traceHandlerName.empty())
     trace_ = Lumo::Platform::getDebugHandler(flowaControl_.traceHandlerName, false).get();
-  LUMO_TRACE(trace(), 8, unit(), "");
+  LUMO_TRACE(trace(), 8, "");
   if (flowaControl_.synchronousMode == 1 || flowaControl_.synchronousMode == 2)
     synchronous_ = flowaControl_.synchronousMode == 1;
   inputSmScanState_ = Zel::makePtr<InputSmScanState>(names_);
@@ -145,15 +142,15 @@ void TableSmBase::handleInitialized() {
   if (!synchronous_)
     createTask();
   mibOutputReconciling_ = outputHasRows();
-  LUMO_TRACE(trace(), 9, unit(), "Reconciling {}: {:}", names_.outputs.back().output,
+  LUMO_TRACE(trace(), 9, "Reconciling {}: {:}", names_.outputs.back().output,
              mibOutputReconciling_);
-  LUMO_TRACE(trace(), 9, unit(), "create local SMs");
-  LUMO_TRACE(trace(), 9, unit(), "create non-public arg SMs");
+  LUMO_TRACE(trace(), 9, "create local SMs");
+  LUMO_TRACE(trace(), 9, "create non-public arg SMs");
   ifIndexSm_ = createIfIndexSm();
   ifIndexSm_->start();
   intfStatusSm_ = createIntfStatusSm();
   intfStatusSm_->start();
-  LUMO_TRACE(trace(), 9, unit(), "initialized");
+  LUMO_TRACE(trace(), 9, "initialized");
   initialized_ = true;
   handleOutputsInputReady();
 }
@@ -193,11 +190,11 @@ void TableSmBase::handleInitialScanDone() {
   if (initialScanDone_)
     return;
   if (!inputSmScanState_->ifMibStreamScan()) {
-    LUMO_TRACE(trace(), 9, unit(), " ifMibStream scan is false");
+    LUMO_TRACE(trace(), 9, " ifMibStream scan is false");
     return;
   }
   if (!inputSmScanState_->tisStreamScan()) {
-    LUMO_TRACE(trace(), 9, unit(), " {} scan is false", names_.tisStream);
+    LUMO_TRACE(trace(), 9, " {} scan is false", names_.tisStream);
     return;
   }
   initialScanDone_ = true; // first: clearing a flag notifies, and comes back here
@@ -207,8 +204,7 @@ void TableSmBase::handleInitialScanDone() {
   exception.run([&] { startScan(*ifIndexSm_); });
   exception.run([&] { startScan(*intfStatusSm_); });
   inputSmScanState_->handleIdle();
-  LUMO_TRACE(trace(), 9, unit(),
-             "Initial scan done for child SMs. Now scanning with events triggered.");
+  LUMO_TRACE(trace(), 9, "Initial scan done for child SMs. Now scanning with events triggered.");
   exception.run([&] { handleOutputsInputReady(); });
   exception.rethrow();
 }
@@ -233,9 +229,9 @@ void TableSmBase::handleOutputsInputReady() {
 void TableSmBase::handleOutputInputReady(std::size_t output) {
   if (!initialized_)
     return;
-  LUMO_TRACE(trace(), 8, unit(), "");
+  LUMO_TRACE(trace(), 8, "");
   if (outputState_->outputReady(output)) {
-    LUMO_TRACE(trace(), 9, unit(), " already ready, not reconciling.");
+    LUMO_TRACE(trace(), 9, " already ready, not reconciling.");
     return;
   }
   if (!inputSmScanState_->ifMibStreamScan() || !inputSmScanState_->tisStreamScan())
@@ -244,7 +240,7 @@ void TableSmBase::handleOutputInputReady(std::size_t output) {
     handleInitialScanDone();
     return;
   }
-  LUMO_TRACE(trace(), 9, unit(), "Input scans for {} complete", names_.outputs[output].output);
+  LUMO_TRACE(trace(), 9, "Input scans for {} complete", names_.outputs[output].output);
   Zel::FirstException exception; // of whoever hears of a row: it must not cost us the rest
   if (output == names_.mibOutput()) {
     if (mibOutputReconciling_ && !reconcile(exception))
@@ -272,7 +268,7 @@ bool TableSmBase::deletionScanShouldYield() const {
 }
 
 void TableSmBase::deletionScanYields(std::size_t items, std::size_t deletions) {
-  LUMO_TRACE(trace(), 9, unit(),
+  LUMO_TRACE(trace(), 9,
              "Yielding in reconciliation processing after processing {} items, including {} "
              "deletions .",
              items, deletions);
@@ -282,7 +278,7 @@ void TableSmBase::deletionScanYields(std::size_t items, std::size_t deletions) {
 }
 
 void TableSmBase::deletionScanEnds(std::size_t items, std::size_t deletions) {
-  LUMO_TRACE(trace(), 9, unit(),
+  LUMO_TRACE(trace(), 9,
              "Deletion scan for reconciliation is done, last task run processed {} items, deleting "
              "{} items.",
              items, deletions);

@@ -119,8 +119,7 @@ protected:
         flag_(flag) {}
 
   TableSmBase & parent() const { return parent_; }
-  Lumo::DebugHandler const & trace() const;
-  char const * unit() const;
+  Lumo::Tracer trace() const;
 
   /// The flag that stands for this child's scan.
   bool streamScanned() const;
@@ -181,7 +180,7 @@ public:
   virtual void inputUnheard() {}
 
   TableSmNames const & names() const { return names_; }
-  Lumo::DebugHandler const & trace() const { return *trace_; }
+  Lumo::Tracer trace() const { return {*trace_, names_.machine}; }
 
   /// The attributes of a machine: its inputs, its own ones, and those that every machine has.
   static std::vector<Zel::Attribute const *> attributesOf(std::span<Zel::Attribute const> inputs,
@@ -202,7 +201,6 @@ protected:
   virtual bool deletionScan(Zel::FirstException & exception) = 0;
   virtual void outputKeysForgotten() = 0;
 
-  char const * unit() const { return names_.machine.data(); }
   /// True if and only if the deletion scan, at work in this very moment, has to yield.
   bool deletionScanShouldYield() const;
   void deletionScanYields(std::size_t items, std::size_t deletions);

@@ -66,12 +66,12 @@ void TunnelIfTableSm::eventToTisStream(Plexa::IntfId intfId,
                                        Zel::Optional<StatusPtr> const & tisOpt) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(),
+  LUMO_TRACE(trace(), 7,
              "tisStream = from( tunnelIntfStatusDir.intfStatus[] ): intfId={} tisOpt={}", intfId,
              printed(tisOpt));
   auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   auto const k1 = *ifIndex;
@@ -86,12 +86,11 @@ void TunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
                                          Zel::Optional<std::uint32_t> const & ifIndexOpt) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(),
-             "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}", intfId,
-             printed(ifIndexOpt));
+  LUMO_TRACE(trace(), 7, "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}",
+             intfId, printed(ifIndexOpt));
   auto const status = statusOf(intfId);
   if (!status) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( tisOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( tisOpt ) failed, terminating pipeline");
     return;
   }
   auto const k1 = *ifIndexOpt; // raises for an ifIndex that went before its status
@@ -112,7 +111,7 @@ void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId,
   }
   if (!isThere)
     exception.run([&] { mib()->tunnelIfTableIs(k1, status); });
-  LUMO_TRACE(trace(), 7, unit(),
+  LUMO_TRACE(trace(), 7,
              "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1={}, value=Tuple( {}, {} )",
              k1, k1, printed(status));
   exception.rethrow();
@@ -120,8 +119,7 @@ void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId,
 
 void TunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
   mib()->tunnelIfTableDel(k1);
-  LUMO_TRACE(trace(), 7, unit(), "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): deleting k1={}",
-             k1);
+  LUMO_TRACE(trace(), 7, "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): deleting k1={}", k1);
 }
 
 // Destruction

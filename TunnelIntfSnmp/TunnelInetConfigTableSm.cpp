@@ -148,14 +148,14 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
                                                Zel::Optional<StatusPtr> const & intfStatusOpt) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(),
+  LUMO_TRACE(trace(), 7,
              "tisStream = from( tunnelIntfStatusDir.intfStatus[].{{ srcAddr, dstAddr, mode }} ): "
              "intfId={} intfStatusOpt={}",
              intfId, printed(intfStatusOpt));
   forgetIfGone(intfId, intfStatusOpt);
   auto const * found = ifMib()->ifIndexByIntfId().find(intfId);
   if (found == nullptr) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   auto const ifIndex = *found;
@@ -182,16 +182,15 @@ void TunnelInetConfigTableSm::eventToIfMibStream(Plexa::IntfId intfId,
                                                  Zel::Optional<std::uint32_t> const & ifIndexOpt) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(),
-             "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}", intfId,
-             printed(ifIndexOpt));
+  LUMO_TRACE(trace(), 7, "ifMibStream = from( ifMib.ifIndexByIntfId[] ): intfId={} ifIndexOpt={}",
+             intfId, printed(ifIndexOpt));
   auto const status = statusOf(intfId);
   if (!status) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( intfStatusOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( intfStatusOpt ) failed, terminating pipeline");
     return;
   }
   if (!ifIndexOpt) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   eventToAddStream(*ifIndexOpt, status, true);
@@ -201,15 +200,14 @@ void TunnelInetConfigTableSm::eventToDeleteStream(std::uint32_t ifIndex,
                                                   Zel::Optional<StatusPtr> const &, bool) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(), "deleteStream = merge( tisStream ): ifIndex={}", ifIndex);
+  LUMO_TRACE(trace(), 7, "deleteStream = merge( tisStream ): ifIndex={}", ifIndex);
   auto const * slot = localAttrStore_->tunnelInetConfigByIfIndex().find(ifIndex);
   if (slot == nullptr) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( wrapper ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( wrapper ) failed, terminating pipeline");
     return;
   }
   auto const wrapper = (*slot)->value();
-  LUMO_TRACE(trace(), 7, unit(), "into( tunnelInetConfigByIfIndex[ ifIndex ] ): deleting k1={}",
-             ifIndex);
+  LUMO_TRACE(trace(), 7, "into( tunnelInetConfigByIfIndex[ ifIndex ] ): deleting k1={}", ifIndex);
   waiting_.wake((*slot)->holder());
   waiting_.slotFreed(ifIndex);
   localAttrStore_->tunnelInetConfigByIfIndexDel(ifIndex);
@@ -225,24 +223,24 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
                                                bool isAdd) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(),
+  LUMO_TRACE(trace(), 7,
              "addStream = merge( tisStream, ifMibStream, rescanStream ): ifIndex={} "
              "intfStatusOpt={} isAdd={}",
              ifIndex, printed(intfStatusOpt), isAdd);
   if (!isAdd) {
-    LUMO_TRACE(trace(), 6, unit(), "filter( isAdd ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( isAdd ) failed, terminating pipeline");
     return;
   }
   auto const & intfStatus = *intfStatusOpt;
   auto const intfId = intfStatus->intfId();
   waiting_.forget(intfId);
   if (intfStatus->srcAddr().isAddrZero()) {
-    LUMO_TRACE(trace(), 6, unit(),
+    LUMO_TRACE(trace(), 6,
                "filter( ( !intfStatus.srcAddr.isAddrZero ) ) failed, terminating pipeline");
     return;
   }
   if (intfStatus->dstAddr().isAddrZero()) {
-    LUMO_TRACE(trace(), 6, unit(),
+    LUMO_TRACE(trace(), 6,
                "filter( ( !intfStatus.dstAddr.isAddrZero ) ) failed, terminating pipeline");
     return;
   }
@@ -253,14 +251,13 @@ void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
   Place const place{output().findNotLess(mibKey), output().version()};
   if (place.position != output().end() && place.position->first == mibKey) {
     waiting_.waitsForKey(intfId, mibKey);
-    LUMO_TRACE(trace(), 6, unit(), "filter( ( !existing ) ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( ( !existing ) ) failed, terminating pipeline");
     return;
   }
   auto const entry = tunnelInetConfigTableEntryFactory(mibKey, ifIndex);
   auto const slot = localAttrStore_->tunnelInetConfigByIfIndexIs(ifIndex, intfId);
-  LUMO_TRACE(trace(), 7, unit(),
-             "into( tunnelInetConfigByIfIndex[ ifIndex ] ): inserting k1={}, value={}", ifIndex,
-             printed(*entry));
+  LUMO_TRACE(trace(), 7, "into( tunnelInetConfigByIfIndex[ ifIndex ] ): inserting k1={}, value={}",
+             ifIndex, printed(*entry));
   if (auto const before = slot->holder(); before != intfId)
     waiting_.wake(before);
   slot->holderIs(intfId);
@@ -274,11 +271,11 @@ void TunnelInetConfigTableSm::eventToRescanStream(std::uint32_t,
                                                   bool) {
   if (!initialScanDone())
     return;
-  LUMO_TRACE(trace(), 7, unit(), "rescanStream = merge( tisStream ): processedTisOpt={}",
+  LUMO_TRACE(trace(), 7, "rescanStream = merge( tisStream ): processedTisOpt={}",
              printed(processedTisOpt));
   auto const & statuses = tunnelIntfStatusDir()->intfStatus();
-  LUMO_TRACE(trace(), 6, unit(),
-             " foreach( tunnelIntfStatusDir.intfStatus ) foreaching {} elements", statuses.size());
+  LUMO_TRACE(trace(), 6, " foreach( tunnelIntfStatusDir.intfStatus ) foreaching {} elements",
+             statuses.size());
   rescanWaiting(processedTisOpt);
 }
 
@@ -329,9 +326,9 @@ void TunnelInetConfigTableSm::rescanAll(std::optional<Plexa::IntfId> position,
 
 void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
                                         Zel::Optional<StatusPtr> const & processedTisOpt) {
-  LUMO_TRACE(trace(), 9, unit(), "Foreaching element: {}", intfId);
+  LUMO_TRACE(trace(), 9, "Foreaching element: {}", intfId);
   if (processedTisOpt && *processedTisOpt == intfStatus) {
-    LUMO_TRACE(trace(), 6, unit(),
+    LUMO_TRACE(trace(), 6,
                "filter( ( Optional( intfStatus ) != processedTisOpt ) ) failed, terminating "
                "pipeline");
     return;
@@ -339,7 +336,7 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
   auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
     waiting_.forget(intfId);
-    LUMO_TRACE(trace(), 6, unit(), "filter( ifIndexOpt ) failed, terminating pipeline");
+    LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   if (auto const * slot = localAttrStore_->tunnelInetConfigByIfIndex().find(*ifIndex)) {
@@ -347,7 +344,7 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
       waiting_.waitsForSlot(intfId, *ifIndex);
     else
       waiting_.forget(intfId);
-    LUMO_TRACE(trace(), 6, unit(),
+    LUMO_TRACE(trace(), 6,
                "filter( ( !tunnelInetConfigByIfIndex[ ifIndex ] ) ) failed, terminating pipeline");
     return;
   }
@@ -361,7 +358,7 @@ void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
                                            EntryPtr const & value) {
   if (value)
     return intoMibTable(statement, k1, value, {output().findNotLess(k1), output().version()});
-  LUMO_TRACE(trace(), 7, unit(), "{}: deleting k1={}", statement, printed(k1));
+  LUMO_TRACE(trace(), 7, "{}: deleting k1={}", statement, printed(k1));
   waiting_.keyFreed(k1);
   if (auto const row = output().find(k1); row != output().end()) {
     expectTableChange();
@@ -376,8 +373,7 @@ void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
               "In \"{}\" the value inserted in the into statement has internal key: {}, but the "
               "key specified in the into is: {}",
               statement, printed(value->key()), printed(k1));
-  LUMO_TRACE(trace(), 7, unit(), "{}: inserting k1={}, value={}", statement, printed(k1),
-             printed(*value));
+  LUMO_TRACE(trace(), 7, "{}: inserting k1={}, value={}", statement, printed(k1), printed(*value));
   auto const position =
       place.version == output().version() ? place.position : output().findNotLess(k1);
   if (position == output().end() || position->first != k1)

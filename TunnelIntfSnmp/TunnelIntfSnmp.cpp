@@ -6,8 +6,6 @@ namespace TunnelIntfSnmp {
 
 namespace {
 
-constexpr char const * unit = "TunnelIntfSnmp";
-
 template <auto Member>
 Zel::Attribute attributeOf(std::string_view name, std::string_view typeName) {
   return {name, typeName, Zel::getBy<Member>};
@@ -118,8 +116,8 @@ auto lookUp(Collection const & collection, Key const & key, fmt::format_string<K
   if (auto const * found = collection.find(key); found != nullptr && *found)
     return found->get();
   if (modelTrace().enabled(5))
-    Lumo::fmtrace(modelTrace(), 5, unit, "IpsecTunnelIfTableEntry::connState", __LINE__, missing,
-                  key);
+    Lumo::fmtrace({modelTrace(), "IpsecTunnelIfTableEntry"}, 5, std::source_location::current(),
+                  "connState", missing, key);
   return nullptr;
 }
 

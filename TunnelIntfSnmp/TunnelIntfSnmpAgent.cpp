@@ -35,13 +35,13 @@ TunnelIntfSnmpAgent::~TunnelIntfSnmpAgent() {
 }
 
 void TunnelIntfSnmpAgent::handleInitialized() {
-  LUMO_TRACE(agentTrace(), 8, unitName, "Enter {}",
+  LUMO_TRACE(agentTrace(), 8, "Enter {}",
              "void TunnelIntfSnmp::TunnelIntfSnmpAgent::handleInitialized()");
-  LUMO_TRACE(agentTrace(), 9, unitName, "Creating TunnelIfTableSm");
+  LUMO_TRACE(agentTrace(), 9, "Creating TunnelIfTableSm");
   tunnelIfTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, smControl_);
-  LUMO_TRACE(agentTrace(), 9, unitName, "Creating TunnelInetConfigTableSm");
+  LUMO_TRACE(agentTrace(), 9, "Creating TunnelInetConfigTableSm");
   tunnelInetConfigTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, smControl_);
-  LUMO_TRACE(agentTrace(), 9, unitName, "Creating IpsecTunnelIfTableSm");
+  LUMO_TRACE(agentTrace(), 9, "Creating IpsecTunnelIfTableSm");
   ipsecTunnelIfTableSmIs(tunnelMib_, tunnelIntfStatusDir_, ifMib_, ikeStatus_, smControl_);
 }
 

@@ -11,7 +11,6 @@ namespace {
 // tunnelIfTable, RFC 4087: one row for each tunnel interface, indexed by ifIndex
 struct TunnelIfTable {
   static constexpr char const * name = "tunnelIfTable";
-  static constexpr char const * unit = "tunnelMIB";
   static constexpr char const * keyType = "U32";
   static constexpr std::array<MibColumn, 11> columns{{
       {1, "tunnelIfLocalAddress", false, false},
@@ -87,7 +86,6 @@ MibTableRegistration const tunnelIfTableRegistration{
 // address, remote address, encapsulation and id
 struct TunnelInetConfigTable {
   static constexpr char const * name = "tunnelInetConfigTable";
-  static constexpr char const * unit = "tunnelMIB";
   static constexpr char const * keyType = "TunnelIntfSnmp::TunnelInetConfigTableKey";
   static constexpr std::array<MibColumn, 3> columns{{
       {6, "tunnelInetConfigIfIndex", true, false},
@@ -139,9 +137,8 @@ std::optional<TunnelInetConfigTableKey> TunnelInetConfigTable::hintKey(Hint hint
   auto const encapsMethod = parts.integer("tunnelInetConfigEncapsMethod");
   auto const configId = parts.integer("tunnelInetConfigID");
   if (parts.found() < components) {
-    LUMO_TRACE(snmpTrace(), 2, unit,
-               "{}_get_first_data_point - needed {} components, found only {}", name, components,
-               parts.found());
+    LUMO_TRACE(snmpTrace(), 2, "{}_get_first_data_point - needed {} components, found only {}",
+               name, components, parts.found());
     return std::nullopt;
   }
   return TunnelInetConfigTableKey(Snmp::InetAddress(keyNumber(*addressType), *local), *remote,

@@ -11,7 +11,6 @@ namespace {
 // One row for each tunnel interface that IPsec protects, indexed by ifIndex
 struct VelmoraIpsecTunnelIfTable {
   static constexpr char const * name = "velmoraIpsecTunnelIfTable";
-  static constexpr char const * unit = "velmoraTunnelMIB";
   static constexpr char const * keyType = "U32";
   static constexpr std::array<MibColumn, 1> columns{
       {{1, "velmoraIpsecTunnelIfConnState", true, false}}};

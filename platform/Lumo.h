@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <functional>
 #include <memory>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -54,31 +55,54 @@ std::uint32_t parseLevels(std::string_view text);
 /// The shortest such list for a mask.
 std::string levelsText(std::uint32_t mask);
 
+/// A handler, and the name of the object that traces to it where several do so from the same lines
+/// of code: a machine's children, say. Made where it is used; the name outlives it.
+class Tracer {
+public:
+  Tracer(DebugHandler const & handler, std::string_view object = {})
+      : handler_(&handler),
+        object_(object) {}
+
+  DebugHandler const & handler() const { return *handler_; }
+  /// Empty where the place in the code says enough.
+  std::string_view object() const { return object_; }
+  bool enabled(int level) const { return handler_->enabled(level); }
+
+private:
+  DebugHandler const * handler_;
+  std::string_view object_;
+};
+
+/// Lives as long as the call of the sink.
 struct TraceMessage {
   DebugHandler const & handler;
   int level;
-  std::string_view unit;
+  std::source_location place;
+  std::string_view object; ///< as Tracer has it
   std::string_view function;
-  int line;
   std::string_view text;
+
+  /// The name of the source file, without its folders: "CollectionSm.h".
+  std::string_view file() const;
 };
 
 /// Where messages go from now on; an empty function drops them. Returns what it was before.
 using TraceSink = std::function<void(TraceMessage const &)>;
 TraceSink traceSinkIs(TraceSink sink);
-/// One line: "HANDLE/LEVEL UNIT:LINE FUNCTION: TEXT".
+/// One line: "HANDLE/LEVEL FILE:LINE FUNCTION: TEXT"; FUNCTION is "OBJECT::FUNCTION" where there is
+/// an object.
 std::string traceLine(TraceMessage const & message);
 
-void vfmtrace(DebugHandler const & handler, int level, char const * unit, char const * function,
-              int line, fmt::string_view format, fmt::format_args arguments);
+void vfmtrace(Tracer const & tracer, int level, std::source_location place, char const * function,
+              fmt::string_view format, fmt::format_args arguments);
 
 /// Formats and hands on one message. Callers use LUMO_TRACE, which checks the level first. Cold:
 /// what a message takes stays out of the way of the code that does without.
 template <class... Args>
 [[gnu::cold, gnu::noinline]] void
-fmtrace(DebugHandler const & handler, int level, char const * unit, char const * function, int line,
+fmtrace(Tracer const & tracer, int level, std::source_location place, char const * function,
         fmt::format_string<Args...> format, Args &&... arguments) {
-  vfmtrace(handler, level, unit, function, line, format, fmt::make_format_args(arguments...));
+  vfmtrace(tracer, level, place, function, format, fmt::make_format_args(arguments...));
 }
 
 /// A count of one rare event, known by its name while it lives (a static object). Stays on in every
@@ -118,11 +142,12 @@ struct TraceHandle {
 };
 } // namespace Skein
 
-/// Traces if `level` of `handler` is on; the arguments are evaluated only then.
-#define LUMO_TRACE(handler, level, unit, ...)                                                      \
+/// Traces if `level` of `tracer`, a DebugHandler or a Tracer, is on; the arguments, a {fmt} format
+/// and its values, are evaluated only then.
+#define LUMO_TRACE(tracer, level, ...)                                                             \
   do {                                                                                             \
-    if ((handler).enabled(level)) [[unlikely]]                                                     \
-      ::Lumo::fmtrace(handler, level, unit, __func__, __LINE__, __VA_ARGS__);                      \
+    if ((tracer).enabled(level)) [[unlikely]]                                                      \
+      ::Lumo::fmtrace(tracer, level, std::source_location::current(), __func__, __VA_ARGS__);      \
   } while (false)
 
 /// A broken precondition of our own: ends the process with `message`, a {fmt} format and arguments.

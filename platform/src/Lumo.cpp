@@ -118,17 +118,23 @@ TraceSink traceSinkIs(TraceSink newSink) {
   return std::exchange(sink(), std::move(newSink));
 }
 
-std::string traceLine(TraceMessage const & message) {
-  return fmt::format("{}/{} {}:{} {}: {}", message.handler.name(), message.level, message.unit,
-                     message.line, message.function, message.text);
+std::string_view TraceMessage::file() const {
+  std::string_view const path = place.file_name();
+  return path.substr(path.rfind('/') + 1); // all of it when there is no "/"
 }
 
-void vfmtrace(DebugHandler const & handler, int level, char const * unit, char const * function,
-              int line, fmt::string_view format, fmt::format_args arguments) {
+std::string traceLine(TraceMessage const & message) {
+  return fmt::format("{}/{} {}:{} {}{}{}: {}", message.handler.name(), message.level,
+                     message.file(), message.place.line(), message.object,
+                     message.object.empty() ? "" : "::", message.function, message.text);
+}
+
+void vfmtrace(Tracer const & tracer, int level, std::source_location place, char const * function,
+              fmt::string_view format, fmt::format_args arguments) {
   if (!sink())
     return;
   auto const text = fmt::vformat(format, arguments);
-  sink()({handler, level, unit, function, line, text});
+  sink()({tracer.handler(), level, place, tracer.object(), function, text});
 }
 
 Counter::Counter(char const * name) : name_(name) {

@@ -21,7 +21,6 @@ using namespace nlohmann::literals;
 
 namespace {
 
-constexpr char unit[] = "JsonSource";
 constexpr int fault = 0;
 constexpr int output = 7;
 constexpr int entry = 8;
@@ -29,7 +28,7 @@ constexpr int entry = 8;
 Lumo::Counter rejectedReadings("json-readings-rejected");
 
 Lumo::DebugHandler const & traceHandler() {
-  static auto const handler = Lumo::Platform::getDebugHandler(unit, false);
+  static auto const handler = Lumo::Platform::getDebugHandler("JsonSource", false);
   return *handler;
 }
 
@@ -81,7 +80,7 @@ void JsonSource::reread() {
     rejectedReadings.inc();
     status_.state = SourceStatus::State::degraded;
     status_.lastError = exception.what();
-    LUMO_TRACE(traceHandler(), fault, unit, "{}", status_.lastError);
+    LUMO_TRACE(traceHandler(), fault, "{}", status_.lastError);
   }
 }
 
@@ -100,13 +99,13 @@ void JsonSource::watch() {
 }
 
 void JsonSource::readAndPublish() {
-  LUMO_TRACE(traceHandler(), entry, unit, "reading {}", path_);
+  LUMO_TRACE(traceHandler(), entry, "reading {}", path_);
   GiveBack const giveBack;
   auto text = readFile(path_);
   auto const fresh = decodeDocument(path_, text);
   ++status_.fullReads;
   if (auto const patch = document_.publication(json::parse(published_), fresh); !patch.empty()) {
-    LUMO_TRACE(traceHandler(), output, unit, "publishing {}", patch.dump());
+    LUMO_TRACE(traceHandler(), output, "publishing {}", patch.dump());
     document_.apply(patch);
     ++status_.patches;
   }

@@ -15,7 +15,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr char unit[] = "LinuxSource";
 constexpr int fault = 0;
 constexpr int output = 7;
 constexpr int entry = 8;
@@ -32,13 +31,13 @@ Lumo::Counter malformedMessages("linux-messages-malformed");
 Lumo::Counter resyncs("linux-resyncs");
 
 Lumo::DebugHandler const & traceHandler() {
-  static auto const handler = Lumo::Platform::getDebugHandler(unit, false);
+  static auto const handler = Lumo::Platform::getDebugHandler("LinuxSource", false);
   return *handler;
 }
 
 void traceMalformed(Linux::MalformedMessage const & malformed) {
   malformedMessages.inc();
-  LUMO_TRACE(traceHandler(), fault, unit, "message about link {} is malformed: {}", malformed.index,
+  LUMO_TRACE(traceHandler(), fault, "message about link {} is malformed: {}", malformed.index,
              malformed.reason);
 }
 
@@ -107,7 +106,7 @@ SourceStatus LinuxSource::status() const {
 }
 
 void LinuxSource::readEverything() {
-  LUMO_TRACE(traceHandler(), entry, unit, "reading all links");
+  LUMO_TRACE(traceHandler(), entry, "reading all links");
   nextFullRead_ = loop_.after(fullReadPeriod, [this] { readEverythingOrDegrade(); });
   defaults_ = defaultHopLimits();
   subscribe();
@@ -125,7 +124,7 @@ void LinuxSource::readEverythingOrDegrade() {
 }
 
 void LinuxSource::recover(std::string_view reason) {
-  LUMO_TRACE(traceHandler(), fault, unit, "{}, reading all links again", reason);
+  LUMO_TRACE(traceHandler(), fault, "{}, reading all links again", reason);
   resyncs.inc();
   readEverythingOrDegrade();
 }
@@ -248,7 +247,7 @@ void LinuxSource::take(Linux::LinkState const & state) {
   if (wants(state))
     after.emplace(state.index, *state.tunnel);
   if (before == after) {
-    LUMO_TRACE(traceHandler(), detail, unit, "link {}: nothing new", state.index);
+    LUMO_TRACE(traceHandler(), detail, "link {}: nothing new", state.index);
     return;
   }
   publish(before, after);
@@ -271,13 +270,13 @@ void LinuxSource::apply(Links const & before, Links const & after) {
   auto const patch = document_.publication(documentOf(before), documentOf(after));
   if (patch.empty())
     return;
-  LUMO_TRACE(traceHandler(), output, unit, "publishing {}", patch.dump());
+  LUMO_TRACE(traceHandler(), output, "publishing {}", patch.dump());
   document_.apply(patch);
   ++status_.patches;
 }
 
 void LinuxSource::degrade(std::string_view error) {
-  LUMO_TRACE(traceHandler(), fault, unit, "{}", error);
+  LUMO_TRACE(traceHandler(), fault, "{}", error);
   status_.state = SourceStatus::State::degraded;
   status_.lastError = error;
 }

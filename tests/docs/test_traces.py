@@ -37,9 +37,9 @@ def messages_of(path):
     levels = dict(LEVEL.findall(text))
     for call in CALL.finditer(text):
         given = arguments(text, call.end())
-        if len(given) < 4 or not given[3].startswith('"'):
+        if len(given) < 3 or not given[2].startswith('"'):
             continue  # the macro's own definition
-        message = ''.join(LITERAL.findall(given[3]))
+        message = ''.join(LITERAL.findall(given[2]))
         yield int(levels.get(given[1], given[1])), message.replace('\\"', '"').replace('{{', '{').replace('}}', '}')
 
 

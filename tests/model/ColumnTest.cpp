@@ -82,8 +82,11 @@ protected:
   std::vector<std::string> traced(std::uint32_t expected) {
     TraceRecorder traces{{"TunnelIntfSnmp", "5"}};
     EXPECT_EQ(row_.connState(), expected);
-    for (auto const & line : traces.lines())
-      EXPECT_EQ(line.function, "IpsecTunnelIfTableEntry::connState");
+    for (auto const & line : traces.lines()) {
+      EXPECT_EQ(line.file, "TunnelIntfSnmp.cpp");
+      EXPECT_EQ(line.object, "IpsecTunnelIfTableEntry");
+      EXPECT_EQ(line.function, "connState");
+    }
     return traces.texts();
   }
 

@@ -388,8 +388,8 @@ TEST(Trace, FormatsOnlyWhatIsEnabled) {
   EXPECT_EQ(Lumo::Platform::getDebugHandler("TraceTest", true), handler);
   int evaluated = 0;
   TraceRecorder traces{{"TraceTest", "3"}};
-  LUMO_TRACE(*handler, 2, "Unit", "{}", ++evaluated);
-  LUMO_TRACE(*handler, 3, "Unit", "value {}", ++evaluated);
+  LUMO_TRACE(*handler, 2, "{}", ++evaluated);
+  LUMO_TRACE(*handler, 3, "value {}", ++evaluated);
   EXPECT_EQ(evaluated, 1);
   EXPECT_THAT(traces.texts(), ElementsAre("value 1"));
 }
@@ -400,10 +400,23 @@ TEST(Trace, StartsAHandlerWithTheLevelsThatItsNameWasGiven) {
   EXPECT_TRUE(Lumo::Platform::getDebugHandler("EnabledHandler", true)->enabled(9));
 }
 
-TEST(Trace, EndsALineInTheMessage) {
+TEST(Trace, NamesTheFileAndTheLineOfTheCall) {
   auto const handler = Lumo::Platform::getDebugHandler("TraceTest", false);
-  EXPECT_EQ(Lumo::traceLine({*handler, 7, "Unit", "function", 12, "the message "}),
-            "TraceTest/7 Unit:12 function: the message ");
+  std::string line;
+  TraceRecorder traces{{"TraceTest", "7"}};
+  auto const before = Lumo::traceSinkIs(
+      [&line](Lumo::TraceMessage const & message) { line = Lumo::traceLine(message); });
+  auto const here = std::source_location::current().line() + 1;
+  LUMO_TRACE(*handler, 7, "the message ");
+  Lumo::traceSinkIs(before);
+  EXPECT_EQ(line, fmt::format("TraceTest/7 ValueTest.cpp:{} TestBody: the message ", here));
+}
+
+TEST(Trace, NamesTheObjectThatTracesWhereThereAreSeveral) {
+  auto const handler = Lumo::Platform::getDebugHandler("TraceTest", false);
+  auto const place = std::source_location::current();
+  EXPECT_EQ(Lumo::traceLine({*handler, 7, place, "Child", "function", "text"}),
+            fmt::format("TraceTest/7 ValueTest.cpp:{} Child::function: text", place.line()));
 }
 
 TEST(Counters, AreKnownByNameWhileTheyLive) {

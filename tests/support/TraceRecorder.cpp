@@ -7,7 +7,8 @@ TraceRecorder::TraceRecorder(std::initializer_list<std::pair<std::string, std::s
     Lumo::traceLevelsIs(handler, Lumo::parseLevels(list));
   }
   before_ = Lumo::traceSinkIs([this](Lumo::TraceMessage const & message) {
-    lines_.push_back({message.handler.name(), message.level, std::string(message.function),
+    lines_.push_back({message.handler.name(), message.level, std::string(message.file()),
+                      std::string(message.object), std::string(message.function),
                       std::string(message.text)});
   });
 }

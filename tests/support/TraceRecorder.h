@@ -12,6 +12,8 @@ public:
   struct Line {
     std::string handler;
     int level;
+    std::string file;
+    std::string object;
     std::string function;
     std::string text;
   };
