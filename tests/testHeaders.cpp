@@ -1,0 +1,2 @@
+// Compiled for its precompiled headers alone; see CMakeLists.txt.
+int main() {}
