@@ -136,7 +136,7 @@ SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
     : loop_(loop),
       settings_(std::move(settings)),
       log_(std::make_unique<Log>()),
-      accessFiles_{AccessFile(hosts_allow_table), AccessFile(hosts_deny_table)} {
+      hostsFiles_{HostsFile(hosts_allow_table), HostsFile(hosts_deny_table)} {
   checkReadable();
   setUp();
   init_agent(applicationName);
@@ -258,8 +258,8 @@ void SnmpEngine::requireUnderstood(std::vector<std::string> const & complaints) 
 }
 
 void SnmpEngine::read(int descriptor) {
-  auto const now = AccessFile::Clock::now();
-  for (auto & file : accessFiles_)
+  auto const now = HostsFile::Clock::now();
+  for (auto & file : hostsFiles_)
     file.look(now);
   DescriptorSet ready;
   NETSNMP_LARGE_FD_SET(descriptor, ready.get());

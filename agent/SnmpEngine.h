@@ -5,7 +5,7 @@
 // one that it is told.
 #pragma once
 
-#include "agent/AccessFile.h"
+#include "agent/HostsFile.h"
 #include "sources/Loop.h"
 #include <array>
 #include <map>
@@ -68,7 +68,7 @@ private:
   Sources::Loop & loop_;
   SnmpSettings const settings_;
   std::unique_ptr<Log> log_;
-  std::array<AccessFile, 2> accessFiles_;
+  std::array<HostsFile, 2> hostsFiles_;
   int endpoint_ = -1; // net-snmp's handle for the transport that it listens on
   std::map<int, Watched> watched_;
   Sources::Loop::Handle timer_;

@@ -1,5 +1,5 @@
 // libwrap itself reads the files here, as it does beneath net-snmp.
-#include "agent/AccessFile.h"
+#include "agent/HostsFile.h"
 #include "tests/support/TemporaryFolder.h"
 #include <gtest/gtest.h>
 #include <memory>
@@ -8,27 +8,27 @@
 
 namespace {
 
-using Clock = Agent::AccessFile::Clock;
+using Clock = Agent::HostsFile::Clock;
 using namespace std::literals;
 
 constexpr auto later = 10s; // long enough for a change to be settled
 
-class AccessFile : public testing::Test {
+class HostsFile : public testing::Test {
 protected:
-  AccessFile() {
+  HostsFile() {
     hosts_allow_table = allowPath_.data();
     hosts_deny_table = denyPath_.data();
   }
-  ~AccessFile() override {
+  ~HostsFile() override {
     hosts_allow_table = systemsAllowTable_;
     hosts_deny_table = systemsDenyTable_;
   }
 
   void write(std::string const & text) const { folder_.write("deny", text); }
   /// The file with that text, when it has been looked at.
-  std::unique_ptr<Agent::AccessFile> seen(std::string const & text) const {
+  std::unique_ptr<Agent::HostsFile> seen(std::string const & text) const {
     write(text);
-    auto file = std::make_unique<Agent::AccessFile>(hosts_deny_table);
+    auto file = std::make_unique<Agent::HostsFile>(hosts_deny_table);
     file->look(Clock::now() + later);
     return file;
   }
@@ -48,7 +48,7 @@ private:
   std::string denyPath_ = folder_.file("deny");
 };
 
-TEST_F(AccessFile, IsNotReadWhileItHoldsNoRule) {
+TEST_F(HostsFile, IsNotReadWhileItHoldsNoRule) {
   for (auto const * text : {"", "\n", "# nobody is denied\n", " \t\n#\n\n"}) {
     auto const file = seen(text);
     EXPECT_FALSE(isLeftToLibwrap()) << text;
@@ -56,7 +56,7 @@ TEST_F(AccessFile, IsNotReadWhileItHoldsNoRule) {
   }
 }
 
-TEST_F(AccessFile, IsReadWhenItHoldsARule) {
+TEST_F(HostsFile, IsReadWhenItHoldsARule) {
   for (auto const * text : {"ALL: ALL\n", "# all\nALL: ALL\n", "\n\ntunnelsnmpd: 192.0.2.\n"}) {
     auto const file = seen(text);
     EXPECT_TRUE(isLeftToLibwrap()) << text;
@@ -64,7 +64,7 @@ TEST_F(AccessFile, IsReadWhenItHoldsARule) {
   }
 }
 
-TEST_F(AccessFile, IsReadWhenLibwrapWouldComplainOfIt) {
+TEST_F(HostsFile, IsReadWhenLibwrapWouldComplainOfIt) {
   for (auto const & text : {"# does not end"s, "# goes on \\\n# here\n"s, "# or not \\\n"s,
                             "#\0\n"s, "#" + std::string(2000, 'x') + "\n"}) {
     auto const file = seen(text);
@@ -72,16 +72,16 @@ TEST_F(AccessFile, IsReadWhenLibwrapWouldComplainOfIt) {
   }
 }
 
-TEST_F(AccessFile, IsReadWhenItMayChangeAgainAndLookTheSame) {
+TEST_F(HostsFile, IsReadWhenItMayChangeAgainAndLookTheSame) {
   write("# nobody is denied\n");
-  Agent::AccessFile file(hosts_deny_table);
+  Agent::HostsFile file(hosts_deny_table);
   file.look(Clock::now());
   EXPECT_TRUE(isLeftToLibwrap());
 }
 
-TEST_F(AccessFile, IsLookedIntoAgainWhenItHasChanged) {
+TEST_F(HostsFile, IsLookedIntoAgainWhenItHasChanged) {
   write("#\n");
-  Agent::AccessFile file(hosts_deny_table);
+  Agent::HostsFile file(hosts_deny_table);
   file.look(Clock::now() + later);
   write("ALL: ALL\n");
   file.look(Clock::now() + 2 * later);
@@ -91,9 +91,9 @@ TEST_F(AccessFile, IsLookedIntoAgainWhenItHasChanged) {
   EXPECT_FALSE(isLeftToLibwrap());
 }
 
-TEST_F(AccessFile, IsLookedIntoAgainWhenOnlyItsTimeTellsOfTheChange) {
+TEST_F(HostsFile, IsLookedIntoAgainWhenOnlyItsTimeTellsOfTheChange) {
   write("#LL: ALL\n");
-  Agent::AccessFile file(hosts_deny_table);
+  Agent::HostsFile file(hosts_deny_table);
   file.look(Clock::now() + later);
   ASSERT_FALSE(isLeftToLibwrap());
   std::this_thread::sleep_for(50ms); // the file system's clock tells nothing shorter apart
@@ -102,15 +102,15 @@ TEST_F(AccessFile, IsLookedIntoAgainWhenOnlyItsTimeTellsOfTheChange) {
   EXPECT_FALSE(isAllowed());
 }
 
-TEST_F(AccessFile, IsLeftToLibwrapWhenItIsAFolder) {
+TEST_F(HostsFile, IsLeftToLibwrapWhenItIsAFolder) {
   std::filesystem::create_directory(hosts_deny_table);
-  Agent::AccessFile file(hosts_deny_table);
+  Agent::HostsFile file(hosts_deny_table);
   file.look(Clock::now() + later);
   EXPECT_TRUE(isLeftToLibwrap());
 }
 
-TEST_F(AccessFile, MayBeMissing) {
-  Agent::AccessFile file(hosts_deny_table);
+TEST_F(HostsFile, MayBeMissing) {
+  Agent::HostsFile file(hosts_deny_table);
   file.look(Clock::now() + later);
   EXPECT_TRUE(isAllowed());
   write("ALL: ALL\n");
@@ -118,10 +118,10 @@ TEST_F(AccessFile, MayBeMissing) {
   EXPECT_FALSE(isAllowed());
 }
 
-TEST_F(AccessFile, IsLookedAtNoMoreOftenThanAHundredTimesASecond) {
+TEST_F(HostsFile, IsLookedAtNoMoreOftenThanAHundredTimesASecond) {
   auto const now = Clock::now() + later;
   write("#\n");
-  Agent::AccessFile file(hosts_deny_table);
+  Agent::HostsFile file(hosts_deny_table);
   file.look(now);
   write("ALL: ALL\n");
   file.look(now + 9ms);
@@ -130,18 +130,18 @@ TEST_F(AccessFile, IsLookedAtNoMoreOftenThanAHundredTimesASecond) {
   EXPECT_TRUE(isLeftToLibwrap());
 }
 
-TEST_F(AccessFile, IsLookedAtWhenTheClockWasPutBack) {
+TEST_F(HostsFile, IsLookedAtWhenTheClockWasPutBack) {
   write("#\n");
-  Agent::AccessFile file(hosts_deny_table);
+  Agent::HostsFile file(hosts_deny_table);
   file.look(Clock::now() + later);
   file.look(Clock::now() + 5ms);
   EXPECT_TRUE(isLeftToLibwrap()); // it has changed just now
 }
 
-TEST_F(AccessFile, IsLibwrapsAgainAtTheEnd) {
+TEST_F(HostsFile, IsLibwrapsAgainAtTheEnd) {
   write("#\n");
   {
-    Agent::AccessFile file(hosts_deny_table);
+    Agent::HostsFile file(hosts_deny_table);
     file.look(Clock::now() + later);
     ASSERT_FALSE(isLeftToLibwrap());
   }

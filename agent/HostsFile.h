@@ -11,13 +11,13 @@ namespace Agent {
 /// One of libwrap's two files. While it holds no rule, and has not changed just now, libwrap is
 /// told of none to read in its place: a missing file and one without rules mean the same
 /// (hosts_access(5)). A new rule counts a hundredth of a second later at most.
-class AccessFile {
+class HostsFile {
 public:
   /// `table` is libwrap's variable for the file's path. It gets its value back at the end.
-  explicit AccessFile(char *& table) : table_(table), path_(table) {}
-  AccessFile(AccessFile const &) = delete;
-  AccessFile & operator=(AccessFile const &) = delete;
-  ~AccessFile() { table_ = path_; }
+  explicit HostsFile(char *& table) : table_(table), path_(table) {}
+  HostsFile(HostsFile const &) = delete;
+  HostsFile & operator=(HostsFile const &) = delete;
+  ~HostsFile() { table_ = path_; }
 
   using Clock = std::chrono::system_clock; // the one of the files' times
 

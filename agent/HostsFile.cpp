@@ -1,4 +1,4 @@
-#include "agent/AccessFile.h"
+#include "agent/HostsFile.h"
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -40,7 +40,7 @@ std::optional<struct stat> statusOf(char const * path) {
 
 } // namespace
 
-void AccessFile::look(Clock::time_point now) {
+void HostsFile::look(Clock::time_point now) {
   static char none[] = "";
   if (now >= looked_ && now - looked_ < std::chrono::milliseconds(10))
     return;
@@ -48,7 +48,7 @@ void AccessFile::look(Clock::time_point now) {
   table_ = isWithoutRules(now) ? none : path_;
 }
 
-bool AccessFile::isWithoutRules(Clock::time_point now) {
+bool HostsFile::isWithoutRules(Clock::time_point now) {
   auto const status = statusOf(path_);
   if (!status || !S_ISREG(status->st_mode) || Clock::to_time_t(now) - status->st_ctim.tv_sec < 2)
     return false;
