@@ -1,3 +1,8 @@
+// The listening socket and its connections.
+//
+// A connection is a state of three: it waits for a line, it makes an answer piece by piece, or it
+// waits until the client has read enough of it. Each piece is made in a turn of the loop of its
+// own, so that a long answer takes its place among the requests of SNMP.
 #include "agent/ControlSocket.h"
 #include "agent/Report.h"
 #include <algorithm>

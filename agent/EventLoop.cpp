@@ -1,3 +1,5 @@
+// libevent's loop, one turn at a time. A watch is one libevent event; its callback may end the
+// watch that it belongs to, and no exception passes through libevent, which is C.
 #include "agent/EventLoop.h"
 #include "agent/Report.h"
 #include <csignal>

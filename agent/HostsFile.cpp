@@ -1,3 +1,5 @@
+// Finds out whether libwrap would read a rule, by the file's stamp, and by its lines when that has
+// changed. What is not plain is taken for a rule: libwrap reads the file then, as it always did.
 #include "agent/HostsFile.h"
 #include <fcntl.h>
 #include <fstream>

@@ -1,3 +1,5 @@
+// The options as CLI11 knows them, their help, and what is checked beyond their form. What can only
+// be known later, such as whether a trace handle exists, Agent.cpp checks.
 #include "agent/Options.h"
 #include "platform/Lumo.h"
 #include <CLI/CLI.hpp>

@@ -1,3 +1,5 @@
+// dlopen, and the walk over the modules that the library has enrolled with Snmp. Kept apart from
+// the agent so that all that is asked of a plug-in by name stands in one place.
 #include "agent/Plugin.h"
 #include "platform/Lumo.h"
 #include "platform/Snmp.h"

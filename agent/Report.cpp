@@ -1,3 +1,4 @@
+// Writes at once and unbuffered: what an operator reads last should be what happened last.
 #include "agent/Report.h"
 #include <cstdio>
 

@@ -1,3 +1,7 @@
+// net-snmp as a library of callbacks: it is told of each descriptor that is ready and of the time,
+// and asked afterwards what it waits for now. The odd parts of its interface are explained where
+// they are used; what it must not do (write files, open ports of its own, log) is switched off in
+// setUp().
 #include <net-snmp/net-snmp-config.h>
 
 #include <net-snmp/net-snmp-includes.h>

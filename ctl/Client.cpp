@@ -1,3 +1,5 @@
+// A blocking connection: one line out, one line in. The daemon answers each request in order and
+// closes the connection when it ends, so no more is needed.
 #include "ctl/Client.h"
 #include <array>
 #include <cerrno>

@@ -1,3 +1,5 @@
+// Tables are made from what the daemon sends, without knowing its members: a column that a later
+// daemon adds shows without a change here. Only status has an order of its own.
 #include "ctl/Render.h"
 #include <algorithm>
 #include <cstdint>
