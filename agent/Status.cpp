@@ -1,5 +1,7 @@
+// Reads attributes by name. Nothing of the plug-in is known here, so what an object does not have
+// is no error: it is left out.
 #include "agent/Status.h"
-#include <nlohmann/json.hpp>
+#include "agent/JsonText.h"
 #include <optional>
 #include <utility>
 
@@ -56,14 +58,28 @@ Json inputStatus(std::string_view name, Zel::PtrInterface const & input) {
   return out;
 }
 
+/// The plain value of the attribute whose name ends so: its beginning names the machine's output.
+std::optional<Json> outputValue(Zel::PtrInterface const & machine, std::string_view ending) {
+  for (auto const * attribute : machine.type().attributes)
+    if (attribute->name.ends_with(ending) && attribute->get != nullptr)
+      return scalar(attribute->get(machine));
+  return std::nullopt;
+}
+
+/// Whether a deletion scan is owed, and behind which key it goes on once it has begun.
+void putReconciliation(Json & out, Zel::PtrInterface const & machine) {
+  if (auto reconciling = outputValue(machine, "OutputReconciling"))
+    out["reconciling"] = *std::move(reconciling);
+  if (outputValue(machine, "OutputUseBookmark") == Json(true))
+    if (auto bookmark = outputValue(machine, "OutputBookmark"))
+      out["bookmark"] = *std::move(bookmark);
+}
+
 Json machineStatus(std::string_view name, Zel::PtrInterface const & machine) {
   Json out{{"name", name}};
   for (auto const * field : {"ready", "idle", "initialized", "initialScanDone", "synchronous"})
     putIfThere(out, machine, field);
-  for (auto const * attribute : machine.type().attributes)
-    if (attribute->name.ends_with("OutputReconciling") && attribute->get != nullptr)
-      if (auto value = scalar(attribute->get(machine)))
-        out["reconciling"] = *std::move(value);
+  putReconciliation(out, machine);
   auto inputs = Json::array();
   forEachChild(machine, "scanState", [&](Zel::Attribute const & attribute, auto const & input) {
     inputs.push_back(inputStatus(attribute.name, input));
@@ -82,10 +98,6 @@ std::string_view stateText(Sources::SourceStatus::State state) {
     return "degraded";
   }
   return "unknown";
-}
-
-std::string jsonText(Json const & json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 /// The objects of a collection; nothing when it is no collection, or one of plain values.

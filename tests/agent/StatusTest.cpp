@@ -38,6 +38,8 @@ constexpr char tunnelMib[] = "tunnelMib";
 constexpr char ready[] = "ready";
 constexpr char idle[] = "idle";
 constexpr char reconciling[] = "mibThingOutputReconciling";
+constexpr char bookmark[] = "mibThingOutputBookmark";
+constexpr char useBookmark[] = "mibThingOutputUseBookmark";
 constexpr char inputSm[] = "inputSm";
 constexpr char scanState[] = "scanState";
 constexpr char scanned[] = "scanned";
@@ -67,7 +69,7 @@ struct AgentTag {
 };
 struct MachineTag {
   static Zel::Type const & type() {
-    return typeOf<MachineTag, ready, idle, inputSm, reconciling>("Machine");
+    return typeOf<MachineTag, ready, idle, inputSm, reconciling, bookmark, useBookmark>("Machine");
   }
 };
 struct InputTag {
@@ -121,6 +123,18 @@ TEST(Status, FindsTheMachinesAndTheirInputs) {
   EXPECT_EQ(Json::parse(R"([{"name": "firstSm", "ready": true, "idle": false, "reconciling": true,
                              "inputs": [{"name": "inputSm", "scanState": 2, "scanned": 40}]}])"),
             machines);
+}
+
+TEST(Status, TellsBehindWhichKeyADeletionScanGoesOn) {
+  auto const machineAt = [](bool used) {
+    return object<MachineTag>({{ready, flag(false)},
+                               {reconciling, flag(true)},
+                               {useBookmark, flag(used)},
+                               {bookmark, {std::string("2001")}}});
+  };
+  auto const machines = machinesOf({{firstSm, machineAt(true)}, {secondSm, machineAt(false)}});
+  EXPECT_EQ("2001", machines.at(0).at("bookmark"));
+  EXPECT_FALSE(machines.at(1).contains("bookmark")) << "the scan has not begun";
 }
 
 TEST(Status, IsReadyOnlyWhenEveryMachineIs) {
