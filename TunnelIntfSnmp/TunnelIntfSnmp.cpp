@@ -17,6 +17,10 @@ Lumo::DebugHandler const & modelTrace() {
   static auto const handler = Lumo::Platform::getDebugHandler("TunnelIntfSnmp", false);
   return *handler;
 }
+namespace {
+// Known by its name before it has traced anything, so that it can be switched on.
+[[maybe_unused]] auto const & traceFromTheLoadOn = modelTrace();
+} // namespace
 
 std::uint32_t modeToEncap(Plexa::TunnelIntfMode mode) {
   if (mode == Plexa::TunnelIntfMode::gre)

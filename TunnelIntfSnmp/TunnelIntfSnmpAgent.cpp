@@ -12,6 +12,8 @@ Lumo::DebugHandler const & agentTrace() {
   static auto const handler = Lumo::Platform::getDebugHandler(unitName, false);
   return *handler;
 }
+// Known by its name before it has traced anything, so that it can be switched on.
+[[maybe_unused]] auto const & traceFromTheLoadOn = agentTrace();
 
 } // namespace
 

@@ -1,7 +1,9 @@
+// The start and the stop, step by step, and what the daemon does in between.
 #include "agent/Agent.h"
 #include "agent/HostIterator.h"
 #include "agent/Report.h"
 #include "agent/Status.h"
+#include "agent/TraceHandles.h"
 #include "platform/Snmp.h"
 #include <array>
 #include <cstdio>
@@ -27,6 +29,14 @@ std::string hostName() {
   std::array<char, 256> name{};
   gethostname(name.data(), name.size() - 1);
   return name.data();
+}
+
+// Known by its name before it has traced anything, so that it can be switched on.
+auto const debugHandler = Lumo::Platform::getDebugHandler("tunnelsnmpd", false);
+
+/// Traces a step of the start or of the stop; docs/startup.md tells what holds after each.
+void done(char const * step) {
+  LUMO_TRACE(*debugHandler, 1, "{}", step);
 }
 
 void writeTrace(Lumo::TraceMessage const & message) {
@@ -62,6 +72,7 @@ Agent::~Agent() {
 
 std::string Agent::listen() {
   servedAt_ = snmp_->listen(options_.listen);
+  done("listening");
   return servedAt_;
 }
 
@@ -71,7 +82,10 @@ bool Agent::work() {
   } catch (std::exception const & exception) {
     reportFailure(taskExceptions, "in a task", exception);
   }
-  return scheduler_->scheduled() != 0;
+  auto const more = scheduler_->scheduled() != 0;
+  if (!more && !ready_)
+    noticeReady();
+  return more;
 }
 
 std::vector<std::string> Agent::reread() {
@@ -102,19 +116,29 @@ void Agent::restartMachines() {
 
 void Agent::stop() {
   control_.reset(); // an answer under way holds rows
+  done("control socket closed");
   sources_.clear();
+  done("sources ended");
+  stopPlugin();
+  snmp_.reset();
+  done("SNMP shut down");
+  Lumo::traceSinkIs({});
+}
+
+void Agent::stopPlugin() {
   if (snmp_)
     snmp_->stopServing();
-  if (plugin_) {
+  done("serving ended");
+  if (plugin_)
     plugin_->unregisterMibs();
-    database_.unmount(rootPath); // its end removes the machines
-    database_.unmount(mibPath);
-  }
+  done("modules unregistered");
+  database_.unmount(rootPath); // its end removes the machines
+  done("machines removed");
+  database_.unmount(mibPath);
   Kiln::TaskSchedulerRoot::schedulerIs(nullptr);
   SnmpUtil::entityRootIs({});
   plugin_.reset();
-  snmp_.reset();
-  Lumo::traceSinkIs({});
+  done("plug-in unloaded");
 }
 
 void Agent::startPlatform() {
@@ -126,16 +150,30 @@ void Agent::startPlatform() {
   auto const config = Zel::makePtr<Snmp::Config>();
   config->systemName = hostName();
   SnmpUtil::snmpConfigIs(config);
+  done("platform set up");
 }
 
 void Agent::startPlugin() {
   plugin_ = std::make_unique<Plugin>(options_.pluginFile);
+  requireTraceHandles();
+  done("plug-in loaded");
   try {
     database_.create(mibPath, "TunnelIntfSnmp::TunnelMib");
     database_.create(rootPath, "TunnelIntfSnmp::Root");
   } catch (Zel::GenericAccessError const & error) {
     throw std::runtime_error(
         fmt::format("{} is not the plug-in that is wanted: {}", options_.pluginFile, error.what()));
+  }
+  done("entities made");
+}
+
+// Before the plug-in is there its handles are not.
+void Agent::requireTraceHandles() const {
+  try {
+    for (auto const & trace : options_.traces)
+      requireHandle(trace.handle);
+  } catch (std::invalid_argument const & error) {
+    throw ConfigurationError(fmt::format("--trace: {}", error.what()));
   }
 }
 
@@ -148,6 +186,7 @@ void Agent::startSources() {
     }
     sources_.back()->start();
   }
+  done("sources started");
 }
 
 void Agent::startMachines() {
@@ -155,13 +194,23 @@ void Agent::startMachines() {
                                                           database_.tunnelIntfStatusDir(),
                                                           database_.ifMib(), database_.ikeStatus()};
   Zel::attributeIs(*database_.lookup(rootPath), "tunnelIntfSnmpAgent", inputs);
+  ready_ = false;
+  done("machines made");
+}
+
+void Agent::noticeReady() {
+  ready_ = allReady(machinesStatus(*database_.lookup(rootPath)));
+  if (ready_)
+    done("ready");
 }
 
 void Agent::startSnmp() {
   snmp_ = std::make_unique<SnmpEngine>(loop_, SnmpSettings{options_.configFile, options_.agentx});
+  done("SNMP set up");
   plugin_->registerMibs();
   if (options_.iterator == Iterator::host)
     installHostIterator();
+  done("modules registered");
 }
 
 void Agent::startControl() {
@@ -175,6 +224,7 @@ void Agent::startControl() {
   control_ = std::make_unique<ControlSocket>(
       loop_, options_.controlPath,
       [commands](std::string_view request) { return commands->answer(request); });
+  done("control socket made");
 }
 
 nlohmann::ordered_json Agent::status() const {

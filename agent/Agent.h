@@ -1,17 +1,10 @@
-// The daemon as a whole: what is made in which order, and undone in the reverse one.
+// The daemon as a whole: what is made in which order, and undone in which.
 //
-//   platform     trace levels and sink, the default task scheduler with the real clock
-//   state        the state database with its three empty inputs; SnmpUtil resolves paths in it
-//   plug-in      the library is loaded; its MIB entity and its root are made by type name
-//   sources      every source has published what there is
-//   machines     the root has its agent: the state machines begin
-//   snmp         net-snmp has read its configuration, and the MIB modules are registered; their
-//                tables are served by the daemon's own iterator, unless it is told otherwise
-//   control      the control socket answers
-//   listening    SNMP is served; the operator is told on the standard output stream
-//
-// What is made last goes first: control socket, sources, MIB registrations, machines, entities,
-// library, net-snmp.
+// docs/startup.md tells the steps by name and what holds after each; the handle "tunnelsnmpd"
+// traces them. Two things decide the order. The machines come after the sources, so that their
+// first scans find what there is; and SNMP comes after the machines, so that no request is answered
+// out of tables that nobody fills. At the end serving stops before anything goes that an answer may
+// hold.
 #pragma once
 
 #include "agent/ControlSocket.h"
@@ -43,8 +36,9 @@ public:
 
   /// Begins to serve SNMP. Returns where, as SnmpEngine::listen does, and raises what it raises.
   std::string listen();
-  /// One piece of background work: runs the next task. True if and only if another one waits. An
-  /// exception out of a task is reported and counted ("agent-task-exceptions").
+  /// One piece of background work: runs the next task, if one is scheduled. True if and only if
+  /// another one waits. An exception out of a task is reported and counted
+  /// ("agent-task-exceptions").
   bool work();
   /// Reads the sources and the configuration again; failures are reported. Returns a line for each.
   std::vector<std::string> reread();
@@ -55,10 +49,13 @@ public:
 private:
   /// Undoes a start, complete or not, in the right order.
   void stop();
+  void stopPlugin();
   void startPlatform();
   void startPlugin();
+  void requireTraceHandles() const;
   void startSources();
   void startMachines();
+  void noticeReady();
   void startSnmp();
   void startControl();
   nlohmann::ordered_json status() const;
@@ -73,6 +70,7 @@ private:
   std::vector<std::unique_ptr<Sources::Source>> sources_;
   std::unique_ptr<ControlSocket> control_;
   std::string servedAt_;
+  bool ready_ = false; // as last noticed, of the machines that there are
 };
 
 } // namespace Agent

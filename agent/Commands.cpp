@@ -1,8 +1,11 @@
+// The table of commands, and what each of them does. A command is a function of what it works on
+// and of its arguments; what it raises becomes an error answer with that text.
 #include "agent/Commands.h"
+#include "agent/JsonText.h"
 #include "agent/Status.h"
+#include "agent/TraceHandles.h"
 #include "platform/Lumo.h"
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
@@ -14,11 +17,6 @@ using OrderedJson = nlohmann::ordered_json;
 namespace {
 
 Lumo::Counter requestsRefused("agent-control-requests-refused");
-
-template <class AnyJson>
-std::string jsonText(AnyJson const & json) {
-  return json.dump(-1, ' ', false, AnyJson::error_handler_t::replace);
-}
 
 Answer inOnePiece(std::string text) {
   return [text = std::move(text)](std::string & out) {
@@ -92,11 +90,8 @@ Answer listTraces(CommandHost const &, Json const &) {
 Answer setTrace(CommandHost const &, Json const & arguments) {
   auto const unit = textArgument(arguments, "unit");
   auto const mask = Lumo::parseLevels(textArgument(arguments, "levels"));
-  Lumo::traceLevelsIs(unit, mask);
-  auto const known = std::ranges::any_of(
-      Lumo::debugHandlers(), [&](auto const & handler) { return handler->name() == unit; });
-  return okAnswer(
-      OrderedJson{{"unit", unit}, {"levels", Lumo::levelsText(mask)}, {"known", known}});
+  handleLevelsIs(unit, mask);
+  return okAnswer(OrderedJson{{"unit", unit}, {"levels", Lumo::levelsText(mask)}});
 }
 
 Answer showCoverage(CommandHost const &, Json const &) {

@@ -114,9 +114,7 @@ void setTrace(Arguments const & arguments) {
   auto const result = ask(arguments, "trace/set",
                           {{"unit", arguments.trace.substr(0, equals)},
                            {"levels", arguments.trace.substr(equals + 1)}});
-  auto const known = result.value("known", true);
-  print(arguments, result,
-        known ? "" : fmt::format("nothing traces as {} yet; see trace list\n", arguments.trace));
+  print(arguments, result, "");
 }
 
 void reread(Arguments const & arguments) {

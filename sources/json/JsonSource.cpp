@@ -27,9 +27,10 @@ constexpr int entry = 8;
 
 Lumo::Counter rejectedReadings("json-readings-rejected");
 
+// Known by its name before it has traced anything, so that it can be switched on.
+auto const debugHandler = Lumo::Platform::getDebugHandler("JsonSource", false);
 Lumo::DebugHandler const & traceHandler() {
-  static auto const handler = Lumo::Platform::getDebugHandler("JsonSource", false);
-  return *handler;
+  return *debugHandler;
 }
 
 /// Has malloc return free memory to the system at the end of a scope. The documents of a large file

@@ -30,9 +30,10 @@ Lumo::Counter interruptedDumps("linux-dumps-interrupted");
 Lumo::Counter malformedMessages("linux-messages-malformed");
 Lumo::Counter resyncs("linux-resyncs");
 
+// Known by its name before it has traced anything, so that it can be switched on.
+auto const debugHandler = Lumo::Platform::getDebugHandler("LinuxSource", false);
 Lumo::DebugHandler const & traceHandler() {
-  static auto const handler = Lumo::Platform::getDebugHandler("LinuxSource", false);
-  return *handler;
+  return *debugHandler;
 }
 
 void traceMalformed(Linux::MalformedMessage const & malformed) {

@@ -107,15 +107,19 @@ TEST_F(Commands, StateRefusesAPointerToNothing) {
 TEST_F(Commands, TraceLevelsAreSetAndListed) {
   auto const handler = Lumo::Platform::getDebugHandler("CommandsTest", false);
   auto const set = result("trace/set", {{"unit", "CommandsTest"}, {"levels", "2,6-8"}});
-  EXPECT_EQ(true, set.at("known"));
+  EXPECT_EQ("2,6-8", set.at("levels"));
   EXPECT_EQ("2,6-8", result("trace/list").at("CommandsTest"));
   EXPECT_EQ(0b111000100u, handler->levelMask());
 }
 
-TEST_F(Commands, TraceTellsWhenNothingHasThatNameYet) {
-  auto const set = result("trace/set", {{"unit", "CommandsTestLater"}, {"levels", "2"}});
-  EXPECT_EQ(false, set.at("known"));
-  EXPECT_EQ(0b100u, Lumo::Platform::getDebugHandler("CommandsTestLater", false)->levelMask());
+TEST_F(Commands, TraceRefusesAHandleThatIsNoneAndListsThoseThereAre) {
+  for (auto const * name : {"CommandsTest", "CommandsTestToo"})
+    Lumo::Platform::getDebugHandler(name, false);
+  EXPECT_THAT(error("trace/set", {{"unit", "CommandsTestNone"}, {"levels", "2"}}),
+              testing::AllOf(HasSubstr("no trace handle CommandsTestNone,"),
+                             HasSubstr("CommandsTest, CommandsTestToo")));
+  EXPECT_FALSE(result("trace/list").contains("CommandsTestNone"));
+  EXPECT_EQ(0u, Lumo::Platform::getDebugHandler("CommandsTestNone", false)->levelMask());
 }
 
 TEST_F(Commands, TraceRefusesBadLevels) {

@@ -5,6 +5,7 @@ folder; ports are free ones. Waits are for events and bounded."""
 import argparse
 import json
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -18,6 +19,7 @@ import unittest
 
 PATHS = None  # the binaries, from the command line
 
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 PATIENCE = 60  # seconds; only a broken daemon needs them (sanitizers and valgrind are slow)
 TUNNEL_IF_TABLE = ".1.3.6.1.2.1.10.131.1.1.1"
 TUNNEL_MIB = ".1.3.6.1.2.1.10.131"
@@ -83,6 +85,11 @@ class Process:
 def environment(folder):
     """Without MIB texts, and with the clients' own files in the folder."""
     return dict(os.environ, MIBS="", SNMP_PERSISTENT_DIR=folder, SNMPCONFPATH=folder, HOME=folder)
+
+
+def document(name):
+    """The text of a page of the documentation."""
+    return (REPOSITORY / "docs" / name).read_text()
 
 
 class DaemonTest(unittest.TestCase):
@@ -161,6 +168,28 @@ class DaemonTest(unittest.TestCase):
         values, _ = self.snmp(command, [TUNNEL_MIB], access)
         return {oid: value for oid, value in values.items() if "No more variables" not in value}
 
+    def conn_states(self):
+        """{ifIndex: name of the state}: the vendor table as a manager with its MIB reads it."""
+        mib = (REPOSITORY / "mibs" / "VELMORA-TUNNEL-MIB.txt").read_text()
+        os.makedirs(self.path("mibs"), exist_ok=True)
+        self.write("mibs/VELMORA-TUNNEL-MIB.txt",
+                   mib.replace("enterprises 32473", f"enterprises {PATHS.enterprise}"))
+        imported = REPOSITORY / "tests" / "docs" / "mibs"
+        done = subprocess.run(
+            ["snmpbulkwalk", "-v2c", "-c", "public", "-t", "5", "-r", "1", "-Oqs", "-M",
+             f"{imported}:{self.path('mibs')}", "-m", "VELMORA-TUNNEL-MIB", self.address,
+             "velmoraIpsecTunnelIfTable"], env=environment(self.folder), capture_output=True,
+            text=True, timeout=PATIENCE, check=True)
+        lines = [line for line in done.stdout.splitlines() if "No more variables" not in line]
+        rows = [re.fullmatch(r"velmoraIpsecTunnelIfConnState\.(\d+) (\w+)", line)
+                for line in lines]
+        self.assertNotIn(None, rows, done.stdout)
+        return {int(row.group(1)): row.group(2) for row in rows}
+
+    def patch(self, operation, path, value=None):
+        self.ctl("patch", "-", text=json.dumps([{"op": operation, "path": path,
+                                                 "value": value}]))
+
     def if_indexes(self):
         return sorted(row["ifIndex"] for row in self.ctl_json("show", "tables")["tunnelIfTable"])
 
@@ -191,6 +220,48 @@ class Serving(DaemonTest):
         self.assertEqual(bulk, self.walk(("-v1", "-c", "public"), "snmpwalk"))
         self.assertEqual(bulk, self.walk(("-v2c", "-c", "public"), "snmpwalk"))
         self.assertEqual(bulk, self.walk(V3))
+
+    def test_serves_the_vendor_table(self):
+        self.start_office()
+        self.assertEqual({2001: "up", 2002: "connecting", 2008: "up", 2009: "rekeying",
+                          2010: "down"}, self.conn_states())
+
+    def test_a_connection_state_is_that_of_the_moment_of_the_request(self):
+        self.start_office()
+        place = "/ikeStatus/appliedProfiles/partner/appliedIntfId/50331658"
+        for state in ("connecting", "ikeUp", "up", "rekeying", "closing", "unknown"):
+            self.patch("replace", place + "/connState", state)
+            self.assertEqual(state, self.conn_states()[2010])
+        self.patch("remove", "/ikeStatus/ipsecTunnelInfo/50331658")
+        self.assertEqual("unknown", self.conn_states()[2010])
+
+    def test_the_vendor_table_follows_the_ipsec_flag(self):
+        self.start_office()
+        before = self.conn_states()
+        self.patch("replace", "/tunnelIntfStatusDir/intfStatus/50331651/ipsec", True)
+        self.assertEqual({**before, 2003: "unknown"}, self.conn_states())
+        self.patch("replace", "/tunnelIntfStatusDir/intfStatus/50331651/ipsec", False)
+        self.assertEqual(before, self.conn_states())
+
+    def test_a_row_outlives_its_ifindex_as_the_vendor_mib_says(self):
+        self.start_office()
+        intf, moved = "/ifMib/ifIndexByIntfId/50331649", "/ifMib/ifIndexByIntfId/50331656"
+        before = self.conn_states()
+        self.patch("replace", moved, 4711)
+        self.patch("remove", intf)
+        left = {**before, 4711: "up"}
+        self.assertEqual(left, self.conn_states(), "2001 and 2008 are left behind")
+        self.patch("remove", "/tunnelIntfStatusDir/intfStatus/50331649")
+        self.assertEqual(left, self.conn_states(), "2001 is left though the interface has gone")
+        self.patch("add", "/ifMib/ifIndexByIntfId/7", 2008)
+        self.assertEqual(left, self.conn_states(), "2008 is another interface's, but no tunnel's")
+        self.patch("add", "/tunnelIntfStatusDir/intfStatus/7", {"mode": "gre"})
+        del left[2008]
+        self.assertEqual(left, self.conn_states(), "2008 is another tunnel's, without IPsec")
+        self.ctl("restart-machines")
+        self.ctl("wait-ready")
+        del left[2001]
+        self.assertEqual(left, self.conn_states())
 
     def test_get_answers_single_cells(self):
         self.start_office()
@@ -330,7 +401,17 @@ class Control(DaemonTest):
         daemon.wait_for_line(daemon.err, r"^TunnelIfTableSm/6 .*: filter\( tisOpt \) failed")
         self.assertRegex(self.ctl("trace", "set", "TunnelIfTableSm=12", status=1), "12")
         self.assertRegex(self.ctl("trace", "set", "TunnelIfTableSm", status=2), "HANDLE=LEVELS")
-        self.assertRegex(self.ctl("trace", "set", "Nobody=1"), "nothing traces as Nobody")
+        self.assertRegex(self.ctl("trace", "set", "Nobody=1", status=1),
+                         "no trace handle Nobody, but .*Snmp.*TunnelIfTableSm")
+        self.assertNotIn("Nobody", self.ctl("trace", "list"))
+
+    def test_every_documented_handle_is_known_from_the_load_on(self):
+        self.start()  # without a source, and nothing has been asked for yet
+        headings = re.findall(r"(?m)^## (.*)$", document("traces.md"))
+        documented = {handle for heading in headings for handle in re.findall("`(.*?)`", heading)}
+        self.assertEqual(documented, set(self.ctl_json("trace", "list")))
+        self.ctl("trace", "set", "TunnelIntfSnmp=5")
+        self.assertRegex(self.ctl("trace", "list"), r"(?m)^TunnelIntfSnmp +5$")
 
     def test_a_trace_follows_one_event_through_each_machine(self):
         daemon = self.start_office()
@@ -470,10 +551,47 @@ class Signals(DaemonTest):
         self.assertEqual(self.expected_if_indexes(), self.if_indexes())
 
 
+class Steps(DaemonTest):
+    """docs/startup.md names the steps of the start and of the stop."""
+
+    def documented(self, title):
+        section = re.search(rf"(?ms)^## {title}$(.*?)(^## |\Z)", document("startup.md")).group(1)
+        return re.findall(r"(?m)^\| `(.*?)` \|", section)
+
+    def taken(self, daemon):
+        lines = (re.match(r"tunnelsnmpd/1 \S+ \S+: (.*)$", line) for line in daemon.err)
+        return [line.group(1) for line in lines if line]
+
+    def test_the_start_and_the_stop_take_the_documented_steps_in_order(self):
+        daemon = self.start_office("--trace", "tunnelsnmpd=1")
+        daemon.wait_for_line(daemon.err, ": ready$")
+        self.assertEqual(0, daemon.end()[0], daemon.err)
+        self.assertEqual(self.documented("Start") + self.documented("Stop"), self.taken(daemon))
+
+    def test_a_start_that_fails_is_undone_in_the_documented_steps(self):
+        for step, option in (("sources started", ("--source", "json:" + self.path("none.json"))),
+                             ("SNMP set up", ("--config", self.path("none.conf"))),
+                             ("listening", ("--listen", "pigeon:roof"))):
+            daemon = self.launch("--trace", "tunnelsnmpd=1", *option)
+            self.assertNotEqual(0, daemon.wait())
+            start = self.documented("Start")
+            self.assertEqual(start[:start.index(step)] + self.documented("Stop"),
+                             self.taken(daemon))
+
+    def test_machines_that_start_anew_take_two_steps_again(self):
+        daemon = self.start_office("--trace", "tunnelsnmpd=1")
+        daemon.wait_for_line(daemon.err, ": ready$")
+        before = len(self.taken(daemon))
+        self.ctl("restart-machines")
+        self.wait_until(lambda: self.taken(daemon)[before:] == ["machines made", "ready"])
+
+
 class WrongStarts(DaemonTest):
     def test_wrong_options_are_usage_errors(self):
         self.assert_refuses_to_start(2, "--speed", "--speed", "9")
         self.assert_refuses_to_start(2, "--trace Snmp", "--trace", "Snmp")
+        self.assert_refuses_to_start(2, "--trace: .*no trace handle Nobody, but .*TunnelIfTableSm",
+                                     "--trace", "Nobody=1")
         self.assert_refuses_to_start(2, "--agentx", "--agentx", "--listen", "udp:127.0.0.1:0")
 
     def test_an_unknown_source_is_a_configuration_error(self):
