@@ -1,5 +1,5 @@
-// What becomes of an exception that a notifiee of an input raises: the change stands, and whoever
-// made it goes on. The exception is counted and reported.
+// What becomes of an exception that a notifiee of an input raises: it is counted and reported. The
+// change stands, and further changes follow.
 #pragma once
 
 #include <exception>
