@@ -10,11 +10,11 @@ namespace StateDb {
 ///   Claim<TunnelIntfStatusValues>().with<&TunnelIntfStatusValues::ipsec>(true)
 ///
 /// While a claim lasts, the members that it names have its values in the record that the other
-/// publisher publishes; what that one says of them is remembered, and comes back when the claim is
-/// withdrawn. It does not matter which of the two comes first, nor which goes first: a claim alone
-/// creates no record, applies as soon as a publisher publishes one, and outlasts its removal. Of
-/// several publishers that claim one member, the last to come has it. Records that no publisher
-/// published are left alone.
+/// publisher publishes. What the record said of them, and what its publisher says meanwhile, is
+/// remembered, and comes back when the claim is withdrawn. It does not matter which of the two
+/// comes first, nor which goes first: a claim alone creates no record, applies as soon as a
+/// publisher publishes one, and outlasts its removal. Of several publishers that claim one member,
+/// the last to come has it. Records that no publisher published are left alone.
 template <Zel::RecordValues Values>
 class Claim {
 public:

@@ -12,7 +12,7 @@
 
 namespace StateDb {
 
-class Publisher;
+class Ledgers;
 
 /// A full read, made by Publisher::beginFullRead(). The source hands over each record as it decodes
 /// it; nothing is published before the commit, and a read that ends without one has changed
@@ -53,6 +53,7 @@ public:
   void ifIndexIs(Plexa::IntfId intfId, std::uint32_t ifIndex, Kind kind = 0);
   void tunnelInfoIs(Plexa::IntfId intfId, std::optional<TunnelInfo> const & info);
   void profileIs(std::string const & profile);
+  /// Requires: no connection of that profile is handed over.
   void nullProfileIs(std::string const & profile);
   void connectionIs(std::string const & profile, Plexa::IntfId intfId,
                     std::optional<Connection> const & connection);
@@ -73,9 +74,13 @@ public:
 
 private:
   friend class Publisher;
-  class Findings;
-  explicit FullRead(std::shared_ptr<Findings> findings);
-  std::shared_ptr<Findings> findings_;
+  explicit FullRead(std::shared_ptr<Ledgers> ledgers);
+  /// The publisher's ledgers, or null when this read is over.
+  Ledgers * ledgers() const;
+  void drop();
+
+  std::shared_ptr<Ledgers> ledgers_;
+  std::uint32_t read_ = 0;
 };
 
 } // namespace StateDb

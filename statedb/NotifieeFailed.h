@@ -19,7 +19,7 @@ void notifieeFailed(NotifieeFailed const & report, std::string_view pointer,
 
 /// Makes a change. What notifiees raise is counted and reported with the text that `pointer` gives.
 template <class Change, class Pointer>
-void change(NotifieeFailed const & report, Change const & make, Pointer const & pointer) {
+void makeChange(NotifieeFailed const & report, Change const & make, Pointer const & pointer) {
   try {
     make();
   } catch (std::exception const & exception) {

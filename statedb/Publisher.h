@@ -99,15 +99,13 @@ public:
   [[nodiscard]] FullRead beginFullRead();
 
   Counts counts() const;
-  /// How many records have been inserted, changed, replaced or removed since the publisher was
-  /// made. One record is one change, however many of its attributes differ.
+  /// How many records and claims have been put, changed or removed since the publisher was made.
+  /// One record is one change, however many of its attributes differ.
   std::uint64_t changes() const;
   /// True if and only if a commit is not done yet.
   bool isCommitting() const;
 
 private:
-  class Ledgers;
-  friend class FullRead;
   std::shared_ptr<Ledgers> const ledgers_;
 };
 

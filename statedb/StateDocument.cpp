@@ -97,7 +97,7 @@ json StateDocument::read(std::string_view pointer) const {
 
 void StateDocument::apply(json const & patch) {
   for (auto const & planned : plan(database_, patch))
-    change(
+    makeChange(
         notifieeFailed_, [&] { carryOut(database_, planned); },
         [&] { return planned.where.pointer; });
 }
