@@ -137,8 +137,8 @@ template <class Key, class T>
 Value toValue(RbTreeMap<Key, T> const & entries) {
   return collectionToValue(entries);
 }
-template <class Key, class T, class Hasher>
-Value toValue(HashMap2018<Key, T, Hasher> const & entries) {
+template <class Key, class T>
+Value toValue(HashMap2018<Key, T> const & entries) {
   return collectionToValue(entries);
 }
 
