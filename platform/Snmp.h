@@ -97,9 +97,10 @@ public:
       : addressType_(addressType),
         address_(std::move(address)) {}
 
-  /// ipv4 (1) with 4 octets, ipv6 (2) with 16. Requires: the address has a family; none is fatal.
+  /// ipv4 (1) with 4 octets, ipv6 (2) with 16. Requires: the address is of one of these families;
+  /// any other is fatal.
   static InetAddress fromIpGenAddr(Plexa::IpGenAddr const & address);
-  /// As above, and unknown (0) with no octets for an address of no family.
+  /// As above, and unknown (0) with no octets for an address of no family or any other.
   static InetAddress fromIpGenAddrOrUnknown(Plexa::IpGenAddr const & address);
 
   std::uint32_t addressType() const { return addressType_; }
@@ -131,7 +132,7 @@ int U32ToAsnUnsigned(std::uint32_t value, std::uint8_t * buffer, std::size_t cap
 int S32ToAsnInteger(std::int32_t value, std::uint8_t * buffer, std::size_t capacity);
 /// An OCTET STRING of the bytes.
 int BytesToAsnOctetString(Bytes const & bytes, std::uint8_t * buffer, std::size_t capacity);
-/// An OCTET STRING of 4, 16 or, for no family, 0 octets in network order.
+/// An OCTET STRING of 4, 16 or, for no known family, 0 octets in network order.
 int PlexaIpGenAddrToAsnOctetString(Plexa::IpGenAddr const & address, std::uint8_t * buffer,
                                    std::size_t capacity);
 

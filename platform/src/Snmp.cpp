@@ -67,12 +67,13 @@ std::string valueToStrep(InetAddress const & address) {
 }
 
 InetAddress InetAddress::fromIpGenAddr(Plexa::IpGenAddr const & address) {
-  LUMO_ASSERT(address.family() != Plexa::AddressFamily::none,
-              "an address of no family has no InetAddressType");
+  LUMO_ASSERT(!address.octets().empty(), "an address of no known family has no InetAddressType");
   return fromIpGenAddrOrUnknown(address);
 }
 
 InetAddress InetAddress::fromIpGenAddrOrUnknown(Plexa::IpGenAddr const & address) {
+  if (address.octets().empty())
+    return {};
   // RFC 4001 numbers the two families as AddressFamily does.
   return {static_cast<std::uint32_t>(address.family()), Bytes(address.octets())};
 }

@@ -53,6 +53,19 @@ TEST(IpGenAddr, IsZeroAtTheAnyAddressTheUnspecifiedOneAndNone) {
   EXPECT_TRUE(Plexa::IpGenAddr(Plexa::AddressFamily::ipv6).isAddrZero());
 }
 
+// Another host may know more families than the MIB has numbers for.
+TEST(IpGenAddr, OfAnUnknownFamilyHasNoOctetsNoTextAndIsZero) {
+  for (auto const number : {3, 7, 255}) {
+    Plexa::IpGenAddr const unknown(static_cast<Plexa::AddressFamily>(number));
+    EXPECT_THAT(unknown.octets(), IsEmpty()) << number;
+    EXPECT_EQ(unknown.stringValue(), "") << number;
+    EXPECT_EQ(valueToStrep(unknown), "") << number;
+    EXPECT_TRUE(unknown.isAddrZero()) << number;
+    EXPECT_TRUE(unknown.v4Addr().isAny()) << number;
+    EXPECT_TRUE(unknown.v6Addr().isUnspecified()) << number;
+  }
+}
+
 TEST(IpGenAddr, TellsZeroAddressesOfDifferentFamiliesApart) {
   EXPECT_NE(address("0.0.0.0"), address("::"));
   EXPECT_NE(address("0.0.0.0"), address(""));
@@ -162,9 +175,20 @@ TEST(SnmpInetAddress, ComesFromAnAddress) {
   EXPECT_EQ(Snmp::InetAddress().addressType(), 0u);
 }
 
-TEST(SnmpInetAddressDeathTest, DiesOfAnAddressOfNoFamilyWhereOneIsNeeded) {
-  EXPECT_DEATH(Snmp::InetAddress::fromIpGenAddr(address("")),
-               "an address of no family has no InetAddressType");
+TEST(SnmpInetAddress, IsUnknownWithoutOctetsForAnAddressOfAnUnknownFamily) {
+  for (auto const number : {3, 7, 255}) {
+    Plexa::IpGenAddr const unknown(static_cast<Plexa::AddressFamily>(number));
+    EXPECT_EQ(Snmp::InetAddress::fromIpGenAddrOrUnknown(unknown), Snmp::InetAddress()) << number;
+    std::uint8_t buffer[16];
+    EXPECT_EQ(Snmp::PlexaIpGenAddrToAsnOctetString(unknown, buffer, sizeof buffer), 0) << number;
+  }
+}
+
+TEST(SnmpInetAddressDeathTest, DiesOfAnAddressOfNoKnownFamilyWhereOneIsNeeded) {
+  for (auto const number : {0, 3, 255})
+    EXPECT_DEATH(Snmp::InetAddress::fromIpGenAddr(
+                     Plexa::IpGenAddr(static_cast<Plexa::AddressFamily>(number))),
+                 "an address of no known family has no InetAddressType");
 }
 
 TEST(SnmpInetAddress, PrintsAndParses) {
