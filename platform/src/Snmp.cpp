@@ -7,24 +7,8 @@
 
 namespace Snmp {
 
-Bytes::Bytes(std::span<std::uint8_t const> bytes)
-    : inside_{},
-      size_(static_cast<std::uint32_t>(bytes.size())) {
-  if (isInside()) {
-    std::ranges::copy(bytes, inside_.begin());
-    return;
-  }
-  auto copy = std::make_shared<std::uint8_t[]>(bytes.size());
-  std::ranges::copy(bytes, copy.get());
-  std::construct_at(&outside_, std::move(copy));
-}
-
 std::uint32_t Bytes::hash(std::uint32_t seed) const {
   return Zel::Hash(seed).mix(span()).result();
-}
-
-std::strong_ordering Bytes::compareOutside(Bytes const & other) const {
-  return std::memcmp(outside_.get(), other.outside_.get(), size_) <=> 0;
 }
 
 void strepWrite(std::string & out, Bytes const & bytes) {
