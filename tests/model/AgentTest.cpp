@@ -149,6 +149,17 @@ TEST_F(RootTest, StartsItsMachinesWithTheDefaultControlRecord) {
   EXPECT_EQ(used.taskPriority, 3);
 }
 
+TEST_F(RootTest, ShowsTheControlRecordsByName) {
+  auto const agent = setAgent();
+  auto const textOf = [](Zel::PtrInterface const & object, std::string_view name) {
+    return std::get<std::string>(Zel::attribute(object, name).is);
+  };
+  auto const text = Zel::valueToStrep(agent->smControl());
+  EXPECT_THAT(text, testing::HasSubstr("'taskPriority': 3"));
+  EXPECT_EQ(textOf(*agent, "smControl"), text);
+  EXPECT_EQ(textOf(*agent->tunnelIfTableSm(), "flowaControl"), text);
+}
+
 TEST_F(RootTest, KeepsAMachineAndUpdatesItsControlRecord) {
   auto const agent = setAgent();
   auto const machine = agent->tunnelIfTableSm();

@@ -323,6 +323,16 @@ TEST(TextForm, RefusesEverythingElse) {
     EXPECT_THROW(Zel::strepToValue<Pair>(text), Zel::StrepError) << text;
 }
 
+TEST(TextForm, OfATextIsReadBackWhateverIsInIt) {
+  for (std::string const text : {"", "plain", "it's", "\\", "\\'", "a\nb", "'', ** {'x': "}) {
+    auto const written = Zel::valueToStrep(text);
+    EXPECT_EQ(Zel::strepToValue<std::string>(written), text) << written;
+  }
+  EXPECT_EQ(Zel::valueToStrep(std::string("it's \\")), "'it\\'s \\\\'");
+  for (std::string const broken : {"", "'", "x'", "'x", "'x\\'", "'x' ", "'x'y'"})
+    EXPECT_THROW(Zel::strepToValue<std::string>(broken), Zel::StrepError) << broken;
+}
+
 TEST(Hashing, DependsOnEveryBitAndOnTheOrder) {
   EXPECT_NE(Zel::Hash().mix(1u).mix(2u).result(), Zel::Hash().mix(2u).mix(1u).result());
   EXPECT_NE(Zel::hashOf(std::string("a")), Zel::hashOf(std::string("b")));
