@@ -22,7 +22,7 @@ protected:
   Zel::Ptr<Root> root_ = Root::RootIs("root");
   std::size_t told_ = 0;
   Zel::Ptr<OnChange> listener_ = Zel::makePtr<OnChange>(*root_, [this](auto const & change) {
-    EXPECT_TRUE(change.isAbout(Root::tunnelIntfSnmpAgentAttribute()));
+    EXPECT_EQ(&change.attribute(), &Root::tunnelIntfSnmpAgentAttribute());
     ++told_;
   });
 };

@@ -144,8 +144,8 @@ TEST(Notification, CarriesTheObjectTheAttributeAndTheKey) {
   auto const thing = Zel::makePtr<Thing>();
   auto const listener = Zel::makePtr<Listener>(*thing, [&](Zel::Notification const & change) {
     EXPECT_EQ(&change.source(), thing.get());
-    EXPECT_TRUE(change.isAbout(byKey));
-    EXPECT_FALSE(change.isAbout(colour));
+    EXPECT_EQ(&change.attribute(), &byKey);
+    EXPECT_NE(&change.attribute(), &colour);
     EXPECT_EQ(change.key<std::uint32_t>(), 7u);
   });
   thing->changeKey(7);
@@ -212,7 +212,7 @@ TEST(Notification, TellsAnInnerChangeInFullBeforeTheOuterGoesOn) {
   std::vector<std::string> order;
   auto const first = Zel::makePtr<Listener>(*thing, [&](Zel::Notification const & change) {
     order.push_back("first " + std::string(change.attribute().name));
-    if (change.isAbout(colour))
+    if (&change.attribute() == &colour)
       thing->changeKey(1);
   });
   auto const second = Zel::makePtr<Listener>(*thing, [&](Zel::Notification const & change) {
