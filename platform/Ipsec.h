@@ -26,12 +26,6 @@ std::string valueToStrep(ConnState state);
 /// The state whose name `text` is, or nothing.
 std::optional<ConnState> connStateFromString(std::string_view text);
 
-/// Advances before another record comes to stand where one is looked up, or none: in a collection
-/// of any Status or IpsecProfileConnectionMap of the process, or because a TunnelInfo gets another
-/// profile name; also while notification is off. As long as it stays the same, a look-up that
-/// begins at a Status that lives finds the same record, so a plain pointer to that stays good.
-std::uint64_t directoryRevision();
-
 /// The connection of one interface within one profile.
 class IpsecTunnelProfileInfo : public Zel::PtrInterface {
 public:

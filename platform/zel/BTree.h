@@ -17,18 +17,26 @@
 #include <memory>
 #include <utility>
 
-#if defined(ABSL_LTS_RELEASE_VERSION) && ABSL_LTS_RELEASE_VERSION == 20220623 &&                   \
-    !defined(ZEL_PUBLIC_BTREE)
-#define ZEL_TUNED_BTREE
-#endif
-
 namespace Zel::Detail {
 
-// In bytes. Inner nodes have their pointers besides: 63 entries with a number make 1536 bytes.
-#ifdef ZEL_TUNED_BTREE
+template <class Key>
+struct KeyLess;
+
+/// Unique keys in ascending order. An insertion or a removal ends every iterator and every pointer
+/// or reference to an entry. `leafSize` is in bytes; inner nodes have their pointers besides: 63
+/// entries with a number make 1536 bytes.
+#if defined(ABSL_LTS_RELEASE_VERSION) && ABSL_LTS_RELEASE_VERSION == 20220623 &&                   \
+    !defined(ZEL_PUBLIC_BTREE)
 constexpr int leafSize = 1024;
+template <class Key, class Value>
+using BTree = absl::container_internal::btree_map_container<
+    absl::container_internal::btree<absl::container_internal::map_params<
+        Key, Value, KeyLess<Key>, std::allocator<std::pair<Key const, Value>>, leafSize,
+        /*Multi=*/false>>>;
 #else
 constexpr int leafSize = 256;
+template <class Key, class Value>
+using BTree = absl::btree_map<Key, Value, KeyLess<Key>>;
 #endif
 
 // A key that is looked for. In a large tree each node is far from the last, and a search that goes
@@ -68,18 +76,5 @@ struct KeyLess {
   bool operator()(Key const & entry, Sought<Key> const & key) const { return key.isGreater(entry); }
   bool operator()(Sought<Key> const & key, Key const & entry) const { return key.isLess(entry); }
 };
-
-/// Unique keys in ascending order. An insertion or a removal ends every iterator and every pointer
-/// or reference to an entry.
-#ifdef ZEL_TUNED_BTREE
-template <class Key, class Value>
-using BTree = absl::container_internal::btree_map_container<
-    absl::container_internal::btree<absl::container_internal::map_params<
-        Key, Value, KeyLess<Key>, std::allocator<std::pair<Key const, Value>>, leafSize,
-        /*Multi=*/false>>>;
-#else
-template <class Key, class Value>
-using BTree = absl::btree_map<Key, Value, KeyLess<Key>>;
-#endif
 
 } // namespace Zel::Detail

@@ -331,42 +331,6 @@ TEST(IfMib, NotifiesAnotherIfIndexButNotTheSame) {
   EXPECT_EQ(told->attributes.size(), 3u);
 }
 
-TEST(IkeDirectoryRevision, AdvancesWithWhatStandsWhereAndNotWithStates) {
-  auto last = Ipsec::Ike::directoryRevision();
-  auto const advances = [&] {
-    auto const before = std::exchange(last, Ipsec::Ike::directoryRevision());
-    return before < last;
-  };
-  auto const ike = Zel::makePtr<Ipsec::Ike::Status>("ike");
-  auto const info = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
-  auto const map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
-  auto const applied = Zel::makePtr<Ipsec::Ike::IpsecTunnelProfileInfo>();
-  Plexa::IntfId const id(7);
-
-  info->profileNameIs("p");
-  EXPECT_TRUE(advances());
-  info->profileNameIs("p");
-  EXPECT_FALSE(advances());
-  ike->ipsecTunnelInfoIs(id, info);
-  EXPECT_TRUE(advances());
-  ike->appliedProfilesIs("p", map);
-  EXPECT_TRUE(advances());
-  map->appliedIntfIdIs(id, applied);
-  EXPECT_TRUE(advances());
-  applied->connStateIs(Ipsec::Ike::ConnState::up);
-  EXPECT_FALSE(advances());
-  map->appliedIntfIdIs(id, applied);
-  EXPECT_FALSE(advances());
-  map->appliedIntfIdDel(id);
-  EXPECT_TRUE(advances());
-  map->appliedIntfIdDel(id);
-  EXPECT_FALSE(advances());
-  ike->appliedProfilesDel("p");
-  EXPECT_TRUE(advances());
-  ike->ipsecTunnelInfoDel(id);
-  EXPECT_TRUE(advances());
-}
-
 TEST(IkeStatus, NotifiesEachOfItsCollectionsAndRecords) {
   auto const ike = Zel::makePtr<Ipsec::Ike::Status>("ike");
   auto const told = Zel::makePtr<Told>(*ike);
