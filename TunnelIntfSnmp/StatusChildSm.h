@@ -128,9 +128,7 @@ class StatusParentSm final : public IntfStatusCollectionSm {
 public:
   StatusParentSm(Machine & root, StatusDirPtr tunnelIntfStatusDir)
       : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream),
-        root_(root) {
-    children_.reserve(inputSize());
-  }
+        root_(root) {}
   ~StatusParentSm() override { childSmDelAll(); }
 
   /// The child of the interface, or null.

@@ -170,7 +170,7 @@ TableSmBase::attributesOf(std::span<Zel::Attribute const> inputs,
   static Zel::Attribute const shared[] = {
       {"inputSmScanState", "InputSmScanState", Zel::getBy<&TableSmBase::inputSmScanState>},
       {"outputState", "OutputState", Zel::getBy<&TableSmBase::outputState>},
-      {"flowaControl", "Flowa::SmControl"},
+      {"flowaControl", "Flowa::SmControl", Zel::getBy<&TableSmBase::flowaControl>},
       {"synchronous", "bool", Zel::getBy<&TableSmBase::synchronous>},
       {"initialScanDone", "bool", Zel::getBy<&TableSmBase::initialScanDone>},
       {"initialized", "bool", Zel::getBy<&TableSmBase::initialized>},

@@ -256,11 +256,8 @@ protected:
 
   /// Remembers that the pipeline produced the key. Every write to the output begins with it.
   void outputKeySeen(K0 const & k0) {
-    if (!mibOutputReconciling())
-      return;
-    if (seen_.empty())
-      seen_.reserve(output().size()); // grown by and by, the last growth would be a long step
-    seen_.insertOrReplace(Key{k0, true}, {});
+    if (mibOutputReconciling())
+      seen_.insertOrReplace(Key{k0, true}, {});
   }
 
 private:

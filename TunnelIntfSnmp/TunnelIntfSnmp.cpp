@@ -140,24 +140,10 @@ std::uint32_t IpsecTunnelIfTableEntry::connState() const {
 }
 
 void const * IpsecTunnelIfTableEntry::connStateSource() const {
-  return isFound() ? static_cast<void const *>(found_) : tunnelIntfStatus_.get();
+  return tunnelIntfStatus_.get();
 }
 
-bool IpsecTunnelIfTableEntry::isFound() const {
-  return found_ != nullptr && foundAt_ == Ipsec::Ike::directoryRevision();
-}
-
-// What is not there is looked for each time, and traced.
 Ipsec::Ike::IpsecTunnelProfileInfo const * IpsecTunnelIfTableEntry::connection() const {
-  if (!isFound()) {
-    auto const revision = Ipsec::Ike::directoryRevision();
-    found_ = findConnection();
-    foundAt_ = revision;
-  }
-  return found_;
-}
-
-Ipsec::Ike::IpsecTunnelProfileInfo const * IpsecTunnelIfTableEntry::findConnection() const {
   auto const intfId = tunnelIntfStatus_->intfId();
   auto const * info = lookUp(ikeStatus_->ipsecTunnelInfo(), intfId, "No tunnelInfo for {}");
   if (info == nullptr)

@@ -74,17 +74,12 @@ public:
   void const * connStateSource() const;
 
 private:
-  bool isFound() const;
+  // What the IKE status has for the interface now, or null.
   Ipsec::Ike::IpsecTunnelProfileInfo const * connection() const;
-  Ipsec::Ike::IpsecTunnelProfileInfo const * findConnection() const;
 
   std::uint32_t const ifIndex_;
   StatusPtr const tunnelIntfStatus_;
   IkeStatusPtr const ikeStatus_;
-  // Where the connection was found last: a walk through many rows waits for memory at each of the
-  // three look-ups. Not what was read there.
-  Ipsec::Ike::IpsecTunnelProfileInfo const mutable * found_ = nullptr;
-  std::uint64_t mutable foundAt_ = 0; // the directory's revision then
 };
 
 /// The index of tunnelInetConfigTable (RFC 4087). A value; its address type travels in

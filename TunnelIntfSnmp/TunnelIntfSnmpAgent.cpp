@@ -163,7 +163,7 @@ Zel::Type const & TunnelIntfSnmpAgent::typeDescription() {
        Zel::getBy<&Agent::tunnelIntfStatusDir>},
       {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Agent::ifMib>},
       {"ikeStatus", "Ipsec::Ike::Status", Zel::getBy<&Agent::ikeStatus>},
-      {"smControl", "Flowa::SmControl"},
+      {"smControl", "Flowa::SmControl", Zel::getBy<&TunnelIntfSnmpAgent::smControl>},
       {"tunnelIfTableSm", "TunnelIntfSnmp::TunnelIfTableSm", Zel::getBy<&Agent::tunnelIfTableSm>},
       {"tunnelInetConfigTableSm", "TunnelIntfSnmp::TunnelInetConfigTableSm",
        Zel::getBy<&Agent::tunnelInetConfigTableSm>},

@@ -6,18 +6,40 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <stdexcept>
+#include <string_view>
 
 namespace Agent {
 
 namespace {
+
+// The number of the interface that a library misses according to the dynamic linker, or an empty
+// text if it misses something else.
+std::string_view missingInterface(std::string_view error) {
+  constexpr std::string_view before = "PlatformInterfaceILj"; // in the name of a symbol
+  auto const found = error.find(before);
+  if (found == std::string_view::npos)
+    return {};
+  auto const number = error.substr(found + before.size());
+  return number.substr(0, number.find_first_not_of("0123456789"));
+}
+
+std::string refusal(std::string const & path, std::string_view error) {
+  if (auto const number = missingInterface(error); !number.empty())
+    return fmt::format(
+        "cannot load the plug-in: {}: it was built for interface {} of platform/, and "
+        "this program has interface {}; build it with the headers of this program",
+        path, number, Zel::platformInterface);
+  return fmt::format("cannot load the plug-in: {}; name the file with --plugin", error);
+}
+
 void * load(std::string const & file) {
   // A name without a slash would be searched for in the system's directories.
   auto const path = file.find('/') == std::string::npos ? "./" + file : file;
   if (auto * const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL); library != nullptr)
     return library;
-  throw std::runtime_error(
-      fmt::format("cannot load the plug-in: {}; name the file with --plugin", dlerror()));
+  throw std::runtime_error(refusal(path, dlerror()));
 }
+
 } // namespace
 
 Plugin::Plugin(std::string file) : file_(std::move(file)), library_(load(file_)) {}

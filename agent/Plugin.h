@@ -14,7 +14,7 @@ namespace Agent {
 class Plugin {
 public:
   /// Loads the file with every symbol resolved. Raises std::runtime_error, one line with the file
-  /// and the reason.
+  /// and the reason: a library that was built for another Zel::platformInterface is one.
   explicit Plugin(std::string file);
   Plugin(Plugin const &) = delete;
   Plugin & operator=(Plugin const &) = delete;

@@ -5,15 +5,29 @@
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
 #include "platform/Zel.h"
-#include <algorithm>
+#include <compare>
 #include <cstdint>
+#include <set>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
+namespace Skein {
+/// The text form of a handle is its number.
+inline void strepWrite(std::string & out, TraceHandle handle) {
+  Zel::strepWrite(out, handle.ring);
+}
+inline void strepRead(Zel::StrepReader & in, TraceHandle & handle) {
+  Zel::strepRead(in, handle.ring);
+}
+} // namespace Skein
+
 namespace Flowa {
 
-/// How a machine is to work. A value: whoever is given one has its own copy.
+/// How a machine is to work. A value: each holder has its own copy. Its text form tells everything
+/// but the scheduler, which is an object and has none.
 class SmControl {
 public:
   Zel::Ptr<Kiln::TaskScheduler> taskScheduler; ///< null: the machine takes the default scheduler
@@ -27,9 +41,21 @@ public:
   Skein::TraceHandle qtHandle() const { return qtHandle_; }
   void qtHandleIs(Skein::TraceHandle handle) { qtHandle_ = handle; }
 
+  static constexpr std::string_view typeName = "Flowa::SmControl";
+  static constexpr auto fields();
+
 private:
   Skein::TraceHandle qtHandle_;
 };
+constexpr auto SmControl::fields() {
+  return std::tuple{Zel::Field{"taskPriority", &SmControl::taskPriority},
+                    Zel::Field{"traceHandlerName", &SmControl::traceHandlerName},
+                    Zel::Field{"synchronousMode", &SmControl::synchronousMode},
+                    Zel::Field{"qtHandle", &SmControl::qtHandle_},
+                    Zel::Field{"version", &SmControl::version},
+                    Zel::Field{"codefEnabled", &SmControl::codefEnabled},
+                    Zel::Field{"defaultSynchronous", &SmControl::defaultSynchronous}};
+}
 
 namespace Gen {
 
@@ -52,16 +78,16 @@ private:
 
 /// The key of a change of an attribute that is no collection.
 struct NoKey {
-  bool operator==(NoKey const &) const = default;
+  auto operator<=>(NoKey const &) const = default;
 };
 
 /// Hands the changes of one object on to the machine that owns the reactor.
 ///
 /// While its notification is switched off it holds what it hears, each (attribute, key) once and in
 /// order, and delivers it when notification comes on again, or when zelDoZombieReactors() finds the
-/// owner about to go. An exception of one delivery does not stop the others; the first one is
-/// thrown on at the end. Once ownerDeletedIs() has been called it ignores everything. The owner may
-/// release its reactor from inside a delivery.
+/// owner about to go. Keys are compared with `<` for that. An exception of one delivery does not
+/// stop the others; the first one is thrown on at the end. Once ownerDeletedIs() has been called it
+/// ignores everything. The owner may release its reactor from inside a delivery.
 template <class Owner, class Key = NoKey>
 class InReactor final : public Zel::Notifiee {
 public:
@@ -93,6 +119,7 @@ public:
   /// The owner is going: from now on nothing reaches it.
   void ownerDeletedIs() {
     owner_ = nullptr;
+    order_.clear();
     held_.clear();
     notifierIs(nullptr);
   }
@@ -105,9 +132,8 @@ private:
       return;
     if (hasNotificationActive())
       deliver(attribute, key);
-    else if (Change change{&attribute, key};
-             std::find(held_.begin(), held_.end(), change) == held_.end())
-      held_.push_back(std::move(change));
+    else if (auto const [change, isNew] = held_.emplace(&attribute, key); isNew)
+      order_.push_back(&*change);
   }
   void deliver(Zel::Attribute const & attribute, Key const & key) {
     (owner_->*handler_)(attribute, key);
@@ -115,15 +141,17 @@ private:
   void deliverHeld() {
     Zel::Ptr<InReactor> const self(this); // a delivery may release us
     Zel::FirstException exception;
-    for (auto const & [attribute, key] : std::exchange(held_, {}))
+    auto const held = std::exchange(held_, {});
+    for (auto const * change : std::exchange(order_, {}))
       if (owner_ != nullptr)
-        exception.run([this, change = attribute, &k = key] { deliver(*change, k); });
+        exception.run([&] { deliver(*change->first, change->second); });
     exception.rethrow();
   }
 
   Owner * owner_; // null once it is going
   Handler handler_;
-  std::vector<Change> held_;
+  std::set<Change> held_;
+  std::vector<Change const *> order_; // of those, in which they came
 };
 
 } // namespace Gen

@@ -29,12 +29,6 @@ std::string valueToStrep(ConnState state);
 /// The state whose name `text` is, or nothing.
 std::optional<ConnState> connStateFromString(std::string_view text);
 
-/// Advances before another record comes to stand where one is looked up, or none: in a collection
-/// of any Status or IpsecProfileConnectionMap of the process, or because a TunnelInfo gets another
-/// profile name; also while notification is off. As long as it stays the same, a look-up that
-/// begins at a Status that lives finds the same record, so a plain pointer to that stays good.
-std::uint64_t directoryRevision();
-
 /// What is known of the connection of one interface within one profile.
 struct IpsecTunnelProfileInfoValues {
   ConnState connState = ConnState::none;
@@ -109,10 +103,6 @@ public:
   void profileNameIs(std::string_view profileName) {
     fieldIs<&Values::profileName>(std::string(profileName));
   }
-
-private:
-  friend class Zel::Record<TunnelInfo, TunnelInfoValues>;
-  static void beforeChange(); // advances directoryRevision()
 };
 
 /// The IKE daemon's status.

@@ -25,8 +25,9 @@ class Task;
 /// run schedules, itself included, comes before the equals that wait already: work that was begun
 /// is finished before other work begins.
 ///
-/// A host calls runOne() while it says that something is scheduled, serving its other work between
-/// two calls. Life cycle: lives as long as a task or anyone else holds it.
+/// A host calls runOne() while scheduled() says that something waits, serving its other work
+/// between two calls; it asks after everything that may have scheduled a task. Life cycle: lives as
+/// long as a task or anyone else holds it.
 class TaskScheduler : public Zel::PtrInterface {
 public:
   static constexpr std::chrono::microseconds defaultShare{5000};
@@ -50,10 +51,6 @@ public:
   std::uint64_t runs() const { return runs_; }
   /// Every living task of this scheduler, in order of creation.
   std::vector<Task const *> tasks() const { return tasks_; }
-
-  /// Called whenever the first task becomes scheduled while none was: the host then arranges for
-  /// runOne(). At most one listener.
-  void wakeUpIs(std::function<void()> wakeUp) { wakeUp_ = std::move(wakeUp); }
 
 protected:
   /// True if and only if the work that `task` asks for should stop soon. By default: when the
@@ -84,7 +81,6 @@ private:
   std::uint32_t mutable asksToSkip_ = 0;
   std::chrono::steady_clock::time_point mutable lastLook_;
   std::uint64_t runs_ = 0;
-  std::function<void()> wakeUp_;
 };
 
 /// One piece of work. Each run notifies the attribute runAttribute(); a notifiee does the work. A

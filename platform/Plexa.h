@@ -49,11 +49,12 @@ struct Ip6Addr {
   bool operator==(Ip6Addr const &) const = default;
 };
 
-/// An IPv4 address, an IPv6 address, or none.
+/// An IPv4 address, an IPv6 address, or none. A host may give it a family that has no enumerator
+/// here: such an address is no address, but differs from that of family none.
 class IpGenAddr {
 public:
   constexpr IpGenAddr() = default;
-  /// The zero address of that family; the empty address for family none.
+  /// The zero address of that family; the empty address for family none or an unknown one.
   constexpr explicit IpGenAddr(AddressFamily family) : family_(family) {}
   explicit IpGenAddr(Ip4Addr address);
   explicit IpGenAddr(Ip6Addr address);
@@ -66,7 +67,7 @@ public:
   std::span<std::uint8_t const> octets() const;
   /// True if and only if it is the any-address, the unspecified address, or of no known family.
   bool isAddrZero() const;
-  /// "10.0.0.1", "2001:db8::1", "" for no family.
+  /// "10.0.0.1", "2001:db8::1", "" for no known family.
   std::string stringValue() const;
   /// The address that `text` is in one of these forms, or nothing.
   static std::optional<IpGenAddr> fromString(std::string_view text);

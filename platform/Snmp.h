@@ -6,14 +6,13 @@
 
 #include "platform/Plexa.h"
 #include "platform/Zel.h"
-#include <array>
-#include <bit>
+#include <absl/container/inlined_vector.h>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <endian.h>
 #include <functional>
-#include <memory>
 #include <ostream>
 #include <span>
 #include <string>
@@ -26,64 +25,40 @@ namespace Snmp {
 
 /// An immutable byte string. Ordered by length, then byte by byte: the order of a length-prefixed
 /// index (RFC 2578 section 7.7). Its text form is its bytes in hexadecimal between single quotes.
-///
-/// Up to 16 octets, which every address has, stand in the object itself: a search in an ordered
-/// table compares keys without leaving them. More are shared on copy.
 class Bytes {
 public:
-  Bytes() noexcept : inside_{}, size_(0) {}
-  explicit Bytes(std::span<std::uint8_t const> bytes);
-  Bytes(Bytes const & other) noexcept : size_(other.size_) { copyOf(other); }
-  Bytes & operator=(Bytes const & other) noexcept {
-    if (this != &other) {
-      release();
-      size_ = other.size_;
-      copyOf(other);
-    }
-    return *this;
-  }
-  ~Bytes() { release(); }
+  Bytes() = default;
+  explicit Bytes(std::span<std::uint8_t const> bytes) : octets_(bytes.begin(), bytes.end()) {}
 
-  std::span<std::uint8_t const> span() const {
-    return {isInside() ? inside_.data() : outside_.get(), size_};
-  }
-  std::size_t size() const { return size_; }
+  std::span<std::uint8_t const> span() const { return octets_; }
+  std::size_t size() const { return octets_.size(); }
   std::uint32_t hash(std::uint32_t seed) const;
   bool operator==(Bytes const & other) const { return *this <=> other == 0; }
   std::strong_ordering operator<=>(Bytes const & other) const {
-    if (size_ != other.size_)
-      return size_ <=> other.size_;
-    return isInside() ? words() <=> other.words() : compareOutside(other);
+    if (size() != other.size())
+      return size() <=> other.size();
+    return compare(octets_.data(), other.octets_.data(), size());
   }
 
 private:
-  using Inside = std::array<std::uint8_t, 16>; // zero behind the last octet
-  using Outside = std::shared_ptr<std::uint8_t const[]>;
-
-  bool isInside() const { return size_ <= sizeof(Inside); }
-  // As numbers, which order as their octets do.
-  std::array<std::uint64_t, 2> words() const {
-    auto words = std::bit_cast<std::array<std::uint64_t, 2>>(inside_);
-    return {be64toh(words[0]), be64toh(words[1])};
+  // Addresses have 4 or 16 octets: a few numbers are sooner compared than memcmp() is called.
+  static std::strong_ordering compare(std::uint8_t const * left, std::uint8_t const * right,
+                                      std::size_t size) {
+    for (; size >= 4; left += 4, right += 4, size -= 4)
+      if (auto const order = wordAt(left) <=> wordAt(right); order != 0)
+        return order;
+    return std::memcmp(left, right, size) <=> 0;
   }
-  std::strong_ordering compareOutside(Bytes const & other) const;
-  // Requires: what was here is released, and size_ is the other's.
-  void copyOf(Bytes const & other) noexcept {
-    if (isInside())
-      inside_ = other.inside_;
-    else
-      std::construct_at(&outside_, other.outside_);
-  }
-  void release() noexcept {
-    if (!isInside())
-      outside_.~Outside();
+  // As a number, which orders as its four octets do.
+  static std::uint32_t wordAt(std::uint8_t const * octets) {
+    std::uint32_t word;
+    std::memcpy(&word, octets, sizeof word);
+    return be32toh(word);
   }
 
-  union {
-    Inside inside_;
-    Outside outside_;
-  };
-  std::uint32_t size_;
+  // An address stands in the object itself: a search in an ordered table compares keys without
+  // leaving them.
+  absl::InlinedVector<std::uint8_t, 16> octets_;
 };
 void strepWrite(std::string & out, Bytes const & bytes);
 void strepRead(Zel::StrepReader & in, Bytes & bytes);
@@ -97,9 +72,10 @@ public:
       : addressType_(addressType),
         address_(std::move(address)) {}
 
-  /// ipv4 (1) with 4 octets, ipv6 (2) with 16. Requires: the address has a family; none is fatal.
+  /// ipv4 (1) with 4 octets, ipv6 (2) with 16. Requires: the address is of one of these families;
+  /// any other is fatal.
   static InetAddress fromIpGenAddr(Plexa::IpGenAddr const & address);
-  /// As above, and unknown (0) with no octets for an address of no family.
+  /// As above, and unknown (0) with no octets for an address of no family or any other.
   static InetAddress fromIpGenAddrOrUnknown(Plexa::IpGenAddr const & address);
 
   std::uint32_t addressType() const { return addressType_; }
@@ -131,7 +107,7 @@ int U32ToAsnUnsigned(std::uint32_t value, std::uint8_t * buffer, std::size_t cap
 int S32ToAsnInteger(std::int32_t value, std::uint8_t * buffer, std::size_t capacity);
 /// An OCTET STRING of the bytes.
 int BytesToAsnOctetString(Bytes const & bytes, std::uint8_t * buffer, std::size_t capacity);
-/// An OCTET STRING of 4, 16 or, for no family, 0 octets in network order.
+/// An OCTET STRING of 4, 16 or, for no known family, 0 octets in network order.
 int PlexaIpGenAddrToAsnOctetString(Plexa::IpGenAddr const & address, std::uint8_t * buffer,
                                    std::size_t capacity);
 

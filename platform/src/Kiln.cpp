@@ -63,11 +63,8 @@ Task * TaskScheduler::takeNext(std::deque<Task *> & equals) {
 }
 
 void TaskScheduler::schedule(Task & task) {
-  auto const wasIdle = queues_.empty();
   auto & equals = queues_[task.priority()];
   equals.insert(isRunningsEqual(task) ? equals.begin() + scheduledByRun_++ : equals.end(), &task);
-  if (wasIdle && wakeUp_)
-    wakeUp_();
 }
 
 void TaskScheduler::forget(Task const & task) {

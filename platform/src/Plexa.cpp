@@ -46,7 +46,7 @@ bool IpGenAddr::isAddrZero() const {
 }
 
 std::string IpGenAddr::stringValue() const {
-  if (family_ == AddressFamily::none)
+  if (octets().empty())
     return "";
   char text[INET6_ADDRSTRLEN];
   inet_ntop(family_ == AddressFamily::ipv4 ? AF_INET : AF_INET6, octets_.data(), text, sizeof text);

@@ -123,30 +123,14 @@ namespace {
 constexpr std::array<std::string_view, 8> stateNames{"none", "down",    "connecting", "ikeUp",
                                                      "up",   "unknown", "rekeying",   "closing"};
 
-std::uint64_t revision = 1;
-
-// The revision advances before the change: who looks while a record ends must find what is there
-// then.
 template <class Map, class Key, class T>
 bool replaced(Map & map, Key const & key, Zel::Ptr<T> & value) {
   if (has(map, key, value))
     return false;
-  ++revision;
   map.insertOrReplace(key, std::move(value));
   return true;
 }
-template <class Map, class Key>
-bool removed(Map & map, Key const & key) {
-  if (map.find(key) == nullptr)
-    return false;
-  ++revision;
-  return map.erase(key);
-}
 } // namespace
-
-std::uint64_t directoryRevision() {
-  return revision;
-}
 
 std::string valueToStrep(ConnState state) {
   auto const number = static_cast<std::size_t>(state);
@@ -196,7 +180,7 @@ void IpsecProfileConnectionMap::appliedIntfIdIs(Plexa::IntfId intfId,
     notify(appliedIntfIdAttribute(), intfId);
 }
 void IpsecProfileConnectionMap::appliedIntfIdDel(Plexa::IntfId intfId) {
-  if (removed(appliedIntfId_, intfId))
+  if (appliedIntfId_.erase(intfId))
     notify(appliedIntfIdAttribute(), intfId);
 }
 
@@ -210,10 +194,6 @@ Zel::Type const & TunnelInfo::typeDescription() {
 }
 Zel::Type const & TunnelInfo::type() const {
   return typeDescription();
-}
-
-void TunnelInfo::beforeChange() {
-  ++revision;
 }
 
 Zel::Attribute const & Status::ipsecTunnelInfoAttribute() {
@@ -239,7 +219,7 @@ void Status::ipsecTunnelInfoIs(Plexa::IntfId intfId, Zel::Ptr<TunnelInfo> info) 
     notify(ipsecTunnelInfoAttribute(), intfId);
 }
 void Status::ipsecTunnelInfoDel(Plexa::IntfId intfId) {
-  if (removed(ipsecTunnelInfo_, intfId))
+  if (ipsecTunnelInfo_.erase(intfId))
     notify(ipsecTunnelInfoAttribute(), intfId);
 }
 void Status::appliedProfilesIs(std::string const & profile,
@@ -248,7 +228,7 @@ void Status::appliedProfilesIs(std::string const & profile,
     notify(appliedProfilesAttribute(), profile);
 }
 void Status::appliedProfilesDel(std::string profile) {
-  if (removed(appliedProfiles_, profile))
+  if (appliedProfiles_.erase(profile))
     notify(appliedProfilesAttribute(), profile);
 }
 

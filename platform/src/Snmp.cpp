@@ -7,24 +7,8 @@
 
 namespace Snmp {
 
-Bytes::Bytes(std::span<std::uint8_t const> bytes)
-    : inside_{},
-      size_(static_cast<std::uint32_t>(bytes.size())) {
-  if (isInside()) {
-    std::ranges::copy(bytes, inside_.begin());
-    return;
-  }
-  auto copy = std::make_shared<std::uint8_t[]>(bytes.size());
-  std::ranges::copy(bytes, copy.get());
-  std::construct_at(&outside_, std::move(copy));
-}
-
 std::uint32_t Bytes::hash(std::uint32_t seed) const {
   return Zel::Hash(seed).mix(span()).result();
-}
-
-std::strong_ordering Bytes::compareOutside(Bytes const & other) const {
-  return std::memcmp(outside_.get(), other.outside_.get(), size_) <=> 0;
 }
 
 void strepWrite(std::string & out, Bytes const & bytes) {
@@ -67,12 +51,13 @@ std::string valueToStrep(InetAddress const & address) {
 }
 
 InetAddress InetAddress::fromIpGenAddr(Plexa::IpGenAddr const & address) {
-  LUMO_ASSERT(address.family() != Plexa::AddressFamily::none,
-              "an address of no family has no InetAddressType");
+  LUMO_ASSERT(!address.octets().empty(), "an address of no known family has no InetAddressType");
   return fromIpGenAddrOrUnknown(address);
 }
 
 InetAddress InetAddress::fromIpGenAddrOrUnknown(Plexa::IpGenAddr const & address) {
+  if (address.octets().empty())
+    return {};
   // RFC 4001 numbers the two families as AddressFamily does.
   return {static_cast<std::uint32_t>(address.family()), Bytes(address.octets())};
 }

@@ -230,6 +230,14 @@ std::string_view StrepReader::until(char end) {
   return taken;
 }
 
+char StrepReader::next() {
+  if (rest_.empty())
+    throw StrepError("the text ends too soon");
+  auto const first = rest_.front();
+  rest_.remove_prefix(1);
+  return first;
+}
+
 std::uint64_t StrepReader::number(std::uint64_t max) {
   std::uint64_t value = 0;
   auto const * const begin = rest_.data();
@@ -255,6 +263,24 @@ void strepRead(StrepReader & in, bool & value) {
   value = in.accept("True");
   if (!value)
     in.require("False");
+}
+
+void strepWrite(std::string & out, std::string const & text) {
+  out += '\'';
+  for (auto const character : text) {
+    if (character == '\'' || character == '\\')
+      out += '\\';
+    out += character;
+  }
+  out += '\'';
+}
+void strepRead(StrepReader & in, std::string & text) {
+  in.require("'");
+  text.clear();
+  while (!in.accept("'")) {
+    in.accept("\\");
+    text += in.next();
+  }
 }
 
 } // namespace Zel

@@ -24,7 +24,8 @@ Attribute const & find(PtrInterface const & object, std::string_view name) {
 
 } // namespace
 
-zelModuleIs::zelModuleIs(Module const & module) : module_(module) {
+zelModuleIs::zelModuleIs(Module const & module, PlatformInterface<platformInterface>)
+    : module_(module) {
   for (auto const * type : module.types)
     LUMO_ASSERT(typeByName(type->name) == nullptr, "type {} is defined twice", type->name);
   registry().push_back(&module);

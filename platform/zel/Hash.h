@@ -39,23 +39,11 @@ private:
   std::uint64_t state_;
 };
 
-/// Hashes a number. The numbers from one multiple of `runLength` to the next have hashes in a row:
-/// a scan by hash comes to them one after the other, as to what was made for them, and to rows that
-/// are ordered by them. Multiplying by the golden ratio spreads such runs more evenly than chance
-/// where numbers have no gaps, as those of interfaces mostly. Strides of runLength times a
-/// Fibonacci number are what it spreads badly.
-inline std::uint32_t hashOfNumber(std::uint64_t number, std::uint32_t seed) {
-  constexpr std::uint32_t runLength = 16;
-  constexpr std::uint64_t goldenRatio = 0x9E3779B97F4A7C15u;
-  auto const run = static_cast<std::uint32_t>((number / runLength + seed) * goldenRatio >> 32);
-  return run / runLength * runLength + static_cast<std::uint32_t>(number % runLength);
-}
-
-/// Hashes a key of a collection: numbers and texts themselves, other types by their `hash(seed)`.
+/// Hashes a key: numbers and texts themselves, other types by their `hash(seed)`.
 template <class Key>
 std::uint32_t hashOf(Key const & key, std::uint32_t seed = 0) {
   if constexpr (std::unsigned_integral<Key>)
-    return hashOfNumber(key, seed);
+    return Hash(seed).mix(key).result();
   else if constexpr (std::convertible_to<Key, std::string_view>)
     return Hash(seed).mix(std::string_view(key)).result();
   else

@@ -28,7 +28,6 @@ public:
   PtrInterface const & source() const { return source_; }
   /// Attributes are told apart by identity: compare addresses.
   Attribute const & attribute() const { return attribute_; }
-  bool isAbout(Attribute const & attribute) const { return &attribute_ == &attribute; }
   /// The key that changed. Asking for another type than the collection's own is fatal.
   template <class Key>
   Key const & key() const {

@@ -147,7 +147,6 @@ public:
   void fieldIs(MemberType<Member> const & value) {
     if (values_.*Member == value)
       return;
-    Derived::beforeChange();
     values_.*Member = value;
     notify(attributeOf<Member>());
   }
@@ -159,13 +158,9 @@ public:
 protected:
   explicit Record(V values = {}) : values_(std::move(values)) { hasNotificationActiveIs(true); }
 
-  /// Called before anything is stored; a `Derived` with something to do then has its own.
-  static void beforeChange() {}
-
 private:
   void store(V const & values, FieldSet differing) {
     Ptr<PtrInterface> const self(this);
-    Derived::beforeChange();
     values_ = values;
     FirstException exception;
     for (std::size_t index = 0; index != fieldCount<V>; ++index)

@@ -8,7 +8,8 @@
 //   static constexpr auto fields() { return std::tuple{Zel::Field{"first", &Type::first}, ...}; }
 //
 // Equality, hashing, printing and parsing all follow that one list, in its order. A field is an
-// unsigned number (decimal), a bool (True, False), another such value, or any type with its own
+// unsigned number (decimal), a bool (True, False), a text ('it\'s', with a backslash before each
+// quote and backslash), another such value, or any type with its own
 // strepWrite(std::string &, T const &) and strepRead(StrepReader &, T &).
 #pragma once
 
@@ -55,6 +56,8 @@ public:
   bool accept(std::string_view literal);
   /// Consumes everything before the next `end`, and `end`. Raises StrepError when it is missing.
   std::string_view until(char end);
+  /// Consumes one character. Raises StrepError when none is left.
+  char next();
   /// Consumes a decimal number without sign or leading zeros, at most `max`; raises StrepError.
   std::uint64_t number(std::uint64_t max);
   /// Raises StrepError when text is left.
@@ -66,6 +69,8 @@ private:
 
 void strepWrite(std::string & out, bool value);
 void strepRead(StrepReader & in, bool & value);
+void strepWrite(std::string & out, std::string const & text);
+void strepRead(StrepReader & in, std::string & text);
 
 template <std::unsigned_integral T>
 void strepWrite(std::string & out, T value) {

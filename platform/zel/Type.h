@@ -68,11 +68,23 @@ std::array<Attribute const *, N> pointersTo(Attribute const (&list)[N]) {
   return pointers;
 }
 
+/// The number of the interface that the headers of platform/ are. Advances by one with each change
+/// after which a plug-in that was built before would not fit any more: of a member, of a virtual
+/// function, of a collection's insides, of what an argument or a text means. What is only added
+/// beside the rest needs no new number.
+inline constexpr unsigned platformInterface = 1;
+template <unsigned Number>
+struct PlatformInterface {};
+
 /// Keeps a module known for as long as it lives: a static object of the unit that defines it.
 class zelModuleIs {
 public:
   /// Requires: no type of the module is known yet; a second definition is fatal.
-  explicit zelModuleIs(Module const & module);
+  ///
+  /// The number becomes a part of the symbol that a plug-in asks for, and there is one for the
+  /// host's own number alone: the dynamic linker refuses a plug-in of other headers before any of
+  /// its code runs.
+  explicit zelModuleIs(Module const & module, PlatformInterface<platformInterface> = {});
   zelModuleIs(zelModuleIs const &) = delete;
   zelModuleIs & operator=(zelModuleIs const &) = delete;
   ~zelModuleIs();
@@ -137,8 +149,8 @@ template <class Key, class T>
 Value toValue(RbTreeMap<Key, T> const & entries) {
   return collectionToValue(entries);
 }
-template <class Key, class T, class Hasher>
-Value toValue(HashMap2018<Key, T, Hasher> const & entries) {
+template <class Key, class T>
+Value toValue(HashMap2018<Key, T> const & entries) {
   return collectionToValue(entries);
 }
 

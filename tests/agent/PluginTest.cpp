@@ -151,6 +151,14 @@ TEST(PluginFile, ThatIsNoLibraryIsNamed) {
   EXPECT_THAT(says, Not(HasSubstr("No such file")));
 }
 
+TEST(PluginFile, OfOtherHeadersIsRefusedBeforeItRuns) {
+  EXPECT_EQ(whatLoadingSays(OTHER_INTERFACE),
+            fmt::format("cannot load the plug-in: {}: it was built for interface 987 of platform/, "
+                        "and this program has interface {}; build it with the headers of this "
+                        "program",
+                        OTHER_INTERFACE, Zel::platformInterface));
+}
+
 TEST(PluginFile, OfAnotherKindDefinesNoTypes) {
   Agent::Plugin const other(OTHER_LIBRARY);
   StateDb::StateDb database;

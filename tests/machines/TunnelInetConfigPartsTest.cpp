@@ -140,7 +140,7 @@ protected:
 TEST_F(InetConfigStore, FindsOrCreatesAnEmptySlotAndTellsOfANewOne) {
   std::vector<std::uint32_t> told;
   auto const listener = Zel::makePtr<OnChange>(*store_, [&](auto const & change) {
-    EXPECT_TRUE(change.isAbout(Store::tunnelInetConfigByIfIndexAttribute()));
+    EXPECT_EQ(&change.attribute(), &Store::tunnelInetConfigByIfIndexAttribute());
     told.push_back(change.template key<std::uint32_t>());
   });
   auto const slot = store_->tunnelInetConfigByIfIndexIs(10);
@@ -166,7 +166,7 @@ TEST_F(InetConfigStore, WrapsAnEntryAnewOnlyWhenItIsAnother) {
   auto const slot = store_->tunnelInetConfigByIfIndexIs(10);
   std::size_t told = 0;
   auto const listener = Zel::makePtr<OnChange>(*slot, [&](auto const & change) {
-    EXPECT_TRUE(change.isAbout(Store::Slot::valueAttribute()));
+    EXPECT_EQ(&change.attribute(), &Store::Slot::valueAttribute());
     ++told;
   });
   slot->valueIs(entry_);
@@ -196,7 +196,7 @@ TEST_F(InetConfigStore, ClearsASlotsValueBeforeTheSlotGoes) {
   std::size_t told = 0;
   auto const listener =
       Zel::makePtr<OnChange>(*store_->tunnelInetConfigByIfIndexIs(10), [&](auto const & change) {
-        told += change.isAbout(Store::Slot::valueAttribute());
+        told += &change.attribute() == &Store::Slot::valueAttribute();
       });
   store_->tunnelInetConfigByIfIndexDel(10);
   EXPECT_EQ(told, 1u);

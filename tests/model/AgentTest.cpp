@@ -22,7 +22,7 @@ protected:
   Zel::Ptr<Root> root_ = Root::RootIs("root");
   std::size_t told_ = 0;
   Zel::Ptr<OnChange> listener_ = Zel::makePtr<OnChange>(*root_, [this](auto const & change) {
-    EXPECT_TRUE(change.isAbout(Root::tunnelIntfSnmpAgentAttribute()));
+    EXPECT_EQ(&change.attribute(), &Root::tunnelIntfSnmpAgentAttribute());
     ++told_;
   });
 };
@@ -147,6 +147,17 @@ TEST_F(RootTest, StartsItsMachinesWithTheDefaultControlRecord) {
   auto const & used = agent->tunnelIfTableSm()->flowaControl();
   EXPECT_EQ(used.taskScheduler, world_.scheduler);
   EXPECT_EQ(used.taskPriority, 3);
+}
+
+TEST_F(RootTest, ShowsTheControlRecordsByName) {
+  auto const agent = setAgent();
+  auto const textOf = [](Zel::PtrInterface const & object, std::string_view name) {
+    return std::get<std::string>(Zel::attribute(object, name).is);
+  };
+  auto const text = Zel::valueToStrep(agent->smControl());
+  EXPECT_THAT(text, testing::HasSubstr("'taskPriority': 3"));
+  EXPECT_EQ(textOf(*agent, "smControl"), text);
+  EXPECT_EQ(textOf(*agent->tunnelIfTableSm(), "flowaControl"), text);
 }
 
 TEST_F(RootTest, KeepsAMachineAndUpdatesItsControlRecord) {

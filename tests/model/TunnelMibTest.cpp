@@ -23,7 +23,7 @@ public:
   explicit Recorder(TunnelMib const & mib) { notifierIs(&mib); }
   void onNotification(Zel::Notification const & change) override {
     changes.push_back(std::string(change.attribute().name) + " " +
-                      (change.isAbout(TunnelMib::tunnelInetConfigTableAttribute())
+                      (&change.attribute() == &TunnelMib::tunnelInetConfigTableAttribute()
                            ? std::to_string(change.key<TunnelInetConfigTableKey>().configId())
                            : std::to_string(change.key<std::uint32_t>())));
   }

@@ -144,8 +144,8 @@ TEST(Notification, CarriesTheObjectTheAttributeAndTheKey) {
   auto const thing = Zel::makePtr<Thing>();
   auto const listener = Zel::makePtr<Listener>(*thing, [&](Zel::Notification const & change) {
     EXPECT_EQ(&change.source(), thing.get());
-    EXPECT_TRUE(change.isAbout(byKey));
-    EXPECT_FALSE(change.isAbout(colour));
+    EXPECT_EQ(&change.attribute(), &byKey);
+    EXPECT_NE(&change.attribute(), &colour);
     EXPECT_EQ(change.key<std::uint32_t>(), 7u);
   });
   thing->changeKey(7);
@@ -212,7 +212,7 @@ TEST(Notification, TellsAnInnerChangeInFullBeforeTheOuterGoesOn) {
   std::vector<std::string> order;
   auto const first = Zel::makePtr<Listener>(*thing, [&](Zel::Notification const & change) {
     order.push_back("first " + std::string(change.attribute().name));
-    if (change.isAbout(colour))
+    if (&change.attribute() == &colour)
       thing->changeKey(1);
   });
   auto const second = Zel::makePtr<Listener>(*thing, [&](Zel::Notification const & change) {
@@ -323,6 +323,16 @@ TEST(TextForm, RefusesEverythingElse) {
     EXPECT_THROW(Zel::strepToValue<Pair>(text), Zel::StrepError) << text;
 }
 
+TEST(TextForm, OfATextIsReadBackWhateverIsInIt) {
+  for (std::string const text : {"", "plain", "it's", "\\", "\\'", "a\nb", "'', ** {'x': "}) {
+    auto const written = Zel::valueToStrep(text);
+    EXPECT_EQ(Zel::strepToValue<std::string>(written), text) << written;
+  }
+  EXPECT_EQ(Zel::valueToStrep(std::string("it's \\")), "'it\\'s \\\\'");
+  for (std::string const broken : {"", "'", "x'", "'x", "'x\\'", "'x' ", "'x'y'"})
+    EXPECT_THROW(Zel::strepToValue<std::string>(broken), Zel::StrepError) << broken;
+}
+
 TEST(Hashing, DependsOnEveryBitAndOnTheOrder) {
   EXPECT_NE(Zel::Hash().mix(1u).mix(2u).result(), Zel::Hash().mix(2u).mix(1u).result());
   EXPECT_NE(Zel::hashOf(std::string("a")), Zel::hashOf(std::string("b")));
@@ -332,20 +342,6 @@ TEST(Hashing, DependsOnEveryBitAndOnTheOrder) {
     ++buckets[Zel::hashOf(key) >> 24];
   for (auto const count : buckets)
     EXPECT_NEAR(count, 100, 60) << "consecutive keys spread over the top bits";
-}
-
-TEST(Hashing, SpreadsMixedNumbers) {
-  std::vector<int> buckets(256);
-  for (std::uint32_t number = 0; number != 25600; ++number)
-    ++buckets[Zel::Hash().mix(number).result() >> 24];
-  for (auto const count : buckets)
-    EXPECT_NEAR(count, 100, 60);
-}
-
-TEST(Hashing, KeepsNumbersOfARunInTheirOrder) {
-  for (std::uint64_t const first : {std::uint64_t{0}, std::uint64_t{50331648}, ~std::uint64_t{15}})
-    for (std::uint64_t number = first + 1; number != first + 16; ++number)
-      EXPECT_EQ(Zel::hashOf(number), Zel::hashOf(number - 1) + 1) << number;
   EXPECT_NE(Zel::hashOf(std::uint64_t{1} << 32), Zel::hashOf(std::uint64_t{0}));
   EXPECT_NE(Zel::hashOf(1u, 7), Zel::hashOf(1u, 8));
 }

@@ -53,6 +53,19 @@ TEST(IpGenAddr, IsZeroAtTheAnyAddressTheUnspecifiedOneAndNone) {
   EXPECT_TRUE(Plexa::IpGenAddr(Plexa::AddressFamily::ipv6).isAddrZero());
 }
 
+// Another host may know more families than the MIB has numbers for.
+TEST(IpGenAddr, OfAnUnknownFamilyHasNoOctetsNoTextAndIsZero) {
+  for (auto const number : {3, 7, 255}) {
+    Plexa::IpGenAddr const unknown(static_cast<Plexa::AddressFamily>(number));
+    EXPECT_THAT(unknown.octets(), IsEmpty()) << number;
+    EXPECT_EQ(unknown.stringValue(), "") << number;
+    EXPECT_EQ(valueToStrep(unknown), "") << number;
+    EXPECT_TRUE(unknown.isAddrZero()) << number;
+    EXPECT_TRUE(unknown.v4Addr().isAny()) << number;
+    EXPECT_TRUE(unknown.v6Addr().isUnspecified()) << number;
+  }
+}
+
 TEST(IpGenAddr, TellsZeroAddressesOfDifferentFamiliesApart) {
   EXPECT_NE(address("0.0.0.0"), address("::"));
   EXPECT_NE(address("0.0.0.0"), address(""));
@@ -162,9 +175,20 @@ TEST(SnmpInetAddress, ComesFromAnAddress) {
   EXPECT_EQ(Snmp::InetAddress().addressType(), 0u);
 }
 
-TEST(SnmpInetAddressDeathTest, DiesOfAnAddressOfNoFamilyWhereOneIsNeeded) {
-  EXPECT_DEATH(Snmp::InetAddress::fromIpGenAddr(address("")),
-               "an address of no family has no InetAddressType");
+TEST(SnmpInetAddress, IsUnknownWithoutOctetsForAnAddressOfAnUnknownFamily) {
+  for (auto const number : {3, 7, 255}) {
+    Plexa::IpGenAddr const unknown(static_cast<Plexa::AddressFamily>(number));
+    EXPECT_EQ(Snmp::InetAddress::fromIpGenAddrOrUnknown(unknown), Snmp::InetAddress()) << number;
+    std::uint8_t buffer[16];
+    EXPECT_EQ(Snmp::PlexaIpGenAddrToAsnOctetString(unknown, buffer, sizeof buffer), 0) << number;
+  }
+}
+
+TEST(SnmpInetAddressDeathTest, DiesOfAnAddressOfNoKnownFamilyWhereOneIsNeeded) {
+  for (auto const number : {0, 3, 255})
+    EXPECT_DEATH(Snmp::InetAddress::fromIpGenAddr(
+                     Plexa::IpGenAddr(static_cast<Plexa::AddressFamily>(number))),
+                 "an address of no known family has no InetAddressType");
 }
 
 TEST(SnmpInetAddress, PrintsAndParses) {
@@ -305,42 +329,6 @@ TEST(IfMib, NotifiesAnotherIfIndexButNotTheSame) {
   ifMib->ifIndexByIntfIdDel(Plexa::IntfId(1));
   ifMib->ifIndexByIntfIdDel(Plexa::IntfId(1));
   EXPECT_EQ(told->attributes.size(), 3u);
-}
-
-TEST(IkeDirectoryRevision, AdvancesWithWhatStandsWhereAndNotWithStates) {
-  auto last = Ipsec::Ike::directoryRevision();
-  auto const advances = [&] {
-    auto const before = std::exchange(last, Ipsec::Ike::directoryRevision());
-    return before < last;
-  };
-  auto const ike = Zel::makePtr<Ipsec::Ike::Status>("ike");
-  auto const info = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
-  auto const map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
-  auto const applied = Zel::makePtr<Ipsec::Ike::IpsecTunnelProfileInfo>();
-  Plexa::IntfId const id(7);
-
-  info->profileNameIs("p");
-  EXPECT_TRUE(advances());
-  info->profileNameIs("p");
-  EXPECT_FALSE(advances());
-  ike->ipsecTunnelInfoIs(id, info);
-  EXPECT_TRUE(advances());
-  ike->appliedProfilesIs("p", map);
-  EXPECT_TRUE(advances());
-  map->appliedIntfIdIs(id, applied);
-  EXPECT_TRUE(advances());
-  applied->connStateIs(Ipsec::Ike::ConnState::up);
-  EXPECT_FALSE(advances());
-  map->appliedIntfIdIs(id, applied);
-  EXPECT_FALSE(advances());
-  map->appliedIntfIdDel(id);
-  EXPECT_TRUE(advances());
-  map->appliedIntfIdDel(id);
-  EXPECT_FALSE(advances());
-  ike->appliedProfilesDel("p");
-  EXPECT_TRUE(advances());
-  ike->ipsecTunnelInfoDel(id);
-  EXPECT_TRUE(advances());
 }
 
 TEST(IkeStatus, NotifiesEachOfItsCollectionsAndRecords) {
