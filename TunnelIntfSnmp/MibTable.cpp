@@ -1,6 +1,7 @@
 // Registration of tables, hints, and answers, as far as they do not depend on a table's row type.
 // In the order of MibTable.h.
 #include "TunnelIntfSnmp/MibTable.h"
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -53,8 +54,8 @@ TunnelMib * mountedMib(char const * table) {
 
 netsnmp_column_info * columnInfo(MibTableRegistration const & table) {
   auto * info = zeroed<netsnmp_column_info>();
-  info->list_count = static_cast<char>(table.validColumns.size());
-  info->details.list = table.validColumns.data();
+  info->list_count = static_cast<char>(table.columns.size());
+  info->details.list = table.columns.data();
   return info;
 }
 
@@ -66,8 +67,8 @@ netsnmp_table_registration_info * tableInfo(MibTableRegistration const & table,
     if (snmp_varlist_add_variable(&info->indexes, nullptr, 0, index.asnType, nullptr, 0) == nullptr)
       LUMO_TRACE(snmpTrace(), 0, "Failed to set up {} in netsnmp table_info in context \"{}\"",
                  index.name, context);
-  info->min_column = table.validColumns.front();
-  info->max_column = table.validColumns.back();
+  info->min_column = table.columns.front();
+  info->max_column = table.columns.back();
   info->valid_columns = columns;
   return info;
 }
@@ -219,60 +220,69 @@ void IndexWriter::set(u_char asnType, std::uint8_t const * buffer, int length) {
 
 // Answering
 
-bool Answer::unsigned32(std::uint32_t value, char const * name) {
-  std::uint8_t buffer[integerCapacity];
-  return integer(Snmp::U32ToAsnUnsigned(value, buffer, sizeof buffer), buffer, "U32ToAsnUnsigned",
-                 name);
-}
+namespace {
 
-bool Answer::signed32(std::int32_t value, char const * name) {
-  std::uint8_t buffer[integerCapacity];
-  return integer(Snmp::S32ToAsnInteger(value, buffer, sizeof buffer), buffer, "S32ToAsnInteger",
-                 name);
-}
+// Encodes one value into the varbind of a request, or traces why it cannot.
+class Answer {
+public:
+  Answer(char const * table, std::string_view name, netsnmp_variable_list * varbind)
+      : table_(table),
+        name_(name),
+        varbind_(varbind) {}
 
-bool Answer::address(Plexa::IpGenAddr const & value, char const * name) {
-  std::uint8_t buffer[octetsCapacity];
-  return octets(Snmp::PlexaIpGenAddrToAsnOctetString(value, buffer, sizeof buffer), buffer,
-                "PlexaIpGenAddrToAsnOctetString", name);
-}
-
-bool Answer::integer(int length, std::uint8_t const * buffer, char const * encoder,
-                     char const * name) {
-  if (!encoded(length, encoder, name))
-    return false;
-  snmp_set_var_typed_value(request_->requestvb, ASN_INTEGER, buffer,
-                           static_cast<std::size_t>(length));
-  return true;
-}
-
-bool Answer::octets(int length, std::uint8_t const * buffer, char const * encoder,
-                    char const * name) {
-  if (!encoded(length, encoder, name))
-    return false;
-  if (static_cast<std::size_t>(length) > octetsCapacity) {
-    LUMO_TRACE(snmpTrace(), 2, "handle_{} - entity /{}/{} length out of range: {} ({})", table_,
-               SnmpUtil::getSnmpConfig()->systemName, mibPath, name, length);
-    return false;
+  bool operator()(std::uint32_t value) const {
+    std::uint8_t buffer[integerCapacity];
+    auto const length = Snmp::U32ToAsnUnsigned(value, buffer, sizeof buffer);
+    return encoded(length, "U32ToAsnUnsigned") && put(ASN_INTEGER, buffer, length);
   }
-  snmp_set_var_typed_value(request_->requestvb, ASN_OCTET_STR, buffer,
-                           static_cast<std::size_t>(length));
-  return true;
-}
+  bool operator()(std::int32_t value) const {
+    std::uint8_t buffer[integerCapacity];
+    auto const length = Snmp::S32ToAsnInteger(value, buffer, sizeof buffer);
+    return encoded(length, "S32ToAsnInteger") && put(ASN_INTEGER, buffer, length);
+  }
+  bool operator()(Plexa::IpGenAddr const & value) const {
+    std::uint8_t buffer[octetsCapacity];
+    auto const length = Snmp::PlexaIpGenAddrToAsnOctetString(value, buffer, sizeof buffer);
+    return encoded(length, "PlexaIpGenAddrToAsnOctetString") && fits(length) &&
+           put(ASN_OCTET_STR, buffer, length);
+  }
 
-bool Answer::encoded(int length, char const * encoder, char const * name) const {
-  if (length < 0)
-    LUMO_TRACE(snmpTrace(), 2, "handle_{} - {} failed for: {}", table_, encoder, name);
-  return length >= 0;
+private:
+  bool encoded(int length, char const * encoder) const {
+    if (length < 0)
+      LUMO_TRACE(snmpTrace(), 2, "handle_{} - {} failed for: {}", table_, encoder, name_);
+    return length >= 0;
+  }
+  bool fits(int length) const {
+    auto const tooLong = static_cast<std::size_t>(length) > octetsCapacity;
+    if (tooLong)
+      LUMO_TRACE(snmpTrace(), 2, "handle_{} - entity /{}/{} length out of range: {} ({})", table_,
+                 SnmpUtil::getSnmpConfig()->systemName, mibPath, name_, length);
+    return !tooLong;
+  }
+  bool put(u_char asnType, std::uint8_t const * buffer, int length) const {
+    snmp_set_var_typed_value(varbind_, asnType, buffer, static_cast<std::size_t>(length));
+    return true;
+  }
+
+  char const * const table_;
+  std::string_view const name_;
+  netsnmp_variable_list * const varbind_;
+};
+
+} // namespace
+
+bool putValue(char const * table, Column const & column, Zel::PtrInterface const & row,
+              netsnmp_request_info & request) {
+  Answer const answer(table, column.attribute.name, request.requestvb);
+  return std::visit(answer, column.value(row));
 }
 
 namespace {
 
-MibColumn const * columnOf(std::span<MibColumn const> columns, unsigned int number) {
-  for (auto const & column : columns)
-    if (column.number == number)
-      return &column;
-  return nullptr;
+Column const * columnOf(std::span<Column const> columns, unsigned int number) {
+  auto const found = std::ranges::find(columns, number, &Column::number);
+  return found == columns.end() ? nullptr : &*found;
 }
 
 void traceInvalidColumn(char const * table, unsigned int number) {
@@ -281,10 +291,10 @@ void traceInvalidColumn(char const * table, unsigned int number) {
 
 } // namespace
 
-MibColumn const * servedColumn(char const * table, std::span<MibColumn const> columns,
-                               unsigned int number) {
+Column const * servedColumnOf(char const * table, std::span<Column const> columns,
+                              unsigned int number) {
   auto const * column = columnOf(columns, number);
-  if (column != nullptr && column->served)
+  if (column != nullptr && column->value != nullptr)
     return column;
   traceInvalidColumn(table, number);
   return nullptr;
@@ -297,7 +307,7 @@ bool alreadyProcessed(char const * table, netsnmp_request_info const * request) 
   return request->processed != 0;
 }
 
-int refuseSet(char const * table, std::span<MibColumn const> columns,
+int refuseSet(char const * table, std::span<Column const> columns,
               netsnmp_request_info * requests) {
   auto * request = requests;
   while (request != nullptr && alreadyProcessed(table, request))
@@ -305,7 +315,8 @@ int refuseSet(char const * table, std::span<MibColumn const> columns,
   if (request == nullptr)
     return SNMP_ERR_NOERROR;
   auto const number = netsnmp_extract_table_info(request)->colnum;
-  if (auto const * column = columnOf(columns, number); column != nullptr && column->namedInSet)
+  if (auto const * column = columnOf(columns, number);
+      column != nullptr && column->setSays == SetSays::notConfigured)
     LUMO_TRACE(snmpTrace(), 2, "{}_handler: SET is not configured for column {}", table,
                column->name);
   else

@@ -2,13 +2,14 @@
 // iterator in one context, finding rows for the iterator, and answering requests.
 //
 // A table handler is split in three. TableWalk finds rows and sets index varbinds (the iterator's
-// callbacks). The table's own traits say which row a requested index names and turn a row and a
-// column into a value. answerRequests() joins the two and sets errors.
+// callbacks). The table's own traits say which row a requested index names; the row's list of
+// columns says what each column answers. answerRequests() joins them and sets errors.
 //
 // One thread. Rows are held by counted pointers: a row that is deleted while a request refers to it
 // stays readable until that request is over.
 #pragma once
 
+#include "TunnelIntfSnmp/Column.h"
 #include "TunnelIntfSnmp/Fetch.h"
 #include "TunnelIntfSnmp/Printed.h"
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
@@ -31,6 +32,7 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace TunnelIntfSnmp {
 
@@ -61,7 +63,7 @@ struct MibTableRegistration {
   char const * table;
   std::span<oid const> rootOid;
   std::span<MibIndex const> indexes;
-  std::span<unsigned int> validColumns; // not const: net-snmp's structure takes no pointer to const
+  std::span<unsigned int> columns; // not const: net-snmp's structure takes no pointer to const
   Netsnmp_Node_Handler * handler;
   Netsnmp_First_Data_Point * getFirstDataPoint;
   Netsnmp_Next_Data_Point * getNextDataPoint;
@@ -69,6 +71,18 @@ struct MibTableRegistration {
   Netsnmp_Free_Data_Context * freeDataContext;
   Netsnmp_Free_Loop_Context * freeLoopContextAtEnd;
 };
+
+/// The numbers of a row's columns. They live as long as the library.
+template <class Row>
+std::span<unsigned int> columnNumbers() {
+  static auto numbers = [] {
+    std::vector<unsigned int> all;
+    for (auto const & column : Row::columns())
+      all.push_back(column.number);
+    return all;
+  }();
+  return numbers;
+}
 
 /// Registers the table for the context and remembers what unregisterModule() needs. Only the
 /// default context (empty) is served; for another nothing is registered. A missing or wrong entity
@@ -172,50 +186,22 @@ private:
 
 // Answering
 
-/// One column of a table, as far as requests see it.
-struct MibColumn {
-  unsigned int number;
-  char const * name;
-  bool served;     ///< GET answers with a value
-  bool namedInSet; ///< the refusal of a SET names the column
-};
-
-/// Puts encoded values into the answer of one request. What cannot be encoded is traced under the
-/// value's name and answered with false; the varbind is then untouched.
-class Answer {
-public:
-  Answer(char const * table, netsnmp_request_info * request) : table_(table), request_(request) {}
-
-  /// Values as ASN_INTEGER.
-  bool unsigned32(std::uint32_t value, char const * name);
-  bool signed32(std::int32_t value, char const * name);
-  /// An address as ASN_OCTET_STR: 4 octets, 16, or none.
-  bool address(Plexa::IpGenAddr const & value, char const * name);
-
-  /// What the three do with the `length` that an encoder returned.
-  bool integer(int length, std::uint8_t const * buffer, char const * encoder, char const * name);
-  bool octets(int length, std::uint8_t const * buffer, char const * encoder, char const * name);
-
-private:
-  bool encoded(int length, char const * encoder, char const * name) const;
-
-  char const * const table_;
-  netsnmp_request_info * const request_;
-};
+/// Puts the value that the row has for the column into the answer of the request. What cannot be
+/// encoded is traced under the attribute's name and answered with false; the varbind is then
+/// untouched. Requires: GET serves the column, and the row is one of its table.
+bool putValue(char const * table, Column const & column, Zel::PtrInterface const & row,
+              netsnmp_request_info & request);
 
 /// The served column of that number, or null, which is traced.
-MibColumn const * servedColumn(char const * table, std::span<MibColumn const> columns,
-                               unsigned int number);
+Column const * servedColumnOf(char const * table, std::span<Column const> columns,
+                              unsigned int number);
 /// Traces and returns true when somebody else has answered the request already.
 bool alreadyProcessed(char const * table, netsnmp_request_info const * request);
 /// Refuses the first request that nobody has answered, in whatever phase of a SET.
-int refuseSet(char const * table, std::span<MibColumn const> columns,
-              netsnmp_request_info * requests);
+int refuseSet(char const * table, std::span<Column const> columns, netsnmp_request_info * requests);
 
 /// Answers GETs from the rows that the iterator found. Besides what TableWalk needs, `Table` has
-///
-///   columns                    its MibColumns
-///   get(row, column, answer)   puts the value of a served column into the answer
+/// `Row`, the type of its rows, which lists the table's columns.
 template <class Table>
 int answerGets(netsnmp_request_info * requests) {
   for (auto * request = requests; request != nullptr; request = request->next) {
@@ -228,14 +214,14 @@ int answerGets(netsnmp_request_info * requests) {
       return SNMP_ERR_NOERROR;
     }
     auto const number = netsnmp_extract_table_info(request)->colnum;
-    auto const * column = servedColumn(Table::name, Table::columns, number);
+    auto const * column = servedColumnOf(Table::name, Table::Row::columns(), number);
     if (column == nullptr) {
       netsnmp_request_set_error(request, SNMP_NOSUCHOBJECT);
       return SNMP_ERR_NOERROR;
     }
     LUMO_TRACE(snmpTrace(), 2, "{}_handler: request GET for column {}, key {}", Table::name,
                column->name, printed(Table::key(*entry->row)));
-    if (Answer answer(Table::name, request); !Table::get(*entry->row, number, answer)) {
+    if (!putValue(Table::name, *column, *entry->row, *request)) {
       netsnmp_request_set_error(requests, SNMP_ERR_GENERR); // on the first one, whichever failed
       return SNMP_ERR_GENERR;
     }
@@ -249,7 +235,7 @@ int answerRequests(netsnmp_agent_request_info const & agent, netsnmp_request_inf
   LUMO_TRACE(snmpTrace(), 2, "{}_handler", Table::name);
   LUMO_TRACE(snmpTrace(), 2, "{}_handler: request mode {}", Table::name, agent.mode);
   return agent.mode == MODE_GET ? answerGets<Table>(requests)
-                                : refuseSet(Table::name, Table::columns, requests);
+                                : refuseSet(Table::name, Table::Row::columns(), requests);
 }
 
 // The iterator's callbacks

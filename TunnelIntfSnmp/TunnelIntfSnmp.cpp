@@ -1,6 +1,7 @@
 // The model: rows, columns, tables, and what the framework is told of their types.
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include <array>
+#include <vector>
 
 namespace TunnelIntfSnmp {
 
@@ -9,6 +10,18 @@ namespace {
 template <auto Member>
 Zel::Attribute attributeOf(std::string_view name, std::string_view typeName) {
   return {name, typeName, Zel::getBy<Member>};
+}
+
+// The attributes of a row: its own, and behind them those that its columns show.
+std::vector<Zel::Attribute const *> attributesOf(std::span<Zel::Attribute const> own,
+                                                 std::span<Column const> columns) {
+  std::vector<Zel::Attribute const *> attributes;
+  for (auto const & attribute : own)
+    attributes.push_back(&attribute);
+  for (auto const & column : columns)
+    if (column.value != nullptr)
+      attributes.push_back(&column.attribute);
+  return attributes;
 }
 
 } // namespace
@@ -36,19 +49,30 @@ Zel::Type const & TunnelIfTableEntry::type() const {
 
 Zel::Type const & TunnelIfTableEntry::typeDescription() {
   using Row = TunnelIfTableEntry;
-  static Zel::Attribute const list[] = {
+  static Zel::Attribute const own[] = {
       attributeOf<&Row::ifIndex>("ifIndex", "U32"),
-      attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus"),
-      attributeOf<&Row::encapsMethod>("encapsMethod", "U32"),
-      attributeOf<&Row::hopLimit>("hopLimit", "U8"),
-      attributeOf<&Row::security>("security", "U32"),
-      attributeOf<&Row::tos>("tos", "U8"),
-      attributeOf<&Row::addrType>("addrType", "U32"),
-      attributeOf<&Row::localAddr>("localAddr", "Plexa::IpGenAddr"),
-      attributeOf<&Row::remoteAddr>("remoteAddr", "Plexa::IpGenAddr")};
-  static auto const attributes = Zel::pointersTo(list);
+      attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus")};
+  static auto const attributes = attributesOf(own, columns());
   static Zel::Type const type{"TunnelIntfSnmp::TunnelIfTableEntry", attributes};
   return type;
+}
+
+std::span<Column const> TunnelIfTableEntry::columns() {
+  using Row = TunnelIfTableEntry;
+  using enum SetSays;
+  static constexpr Column list[] = {
+      unservedColumn(1, "tunnelIfLocalAddress", invalidColumn),
+      unservedColumn(2, "tunnelIfRemoteAddress", invalidColumn),
+      servedColumn<&Row::encapsMethod>(3, "tunnelIfEncapsMethod", "encapsMethod", invalidColumn),
+      servedColumn<&Row::hopLimit>(4, "tunnelIfHopLimit", "hopLimit", notConfigured),
+      servedColumn<&Row::security>(5, "tunnelIfSecurity", "security", invalidColumn),
+      servedColumn<&Row::tos>(6, "tunnelIfTOS", "tos", notConfigured),
+      unservedColumn(7, "tunnelIfFlowLabel", notConfigured),
+      servedColumn<&Row::addrType>(8, "tunnelIfAddressType", "addrType", notConfigured),
+      servedColumn<&Row::localAddr>(9, "tunnelIfLocalInetAddress", "localAddr", notConfigured),
+      servedColumn<&Row::remoteAddr>(10, "tunnelIfRemoteInetAddress", "remoteAddr", notConfigured),
+      unservedColumn(11, "tunnelIfEncapsLimit", notConfigured)};
+  return list;
 }
 
 std::uint32_t TunnelIfTableEntry::encapsMethod() const {
@@ -97,14 +121,20 @@ Zel::Type const & IpsecTunnelIfTableEntry::type() const {
 
 Zel::Type const & IpsecTunnelIfTableEntry::typeDescription() {
   using Row = IpsecTunnelIfTableEntry;
-  static Zel::Attribute const list[] = {
+  static Zel::Attribute const own[] = {
       attributeOf<&Row::ifIndex>("ifIndex", "U32"),
       attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus"),
-      attributeOf<&Row::ikeStatus>("ikeStatus", "Ipsec::Ike::Status"),
-      attributeOf<&Row::connState>("connState", "U32")};
-  static auto const attributes = Zel::pointersTo(list);
+      attributeOf<&Row::ikeStatus>("ikeStatus", "Ipsec::Ike::Status")};
+  static auto const attributes = attributesOf(own, columns());
   static Zel::Type const type{"TunnelIntfSnmp::IpsecTunnelIfTableEntry", attributes};
   return type;
+}
+
+std::span<Column const> IpsecTunnelIfTableEntry::columns() {
+  using Row = IpsecTunnelIfTableEntry;
+  static constexpr Column list[] = {servedColumn<&Row::connState>(
+      1, "velmoraIpsecTunnelIfConnState", "connState", SetSays::invalidColumn)};
+  return list;
 }
 
 namespace {
@@ -205,19 +235,30 @@ Zel::Type const & TunnelInetConfigTableEntry::type() const {
 
 Zel::Type const & TunnelInetConfigTableEntry::typeDescription() {
   using Row = TunnelInetConfigTableEntry;
-  static Zel::Attribute const list[] = {
+  static Zel::Attribute const own[] = {
       attributeOf<&Row::key>("key", TunnelInetConfigTableKey::typeName),
       attributeOf<&Row::addrType>("addrType", "U32"),
       attributeOf<&Row::localAddr>("localAddr", "Snmp::Bytes"),
       attributeOf<&Row::remoteAddr>("remoteAddr", "Snmp::Bytes"),
       attributeOf<&Row::encapsMethod>("encapsMethod", "U32"),
-      attributeOf<&Row::configId>("configId", "U32"),
-      attributeOf<&Row::ifIndex>("ifIndex", "U32"),
-      attributeOf<&Row::rowStatus>("rowStatus", "U32"),
-      attributeOf<&Row::storageType>("storageType", "U32")};
-  static auto const attributes = Zel::pointersTo(list);
+      attributeOf<&Row::configId>("configId", "U32")};
+  static auto const attributes = attributesOf(own, columns());
   static Zel::Type const type{typeName, attributes};
   return type;
+}
+
+// Columns 1 to 5 are the index, which no manager may ask for.
+std::span<Column const> TunnelInetConfigTableEntry::columns() {
+  using Row = TunnelInetConfigTableEntry;
+  using enum SetSays;
+  static constexpr Column list[] = {
+      servedColumn<&Row::ifIndex, std::int32_t>(6, "tunnelInetConfigIfIndex", "ifIndex",
+                                                invalidColumn),
+      servedColumn<&Row::rowStatus, std::int32_t>(7, "tunnelInetConfigStatus", "rowStatus",
+                                                  notConfigured),
+      servedColumn<&Row::storageType, std::int32_t>(8, "tunnelInetConfigStorageType", "storageType",
+                                                    notConfigured)};
+  return list;
 }
 
 Zel::Ptr<TunnelInetConfigTableEntry const>

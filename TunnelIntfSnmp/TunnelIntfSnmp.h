@@ -4,6 +4,7 @@
 // The table state machines write the tables; the MIB handlers read them. All on one thread.
 #pragma once
 
+#include "TunnelIntfSnmp/Column.h"
 #include "platform/Interface.h"
 #include "platform/Ipsec.h"
 #include "platform/Lumo.h"
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -37,6 +39,8 @@ public:
   TunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  /// Ascending by number, as in every table here.
+  static std::span<Column const> columns();
 
   std::uint32_t ifIndex() const { return ifIndex_; }
   StatusPtr const & tunnelIntfStatus() const { return tunnelIntfStatus_; }
@@ -63,6 +67,7 @@ public:
                           IkeStatusPtr ikeStatus);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  static std::span<Column const> columns();
 
   std::uint32_t ifIndex() const { return ifIndex_; }
   StatusPtr const & tunnelIntfStatus() const { return tunnelIntfStatus_; }
@@ -132,6 +137,7 @@ public:
   TunnelInetConfigTableEntry(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  static std::span<Column const> columns();
 
   TunnelInetConfigTableKey const & key() const { return key_; }
   std::uint32_t addrType() const { return key_.localInetAddr().addressType(); }

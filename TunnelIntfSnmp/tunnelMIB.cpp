@@ -10,21 +10,9 @@ namespace {
 
 // tunnelIfTable, RFC 4087: one row for each tunnel interface, indexed by ifIndex
 struct TunnelIfTable {
+  using Row = TunnelIfTableEntry;
   static constexpr char const * name = "tunnelIfTable";
   static constexpr char const * keyType = "U32";
-  static constexpr std::array<MibColumn, 11> columns{{
-      {1, "tunnelIfLocalAddress", false, false},
-      {2, "tunnelIfRemoteAddress", false, false},
-      {3, "tunnelIfEncapsMethod", true, false},
-      {4, "tunnelIfHopLimit", true, true},
-      {5, "tunnelIfSecurity", true, false},
-      {6, "tunnelIfTOS", true, true},
-      {7, "tunnelIfFlowLabel", false, true},
-      {8, "tunnelIfAddressType", true, true},
-      {9, "tunnelIfLocalInetAddress", true, true},
-      {10, "tunnelIfRemoteInetAddress", true, true},
-      {11, "tunnelIfEncapsLimit", false, true},
-  }};
 
   static TunnelMib::TunnelIfTable const & rows(TunnelMib const & mib) {
     return mib.tunnelIfTable();
@@ -37,25 +25,6 @@ struct TunnelIfTable {
   static void const * record(TunnelIfTableEntry const & row) {
     return row.tunnelIntfStatus().get();
   }
-  static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
-    switch (column) {
-    case 3:
-      return answer.unsigned32(row.encapsMethod(), "encapsMethod");
-    case 4:
-      return answer.unsigned32(row.hopLimit(), "hopLimit");
-    case 5:
-      return answer.unsigned32(row.security(), "security");
-    case 6:
-      return answer.unsigned32(row.tos(), "tos");
-    case 8:
-      return answer.unsigned32(row.addrType(), "addrType");
-    case 9:
-      return answer.address(row.localAddr(), "localAddr");
-    case 10:
-      return answer.address(row.remoteAddr(), "remoteAddr");
-    }
-    LUMO_ASSERT(false, "column {} of {} is said to be served", column, name);
-  }
 };
 
 using TunnelIfTableWalk = TableWalk<TunnelIfTable>;
@@ -67,14 +36,12 @@ constexpr auto * tunnelIfTable_free_loop_context_at_end = TunnelIfTableWalk::fre
 
 constexpr std::array<oid, 11> tunnelIfTableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 1};
 constexpr std::array<MibIndex, 1> tunnelIfTableIndexes{{{"ifIndex", ASN_INTEGER}}};
-// Registered whole: the columns that are not served are refused by the handler.
-std::array<unsigned int, 11> tunnelIfTableColumns{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
 
 MibTableRegistration const tunnelIfTableRegistration{
     .table = TunnelIfTable::name,
     .rootOid = tunnelIfTableOid,
     .indexes = tunnelIfTableIndexes,
-    .validColumns = tunnelIfTableColumns,
+    .columns = columnNumbers<TunnelIfTable::Row>(),
     .handler = tunnelIfTable_handler,
     .getFirstDataPoint = tunnelIfTable_get_first_data_point,
     .getNextDataPoint = tunnelIfTable_get_next_data_point,
@@ -85,13 +52,9 @@ MibTableRegistration const tunnelIfTableRegistration{
 // tunnelInetConfigTable, RFC 4087: one row for each pair of endpoints, indexed by type, local
 // address, remote address, encapsulation and id
 struct TunnelInetConfigTable {
+  using Row = TunnelInetConfigTableEntry;
   static constexpr char const * name = "tunnelInetConfigTable";
   static constexpr char const * keyType = "TunnelIntfSnmp::TunnelInetConfigTableKey";
-  static constexpr std::array<MibColumn, 3> columns{{
-      {6, "tunnelInetConfigIfIndex", true, false},
-      {7, "tunnelInetConfigStatus", true, true},
-      {8, "tunnelInetConfigStorageType", true, true},
-  }};
 
   static TunnelMib::TunnelInetConfigTable const & rows(TunnelMib const & mib) {
     return mib.tunnelInetConfigTable();
@@ -109,17 +72,6 @@ struct TunnelInetConfigTable {
         .unsigned32("configId", row.configId());
   }
   static void const * record(TunnelInetConfigTableEntry const &) { return nullptr; }
-  static bool get(TunnelInetConfigTableEntry const & row, unsigned int column, Answer & answer) {
-    switch (column) {
-    case 6:
-      return answer.signed32(static_cast<std::int32_t>(row.ifIndex()), "ifIndex");
-    case 7:
-      return answer.signed32(static_cast<std::int32_t>(row.rowStatus()), "rowStatus");
-    case 8:
-      return answer.signed32(static_cast<std::int32_t>(row.storageType()), "storageType");
-    }
-    LUMO_ASSERT(false, "column {} of {} is said to be served", column, name);
-  }
 };
 
 std::uint32_t keyNumber(std::int32_t part) {
@@ -160,13 +112,12 @@ constexpr std::array<MibIndex, 5> tunnelInetConfigTableIndexes{
      {"tunnelInetConfigRemoteAddress", ASN_OCTET_STR},
      {"tunnelInetConfigEncapsMethod", ASN_INTEGER},
      {"tunnelInetConfigID", ASN_INTEGER}}};
-std::array<unsigned int, 3> tunnelInetConfigTableColumns{6, 7, 8};
 
 MibTableRegistration const tunnelInetConfigTableRegistration{
     .table = TunnelInetConfigTable::name,
     .rootOid = tunnelInetConfigTableOid,
     .indexes = tunnelInetConfigTableIndexes,
-    .validColumns = tunnelInetConfigTableColumns,
+    .columns = columnNumbers<TunnelInetConfigTable::Row>(),
     .handler = tunnelInetConfigTable_handler,
     .getFirstDataPoint = tunnelInetConfigTable_get_first_data_point,
     .getNextDataPoint = tunnelInetConfigTable_get_next_data_point,

@@ -10,10 +10,9 @@ namespace {
 
 // One row for each tunnel interface that IPsec protects, indexed by ifIndex
 struct VelmoraIpsecTunnelIfTable {
+  using Row = IpsecTunnelIfTableEntry;
   static constexpr char const * name = "velmoraIpsecTunnelIfTable";
   static constexpr char const * keyType = "U32";
-  static constexpr std::array<MibColumn, 1> columns{
-      {{1, "velmoraIpsecTunnelIfConnState", true, false}}};
 
   static TunnelMib::IpsecTunnelIfTable const & rows(TunnelMib const & mib) {
     return mib.ipsecTunnelIfTable();
@@ -24,9 +23,6 @@ struct VelmoraIpsecTunnelIfTable {
     IndexWriter(name, index).unsigned32("ifIndex", row.ifIndex());
   }
   static void const * record(IpsecTunnelIfTableEntry const & row) { return row.connStateSource(); }
-  static bool get(IpsecTunnelIfTableEntry const & row, unsigned int, Answer & answer) {
-    return answer.unsigned32(row.connState(), "connState");
-  }
 };
 
 using IpsecWalk = TableWalk<VelmoraIpsecTunnelIfTable>;
@@ -40,13 +36,12 @@ constexpr auto * velmoraIpsecTunnelIfTable_free_loop_context_at_end =
 constexpr std::array<oid, 11> velmoraIpsecTunnelIfTableOid{
     1, 3, 6, 1, 4, 1, VELMORA_ENTERPRISE_NUMBER, 3, 34, 1, 1};
 constexpr std::array<MibIndex, 1> velmoraIpsecTunnelIfTableIndexes{{{"ifIndex", ASN_INTEGER}}};
-std::array<unsigned int, 1> velmoraIpsecTunnelIfTableColumns{1};
 
 MibTableRegistration const velmoraIpsecTunnelIfTableRegistration{
     .table = VelmoraIpsecTunnelIfTable::name,
     .rootOid = velmoraIpsecTunnelIfTableOid,
     .indexes = velmoraIpsecTunnelIfTableIndexes,
-    .validColumns = velmoraIpsecTunnelIfTableColumns,
+    .columns = columnNumbers<VelmoraIpsecTunnelIfTable::Row>(),
     .handler = velmoraIpsecTunnelIfTable_handler,
     .getFirstDataPoint = velmoraIpsecTunnelIfTable_get_first_data_point,
     .getNextDataPoint = velmoraIpsecTunnelIfTable_get_next_data_point,
