@@ -4,6 +4,7 @@
 #pragma once
 
 #include "platform/Plexa.h"
+#include "platform/Snmp.h"
 #include "platform/Zel.h"
 #include <concepts>
 #include <cstdint>
@@ -40,6 +41,8 @@ constexpr std::string_view typeNameOf() {
     return "U32";
   else if constexpr (std::same_as<T, Plexa::IpGenAddr>)
     return "Plexa::IpGenAddr";
+  else if constexpr (std::same_as<T, Snmp::Bytes>)
+    return "Snmp::Bytes";
   else
     return T::typeName;
 }

@@ -43,6 +43,16 @@ TunnelIfTableEntry::TunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIn
     : ifIndex_(ifIndex),
       tunnelIntfStatus_(std::move(tunnelIntfStatus)) {}
 
+Zel::Ptr<TunnelIfTableEntry> TunnelIfTableEntry::TunnelIfTableEntryIs(std::uint32_t ifIndex,
+                                                                      StatusPtr tunnelIntfStatus) {
+  return Zel::makePtr<TunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus));
+}
+
+Zel::Ptr<TunnelIfTableEntry> tunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                       StatusPtr tunnelIntfStatus) {
+  return TunnelIfTableEntry::TunnelIfTableEntryIs(ifIndex, std::move(tunnelIntfStatus));
+}
+
 Zel::Type const & TunnelIfTableEntry::type() const {
   return typeDescription();
 }
@@ -114,6 +124,19 @@ IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntry(std::uint32_t ifIndex, StatusPt
     : ifIndex_(ifIndex),
       tunnelIntfStatus_(std::move(tunnelIntfStatus)),
       ikeStatus_(std::move(ikeStatus)) {}
+
+Zel::Ptr<IpsecTunnelIfTableEntry> IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntryIs(
+    std::uint32_t ifIndex, StatusPtr tunnelIntfStatus, IkeStatusPtr ikeStatus) {
+  return Zel::makePtr<IpsecTunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus),
+                                               std::move(ikeStatus));
+}
+
+Zel::Ptr<IpsecTunnelIfTableEntry> ipsecTunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                                 StatusPtr tunnelIntfStatus,
+                                                                 IkeStatusPtr ikeStatus) {
+  return IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntryIs(ifIndex, std::move(tunnelIntfStatus),
+                                                            std::move(ikeStatus));
+}
 
 Zel::Type const & IpsecTunnelIfTableEntry::type() const {
   return typeDescription();
@@ -229,6 +252,16 @@ TunnelInetConfigTableEntry::TunnelInetConfigTableEntry(TunnelInetConfigTableKey 
     : ifIndex_(ifIndex),
       key_(std::move(key)) {}
 
+TunnelInetConfigTableEntry::TunnelInetConfigTableEntry(Zel::StrepReader & text) {
+  Zel::strepRead(text, *this);
+}
+
+Zel::Ptr<TunnelInetConfigTableEntry const>
+TunnelInetConfigTableEntry::TunnelInetConfigTableEntryIs(TunnelInetConfigTableKey key,
+                                                         std::uint32_t ifIndex) {
+  return Zel::makePtr<TunnelInetConfigTableEntry>(std::move(key), ifIndex);
+}
+
 Zel::Type const & TunnelInetConfigTableEntry::type() const {
   return typeDescription();
 }
@@ -263,11 +296,25 @@ std::span<Column const> TunnelInetConfigTableEntry::columns() {
 
 Zel::Ptr<TunnelInetConfigTableEntry const>
 tunnelInetConfigTableEntryFactory(TunnelInetConfigTableKey key, std::uint32_t ifIndex) {
-  return Zel::makePtr<TunnelInetConfigTableEntry>(std::move(key), ifIndex);
+  return TunnelInetConfigTableEntry::TunnelInetConfigTableEntryIs(std::move(key), ifIndex);
+}
+
+void strepRead(Zel::StrepReader & in, Zel::Ptr<TunnelInetConfigTableEntry const> & entry) {
+  entry = Zel::makePtr<TunnelInetConfigTableEntry>(in);
 }
 
 MibEntryWrapper::MibEntryWrapper(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry)
     : mibEntry_(std::move(mibEntry)) {}
+
+Zel::Ptr<MibEntryWrapper>
+MibEntryWrapper::MibEntryWrapperIs(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry) {
+  return Zel::makePtr<MibEntryWrapper>(std::move(mibEntry));
+}
+
+Zel::Ptr<MibEntryWrapper>
+mibEntryWrapperFactory(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry) {
+  return MibEntryWrapper::MibEntryWrapperIs(std::move(mibEntry));
+}
 
 Zel::Type const & MibEntryWrapper::type() const {
   return typeDescription();
@@ -358,11 +405,13 @@ auto TunnelMib::del(Table & table, typename Table::const_iterator position,
 
 template <class Table>
 void TunnelMib::delAll(Table & table, Zel::Attribute const & attribute) {
+  Zel::FirstException exception; // of a listener: it keeps no other row from going
   for (auto position = table.begin(); position != table.end();) {
     auto const key = position->first;
-    del(table, position, attribute);
-    position = table.findNext(key); // whoever was notified may have changed the table
+    exception.run([&] { del(table, position, attribute); });
+    position = table.findNext(key); // a listener may have changed the table
   }
+  exception.rethrow();
 }
 
 Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTable(std::uint32_t ifIndex) const {
@@ -378,7 +427,7 @@ Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableIs(std::uint32_t ifIndex,
       throw Zel::ReinstantiationError("tunnelIntfStatus");
     return row;
   }
-  auto row = Zel::makePtr<TunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus));
+  auto row = tunnelIfTableEntryFactory(ifIndex, std::move(tunnelIntfStatus));
   row->hasNotificationActiveIs(true);
   tunnelIfTable_.insertOrReplace(place, ifIndex, row);
   notify(tunnelIfTableAttribute(), ifIndex);
@@ -413,8 +462,8 @@ Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTableIs(std::uint32_t 
       throw Zel::ReinstantiationError("ikeStatus");
     return row;
   }
-  auto row = Zel::makePtr<IpsecTunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus),
-                                                   std::move(ikeStatus));
+  auto row =
+      ipsecTunnelIfTableEntryFactory(ifIndex, std::move(tunnelIntfStatus), std::move(ikeStatus));
   row->hasNotificationActiveIs(true);
   ipsecTunnelIfTable_.insertOrReplace(place, ifIndex, row);
   notify(ipsecTunnelIfTableAttribute(), ifIndex);
@@ -471,8 +520,20 @@ void TunnelMib::tunnelInetConfigTableDelAll() {
 
 namespace {
 
+// The fields of a value as attributes. A value is no object: it is read as a whole.
+template <Zel::FieldedValue Value>
+auto fieldAttributes() {
+  auto const describe = []<class Member>(Zel::Field<Value, Member> const & field) {
+    return Zel::Attribute{field.name, typeNameOf<Member>()};
+  };
+  return std::apply([&](auto const &... field) { return std::array{describe(field)...}; },
+                    Value::fields());
+}
+
 Zel::Type const & tunnelInetConfigTableKeyType() {
-  static Zel::Type const type{TunnelInetConfigTableKey::typeName, {}};
+  static auto const list = fieldAttributes<TunnelInetConfigTableKey>();
+  static auto const attributes = attributesOf(list, {});
+  static Zel::Type const type{TunnelInetConfigTableKey::typeName, attributes};
   return type;
 }
 

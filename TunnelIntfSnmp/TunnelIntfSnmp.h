@@ -37,6 +37,8 @@ std::uint32_t modeToEncap(Plexa::TunnelIntfMode mode);
 class TunnelIfTableEntry : public Zel::PtrInterface {
 public:
   TunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus);
+  static Zel::Ptr<TunnelIfTableEntry> TunnelIfTableEntryIs(std::uint32_t ifIndex,
+                                                           StatusPtr tunnelIntfStatus);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
   /// Ascending by number, as in every table here.
@@ -59,12 +61,17 @@ private:
   std::uint32_t const ifIndex_;
   StatusPtr const tunnelIntfStatus_;
 };
+Zel::Ptr<TunnelIfTableEntry> tunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                       StatusPtr tunnelIntfStatus);
 
 /// A row of velmoraIpsecTunnelIfTable.
 class IpsecTunnelIfTableEntry : public Zel::PtrInterface {
 public:
   IpsecTunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus,
                           IkeStatusPtr ikeStatus);
+  static Zel::Ptr<IpsecTunnelIfTableEntry> IpsecTunnelIfTableEntryIs(std::uint32_t ifIndex,
+                                                                     StatusPtr tunnelIntfStatus,
+                                                                     IkeStatusPtr ikeStatus);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
   static std::span<Column const> columns();
@@ -91,6 +98,9 @@ private:
   Ipsec::Ike::IpsecTunnelProfileInfo const mutable * found_ = nullptr;
   std::uint64_t mutable foundAt_ = 0; // the directory's revision then
 };
+Zel::Ptr<IpsecTunnelIfTableEntry> ipsecTunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                                 StatusPtr tunnelIntfStatus,
+                                                                 IkeStatusPtr ikeStatus);
 
 /// The index of tunnelInetConfigTable (RFC 4087). A value; its address type travels in
 /// localInetAddr. Ordered field by field, which is the order of the index as an OID.
@@ -135,6 +145,10 @@ std::ostream & operator<<(std::ostream & out, TunnelInetConfigTableKey const & k
 class TunnelInetConfigTableEntry : public Zel::PtrInterface {
 public:
   TunnelInetConfigTableEntry(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
+  /// Consumes the text form. Raises Zel::StrepError, naming the field where it is one's fault.
+  explicit TunnelInetConfigTableEntry(Zel::StrepReader & text);
+  static Zel::Ptr<TunnelInetConfigTableEntry const>
+  TunnelInetConfigTableEntryIs(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
   static std::span<Column const> columns();
@@ -154,8 +168,8 @@ public:
   static constexpr auto fields();
 
 private:
-  std::uint32_t const ifIndex_;
-  TunnelInetConfigTableKey const key_;
+  std::uint32_t ifIndex_ = 0;
+  TunnelInetConfigTableKey key_;
 };
 constexpr auto TunnelInetConfigTableEntry::fields() {
   return std::tuple{Zel::Field{"key", &TunnelInetConfigTableEntry::key_},
@@ -163,11 +177,16 @@ constexpr auto TunnelInetConfigTableEntry::fields() {
 }
 Zel::Ptr<TunnelInetConfigTableEntry const>
 tunnelInetConfigTableEntryFactory(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
+/// Consumes the text form and makes an entry of it, by which text becomes a value
+/// (Zel::strepToValue).
+void strepRead(Zel::StrepReader & in, Zel::Ptr<TunnelInetConfigTableEntry const> & entry);
 
 /// Keeps the entry that a machine last wrote for an interface, to be deleted by its key later.
 class MibEntryWrapper : public Zel::PtrInterface {
 public:
   explicit MibEntryWrapper(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry);
+  static Zel::Ptr<MibEntryWrapper>
+  MibEntryWrapperIs(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
 
@@ -176,9 +195,11 @@ public:
 private:
   Zel::Ptr<TunnelInetConfigTableEntry const> const mibEntry_;
 };
+Zel::Ptr<MibEntryWrapper>
+mibEntryWrapperFactory(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry);
 
 /// The output of the plug-in: three ordered tables. After each insertion, replacement and deletion
-/// the notifiees hear the table's attribute and the key. A removed row lives on for whoever still
+/// the notifiees hear the table's attribute and the key. A removed row lives on while somebody
 /// holds it. Destruction deletes the rows of the two ifIndex tables one by one, each notified, and
 /// then lets go of the notifiees; what tunnelInetConfigTable holds goes silently.
 class TunnelMib : public Zel::Entity {
@@ -193,6 +214,7 @@ public:
   static Zel::Ptr<TunnelMib> TunnelMibIs(std::string_view name);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  // Notified with the row's key.
   static Zel::Attribute const & tunnelIfTableAttribute();
   static Zel::Attribute const & tunnelInetConfigTableAttribute();
   static Zel::Attribute const & ipsecTunnelIfTableAttribute();
@@ -206,6 +228,8 @@ public:
   /// Removes and returns the row; null when there is none.
   Zel::Ptr<TunnelIfTableEntry> tunnelIfTableDel(std::uint32_t ifIndex);
   Zel::Ptr<TunnelIfTableEntry> tunnelIfTableDel(TunnelIfTable::const_iterator position);
+  /// Removes every row from the smallest key up, each notified. A row that a listener adds
+  /// meanwhile goes, too, if its key is greater than the one just removed.
   void tunnelIfTableDelAll();
 
   IpsecTunnelIfTable const & ipsecTunnelIfTable() const { return ipsecTunnelIfTable_; }
@@ -231,7 +255,7 @@ public:
   tunnelInetConfigTableDel(TunnelInetConfigTableKey const & key);
   Zel::Ptr<TunnelInetConfigTableEntry const>
   tunnelInetConfigTableDel(TunnelInetConfigTable::const_iterator position);
-  /// Removes every row; notifies each only if somebody listens.
+  /// The same; but when nobody listens the table is cleared at once.
   void tunnelInetConfigTableDelAll();
 
 private:
