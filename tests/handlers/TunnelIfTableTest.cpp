@@ -9,6 +9,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 
 Oid const tableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 1};
 constexpr unsigned servedColumns[] = {3, 4, 5, 6, 8, 9, 10};
@@ -309,6 +310,19 @@ TEST_F(TunnelIfTableCallbacks, TraceAHintOfTheWrongType) {
   EXPECT_TRUE(traces.has(0, "hint for ifIndex has incorrect type! Expecting 2 but got 4"));
   EXPECT_TRUE(
       traces.has(2, "tunnelIfTable_get_first_data_point - needed 1 components,found only 0"));
+}
+
+TEST_F(TunnelIfTableCallbacks, MakeNothingOfAHintOfTwoParts) {
+  add(5);
+  add(7);
+  hintPart(7);
+  hintPart(1);
+  loop_ = &hint_;
+  TraceRecorder traces{{"Snmp", "0,2"}};
+  EXPECT_EQ(first(), 5) << "the first row";
+  EXPECT_THAT(traces.texts(), ElementsAre(MatchesRegex(".* number_indexes = 2"),
+                                          MatchesRegex(".* hintMatched=false"),
+                                          MatchesRegex(".* another value: ifIndex=5")));
 }
 
 TEST_F(TunnelIfTableCallbacks, GoOnBehindARowThatWasDeletedUnderTheWalk) {

@@ -169,7 +169,9 @@ TEST_F(VelmoraTable, IsRegisteredForTheDefaultContextOnly) {
   EXPECT_STREQ(registration->handlerName, "velmoraIpsecTunnelIfTable_");
   EXPECT_EQ(Oid(registration->rootoid, registration->rootoid + registration->rootoid_len),
             tableOid);
-  EXPECT_EQ(module.columnInfos.at("").front()->list_count, 1);
+  auto const * columns = module.columnInfos.at("").front();
+  ASSERT_EQ(columns->list_count, 1);
+  EXPECT_EQ(columns->details.list[0], 1u);
   EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("velmoraTunnelMIB", "")));
   TraceRecorder traces{{"Snmp", "1,2,8"}};
   init_velmoraTunnelMIB("vrf1");
