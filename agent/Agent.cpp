@@ -1,5 +1,5 @@
 #include "agent/Agent.h"
-#include "agent/HostIterator.h"
+#include "agent/iterator/HostIterator.h"
 #include "agent/Report.h"
 #include "agent/Status.h"
 #include "platform/Snmp.h"
