@@ -110,6 +110,9 @@ bool Call::understand(netsnmp_request_info const & request) {
   return index.empty() ? walks : understandIndex(index);
 }
 
+/// True if and only if the table has the column. net-snmp knows columns as a list, as ranges, or by
+/// the smallest and the largest number alone; all that it tells is the next column after one. So
+/// the question is put as: which one comes after the number before?
 bool Call::understandColumn(oid number) {
   if (number < asked_.reg_info->min_column || number > asked_.reg_info->max_column)
     return false;
@@ -136,10 +139,12 @@ bool Call::beforeFirstColumn(SubIds name) const {
 }
 
 int Call::get(netsnmp_request_info & request) {
-  Cursor const cursor(table_, root_, asked_);
+  Cursor cursor(table_, root_, asked_);
   SubIds const asked{asked_.index_oid, asked_.index_oid_len};
   auto const found = !cursor.atEnd() && std::ranges::equal(cursor.index(), asked);
-  return askModule(request, found ? cursor.makeDataContext() : nullptr);
+  auto * dataContext = found ? cursor.makeDataContext() : nullptr;
+  cursor.leaveRows();
+  return askModule(request, dataContext);
 }
 
 int Call::walk(netsnmp_request_info & request) {
@@ -151,24 +156,31 @@ int Call::walk(netsnmp_request_info & request) {
 }
 
 /// Answers until enough is answered or the table ends: then the next varbind is one without an
-/// answer, and the agent looks elsewhere for it. False when there is no answer at all, or a cell
-/// that the module does not answer.
+/// answer, and the agent looks elsewhere for it. False when there is no answer at all, a cell that
+/// the module does not answer, or a cell without an instance where the last answer should be.
+///
+/// The loop context carries the walk from one answer to the next: that is what makes a repetition
+/// cheap. Before the last answer it goes, as with net-snmp's iterator, which has one for each: a
+/// module that is asked for a cell must not find a walk of its own under way. If that cell then has
+/// no instance there is no way back into the column, and net-snmp's handlers begin anew.
 bool Call::answerRepetitions(netsnmp_request_info & request) {
   Cursor cursor(table_, root_, asked_);
   skipAsked(cursor);
   netsnmp_variable_list const * last = nullptr;
   for (auto left = repetitions(request); !cursor.atEnd();) {
-    if (!answer(request, cursor))
+    // After it has refused an answer the agent counts more repetitions than there are varbinds.
+    auto const isLast = left == 1 || request.requestvb->next_variable == nullptr;
+    if (!answer(request, cursor, isLast))
       return false;
     auto const type = request.requestvb->type;
     if (isMissing(type)) {
-      if (!seesEnough())
+      auto const isInColumn = type == SNMP_NOSUCHINSTANCE;
+      if (!seesEnough() || (isInColumn && isLast))
         return false;
-      type == SNMP_NOSUCHINSTANCE ? cursor.nextRow() : cursor.nextColumn();
+      isInColumn ? cursor.nextRow() : cursor.nextColumn();
       continue;
     }
-    // After it has refused an answer the agent counts more repetitions than there are varbinds.
-    if (--left == 0 || request.requestvb->next_variable == nullptr) {
+    if (isLast) {
       netsnmp_bulk_to_next_fix_requests(&request);
       return true;
     }
@@ -176,6 +188,7 @@ bool Call::answerRepetitions(netsnmp_request_info & request) {
     last = request.requestvb;
     request.requestvb = last->next_variable;
     --request.repeat;
+    --left;
     cursor.nextRow();
   }
   if (last == nullptr)
@@ -189,8 +202,14 @@ int Call::repetitions(netsnmp_request_info const & request) {
   return request.repeat > 0 && seesEnough() ? request.repeat + 1 : 1;
 }
 
-/// True if and only if the agent will refuse no answer: it does so where the manager may not look,
-/// and then has the requests of the PDU continue in an order that only single steps reproduce.
+/// True if and only if the agent will refuse no answer.
+///
+/// After a handler has answered, the agent looks at each answer's name, and where the manager may
+/// not see it, the agent takes the answer back and asks for the next one. It does so request by
+/// request and then goes on with those that are still open, in an order of its own: what a GETBULK
+/// of several names contains then depends on how many answers each step gave. Only steps of one
+/// answer give what net-snmp's iterator gives. The question is asked once for a call, since looking
+/// through a view costs more than finding a row.
 bool Call::seesEnough() {
   static oid everything[] = {1};
   auto const sees = [this](oid * name, std::size_t length) {
@@ -213,18 +232,25 @@ void Call::skipAsked(Cursor & cursor) const {
     cursor.nextRow();
 }
 
-bool Call::answer(netsnmp_request_info & request, Cursor const & cursor) {
+bool Call::answer(netsnmp_request_info & request, Cursor & cursor, bool isLast) {
   if (cursor.index().empty())
     return false; // it has no room in a name
   auto & varbind = *request.requestvb;
   varbind.type = ASN_NULL;
   snmp_set_var_objid(&varbind, cursor.name().data(), cursor.name().size());
   asked_.indexes = cursor.indexVarbinds();
-  return askModule(request, cursor.makeDataContext()) == SNMP_ERR_NOERROR && request.status == 0 &&
+  auto * dataContext = cursor.makeDataContext();
+  if (isLast)
+    cursor.leaveRows();
+  return askModule(request, dataContext) == SNMP_ERR_NOERROR && request.status == 0 &&
          varbind.type != ASN_NULL && varbind.type != ASN_PRIV_RETRY;
 }
 
-/// The module sees every request as a GET, with its records as net-snmp's iterator leaves them.
+/// The module sees every request as a GET, with its records as net-snmp's iterator leaves them: the
+/// data context and the table information, found by name in a list. Both entries stand on the
+/// stack, in front of what the request has already; when the module returns they are taken out.
+/// They have no function that frees them, so that nothing of ours is freed if the module frees the
+/// list.
 int Call::askModule(netsnmp_request_info & request, void * dataContext) {
   static char tableName[] = TABLE_HANDLER_NAME;
   static char iteratorName[] = TABLE_ITERATOR_NAME;
@@ -235,7 +261,7 @@ int Call::askModule(netsnmp_request_info & request, void * dataContext) {
   auto const mode = std::exchange(agent_->mode, MODE_GET);
   auto const status = netsnmp_call_handler(module_, registration_, agent_, &request);
   agent_->mode = mode;
-  request.parent_data = context.next; // what the module has added stays
+  request.parent_data = context.next; // a module adds its own behind them, and they stay
   if (dataContext != nullptr)
     table_.info->free_data_context(dataContext, table_.info);
   return status;

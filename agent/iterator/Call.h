@@ -39,7 +39,7 @@ private:
   int repetitions(netsnmp_request_info const & request);
   bool seesEnough();
   void skipAsked(Cursor & cursor) const;
-  bool answer(netsnmp_request_info & request, Cursor const & cursor);
+  bool answer(netsnmp_request_info & request, Cursor & cursor, bool isLast);
   int askModule(netsnmp_request_info & request, void * dataContext);
 
   netsnmp_mib_handler * const self_;

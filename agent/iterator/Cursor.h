@@ -49,13 +49,14 @@ public:
   void * makeDataContext() const { return table_.info->make_data_context(loop_, table_.info); }
 
   /// The next row or, after the last one, the first row of the next column. The request's column
-  /// follows.
+  /// follows. Requires for nextRow(): the rows were not left.
   void nextRow();
   void nextColumn();
+  /// Gives the loop context back. The name, the index and its varbinds stay.
+  void leaveRows();
 
 private:
   void firstRow(void * hint);
-  void leaveRows();
   void arriveAt(netsnmp_variable_list * row);
 
   Table const & table_;

@@ -20,6 +20,8 @@
 //               Twice more, each time a row further and into the PDU's next varbind.
 //   Cursor      at the last row of column 3 frees the loop context and starts in column 4 with
 //               get_first_data_point, without a hint.
+//   Call        at the last repetition frees the loop context before the module is asked, as
+//               net-snmp's iterator does for each.
 //
 // When the table ends before the repetitions do, the next varbind stays without an answer and is
 // given the last answer's name: the agent looks for its successor elsewhere. When a module fails at

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
+#include "agent/iterator/HostIterator.h"
 #include "tests/handlers/FailingEncoder.h"
 #include "tests/handlers/InProcessAgent.h"
 #include "tests/support/TraceRecorder.h"
@@ -44,6 +45,22 @@ struct Chain {
   std::vector<netsnmp_request_info> requests;
   std::vector<netsnmp_variable_list *> varbinds;
 };
+
+/// The tables found by net-snmp's table iterator and by the daemon's, one after the other.
+enum class Finder { stock, daemon };
+template <class Fixture>
+class WithEachFinder : public Fixture, public ::testing::WithParamInterface<Finder> {
+protected:
+  WithEachFinder() {
+    if (GetParam() == Finder::daemon) {
+      EXPECT_GT(Agent::installHostIterator(), 0u);
+    }
+  }
+};
+inline auto const eachFinder = ::testing::Values(Finder::stock, Finder::daemon);
+inline std::string finderName(::testing::TestParamInfo<Finder> const & info) {
+  return info.param == Finder::stock ? "Stock" : "Daemon";
+}
 
 /// The iterator's callbacks of the table that `Fixture::registration()` returns, called directly.
 template <class Fixture>

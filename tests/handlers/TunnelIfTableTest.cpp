@@ -230,7 +230,10 @@ TEST_F(TunnelIfTable, DropsAHintThatDoesNotFitIntoASignedNumber) {
                             "does not fit into 32 bits with a sign"));
 }
 
-TEST_F(TunnelIfTable, TracesEveryStepOfARequestInOrder) {
+using TunnelIfTableSteps = WithEachFinder<TunnelIfTable>;
+INSTANTIATE_TEST_SUITE_P(Finders, TunnelIfTableSteps, eachFinder, finderName);
+
+TEST_P(TunnelIfTableSteps, AreTracedInOrder) {
   add(5);
   TraceRecorder traces{{"Snmp", "2"}};
   agent_.get({instance(3, 5)});

@@ -39,7 +39,10 @@ std::string exactly(std::string const & text) {
   return escaped;
 }
 
-TEST_F(TunnelInetConfigTrace, TellsEveryStepOfARequestInOrder) {
+using TunnelInetConfigSteps = WithEachFinder<TunnelInetConfigTrace>;
+INSTANTIATE_TEST_SUITE_P(Finders, TunnelInetConfigSteps, eachFinder, finderName);
+
+TEST_P(TunnelInetConfigSteps, AreTracedInOrder) {
   TraceRecorder traces{{"Snmp", "0,2"}};
   EXPECT_EQ(agent_.get({instance(6, firstIndex)}).varbinds.at(0).integer, 5);
   std::string const another = "tunnelInetConfigTableIterationHelper - iterator has another value: ";

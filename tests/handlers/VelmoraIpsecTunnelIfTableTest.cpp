@@ -118,7 +118,10 @@ TEST_F(VelmoraTable, RefusesEverySetThroughTheInvalidColumn) {
     EXPECT_THAT(text, Not(::testing::HasSubstr("SET is not configured")));
 }
 
-TEST_F(VelmoraTable, TracesEveryStepOfARequestInOrder) {
+using VelmoraSteps = WithEachFinder<VelmoraTable>;
+INSTANTIATE_TEST_SUITE_P(Finders, VelmoraSteps, eachFinder, finderName);
+
+TEST_P(VelmoraSteps, AreTracedInOrder) {
   add(2, Ipsec::Ike::ConnState::up);
   TraceRecorder traces{{"Snmp", "2"}};
   agent_.get({instance(1, 2)});
