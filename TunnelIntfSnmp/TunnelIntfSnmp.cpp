@@ -399,7 +399,7 @@ auto TunnelMib::del(Table & table, typename Table::const_iterator position,
     return decltype(table.erase(position))();
   auto const key = position->first;
   auto row = table.erase(position);
-  notify(attribute, key);
+  tell(attribute, key);
   return row;
 }
 
@@ -430,7 +430,7 @@ Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableIs(std::uint32_t ifIndex,
   auto row = tunnelIfTableEntryFactory(ifIndex, std::move(tunnelIntfStatus));
   row->hasNotificationActiveIs(true);
   tunnelIfTable_.insertOrReplace(place, ifIndex, row);
-  notify(tunnelIfTableAttribute(), ifIndex);
+  tell(tunnelIfTableAttribute(), ifIndex);
   return row;
 }
 
@@ -466,7 +466,7 @@ Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTableIs(std::uint32_t 
       ipsecTunnelIfTableEntryFactory(ifIndex, std::move(tunnelIntfStatus), std::move(ikeStatus));
   row->hasNotificationActiveIs(true);
   ipsecTunnelIfTable_.insertOrReplace(place, ifIndex, row);
-  notify(ipsecTunnelIfTableAttribute(), ifIndex);
+  tell(ipsecTunnelIfTableAttribute(), ifIndex);
   return row;
 }
 
@@ -496,7 +496,7 @@ void TunnelMib::tunnelInetConfigTableIs(TunnelInetConfigTable::const_iterator pl
     return;
   auto const & key = entry->key();
   tunnelInetConfigTable_.insertOrReplace(place, key, entry);
-  notify(tunnelInetConfigTableAttribute(), key);
+  tell(tunnelInetConfigTableAttribute(), key);
 }
 
 Zel::Ptr<TunnelInetConfigTableEntry const>

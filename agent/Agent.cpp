@@ -114,11 +114,15 @@ void Agent::stop() {
   SnmpUtil::entityRootIs({});
   plugin_.reset();
   snmp_.reset();
+  Zel::exceptionReporterIs({});
   Lumo::traceSinkIs({});
 }
 
 void Agent::startPlatform() {
   Lumo::traceSinkIs(writeTrace);
+  Zel::exceptionReporterIs([](std::string_view where, std::exception const & exception) {
+    reportFailure(notifieeExceptions, where, exception);
+  });
   for (auto const & trace : options_.traces)
     Lumo::traceLevelsIs(trace.handle, trace.levelMask);
   Kiln::TaskSchedulerRoot::schedulerIs(scheduler_);
