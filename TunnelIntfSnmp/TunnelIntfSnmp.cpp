@@ -405,13 +405,11 @@ auto TunnelMib::del(Table & table, typename Table::const_iterator position,
 
 template <class Table>
 void TunnelMib::delAll(Table & table, Zel::Attribute const & attribute) {
-  Zel::FirstException exception; // of a listener: it keeps no other row from going
   for (auto position = table.begin(); position != table.end();) {
     auto const key = position->first;
-    exception.run([&] { del(table, position, attribute); });
+    del(table, position, attribute);
     position = table.findNext(key); // a listener may have changed the table
   }
-  exception.rethrow();
 }
 
 Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTable(std::uint32_t ifIndex) const {
