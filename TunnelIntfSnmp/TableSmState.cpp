@@ -16,15 +16,15 @@ Zel::Attribute const & InputSmScanState::idleAttribute() {
 
 void InputSmScanState::ifMibStreamScanIs(bool complete) {
   if (std::exchange(ifMibStreamScan_, complete) != complete)
-    notify(ifMibStreamScanAttribute());
+    tell(ifMibStreamScanAttribute());
 }
 void InputSmScanState::tisStreamScanIs(bool complete) {
   if (std::exchange(tisStreamScan_, complete) != complete)
-    notify(names_.tisStreamScan);
+    tell(names_.tisStreamScan);
 }
 void InputSmScanState::handleIdle() {
   if (!std::exchange(idle_, true))
-    notify(idleAttribute());
+    tell(idleAttribute());
 }
 
 Zel::Attribute const & OutputState::readyAttribute() {
@@ -35,13 +35,13 @@ Zel::Attribute const & OutputState::readyAttribute() {
 void OutputState::outputBecomesReady(std::size_t output) {
   outputsReady_[output] = true;
   handleReady();
-  notify(names_.outputs[output].ready);
+  tell(names_.outputs[output].ready);
 }
 void OutputState::handleReady() {
   if (std::find(outputsReady_.begin(), outputsReady_.end(), false) != outputsReady_.end())
     return;
   ready_ = true;
-  notify(readyAttribute());
+  tell(readyAttribute());
 }
 
 } // namespace TunnelIntfSnmp

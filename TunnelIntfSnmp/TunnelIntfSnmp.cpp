@@ -1,6 +1,7 @@
 // The model: rows, columns, tables, and what the framework is told of their types.
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include <array>
+#include <vector>
 
 namespace TunnelIntfSnmp {
 
@@ -9,6 +10,18 @@ namespace {
 template <auto Member>
 Zel::Attribute attributeOf(std::string_view name, std::string_view typeName) {
   return {name, typeName, Zel::getBy<Member>};
+}
+
+// The attributes of a row: its own, and behind them those that its columns show.
+std::vector<Zel::Attribute const *> attributesOf(std::span<Zel::Attribute const> own,
+                                                 std::span<Column const> columns) {
+  std::vector<Zel::Attribute const *> attributes;
+  for (auto const & attribute : own)
+    attributes.push_back(&attribute);
+  for (auto const & column : columns)
+    if (column.value != nullptr)
+      attributes.push_back(&column.attribute);
+  return attributes;
 }
 
 } // namespace
@@ -34,25 +47,46 @@ TunnelIfTableEntry::TunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIn
     : ifIndex_(ifIndex),
       tunnelIntfStatus_(std::move(tunnelIntfStatus)) {}
 
+Zel::Ptr<TunnelIfTableEntry> TunnelIfTableEntry::TunnelIfTableEntryIs(std::uint32_t ifIndex,
+                                                                      StatusPtr tunnelIntfStatus) {
+  return Zel::makePtr<TunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus));
+}
+
+Zel::Ptr<TunnelIfTableEntry> tunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                       StatusPtr tunnelIntfStatus) {
+  return TunnelIfTableEntry::TunnelIfTableEntryIs(ifIndex, std::move(tunnelIntfStatus));
+}
+
 Zel::Type const & TunnelIfTableEntry::type() const {
   return typeDescription();
 }
 
 Zel::Type const & TunnelIfTableEntry::typeDescription() {
   using Row = TunnelIfTableEntry;
-  static Zel::Attribute const list[] = {
+  static Zel::Attribute const own[] = {
       attributeOf<&Row::ifIndex>("ifIndex", "U32"),
-      attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus"),
-      attributeOf<&Row::encapsMethod>("encapsMethod", "U32"),
-      attributeOf<&Row::hopLimit>("hopLimit", "U8"),
-      attributeOf<&Row::security>("security", "U32"),
-      attributeOf<&Row::tos>("tos", "U8"),
-      attributeOf<&Row::addrType>("addrType", "U32"),
-      attributeOf<&Row::localAddr>("localAddr", "Plexa::IpGenAddr"),
-      attributeOf<&Row::remoteAddr>("remoteAddr", "Plexa::IpGenAddr")};
-  static auto const attributes = Zel::pointersTo(list);
+      attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus")};
+  static auto const attributes = attributesOf(own, columns());
   static Zel::Type const type{"TunnelIntfSnmp::TunnelIfTableEntry", attributes};
   return type;
+}
+
+std::span<Column const> TunnelIfTableEntry::columns() {
+  using Row = TunnelIfTableEntry;
+  using enum SetSays;
+  static constexpr Column list[] = {
+      unservedColumn(1, "tunnelIfLocalAddress", invalidColumn),
+      unservedColumn(2, "tunnelIfRemoteAddress", invalidColumn),
+      servedColumn<&Row::encapsMethod>(3, "tunnelIfEncapsMethod", "encapsMethod", invalidColumn),
+      servedColumn<&Row::hopLimit>(4, "tunnelIfHopLimit", "hopLimit", notConfigured),
+      servedColumn<&Row::security>(5, "tunnelIfSecurity", "security", invalidColumn),
+      servedColumn<&Row::tos>(6, "tunnelIfTOS", "tos", notConfigured),
+      unservedColumn(7, "tunnelIfFlowLabel", notConfigured),
+      servedColumn<&Row::addrType>(8, "tunnelIfAddressType", "addrType", notConfigured),
+      servedColumn<&Row::localAddr>(9, "tunnelIfLocalInetAddress", "localAddr", notConfigured),
+      servedColumn<&Row::remoteAddr>(10, "tunnelIfRemoteInetAddress", "remoteAddr", notConfigured),
+      unservedColumn(11, "tunnelIfEncapsLimit", notConfigured)};
+  return list;
 }
 
 std::uint32_t TunnelIfTableEntry::encapsMethod() const {
@@ -95,20 +129,39 @@ IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntry(std::uint32_t ifIndex, StatusPt
       tunnelIntfStatus_(std::move(tunnelIntfStatus)),
       ikeStatus_(std::move(ikeStatus)) {}
 
+Zel::Ptr<IpsecTunnelIfTableEntry> IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntryIs(
+    std::uint32_t ifIndex, StatusPtr tunnelIntfStatus, IkeStatusPtr ikeStatus) {
+  return Zel::makePtr<IpsecTunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus),
+                                               std::move(ikeStatus));
+}
+
+Zel::Ptr<IpsecTunnelIfTableEntry> ipsecTunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                                 StatusPtr tunnelIntfStatus,
+                                                                 IkeStatusPtr ikeStatus) {
+  return IpsecTunnelIfTableEntry::IpsecTunnelIfTableEntryIs(ifIndex, std::move(tunnelIntfStatus),
+                                                            std::move(ikeStatus));
+}
+
 Zel::Type const & IpsecTunnelIfTableEntry::type() const {
   return typeDescription();
 }
 
 Zel::Type const & IpsecTunnelIfTableEntry::typeDescription() {
   using Row = IpsecTunnelIfTableEntry;
-  static Zel::Attribute const list[] = {
+  static Zel::Attribute const own[] = {
       attributeOf<&Row::ifIndex>("ifIndex", "U32"),
       attributeOf<&Row::tunnelIntfStatus>("tunnelIntfStatus", "Interface::TunnelIntfStatus"),
-      attributeOf<&Row::ikeStatus>("ikeStatus", "Ipsec::Ike::Status"),
-      attributeOf<&Row::connState>("connState", "U32")};
-  static auto const attributes = Zel::pointersTo(list);
+      attributeOf<&Row::ikeStatus>("ikeStatus", "Ipsec::Ike::Status")};
+  static auto const attributes = attributesOf(own, columns());
   static Zel::Type const type{"TunnelIntfSnmp::IpsecTunnelIfTableEntry", attributes};
   return type;
+}
+
+std::span<Column const> IpsecTunnelIfTableEntry::columns() {
+  using Row = IpsecTunnelIfTableEntry;
+  static constexpr Column list[] = {servedColumn<&Row::connState>(
+      1, "velmoraIpsecTunnelIfConnState", "connState", SetSays::invalidColumn)};
+  return list;
 }
 
 namespace {
@@ -189,34 +242,69 @@ TunnelInetConfigTableEntry::TunnelInetConfigTableEntry(TunnelInetConfigTableKey 
     : ifIndex_(ifIndex),
       key_(std::move(key)) {}
 
+TunnelInetConfigTableEntry::TunnelInetConfigTableEntry(Zel::StrepReader & text) {
+  Zel::strepRead(text, *this);
+}
+
+Zel::Ptr<TunnelInetConfigTableEntry const>
+TunnelInetConfigTableEntry::TunnelInetConfigTableEntryIs(TunnelInetConfigTableKey key,
+                                                         std::uint32_t ifIndex) {
+  return Zel::makePtr<TunnelInetConfigTableEntry>(std::move(key), ifIndex);
+}
+
 Zel::Type const & TunnelInetConfigTableEntry::type() const {
   return typeDescription();
 }
 
 Zel::Type const & TunnelInetConfigTableEntry::typeDescription() {
   using Row = TunnelInetConfigTableEntry;
-  static Zel::Attribute const list[] = {
+  static Zel::Attribute const own[] = {
       attributeOf<&Row::key>("key", TunnelInetConfigTableKey::typeName),
       attributeOf<&Row::addrType>("addrType", "U32"),
       attributeOf<&Row::localAddr>("localAddr", "Snmp::Bytes"),
       attributeOf<&Row::remoteAddr>("remoteAddr", "Snmp::Bytes"),
       attributeOf<&Row::encapsMethod>("encapsMethod", "U32"),
-      attributeOf<&Row::configId>("configId", "U32"),
-      attributeOf<&Row::ifIndex>("ifIndex", "U32"),
-      attributeOf<&Row::rowStatus>("rowStatus", "U32"),
-      attributeOf<&Row::storageType>("storageType", "U32")};
-  static auto const attributes = Zel::pointersTo(list);
+      attributeOf<&Row::configId>("configId", "U32")};
+  static auto const attributes = attributesOf(own, columns());
   static Zel::Type const type{typeName, attributes};
   return type;
 }
 
+// Columns 1 to 5 are the index, which no manager may ask for.
+std::span<Column const> TunnelInetConfigTableEntry::columns() {
+  using Row = TunnelInetConfigTableEntry;
+  using enum SetSays;
+  static constexpr Column list[] = {
+      servedColumn<&Row::ifIndex, std::int32_t>(6, "tunnelInetConfigIfIndex", "ifIndex",
+                                                invalidColumn),
+      servedColumn<&Row::rowStatus, std::int32_t>(7, "tunnelInetConfigStatus", "rowStatus",
+                                                  notConfigured),
+      servedColumn<&Row::storageType, std::int32_t>(8, "tunnelInetConfigStorageType", "storageType",
+                                                    notConfigured)};
+  return list;
+}
+
 Zel::Ptr<TunnelInetConfigTableEntry const>
 tunnelInetConfigTableEntryFactory(TunnelInetConfigTableKey key, std::uint32_t ifIndex) {
-  return Zel::makePtr<TunnelInetConfigTableEntry>(std::move(key), ifIndex);
+  return TunnelInetConfigTableEntry::TunnelInetConfigTableEntryIs(std::move(key), ifIndex);
+}
+
+void strepRead(Zel::StrepReader & in, Zel::Ptr<TunnelInetConfigTableEntry const> & entry) {
+  entry = Zel::makePtr<TunnelInetConfigTableEntry>(in);
 }
 
 MibEntryWrapper::MibEntryWrapper(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry)
     : mibEntry_(std::move(mibEntry)) {}
+
+Zel::Ptr<MibEntryWrapper>
+MibEntryWrapper::MibEntryWrapperIs(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry) {
+  return Zel::makePtr<MibEntryWrapper>(std::move(mibEntry));
+}
+
+Zel::Ptr<MibEntryWrapper>
+mibEntryWrapperFactory(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry) {
+  return MibEntryWrapper::MibEntryWrapperIs(std::move(mibEntry));
+}
 
 Zel::Type const & MibEntryWrapper::type() const {
   return typeDescription();
@@ -301,7 +389,7 @@ auto TunnelMib::del(Table & table, typename Table::const_iterator position,
     return decltype(table.erase(position))();
   auto const key = position->first;
   auto row = table.erase(position);
-  notify(attribute, key);
+  tell(attribute, key);
   return row;
 }
 
@@ -310,7 +398,7 @@ void TunnelMib::delAll(Table & table, Zel::Attribute const & attribute) {
   for (auto position = table.begin(); position != table.end();) {
     auto const key = position->first;
     del(table, position, attribute);
-    position = table.findNext(key); // whoever was notified may have changed the table
+    position = table.findNext(key); // a listener may have changed the table
   }
 }
 
@@ -327,10 +415,10 @@ Zel::Ptr<TunnelIfTableEntry> TunnelMib::tunnelIfTableIs(std::uint32_t ifIndex,
       throw Zel::ReinstantiationError("tunnelIntfStatus");
     return row;
   }
-  auto row = Zel::makePtr<TunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus));
+  auto row = tunnelIfTableEntryFactory(ifIndex, std::move(tunnelIntfStatus));
   row->hasNotificationActiveIs(true);
   tunnelIfTable_.insertOrReplace(place, ifIndex, row);
-  notify(tunnelIfTableAttribute(), ifIndex);
+  tell(tunnelIfTableAttribute(), ifIndex);
   return row;
 }
 
@@ -362,11 +450,11 @@ Zel::Ptr<IpsecTunnelIfTableEntry> TunnelMib::ipsecTunnelIfTableIs(std::uint32_t 
       throw Zel::ReinstantiationError("ikeStatus");
     return row;
   }
-  auto row = Zel::makePtr<IpsecTunnelIfTableEntry>(ifIndex, std::move(tunnelIntfStatus),
-                                                   std::move(ikeStatus));
+  auto row =
+      ipsecTunnelIfTableEntryFactory(ifIndex, std::move(tunnelIntfStatus), std::move(ikeStatus));
   row->hasNotificationActiveIs(true);
   ipsecTunnelIfTable_.insertOrReplace(place, ifIndex, row);
-  notify(ipsecTunnelIfTableAttribute(), ifIndex);
+  tell(ipsecTunnelIfTableAttribute(), ifIndex);
   return row;
 }
 
@@ -396,7 +484,7 @@ void TunnelMib::tunnelInetConfigTableIs(TunnelInetConfigTable::const_iterator pl
     return;
   auto const & key = entry->key();
   tunnelInetConfigTable_.insertOrReplace(place, key, entry);
-  notify(tunnelInetConfigTableAttribute(), key);
+  tell(tunnelInetConfigTableAttribute(), key);
 }
 
 Zel::Ptr<TunnelInetConfigTableEntry const>
@@ -420,8 +508,20 @@ void TunnelMib::tunnelInetConfigTableDelAll() {
 
 namespace {
 
+// The fields of a value as attributes. A value is no object: it is read as a whole.
+template <Zel::FieldedValue Value>
+auto fieldAttributes() {
+  auto const describe = []<class Member>(Zel::Field<Value, Member> const & field) {
+    return Zel::Attribute{field.name, typeNameOf<Member>()};
+  };
+  return std::apply([&](auto const &... field) { return std::array{describe(field)...}; },
+                    Value::fields());
+}
+
 Zel::Type const & tunnelInetConfigTableKeyType() {
-  static Zel::Type const type{TunnelInetConfigTableKey::typeName, {}};
+  static auto const list = fieldAttributes<TunnelInetConfigTableKey>();
+  static auto const attributes = attributesOf(list, {});
+  static Zel::Type const type{TunnelInetConfigTableKey::typeName, attributes};
   return type;
 }
 

@@ -4,6 +4,7 @@
 // The table state machines write the tables; the MIB handlers read them. All on one thread.
 #pragma once
 
+#include "TunnelIntfSnmp/Column.h"
 #include "platform/Interface.h"
 #include "platform/Ipsec.h"
 #include "platform/Lumo.h"
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <ostream>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -35,8 +37,12 @@ std::uint32_t modeToEncap(Plexa::TunnelIntfMode mode);
 class TunnelIfTableEntry : public Zel::PtrInterface {
 public:
   TunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus);
+  static Zel::Ptr<TunnelIfTableEntry> TunnelIfTableEntryIs(std::uint32_t ifIndex,
+                                                           StatusPtr tunnelIntfStatus);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  /// Ascending by number, as in every table here.
+  static std::span<Column const> columns();
 
   std::uint32_t ifIndex() const { return ifIndex_; }
   StatusPtr const & tunnelIntfStatus() const { return tunnelIntfStatus_; }
@@ -55,14 +61,20 @@ private:
   std::uint32_t const ifIndex_;
   StatusPtr const tunnelIntfStatus_;
 };
+Zel::Ptr<TunnelIfTableEntry> tunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                       StatusPtr tunnelIntfStatus);
 
 /// A row of velmoraIpsecTunnelIfTable.
 class IpsecTunnelIfTableEntry : public Zel::PtrInterface {
 public:
   IpsecTunnelIfTableEntry(std::uint32_t ifIndex, StatusPtr tunnelIntfStatus,
                           IkeStatusPtr ikeStatus);
+  static Zel::Ptr<IpsecTunnelIfTableEntry> IpsecTunnelIfTableEntryIs(std::uint32_t ifIndex,
+                                                                     StatusPtr tunnelIntfStatus,
+                                                                     IkeStatusPtr ikeStatus);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  static std::span<Column const> columns();
 
   std::uint32_t ifIndex() const { return ifIndex_; }
   StatusPtr const & tunnelIntfStatus() const { return tunnelIntfStatus_; }
@@ -81,6 +93,9 @@ private:
   StatusPtr const tunnelIntfStatus_;
   IkeStatusPtr const ikeStatus_;
 };
+Zel::Ptr<IpsecTunnelIfTableEntry> ipsecTunnelIfTableEntryFactory(std::uint32_t ifIndex,
+                                                                 StatusPtr tunnelIntfStatus,
+                                                                 IkeStatusPtr ikeStatus);
 
 /// The index of tunnelInetConfigTable (RFC 4087). A value; its address type travels in
 /// localInetAddr. Ordered field by field, which is the order of the index as an OID.
@@ -125,8 +140,13 @@ std::ostream & operator<<(std::ostream & out, TunnelInetConfigTableKey const & k
 class TunnelInetConfigTableEntry : public Zel::PtrInterface {
 public:
   TunnelInetConfigTableEntry(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
+  /// Consumes the text form. Raises Zel::StrepError, naming the field where it is one's fault.
+  explicit TunnelInetConfigTableEntry(Zel::StrepReader & text);
+  static Zel::Ptr<TunnelInetConfigTableEntry const>
+  TunnelInetConfigTableEntryIs(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  static std::span<Column const> columns();
 
   TunnelInetConfigTableKey const & key() const { return key_; }
   std::uint32_t addrType() const { return key_.localInetAddr().addressType(); }
@@ -143,8 +163,8 @@ public:
   static constexpr auto fields();
 
 private:
-  std::uint32_t const ifIndex_;
-  TunnelInetConfigTableKey const key_;
+  std::uint32_t ifIndex_ = 0;
+  TunnelInetConfigTableKey key_;
 };
 constexpr auto TunnelInetConfigTableEntry::fields() {
   return std::tuple{Zel::Field{"key", &TunnelInetConfigTableEntry::key_},
@@ -152,11 +172,16 @@ constexpr auto TunnelInetConfigTableEntry::fields() {
 }
 Zel::Ptr<TunnelInetConfigTableEntry const>
 tunnelInetConfigTableEntryFactory(TunnelInetConfigTableKey key, std::uint32_t ifIndex);
+/// Consumes the text form and makes an entry of it, by which text becomes a value
+/// (Zel::strepToValue).
+void strepRead(Zel::StrepReader & in, Zel::Ptr<TunnelInetConfigTableEntry const> & entry);
 
 /// Keeps the entry that a machine last wrote for an interface, to be deleted by its key later.
 class MibEntryWrapper : public Zel::PtrInterface {
 public:
   explicit MibEntryWrapper(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry);
+  static Zel::Ptr<MibEntryWrapper>
+  MibEntryWrapperIs(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
 
@@ -165,9 +190,11 @@ public:
 private:
   Zel::Ptr<TunnelInetConfigTableEntry const> const mibEntry_;
 };
+Zel::Ptr<MibEntryWrapper>
+mibEntryWrapperFactory(Zel::Ptr<TunnelInetConfigTableEntry const> mibEntry);
 
 /// The output of the plug-in: three ordered tables. After each insertion, replacement and deletion
-/// the notifiees hear the table's attribute and the key. A removed row lives on for whoever still
+/// the notifiees hear the table's attribute and the key. A removed row lives on while somebody
 /// holds it. Destruction deletes the rows of the two ifIndex tables one by one, each notified, and
 /// then lets go of the notifiees; what tunnelInetConfigTable holds goes silently.
 class TunnelMib : public Zel::Entity {
@@ -182,6 +209,7 @@ public:
   static Zel::Ptr<TunnelMib> TunnelMibIs(std::string_view name);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
+  // Notified with the row's key.
   static Zel::Attribute const & tunnelIfTableAttribute();
   static Zel::Attribute const & tunnelInetConfigTableAttribute();
   static Zel::Attribute const & ipsecTunnelIfTableAttribute();
@@ -195,6 +223,8 @@ public:
   /// Removes and returns the row; null when there is none.
   Zel::Ptr<TunnelIfTableEntry> tunnelIfTableDel(std::uint32_t ifIndex);
   Zel::Ptr<TunnelIfTableEntry> tunnelIfTableDel(TunnelIfTable::const_iterator position);
+  /// Removes every row from the smallest key up, each notified. A row that a listener adds
+  /// meanwhile goes, too, if its key is greater than the one just removed.
   void tunnelIfTableDelAll();
 
   IpsecTunnelIfTable const & ipsecTunnelIfTable() const { return ipsecTunnelIfTable_; }
@@ -220,7 +250,7 @@ public:
   tunnelInetConfigTableDel(TunnelInetConfigTableKey const & key);
   Zel::Ptr<TunnelInetConfigTableEntry const>
   tunnelInetConfigTableDel(TunnelInetConfigTable::const_iterator position);
-  /// Removes every row; notifies each only if somebody listens.
+  /// The same; but when nobody listens the table is cleared at once.
   void tunnelInetConfigTableDelAll();
 
 private:

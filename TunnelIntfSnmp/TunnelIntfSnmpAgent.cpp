@@ -36,6 +36,21 @@ TunnelIntfSnmpAgent::~TunnelIntfSnmpAgent() {
   ipsecTunnelIfTableSmDel();
 }
 
+Zel::Ptr<TunnelIntfSnmpAgent>
+TunnelIntfSnmpAgent::TunnelIntfSnmpAgentIs(Zel::Ptr<TunnelMib> tunnelMib,
+                                           StatusDirPtr tunnelIntfStatusDir, IfMibPtr ifMib,
+                                           IkeStatusPtr ikeStatus) {
+  return Zel::makePtr<TunnelIntfSnmpAgent>(std::move(tunnelMib), std::move(tunnelIntfStatusDir),
+                                           std::move(ifMib), std::move(ikeStatus));
+}
+
+Zel::Ptr<TunnelIntfSnmpAgent> tunnelIntfSnmpAgentFactory(Zel::Ptr<TunnelMib> tunnelMib,
+                                                         StatusDirPtr tunnelIntfStatusDir,
+                                                         IfMibPtr ifMib, IkeStatusPtr ikeStatus) {
+  return TunnelIntfSnmpAgent::TunnelIntfSnmpAgentIs(
+      std::move(tunnelMib), std::move(tunnelIntfStatusDir), std::move(ifMib), std::move(ikeStatus));
+}
+
 void TunnelIntfSnmpAgent::handleInitialized() {
   LUMO_TRACE(agentTrace(), 8, "Enter {}",
              "void TunnelIntfSnmp::TunnelIntfSnmpAgent::handleInitialized()");
@@ -63,16 +78,16 @@ bool hasInputs(IpsecTunnelIfTableSm const & sm, Zel::Ptr<TunnelMib> const & tunn
   return hasInputs(sm, tunnelMib, tunnelIntfStatusDir, ifMib) && sm.ikeStatus() == ikeStatus;
 }
 
-// Finds or replaces the machine that an attribute holds.
-template <class Sm, class... Inputs>
-Zel::Ptr<Sm> smIs(Zel::Ptr<Sm> & attribute, Flowa::SmControl const & smControl,
+// Finds or replaces the machine that an attribute holds. `create` is the machine's own operation.
+template <class Sm, class Create, class... Inputs>
+Zel::Ptr<Sm> smIs(Zel::Ptr<Sm> & attribute, Create create, Flowa::SmControl const & smControl,
                   Inputs const &... inputs) {
   if (attribute) {
     attribute->flowaControlIs(smControl);
     if (hasInputs(*attribute, inputs...))
       return attribute;
   }
-  attribute = Zel::makePtr<Sm>(inputs..., smControl);
+  attribute = create(inputs..., smControl);
   attribute->hasNotificationActiveIs(true);
   return attribute;
 }
@@ -83,19 +98,22 @@ Zel::Ptr<TunnelIfTableSm>
 TunnelIntfSnmpAgent::tunnelIfTableSmIs(Zel::Ptr<TunnelMib> const & tunnelMib,
                                        StatusDirPtr const & tunnelIntfStatusDir,
                                        IfMibPtr const & ifMib, Flowa::SmControl const & smControl) {
-  return smIs(tunnelIfTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib);
+  return smIs(tunnelIfTableSm_, TunnelIfTableSm::TunnelIfTableSmIs, smControl, tunnelMib,
+              tunnelIntfStatusDir, ifMib);
 }
 
 Zel::Ptr<TunnelInetConfigTableSm> TunnelIntfSnmpAgent::tunnelInetConfigTableSmIs(
     Zel::Ptr<TunnelMib> const & tunnelMib, StatusDirPtr const & tunnelIntfStatusDir,
     IfMibPtr const & ifMib, Flowa::SmControl const & smControl) {
-  return smIs(tunnelInetConfigTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib);
+  return smIs(tunnelInetConfigTableSm_, TunnelInetConfigTableSm::TunnelInetConfigTableSmIs,
+              smControl, tunnelMib, tunnelIntfStatusDir, ifMib);
 }
 
 Zel::Ptr<IpsecTunnelIfTableSm> TunnelIntfSnmpAgent::ipsecTunnelIfTableSmIs(
     Zel::Ptr<TunnelMib> const & tunnelMib, StatusDirPtr const & tunnelIntfStatusDir,
     IfMibPtr const & ifMib, IkeStatusPtr const & ikeStatus, Flowa::SmControl const & smControl) {
-  return smIs(ipsecTunnelIfTableSm_, smControl, tunnelMib, tunnelIntfStatusDir, ifMib, ikeStatus);
+  return smIs(ipsecTunnelIfTableSm_, IpsecTunnelIfTableSm::IpsecTunnelIfTableSmIs, smControl,
+              tunnelMib, tunnelIntfStatusDir, ifMib, ikeStatus);
 }
 
 void TunnelIntfSnmpAgent::tunnelIfTableSmDel() {
@@ -135,7 +153,7 @@ Zel::Ptr<TunnelIntfSnmpAgent> Root::tunnelIntfSnmpAgentIs(Zel::Ptr<TunnelMib> co
       agent_->tunnelIntfStatusDir() == tunnelIntfStatusDir && agent_->ifMib() == ifMib &&
       agent_->ikeStatus() == ikeStatus)
     return agent_;
-  auto agent = Zel::makePtr<TunnelIntfSnmpAgent>(tunnelMib, tunnelIntfStatusDir, ifMib, ikeStatus);
+  auto agent = tunnelIntfSnmpAgentFactory(tunnelMib, tunnelIntfStatusDir, ifMib, ikeStatus);
   agent->hasNotificationActiveIs(true);
   agent_ = agent;
   notify(tunnelIntfSnmpAgentAttribute());
@@ -224,7 +242,8 @@ std::array<Zel::Type const *, 2> const types{&Root::typeDescription(),
 constexpr auto outsideTypes = std::to_array<std::string_view>(
     {"TunnelIntfSnmp::TunnelMib", "TunnelIntfSnmp::TunnelIfTableSm",
      "TunnelIntfSnmp::TunnelInetConfigTableSm", "TunnelIntfSnmp::IpsecTunnelIfTableSm",
-     "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib", "Ipsec::Ike::Status"});
+     "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib", "Ipsec::Ike::Status",
+     "Flowa::SmControl"});
 Zel::Module const moduleRecord{unitName, "ns-", types, outsideTypes};
 Zel::zelModuleIs const _TunnelIntfSnmpAgent_4f04f781_zelModule(moduleRecord);
 

@@ -21,6 +21,10 @@ public:
   TunnelIntfSnmpAgent(Zel::Ptr<TunnelMib> tunnelMib, StatusDirPtr tunnelIntfStatusDir,
                       IfMibPtr ifMib, IkeStatusPtr ikeStatus);
   ~TunnelIntfSnmpAgent() override;
+  static Zel::Ptr<TunnelIntfSnmpAgent> TunnelIntfSnmpAgentIs(Zel::Ptr<TunnelMib> tunnelMib,
+                                                             StatusDirPtr tunnelIntfStatusDir,
+                                                             IfMibPtr ifMib,
+                                                             IkeStatusPtr ikeStatus);
   Zel::Type const & type() const override;
   static Zel::Type const & typeDescription();
 
@@ -72,6 +76,9 @@ private:
   Zel::Ptr<TunnelInetConfigTableSm> tunnelInetConfigTableSm_;
   Zel::Ptr<IpsecTunnelIfTableSm> ipsecTunnelIfTableSm_;
 };
+Zel::Ptr<TunnelIntfSnmpAgent> tunnelIntfSnmpAgentFactory(Zel::Ptr<TunnelMib> tunnelMib,
+                                                         StatusDirPtr tunnelIntfStatusDir,
+                                                         IfMibPtr ifMib, IkeStatusPtr ikeStatus);
 
 /// The entity by which a host reaches the plug-in. It notifies `tunnelIntfSnmpAgent`.
 class Root : public Zel::Entity {

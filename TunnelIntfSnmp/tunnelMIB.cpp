@@ -2,105 +2,42 @@
 // alike is in MibTable.h.
 #include "TunnelIntfSnmp/tunnelMIB.h"
 #include "TunnelIntfSnmp/MibTable.h"
-#include <array>
+#include <iterator>
 
 namespace TunnelIntfSnmp {
 
 namespace {
 
 // tunnelIfTable, RFC 4087: one row for each tunnel interface, indexed by ifIndex
-struct TunnelIfTable {
+struct TunnelIfTable : IfIndexTable<TunnelIfTable, TunnelIfTableEntry> {
   static constexpr char const * name = "tunnelIfTable";
-  static constexpr char const * keyType = "U32";
-  static constexpr std::array<MibColumn, 11> columns{{
-      {1, "tunnelIfLocalAddress", false, false},
-      {2, "tunnelIfRemoteAddress", false, false},
-      {3, "tunnelIfEncapsMethod", true, false},
-      {4, "tunnelIfHopLimit", true, true},
-      {5, "tunnelIfSecurity", true, false},
-      {6, "tunnelIfTOS", true, true},
-      {7, "tunnelIfFlowLabel", false, true},
-      {8, "tunnelIfAddressType", true, true},
-      {9, "tunnelIfLocalInetAddress", true, true},
-      {10, "tunnelIfRemoteInetAddress", true, true},
-      {11, "tunnelIfEncapsLimit", false, true},
-  }};
+  static constexpr oid rootOid[] = {1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 1};
 
   static TunnelMib::TunnelIfTable const & rows(TunnelMib const & mib) {
     return mib.tunnelIfTable();
   }
-  static std::uint32_t key(TunnelIfTableEntry const & row) { return row.ifIndex(); }
-  static std::optional<std::uint32_t> hintKey(Hint hint) { return ifIndexOfHint(name, hint); }
-  static void setIndexes(TunnelIfTableEntry const & row, netsnmp_variable_list * index) {
-    IndexWriter(name, index).unsigned32("ifIndex", row.ifIndex());
-  }
-  static void const * record(TunnelIfTableEntry const & row) {
-    return row.tunnelIntfStatus().get();
-  }
-  static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
-    switch (column) {
-    case 3:
-      return answer.unsigned32(row.encapsMethod(), "encapsMethod");
-    case 4:
-      return answer.unsigned32(row.hopLimit(), "hopLimit");
-    case 5:
-      return answer.unsigned32(row.security(), "security");
-    case 6:
-      return answer.unsigned32(row.tos(), "tos");
-    case 8:
-      return answer.unsigned32(row.addrType(), "addrType");
-    case 9:
-      return answer.address(row.localAddr(), "localAddr");
-    case 10:
-      return answer.address(row.remoteAddr(), "remoteAddr");
-    }
-    LUMO_ASSERT(false, "column {} of {} is said to be served", column, name);
-  }
+  static void const * record(Row const & row) { return row.tunnelIntfStatus().get(); }
 };
-
-using TunnelIfTableWalk = TableWalk<TunnelIfTable>;
-constexpr auto * tunnelIfTable_get_first_data_point = TunnelIfTableWalk::getFirst;
-constexpr auto * tunnelIfTable_get_next_data_point = TunnelIfTableWalk::getNext;
-constexpr auto * tunnelIfTable_make_data_context = TunnelIfTableWalk::makeDataContext;
-constexpr auto * tunnelIfTable_free_data_context = TunnelIfTableWalk::freeDataContext;
-constexpr auto * tunnelIfTable_free_loop_context_at_end = TunnelIfTableWalk::freeLoopContextAtEnd;
-
-constexpr std::array<oid, 11> tunnelIfTableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 1};
-constexpr std::array<MibIndex, 1> tunnelIfTableIndexes{{{"ifIndex", ASN_INTEGER}}};
-// Registered whole: the columns that are not served are refused by the handler.
-std::array<unsigned int, 11> tunnelIfTableColumns{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
-
-MibTableRegistration const tunnelIfTableRegistration{
-    .table = TunnelIfTable::name,
-    .rootOid = tunnelIfTableOid,
-    .indexes = tunnelIfTableIndexes,
-    .validColumns = tunnelIfTableColumns,
-    .handler = tunnelIfTable_handler,
-    .getFirstDataPoint = tunnelIfTable_get_first_data_point,
-    .getNextDataPoint = tunnelIfTable_get_next_data_point,
-    .makeDataContext = tunnelIfTable_make_data_context,
-    .freeDataContext = tunnelIfTable_free_data_context,
-    .freeLoopContextAtEnd = tunnelIfTable_free_loop_context_at_end};
 
 // tunnelInetConfigTable, RFC 4087: one row for each pair of endpoints, indexed by type, local
 // address, remote address, encapsulation and id
 struct TunnelInetConfigTable {
+  using Row = TunnelInetConfigTableEntry;
   static constexpr char const * name = "tunnelInetConfigTable";
   static constexpr char const * keyType = "TunnelIntfSnmp::TunnelInetConfigTableKey";
-  static constexpr std::array<MibColumn, 3> columns{{
-      {6, "tunnelInetConfigIfIndex", true, false},
-      {7, "tunnelInetConfigStatus", true, true},
-      {8, "tunnelInetConfigStorageType", true, true},
-  }};
+  static constexpr oid rootOid[] = {1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 3};
+  static constexpr MibIndex indexes[] = {{"tunnelInetConfigAddressType", ASN_INTEGER},
+                                         {"tunnelInetConfigLocalAddress", ASN_OCTET_STR},
+                                         {"tunnelInetConfigRemoteAddress", ASN_OCTET_STR},
+                                         {"tunnelInetConfigEncapsMethod", ASN_INTEGER},
+                                         {"tunnelInetConfigID", ASN_INTEGER}};
 
   static TunnelMib::TunnelInetConfigTable const & rows(TunnelMib const & mib) {
     return mib.tunnelInetConfigTable();
   }
-  static TunnelInetConfigTableKey const & key(TunnelInetConfigTableEntry const & row) {
-    return row.key();
-  }
+  static TunnelInetConfigTableKey const & key(Row const & row) { return row.key(); }
   static std::optional<TunnelInetConfigTableKey> hintKey(Hint hint);
-  static void setIndexes(TunnelInetConfigTableEntry const & row, netsnmp_variable_list * index) {
+  static void setIndexes(Row const & row, netsnmp_variable_list * index) {
     IndexWriter(name, index)
         .unsigned32("addrType", row.addrType())
         .octets("localAddr", row.localAddr())
@@ -108,18 +45,7 @@ struct TunnelInetConfigTable {
         .unsigned32("encapsMethod", row.encapsMethod())
         .unsigned32("configId", row.configId());
   }
-  static void const * record(TunnelInetConfigTableEntry const &) { return nullptr; }
-  static bool get(TunnelInetConfigTableEntry const & row, unsigned int column, Answer & answer) {
-    switch (column) {
-    case 6:
-      return answer.signed32(static_cast<std::int32_t>(row.ifIndex()), "ifIndex");
-    case 7:
-      return answer.signed32(static_cast<std::int32_t>(row.rowStatus()), "rowStatus");
-    case 8:
-      return answer.signed32(static_cast<std::int32_t>(row.storageType()), "storageType");
-    }
-    LUMO_ASSERT(false, "column {} of {} is said to be served", column, name);
-  }
+  static void const * record(Row const &) { return nullptr; }
 };
 
 std::uint32_t keyNumber(std::int32_t part) {
@@ -129,13 +55,14 @@ std::uint32_t keyNumber(std::int32_t part) {
 }
 
 std::optional<TunnelInetConfigTableKey> TunnelInetConfigTable::hintKey(Hint hint) {
-  constexpr std::size_t components = 5;
-  HintReader parts(name, hint != nullptr && hint->number_indexes == components ? hint : nullptr);
-  auto const addressType = parts.integer("tunnelInetConfigAddressType");
-  auto const local = parts.octets("tunnelInetConfigLocalAddress");
-  auto const remote = parts.octets("tunnelInetConfigRemoteAddress");
-  auto const encapsMethod = parts.integer("tunnelInetConfigEncapsMethod");
-  auto const configId = parts.integer("tunnelInetConfigID");
+  constexpr auto components = std::size(indexes);
+  auto const isComplete = hint != nullptr && hint->number_indexes == components;
+  HintReader parts(name, indexes, isComplete ? hint : nullptr);
+  auto const addressType = parts.integer();
+  auto const local = parts.octets();
+  auto const remote = parts.octets();
+  auto const encapsMethod = parts.integer();
+  auto const configId = parts.integer();
   if (parts.found() < components) {
     LUMO_TRACE(snmpTrace(), 2, "{}_get_first_data_point - needed {} components, found only {}",
                name, components, parts.found());
@@ -144,35 +71,6 @@ std::optional<TunnelInetConfigTableKey> TunnelInetConfigTable::hintKey(Hint hint
   return TunnelInetConfigTableKey(Snmp::InetAddress(keyNumber(*addressType), *local), *remote,
                                   keyNumber(*encapsMethod), keyNumber(*configId));
 }
-
-using InetConfigWalk = TableWalk<TunnelInetConfigTable>;
-constexpr auto * tunnelInetConfigTable_get_first_data_point = InetConfigWalk::getFirst;
-constexpr auto * tunnelInetConfigTable_get_next_data_point = InetConfigWalk::getNext;
-constexpr auto * tunnelInetConfigTable_make_data_context = InetConfigWalk::makeDataContext;
-constexpr auto * tunnelInetConfigTable_free_data_context = InetConfigWalk::freeDataContext;
-constexpr auto * tunnelInetConfigTable_free_loop_context_at_end =
-    InetConfigWalk::freeLoopContextAtEnd;
-
-constexpr std::array<oid, 11> tunnelInetConfigTableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 3};
-constexpr std::array<MibIndex, 5> tunnelInetConfigTableIndexes{
-    {{"tunnelInetConfigAddressType", ASN_INTEGER},
-     {"tunnelInetConfigLocalAddress", ASN_OCTET_STR},
-     {"tunnelInetConfigRemoteAddress", ASN_OCTET_STR},
-     {"tunnelInetConfigEncapsMethod", ASN_INTEGER},
-     {"tunnelInetConfigID", ASN_INTEGER}}};
-std::array<unsigned int, 3> tunnelInetConfigTableColumns{6, 7, 8};
-
-MibTableRegistration const tunnelInetConfigTableRegistration{
-    .table = TunnelInetConfigTable::name,
-    .rootOid = tunnelInetConfigTableOid,
-    .indexes = tunnelInetConfigTableIndexes,
-    .validColumns = tunnelInetConfigTableColumns,
-    .handler = tunnelInetConfigTable_handler,
-    .getFirstDataPoint = tunnelInetConfigTable_get_first_data_point,
-    .getNextDataPoint = tunnelInetConfigTable_get_next_data_point,
-    .makeDataContext = tunnelInetConfigTable_make_data_context,
-    .freeDataContext = tunnelInetConfigTable_free_data_context,
-    .freeLoopContextAtEnd = tunnelInetConfigTable_free_loop_context_at_end};
 
 // The module, and how the agent learns of it when the library is loaded
 
@@ -209,11 +107,12 @@ void unregister_tunnelMIB(Zel::String context) {
 }
 
 void initialize_table_tunnelIfTable(Snmp::Config::PtrConst, Zel::String context) {
-  initializeTable(tunnelMIB, tunnelIfTableRegistration, context);
+  initializeTable(tunnelMIB, registrationOf<TunnelIfTable>(tunnelIfTable_handler), context);
 }
 
 void initialize_table_tunnelInetConfigTable(Snmp::Config::PtrConst, Zel::String context) {
-  initializeTable(tunnelMIB, tunnelInetConfigTableRegistration, context);
+  initializeTable(tunnelMIB, registrationOf<TunnelInetConfigTable>(tunnelInetConfigTable_handler),
+                  context);
 }
 
 int tunnelIfTable_handler(netsnmp_mib_handler *, netsnmp_handler_registration *,

@@ -12,7 +12,7 @@
 
 namespace TunnelIntfSnmp {
 struct MibModule;
-/// The module's registrations, for whoever wants to see that all is in order.
+/// The module's registrations, to be looked at only.
 MibModule const & tunnelMIBModule();
 } // namespace TunnelIntfSnmp
 

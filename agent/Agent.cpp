@@ -1,6 +1,6 @@
 // The start and the stop, step by step, and what the daemon does in between.
 #include "agent/Agent.h"
-#include "agent/HostIterator.h"
+#include "agent/iterator/HostIterator.h"
 #include "agent/Report.h"
 #include "agent/Status.h"
 #include "agent/TraceHandles.h"
@@ -122,6 +122,7 @@ void Agent::stop() {
   stopPlugin();
   snmp_.reset();
   done("SNMP shut down");
+  Zel::exceptionReporterIs({});
   Lumo::traceSinkIs({});
 }
 
@@ -143,6 +144,9 @@ void Agent::stopPlugin() {
 
 void Agent::startPlatform() {
   Lumo::traceSinkIs(writeTrace);
+  Zel::exceptionReporterIs([](std::string_view where, std::exception const & exception) {
+    reportFailure(notifieeExceptions, where, exception);
+  });
   for (auto const & trace : options_.traces)
     Lumo::traceLevelsIs(trace.handle, trace.levelMask);
   Kiln::TaskSchedulerRoot::schedulerIs(scheduler_);

@@ -14,7 +14,7 @@ struct TraceOption {
 };
 
 /// What finds the rows that are asked for: net-snmp's table iterator, or the daemon's own in its
-/// place (agent/HostIterator.h).
+/// place (agent/iterator/HostIterator.h).
 enum class Iterator : std::uint8_t { stock, host };
 
 struct Options {

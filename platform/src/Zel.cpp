@@ -9,6 +9,12 @@ namespace Zel {
 namespace {
 
 Lumo::Counter exceptionsDropped("zel-exceptions-dropped");
+Lumo::Counter exceptionsContained("zel-exceptions-contained");
+
+ExceptionReporter & exceptionReporter() {
+  static ExceptionReporter reporter;
+  return reporter;
+}
 
 } // namespace
 
@@ -69,6 +75,10 @@ void PtrInterface::notify(Attribute const & attribute) const {
   if (notifiees_ != nullptr && hasNotificationActive())
     notifyAll(Notification(*this, attribute));
 }
+void PtrInterface::tell(Attribute const & attribute) const {
+  if (notifiees_ != nullptr && hasNotificationActive())
+    tellAll(Notification(*this, attribute));
+}
 
 /// One notification under way: who is next, and who is the last to hear of it.
 class Notifiee::Round {
@@ -116,29 +126,34 @@ private:
 };
 Notifiee::Round * Notifiee::Round::current = nullptr;
 
-namespace {
-template <class TakeNext>
-void tellEach(TakeNext takeNext, Notification const & notification) {
-  FirstException exception;
-  while (auto const notifiee = takeNext())
-    exception.run([&] { notifiee->onNotification(notification); });
-  exception.rethrow();
+// Calls each notifiee. The object survives that even if its last Ptr goes meanwhile.
+template <class Call>
+void PtrInterface::callEach(Call call) const {
+  Notifiee::Round round(*this);
+  Ptr<PtrInterface const> const self(this);
+  while (auto const notifiee = round.take())
+    call(*notifiee);
 }
-} // namespace
 
 void PtrInterface::notifyAll(Notification const & notification) const {
-  Notifiee::Round round(*this);
-  auto const takeNext = [&round] { return round.take(); };
-  if ((references_.load(std::memory_order_relaxed) & destroying) == 0) {
-    Ptr<PtrInterface const> const self(this);
-    tellEach(takeNext, notification);
-    return;
-  }
-  try {
-    tellEach(takeNext, notification);
-  } catch (...) { // a destructor is at work, and cannot throw on
+  auto const isDestroyed = (references_.load(std::memory_order_relaxed) & destroying) != 0;
+  FirstException exception;
+  callEach(
+      [&](Notifiee & notifiee) { exception.run([&] { notifiee.onNotification(notification); }); });
+  if (!isDestroyed)
+    exception.rethrow();
+  else if (exception) // a destructor is at work, and cannot throw on
     exceptionsDropped.inc();
-  }
+}
+
+void PtrInterface::tellAll(Notification const & notification) const {
+  callEach([&](Notifiee & notifiee) {
+    contained([&] { notifiee.onNotification(notification); },
+              [&] {
+                return fmt::format("a listener of {}'s {}", notification.source().type().name,
+                                   notification.attribute().name);
+              });
+  });
 }
 
 void PtrInterface::notifieesDelAll() {
@@ -176,6 +191,24 @@ void Notifiee::notifierIs(PtrInterface const * notifier) {
 
 Entity::Entity(std::string_view name) : name_(name) {
   hasNotificationActiveIs(true);
+}
+
+ExceptionReporter exceptionReporterIs(ExceptionReporter reporter) {
+  return std::exchange(exceptionReporter(), std::move(reporter));
+}
+
+void reportContained(std::string_view where) {
+  exceptionsContained.inc();
+  auto const reporter = exceptionReporter();
+  if (!reporter)
+    return;
+  try {
+    throw;
+  } catch (std::exception const & what) {
+    reporter(where, what);
+  } catch (...) {
+    reporter(where, Exception("an exception of no known type"));
+  }
 }
 
 void FirstException::keep() {

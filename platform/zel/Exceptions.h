@@ -2,6 +2,7 @@
 #pragma once
 
 #include <exception>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -66,6 +67,8 @@ public:
       keep();
     }
   }
+  /// True if and only if one was kept.
+  explicit operator bool() const { return first_ != nullptr; }
   /// Throws what was kept, if anything.
   void rethrow() const {
     if (first_)
@@ -77,6 +80,26 @@ private:
 
   std::exception_ptr first_;
 };
+
+/// Is told of each exception that was contained: where, in words for an operator, and what. It must
+/// not throw.
+using ExceptionReporter = std::function<void(std::string_view where, std::exception const & what)>;
+/// Sets who is told from now on; an empty function: nobody. Returns who it was before.
+ExceptionReporter exceptionReporterIs(ExceptionReporter reporter);
+/// Counts the exception under way ("zel-exceptions-contained") and hands it to the reporter.
+/// Requires: it is called where that exception is caught.
+void reportContained(std::string_view where);
+
+/// Runs a step whose exception nobody waits for: it ends here, counted and reported. `where` is a
+/// function that makes the words, and is called only then.
+template <class Step, class Where>
+void contained(Step step, Where where) {
+  try {
+    step();
+  } catch (...) {
+    reportContained(where());
+  }
+}
 
 /// A type, an attribute or an argument list that the generic interface does not know.
 class GenericAccessError : public Exception {

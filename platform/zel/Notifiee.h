@@ -49,9 +49,11 @@ private:
 /// While a notification of that object is under way: a notifiee that leaves is not called any more;
 /// one that comes hears the next change, not this one; a change made by a notifiee is told in full,
 /// inside, before the rest of the outer notification goes on. An exception of a notifiee does not
-/// stop the others: when all have been called the first exception is thrown on to the caller of the
-/// mutator; each further one is dropped and counted ("zel-exceptions-dropped"). What an object
-/// notifies while it is destroyed has no caller to tell: then the first one is dropped, too.
+/// stop the others. Where it goes depends on the object. A record lets the first exception through,
+/// when all have been called, to the caller of the mutator; each further one is dropped and counted
+/// ("zel-exceptions-dropped"), and the first one as well while the record is destroyed, when there
+/// is no caller. A table, a store or a machine's flags contain every exception: it is counted
+/// ("zel-exceptions-contained") and reported, and no caller sees it.
 class Notifiee : public PtrInterface {
 public:
   ~Notifiee() override;
@@ -76,6 +78,11 @@ template <class Key>
 void PtrInterface::notify(Attribute const & attribute, Key const & key) const {
   if (notifiees_ != nullptr && hasNotificationActive())
     notifyAll(Notification(*this, attribute, key));
+}
+template <class Key>
+void PtrInterface::tell(Attribute const & attribute, Key const & key) const {
+  if (notifiees_ != nullptr && hasNotificationActive())
+    tellAll(Notification(*this, attribute, key));
 }
 
 } // namespace Zel

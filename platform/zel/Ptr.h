@@ -70,6 +70,12 @@ protected:
   /// As above, for one key of a collection. `Key` must be the exact key type of that collection.
   template <class Key>
   void notify(Attribute const & attribute, Key const & key) const;
+  /// As notify(), but its caller never sees what a notifiee throws: that is contained
+  /// (contained()). For what is written in the middle of other work, which a listener must not cut
+  /// short.
+  void tell(Attribute const & attribute) const;
+  template <class Key>
+  void tell(Attribute const & attribute, Key const & key) const;
   /// Lets go of all notifiees; they hear nothing more of this object.
   void notifieesDelAll();
 
@@ -77,6 +83,9 @@ private:
   friend class Notifiee;
   virtual void handleZeroReferences() const { delete this; }
   void notifyAll(Notification const & notification) const;
+  void tellAll(Notification const & notification) const;
+  template <class Call>
+  void callEach(Call call) const;
 
   void addNotifiee(Notifiee & notifiee) const;
   void delNotifiee(Notifiee & notifiee) const;

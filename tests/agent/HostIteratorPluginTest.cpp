@@ -1,5 +1,5 @@
 // The daemon's iterator over the plug-in's own tables, from none to some hundred rows.
-#include "agent/HostIterator.h"
+#include "agent/iterator/HostIterator.h"
 #include "agent/Plugin.h"
 #include "platform/Kiln.h"
 #include "platform/Snmp.h"

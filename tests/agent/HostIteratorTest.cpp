@@ -1,6 +1,6 @@
 // The daemon's iterator over a table of the test's own, which misbehaves in every way that a module
 // may. TEST_SEED repeats a random run.
-#include "agent/HostIterator.h"
+#include "agent/iterator/HostIterator.h"
 #include "tests/agent/IteratorComparison.h"
 #include "tests/agent/ToyTable.h"
 #include "tests/support/TestScheduler.h"

@@ -3,28 +3,21 @@
 
 #include "TunnelIntfSnmp/MibTable.h"
 #include "TunnelIntfSnmp/tunnelMIB.h"
-#include "tests/handlers/InProcessAgent.h"
-#include "tests/support/TraceRecorder.h"
-#include <gtest/gtest.h>
+#include "tests/handlers/TableFixture.h"
 #include <utility>
 #include <vector>
 
 namespace TunnelIntfSnmp {
 
-class InetConfigFixture : public ::testing::Test {
+class InetConfigFixture : public TableFixture {
 protected:
   using Octets = std::vector<std::uint8_t>;
+  static constexpr Netsnmp_Node_Handler * handler = tunnelInetConfigTable_handler;
   inline static Oid const tableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 3};
 
-  InetConfigFixture() : agent_(InProcessAgent::instance()) {
-    SnmpUtil::entityRootIs([this](std::string_view path) {
-      return path == "snmp/tunnelIntf/tunnelMib" ? Zel::Ptr<Zel::Entity>(mib_) : nullptr;
-    });
-    init_tunnelMIB("");
-  }
-  ~InetConfigFixture() override {
-    unregister_tunnelMIB("");
-    SnmpUtil::entityRootIs({});
+  InetConfigFixture() : TableFixture(init_tunnelMIB, unregister_tunnelMIB) {}
+  static netsnmp_handler_registration * registration() {
+    return tunnelMIBModule().handlerRegistrations.at("").back();
   }
 
   static Oid instance(oid column, Oid const & index) {
@@ -59,8 +52,6 @@ protected:
     put(ifIndex, octets.size() == 4 ? 1 : 2, octets, octetsOf(remote), encapsMethod, configId);
   }
 
-  InProcessAgent & agent_;
-  Zel::Ptr<TunnelMib> mib_ = Zel::makePtr<TunnelMib>("tunnelMib");
   std::vector<std::pair<Oid, std::uint32_t>> indexes_; ///< of the rows, with their ifIndex
 };
 

@@ -1,8 +1,10 @@
 // How tunnelMIB is announced and taken back, context by context.
 #include "TunnelIntfSnmp/MibTable.h"
 #include "TunnelIntfSnmp/tunnelMIB.h"
+#include "TunnelIntfSnmp/velmoraTunnelMIB.h"
 #include "tests/handlers/InProcessAgent.h"
 #include "tests/support/TraceRecorder.h"
+#include <functional>
 #include <gmock/gmock.h>
 
 namespace TunnelIntfSnmp {
@@ -10,6 +12,7 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::Pair;
@@ -52,6 +55,40 @@ TEST_F(Registration, ServesTheDefaultContextAndAnnouncesIt) {
   EXPECT_TRUE(traces.has(8, "Initialized table tunnelIfTable in context \"\""));
 }
 
+// What net-snmp was told of one table.
+struct Told {
+  explicit Told(netsnmp_handler_registration * registration)
+      : table(static_cast<netsnmp_iterator_info *>(
+                  netsnmp_find_handler_by_name(registration, TABLE_ITERATOR_NAME)->myvoid)
+                  ->table_reginfo) {}
+  std::vector<unsigned> columns() const {
+    auto const * list = table->valid_columns->details.list;
+    return {list, list + table->valid_columns->list_count};
+  }
+  std::vector<int> indexTypes() const {
+    std::vector<int> types;
+    for (auto const * one = table->indexes; one != nullptr; one = one->next_variable)
+      types.push_back(one->type);
+    return types;
+  }
+  netsnmp_table_registration_info const * const table;
+};
+
+TEST_F(Registration, TellsNetSnmpTheColumnsAndTheIndexesOfTheInetConfigTable) {
+  init_tunnelMIB("");
+  auto * registration = tunnelMIBModule().handlerRegistrations.at("").back();
+  EXPECT_EQ(std::vector<oid>(registration->rootoid, registration->rootoid + 11),
+            (std::vector<oid>{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 3}));
+  Told const told(registration);
+  EXPECT_EQ(told.table->min_column, 6u);
+  EXPECT_EQ(told.table->max_column, 8u);
+  EXPECT_THAT(told.columns(), ElementsAre(6, 7, 8));
+  EXPECT_THAT(told.indexTypes(),
+              ElementsAre(ASN_INTEGER, ASN_OCTET_STR, ASN_OCTET_STR, ASN_INTEGER, ASN_INTEGER));
+  EXPECT_EQ(told.table->number_indexes, 5u);
+  EXPECT_EQ(told.table->valid_columns, tunnelMIBModule().columnInfos.at("").back());
+}
+
 TEST_F(Registration, GivesNetSnmpTheColumnsAndTheIndex) {
   init_tunnelMIB("");
   auto const * columns = tunnelMIBModule().columnInfos.at("").front();
@@ -66,6 +103,21 @@ TEST_F(Registration, GivesNetSnmpTheColumnsAndTheIndex) {
   EXPECT_EQ(info->table_reginfo->max_column, 11u);
   EXPECT_EQ(info->table_reginfo->number_indexes, 1u);
   EXPECT_EQ(info->table_reginfo->indexes->type, ASN_INTEGER);
+}
+
+TEST_F(Registration, AnnouncesTheModuleWhenItsTablesAreThere) {
+  std::vector<std::string> tables;
+  auto const before = Lumo::traceSinkIs([&](Lumo::TraceMessage const & message) {
+    tables.emplace_back(message.text);
+    EXPECT_THAT(Snmp::mibContexts(), Not(Contains(Pair("tunnelMIB", "")))) << message.text;
+  });
+  Lumo::traceLevelsIs("Snmp", Lumo::parseLevels("8"));
+  init_tunnelMIB("");
+  Lumo::traceLevelsIs("Snmp", 0);
+  Lumo::traceSinkIs(before);
+  EXPECT_THAT(tables, ElementsAre("Initialized table tunnelIfTable in context \"\"",
+                                  "Initialized table tunnelInetConfigTable in context \"\""));
+  EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "")));
 }
 
 TEST_F(Registration, RefusesANamedContextButAnnouncesIt) {
@@ -113,19 +165,32 @@ TEST_F(Registration, IsOfferedToTheAgentWhenTheLibraryIsLoaded) {
   EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "")));
 }
 
-TEST_F(Registration, TellsNetSnmpsDebugOutputWhichContextItInitialises) {
+// net-snmp's debug output of what `initialise` does, under that token and "trace".
+std::string debugOutput(std::string const & token, std::function<void()> const & initialise) {
   snmp_set_do_debugging(1);
-  debug_register_tokens(std::string("tunnelMIB,trace").data());
-  std::string output;
+  debug_register_tokens((token + ",trace").data());
   snmp_enable_stderrlog();
   ::testing::internal::CaptureStderr();
-  init_tunnelMIB("vrf2");
-  output = ::testing::internal::GetCapturedStderr();
+  initialise();
+  auto const output = ::testing::internal::GetCapturedStderr();
   snmp_disable_stderrlog();
+  debug_disable_token_logs(token.data());
   snmp_set_do_debugging(0);
-  EXPECT_THAT(output, ::testing::HasSubstr("tunnelMIB: Initializing in context \"vrf2\"\n"));
-  EXPECT_THAT(output, ::testing::HasSubstr("trace: init_tunnelMIB(): "));
+  return output;
+}
+
+TEST_F(Registration, TellsNetSnmpsDebugOutputWhichContextItInitialises) {
+  auto const output = debugOutput("tunnelMIB", [] { init_tunnelMIB("vrf2"); });
+  EXPECT_THAT(output, HasSubstr("tunnelMIB: Initializing in context \"vrf2\"\n"));
+  EXPECT_THAT(output, HasSubstr("trace: init_tunnelMIB(): "));
   unregister_tunnelMIB("vrf2");
+}
+
+TEST_F(Registration, TellsItForTheVendorModuleUnderItsOwnToken) {
+  auto const output = debugOutput("velmoraTunnelMIB", [] { init_velmoraTunnelMIB("vrf2"); });
+  EXPECT_THAT(output, HasSubstr("velmoraTunnelMIB: Initializing in context \"vrf2\"\n"));
+  EXPECT_THAT(output, HasSubstr("trace: init_velmoraTunnelMIB(): "));
+  unregister_velmoraTunnelMIB("vrf2");
 }
 
 using RegistrationDeathTest = Registration;

@@ -1,10 +1,7 @@
 // tunnelIfTable as a manager sees it: registration, walks, answers, refusals, and their traces.
 #include "TunnelIntfSnmp/MibTable.h"
 #include "TunnelIntfSnmp/tunnelMIB.h"
-#include "tests/handlers/InProcessAgent.h"
-#include "tests/support/TraceRecorder.h"
-#include <array>
-#include <cstdlib>
+#include "tests/handlers/TableFixture.h"
 #include <gmock/gmock.h>
 
 namespace TunnelIntfSnmp {
@@ -12,6 +9,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 
 Oid const tableOid{1, 3, 6, 1, 2, 1, 10, 131, 1, 1, 1};
 constexpr unsigned servedColumns[] = {3, 4, 5, 6, 8, 9, 10};
@@ -26,17 +24,13 @@ Plexa::IpGenAddr address(char const * text) {
   return *Plexa::IpGenAddr::fromString(text);
 }
 
-class TunnelIfTable : public ::testing::Test {
+class TunnelIfTable : public TableFixture {
 protected:
-  TunnelIfTable() : agent_(InProcessAgent::instance()) {
-    SnmpUtil::entityRootIs([this](std::string_view path) {
-      return path == "snmp/tunnelIntf/tunnelMib" ? Zel::Ptr<Zel::Entity>(mib_) : nullptr;
-    });
-    init_tunnelMIB("");
-  }
-  ~TunnelIfTable() override {
-    unregister_tunnelMIB("");
-    SnmpUtil::entityRootIs({});
+  static constexpr Netsnmp_Node_Handler * handler = tunnelIfTable_handler;
+
+  TunnelIfTable() : TableFixture(init_tunnelMIB, unregister_tunnelMIB) {}
+  static netsnmp_handler_registration * registration() {
+    return tunnelMIBModule().handlerRegistrations.at("").front();
   }
 
   Zel::Ptr<Interface::TunnelIntfStatus> add(std::uint32_t ifIndex, char const * source = "10.0.0.1",
@@ -88,9 +82,6 @@ protected:
       return octets(status.dstAddr());
     }
   }
-
-  InProcessAgent & agent_;
-  Zel::Ptr<TunnelMib> mib_ = Zel::makePtr<TunnelMib>("tunnelMib");
 };
 
 // As one ordered list
@@ -239,7 +230,10 @@ TEST_F(TunnelIfTable, DropsAHintThatDoesNotFitIntoASignedNumber) {
                             "does not fit into 32 bits with a sign"));
 }
 
-TEST_F(TunnelIfTable, TracesEveryStepOfARequestInOrder) {
+using TunnelIfTableSteps = WithEachFinder<TunnelIfTable>;
+INSTANTIATE_TEST_SUITE_P(Finders, TunnelIfTableSteps, eachFinder, finderName);
+
+TEST_P(TunnelIfTableSteps, AreTracedInOrder) {
   add(5);
   TraceRecorder traces{{"Snmp", "2"}};
   agent_.get({instance(3, 5)});
@@ -276,37 +270,13 @@ TEST_F(TunnelIfTable, NamesEachServedColumnInItsTrace) {
 
 // Callbacks, asked directly for what no manager can make the iterator ask
 
-class TunnelIfTableCallbacks : public TunnelIfTable {
+class TunnelIfTableCallbacks : public WithCallbacks<TunnelIfTable> {
 protected:
-  TunnelIfTableCallbacks() {
-    auto * registration = tunnelMIBModule().handlerRegistrations.at("").front();
-    auto * handler = netsnmp_find_handler_by_name(registration, TABLE_ITERATOR_NAME);
-    info_ = static_cast<netsnmp_iterator_info *>(handler->myvoid);
-    snmp_varlist_add_variable(&index_, nullptr, 0, ASN_INTEGER, nullptr, 0);
+  static long ifIndex(netsnmp_variable_list const * row) {
+    return row == nullptr ? -1 : *row->val.integer;
   }
-  ~TunnelIfTableCallbacks() override {
-    if (loop_ != &hint_ && loop_ != nullptr)
-      info_->free_loop_context_at_end(loop_, info_);
-    snmp_free_varbind(index_);
-    snmp_free_varbind(hint_.indexes);
-  }
-
-  long first() {
-    return info_->get_first_data_point(&loop_, &data_, index_, info_) == nullptr
-               ? -1
-               : *index_->val.integer;
-  }
-  long next() {
-    return info_->get_next_data_point(&loop_, &data_, index_, info_) == nullptr
-               ? -1
-               : *index_->val.integer;
-  }
-
-  netsnmp_iterator_info * info_;
-  netsnmp_variable_list * index_ = nullptr;
-  netsnmp_table_request_info hint_{};
-  void * loop_ = nullptr;
-  void * data_ = nullptr;
+  long first() { return ifIndex(firstRow()); }
+  long next() { return ifIndex(nextRow()); }
 };
 
 TEST_F(TunnelIfTableCallbacks, TakeANullSlotForNoHint) {
@@ -336,14 +306,26 @@ TEST_F(TunnelIfTableCallbacks, TraceAHintThatPromisesAnIndexAndHasNone) {
 
 TEST_F(TunnelIfTableCallbacks, TraceAHintOfTheWrongType) {
   add(5);
-  snmp_varlist_add_variable(&hint_.indexes, nullptr, 0, ASN_OCTET_STR, "x", 1);
-  hint_.number_indexes = 1;
+  hintPart(std::vector<std::uint8_t>{'x'});
   loop_ = &hint_;
   TraceRecorder traces{{"Snmp", "0,2"}};
   EXPECT_EQ(first(), 5);
   EXPECT_TRUE(traces.has(0, "hint for ifIndex has incorrect type! Expecting 2 but got 4"));
   EXPECT_TRUE(
       traces.has(2, "tunnelIfTable_get_first_data_point - needed 1 components,found only 0"));
+}
+
+TEST_F(TunnelIfTableCallbacks, MakeNothingOfAHintOfTwoParts) {
+  add(5);
+  add(7);
+  hintPart(7);
+  hintPart(1);
+  loop_ = &hint_;
+  TraceRecorder traces{{"Snmp", "0,2"}};
+  EXPECT_EQ(first(), 5) << "the first row";
+  EXPECT_THAT(traces.texts(), ElementsAre(MatchesRegex(".* number_indexes = 2"),
+                                          MatchesRegex(".* hintMatched=false"),
+                                          MatchesRegex(".* another value: ifIndex=5")));
 }
 
 TEST_F(TunnelIfTableCallbacks, GoOnBehindARowThatWasDeletedUnderTheWalk) {
@@ -384,67 +366,50 @@ TEST_F(TunnelIfTableCallbacks, AnswerARowWithoutStatusFromEmptyValues) {
 
 // The handler, asked directly
 
-class TunnelIfTableHandler : public TunnelIfTableCallbacks {
-protected:
-  TunnelIfTableHandler() {
-    snmp_varlist_add_variable(&varbind_, nullptr, 0, ASN_NULL, nullptr, 0);
-    request_.requestvb = varbind_;
-    agentInfo_.mode = MODE_GET;
-  }
-  ~TunnelIfTableHandler() override { snmp_free_varbind(varbind_); }
-  int call() { return tunnelIfTable_handler(nullptr, nullptr, &agentInfo_, &request_); }
-
-  netsnmp_variable_list * varbind_ = nullptr;
-  netsnmp_request_info request_{};
-  netsnmp_agent_request_info agentInfo_{};
-};
+using TunnelIfTableHandler = WithHandler<TunnelIfTable>;
 
 TEST_F(TunnelIfTableHandler, PassesOverARequestThatIsProcessed) {
-  request_.processed = 1;
+  chain_.requests[0].processed = 1;
   TraceRecorder traces{{"Snmp", "2"}};
   EXPECT_EQ(call(), SNMP_ERR_NOERROR);
   EXPECT_THAT(
       traces.texts().back(),
       ::testing::MatchesRegex("tunnelIfTable_handler: request 0x[0-9a-f]+ already processed"));
-  agentInfo_.mode = MODE_SET_RESERVE1;
+  chain_.agent.mode = MODE_SET_RESERVE1;
   EXPECT_EQ(call(), SNMP_ERR_NOERROR);
-  EXPECT_EQ(request_.status, 0);
+  EXPECT_EQ(chain_.requests[0].status, 0);
 }
 
 TEST_F(TunnelIfTableHandler, StopsAtARequestWithoutARow) {
   TraceRecorder traces{{"Snmp", "2"}};
   EXPECT_EQ(call(), SNMP_ERR_NOERROR);
   EXPECT_EQ(traces.texts().back(), "tunnelIfTable_handler: null data context in request");
-  EXPECT_EQ(varbind_->type, ASN_NULL);
+  EXPECT_EQ(chain_.varbinds[0]->type, ASN_NULL);
 }
 
 TEST_F(TunnelIfTableHandler, TracesAValueThatCannotBeEncoded) {
-  Answer answer("tunnelIfTable", &request_);
-  TraceRecorder traces{{"Snmp", "2"}};
-  std::uint8_t const buffer[1] = {};
-  for (char const * name : {"encapsMethod", "hopLimit", "security", "tos", "addrType"}) {
-    EXPECT_FALSE(answer.integer(-1, buffer, "U32ToAsnUnsigned", name));
-    EXPECT_EQ(traces.texts().back(),
-              std::string("handle_tunnelIfTable - U32ToAsnUnsigned failed for: ") + name);
-  }
-  EXPECT_FALSE(answer.octets(-1, buffer, "PlexaIpGenAddrToAsnOctetString", "localAddr"));
-  EXPECT_EQ(traces.texts().back(),
-            "handle_tunnelIfTable - PlexaIpGenAddrToAsnOctetString failed for: localAddr");
-  EXPECT_EQ(varbind_->type, ASN_NULL);
+  add(5);
+  std::pair<unsigned, std::string> const integers[] = {
+      {3, "encapsMethod"}, {4, "hopLimit"}, {5, "security"}, {6, "tos"}, {8, "addrType"}};
+  for (auto const & [column, name] : integers)
+    EXPECT_EQ(fault(column, "U32ToAsnUnsigned"),
+              "handle_tunnelIfTable - U32ToAsnUnsigned failed for: " + name);
+  for (auto const & [column, name] : {std::pair{9u, "localAddr"}, {10u, "remoteAddr"}})
+    EXPECT_EQ(fault(column, "PlexaIpGenAddrToAsnOctetString"),
+              std::string("handle_tunnelIfTable - PlexaIpGenAddrToAsnOctetString failed for: ") +
+                  name);
 }
 
 TEST_F(TunnelIfTableHandler, TracesAnAddressThatIsTooLong) {
+  add(5);
   auto config = Zel::makePtr<Snmp::Config>();
   config->systemName = "branch-7";
   SnmpUtil::snmpConfigIs(config);
-  Answer answer("tunnelIfTable", &request_);
-  TraceRecorder traces{{"Snmp", "2"}};
-  std::uint8_t const buffer[256] = {};
-  EXPECT_FALSE(answer.octets(256, buffer, "PlexaIpGenAddrToAsnOctetString", "remoteAddr"));
-  EXPECT_EQ(traces.texts().back(), "handle_tunnelIfTable - entity "
-                                   "/branch-7/snmp/tunnelIntf/tunnelMib length out of range: "
-                                   "remoteAddr (256)");
-  EXPECT_EQ(varbind_->type, ASN_NULL);
+  for (auto const & [column, name] : {std::pair{9u, "localAddr"}, {10u, "remoteAddr"}})
+    EXPECT_EQ(fault(column, "PlexaIpGenAddrToAsnOctetString", 256),
+              std::string("handle_tunnelIfTable - entity /branch-7/snmp/tunnelIntf/tunnelMib "
+                          "length out of range: ") +
+                  name + " (256)");
 }
 
 TEST_F(TunnelIfTableCallbacks, SayThatTheyGoOn) {
@@ -460,96 +425,46 @@ TEST_F(TunnelIfTableCallbacks, SayThatTheyGoOn) {
 
 // Several requests in one call, as without the serialize handler
 
-struct Chain {
-  explicit Chain(std::size_t length, int mode = MODE_GET) : requests(length), varbinds(length) {
-    agent.mode = mode;
-    for (std::size_t i = 0; i != length; ++i) {
-      snmp_varlist_add_variable(&varbinds[i], nullptr, 0, ASN_NULL, nullptr, 0);
-      requests[i].requestvb = varbinds[i];
-      requests[i].agent_req_info = &agent;
-      requests[i].next = i + 1 == length ? nullptr : &requests[i + 1];
-    }
-  }
-  ~Chain() {
-    for (std::size_t i = 0; i != requests.size(); ++i) {
-      netsnmp_free_request_data_sets(&requests[i]);
-      snmp_free_varbind(varbinds[i]);
-    }
-  }
-  // What the table helper and the iterator leave in a request.
-  void found(std::size_t i, void * entry, unsigned int column) {
-    static auto const keep = [](void *) {};
-    auto * info = SNMP_MALLOC_TYPEDEF(netsnmp_table_request_info);
-    info->colnum = column;
-    netsnmp_request_add_list_data(&requests[i],
-                                  netsnmp_create_data_list(TABLE_HANDLER_NAME, info, std::free));
-    if (entry != nullptr)
-      netsnmp_request_add_list_data(&requests[i],
-                                    netsnmp_create_data_list(TABLE_ITERATOR_NAME, entry, keep));
-  }
-  netsnmp_agent_request_info agent{};
-  std::vector<netsnmp_request_info> requests;
-  std::vector<netsnmp_variable_list *> varbinds;
-};
-
-// tunnelIfTable, but for a column that cannot be encoded.
-struct Unencodable {
-  static constexpr char const * name = "unencodable";
-  static constexpr char const * unit = "test";
-  static constexpr char const * keyType = "U32";
-  static constexpr std::array<MibColumn, 2> columns{
-      {{1, "good", true, false}, {2, "bad", true, false}}};
-  static TunnelMib::TunnelIfTable const & rows(TunnelMib const & mib) {
-    return mib.tunnelIfTable();
-  }
-  static std::uint32_t key(TunnelIfTableEntry const & row) { return row.ifIndex(); }
-  static std::optional<std::uint32_t> hintKey(Hint) { return std::nullopt; }
-  static void setIndexes(TunnelIfTableEntry const &, netsnmp_variable_list *) {}
-  static bool get(TunnelIfTableEntry const & row, unsigned int column, Answer & answer) {
-    return column == 1 ? answer.unsigned32(row.ifIndex(), "good")
-                       : answer.integer(-1, nullptr, "U32ToAsnUnsigned", "bad");
-  }
-};
-
-class SeveralRequests : public TunnelIfTable {
+class SeveralRequests : public WithHandler<TunnelIfTable> {
 protected:
-  SeveralRequests() { add(5); }
-
-  TableWalk<Unencodable>::Entry entryOfRow5() const {
-    return {mib_->tunnelIfTable(), mib_->tunnelIfTable(5), {}, 0};
+  SeveralRequests() {
+    add(5);
+    firstRow();
+    row5_ = info_->make_data_context(loop_, info_);
   }
+  ~SeveralRequests() override { info_->free_data_context(row5_, info_); }
+
+  void * row5_;
 };
 
 TEST_F(SeveralRequests, GiveTheFirstOneTheErrorOfWhicheverFailed) {
-  auto entry = entryOfRow5();
   Chain chain(3);
-  chain.found(0, &entry, 1);
-  chain.found(1, &entry, 2);
-  chain.found(2, &entry, 1);
-  EXPECT_EQ(answerGets<Unencodable>(chain.requests.data()), SNMP_ERR_GENERR);
+  chain.found(0, row5_, 3);
+  chain.found(1, row5_, 9);
+  chain.found(2, row5_, 3);
+  FailingEncoder const failing("PlexaIpGenAddrToAsnOctetString", -1);
+  EXPECT_EQ(call(chain), SNMP_ERR_GENERR);
   EXPECT_EQ(chain.requests[0].status, SNMP_ERR_GENERR);
   EXPECT_EQ(chain.requests[1].status, 0);
   EXPECT_EQ(chain.varbinds[2]->type, ASN_NULL) << "not answered";
 }
 
 TEST_F(SeveralRequests, EndAtARequestWithoutRow) {
-  auto entry = entryOfRow5();
   Chain chain(3);
-  chain.found(0, &entry, 1);
-  chain.found(1, nullptr, 1);
-  chain.found(2, &entry, 1);
-  EXPECT_EQ(answerGets<Unencodable>(chain.requests.data()), SNMP_ERR_NOERROR);
+  chain.found(0, row5_, 3);
+  chain.found(1, nullptr, 3);
+  chain.found(2, row5_, 3);
+  EXPECT_EQ(call(chain), SNMP_ERR_NOERROR);
   EXPECT_EQ(chain.varbinds[0]->type, ASN_INTEGER);
   EXPECT_EQ(chain.varbinds[2]->type, ASN_NULL);
 }
 
 TEST_F(SeveralRequests, EndAtAColumnThatIsNotServed) {
-  auto entry = entryOfRow5();
   Chain chain(3);
-  chain.found(0, &entry, 1);
-  chain.found(1, &entry, 3);
-  chain.found(2, &entry, 1);
-  EXPECT_EQ(answerGets<Unencodable>(chain.requests.data()), SNMP_ERR_NOERROR);
+  chain.found(0, row5_, 3);
+  chain.found(1, row5_, 7);
+  chain.found(2, row5_, 3);
+  EXPECT_EQ(call(chain), SNMP_ERR_NOERROR);
   EXPECT_EQ(chain.varbinds[1]->type, SNMP_NOSUCHOBJECT);
   EXPECT_EQ(chain.varbinds[2]->type, ASN_NULL);
 }
@@ -559,8 +474,7 @@ TEST_F(SeveralRequests, RefuseTheFirstSetThatNobodyAnswered) {
   for (std::size_t i = 0; i != 3; ++i)
     chain.found(i, nullptr, 4);
   chain.requests[0].processed = 1;
-  EXPECT_EQ(tunnelIfTable_handler(nullptr, nullptr, &chain.agent, chain.requests.data()),
-            SNMP_ERR_NOERROR);
+  EXPECT_EQ(call(chain), SNMP_ERR_NOERROR);
   EXPECT_EQ(chain.requests[0].status, 0);
   EXPECT_EQ(chain.requests[1].status, SNMP_ERR_NOTWRITABLE);
   EXPECT_EQ(chain.requests[2].status, 0);

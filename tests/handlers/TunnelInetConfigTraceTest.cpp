@@ -39,7 +39,10 @@ std::string exactly(std::string const & text) {
   return escaped;
 }
 
-TEST_F(TunnelInetConfigTrace, TellsEveryStepOfARequestInOrder) {
+using TunnelInetConfigSteps = WithEachFinder<TunnelInetConfigTrace>;
+INSTANTIATE_TEST_SUITE_P(Finders, TunnelInetConfigSteps, eachFinder, finderName);
+
+TEST_P(TunnelInetConfigSteps, AreTracedInOrder) {
   TraceRecorder traces{{"Snmp", "0,2"}};
   EXPECT_EQ(agent_.get({instance(6, firstIndex)}).varbinds.at(0).integer, 5);
   std::string const another = "tunnelInetConfigTableIterationHelper - iterator has another value: ";
@@ -140,31 +143,8 @@ TEST_F(TunnelInetConfigTrace, DropsAHintWithANumberThatIsOutOfRange) {
 
 // Callbacks, asked directly for what no manager can make the iterator ask
 
-class TunnelInetConfigCallbacks : public TunnelInetConfigTrace {
+class TunnelInetConfigCallbacks : public WithHandler<TunnelInetConfigTrace> {
 protected:
-  TunnelInetConfigCallbacks() {
-    auto * registration = tunnelMIBModule().handlerRegistrations.at("").back();
-    auto * handler = netsnmp_find_handler_by_name(registration, TABLE_ITERATOR_NAME);
-    info_ = static_cast<netsnmp_iterator_info *>(handler->myvoid);
-    for (auto const type : {ASN_INTEGER, ASN_OCTET_STR, ASN_OCTET_STR, ASN_INTEGER, ASN_INTEGER})
-      snmp_varlist_add_variable(&index_, nullptr, 0, static_cast<u_char>(type), nullptr, 0);
-  }
-  ~TunnelInetConfigCallbacks() override {
-    if (loop_ != &hint_ && loop_ != nullptr)
-      info_->free_loop_context_at_end(loop_, info_);
-    snmp_free_varbind(index_);
-    snmp_free_varbind(hint_.indexes);
-  }
-
-  void hintPart(long value) {
-    snmp_varlist_add_variable(&hint_.indexes, nullptr, 0, ASN_INTEGER, &value, sizeof value);
-    ++hint_.number_indexes;
-  }
-  void hintPart(Octets const & value) {
-    snmp_varlist_add_variable(&hint_.indexes, nullptr, 0, ASN_OCTET_STR, value.data(),
-                              value.size());
-    ++hint_.number_indexes;
-  }
   // The five parts of the second row, but `wrong`, counted from 0, of the other type.
   void hintWithWrongType(int wrong) {
     Octets const local{10, 0, 0, 1}, remote{10, 0, 0, 3};
@@ -192,18 +172,12 @@ protected:
     auto const * remote = answer->next_variable->next_variable;
     return remote->val.string[remote->val_len - 1];
   }
-  int first() { return lastOctet(info_->get_first_data_point(&loop_, &data_, index_, info_)); }
+  int first() { return lastOctet(firstRow()); }
   int firstWithHint() {
     loop_ = &hint_;
     return first();
   }
-  int next() { return lastOctet(info_->get_next_data_point(&loop_, &data_, index_, info_)); }
-
-  netsnmp_iterator_info * info_;
-  netsnmp_variable_list * index_ = nullptr;
-  netsnmp_table_request_info hint_{};
-  void * loop_ = nullptr;
-  void * data_ = nullptr;
+  int next() { return lastOctet(nextRow()); }
 };
 
 TEST_F(TunnelInetConfigCallbacks, FillTheFiveIndexesInTheirTypes) {
@@ -305,7 +279,7 @@ TEST_F(TunnelInetConfigCallbacks, TraceNumbersThatFormNoKey) {
                 MatchesRegex("Bad hint for tunnelInetConfigTable: "
                              "TunnelIntfSnmp::TunnelInetConfigTableKey ctor threw exception: .+"));
     EXPECT_THAT(traces.texts(2), Contains(MatchesRegex(".*hintMatched=false")));
-    info_->free_loop_context_at_end(std::exchange(loop_, nullptr), info_);
+    leave();
   }
 }
 
@@ -340,49 +314,31 @@ TEST_F(TunnelInetConfigCallbacks, PromiseSortedRowsAndOwnTheirInfo) {
 
 // The handler, asked directly
 
-class TunnelInetConfigHandler : public TunnelInetConfigCallbacks {
-protected:
-  TunnelInetConfigHandler() {
-    snmp_varlist_add_variable(&varbind_, nullptr, 0, ASN_NULL, nullptr, 0);
-    request_.requestvb = varbind_;
-    agentInfo_.mode = MODE_GET;
-  }
-  ~TunnelInetConfigHandler() override { snmp_free_varbind(varbind_); }
-  int call() { return tunnelInetConfigTable_handler(nullptr, nullptr, &agentInfo_, &request_); }
-
-  netsnmp_variable_list * varbind_ = nullptr;
-  netsnmp_request_info request_{};
-  netsnmp_agent_request_info agentInfo_{};
-};
+using TunnelInetConfigHandler = TunnelInetConfigCallbacks;
 
 TEST_F(TunnelInetConfigHandler, PassesOverARequestThatIsProcessed) {
-  request_.processed = 1;
+  chain_.requests[0].processed = 1;
   TraceRecorder traces{{"Snmp", "2"}};
   EXPECT_EQ(call(), SNMP_ERR_NOERROR);
   EXPECT_THAT(traces.texts().back(), MatchesRegex("tunnelInetConfigTable_handler: request " +
                                                   pointer + " already processed"));
-  agentInfo_.mode = MODE_SET_RESERVE1;
+  chain_.agent.mode = MODE_SET_RESERVE1;
   EXPECT_EQ(call(), SNMP_ERR_NOERROR);
-  EXPECT_EQ(request_.status, 0);
+  EXPECT_EQ(chain_.requests[0].status, 0);
 }
 
 TEST_F(TunnelInetConfigHandler, StopsAtARequestWithoutARow) {
   TraceRecorder traces{{"Snmp", "2"}};
   EXPECT_EQ(call(), SNMP_ERR_NOERROR);
   EXPECT_EQ(traces.texts().back(), "tunnelInetConfigTable_handler: null data context in request");
-  EXPECT_EQ(varbind_->type, ASN_NULL);
+  EXPECT_EQ(chain_.varbinds[0]->type, ASN_NULL);
 }
 
 TEST_F(TunnelInetConfigHandler, TracesAValueThatCannotBeEncoded) {
-  Answer answer("tunnelInetConfigTable", &request_);
-  TraceRecorder traces{{"Snmp", "2"}};
-  std::uint8_t const buffer[1] = {};
-  for (std::string const name : {"ifIndex", "rowStatus", "storageType"}) {
-    EXPECT_FALSE(answer.integer(-1, buffer, "S32ToAsnInteger", name.c_str()));
-    EXPECT_EQ(traces.texts().back(),
-              "handle_tunnelInetConfigTable - S32ToAsnInteger failed for: " + name);
-  }
-  EXPECT_EQ(varbind_->type, ASN_NULL);
+  for (auto const & [column, name] :
+       {std::pair{6u, "ifIndex"}, {7u, "rowStatus"}, {8u, "storageType"}})
+    EXPECT_EQ(fault(column, "S32ToAsnInteger"),
+              std::string("handle_tunnelInetConfigTable - S32ToAsnInteger failed for: ") + name);
 }
 
 // SET

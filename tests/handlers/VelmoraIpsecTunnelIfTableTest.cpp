@@ -1,8 +1,7 @@
 // velmoraIpsecTunnelIfTable as a manager sees it, and its module's registration.
 #include "TunnelIntfSnmp/MibTable.h"
 #include "TunnelIntfSnmp/velmoraTunnelMIB.h"
-#include "tests/handlers/InProcessAgent.h"
-#include "tests/support/TraceRecorder.h"
+#include "tests/handlers/TableFixture.h"
 #include <gmock/gmock.h>
 
 namespace TunnelIntfSnmp {
@@ -24,17 +23,13 @@ Oid instance(oid column, oid ifIndex) {
   return name;
 }
 
-class VelmoraTable : public ::testing::Test {
+class VelmoraTable : public TableFixture {
 protected:
-  VelmoraTable() : agent_(InProcessAgent::instance()) {
-    SnmpUtil::entityRootIs([this](std::string_view path) {
-      return path == "snmp/tunnelIntf/tunnelMib" ? Zel::Ptr<Zel::Entity>(mib_) : nullptr;
-    });
-    init_velmoraTunnelMIB("");
-  }
-  ~VelmoraTable() override {
-    unregister_velmoraTunnelMIB("");
-    SnmpUtil::entityRootIs({});
+  static constexpr Netsnmp_Node_Handler * handler = velmoraIpsecTunnelIfTable_handler;
+
+  VelmoraTable() : TableFixture(init_velmoraTunnelMIB, unregister_velmoraTunnelMIB) {}
+  static netsnmp_handler_registration * registration() {
+    return velmoraTunnelMIBModule().handlerRegistrations.at("").front();
   }
 
   // A row whose interface is in the state `state` of profile "p".
@@ -54,8 +49,6 @@ protected:
     profile_->appliedIntfIdIs(id, applied);
   }
 
-  InProcessAgent & agent_;
-  Zel::Ptr<TunnelMib> mib_ = Zel::makePtr<TunnelMib>("tunnelMib");
   Zel::Ptr<Ipsec::Ike::Status> ike_ = Zel::makePtr<Ipsec::Ike::Status>("ikeStatus");
   Zel::Ptr<Ipsec::Ike::IpsecProfileConnectionMap> profile_ =
       Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
@@ -125,7 +118,10 @@ TEST_F(VelmoraTable, RefusesEverySetThroughTheInvalidColumn) {
     EXPECT_THAT(text, Not(::testing::HasSubstr("SET is not configured")));
 }
 
-TEST_F(VelmoraTable, TracesEveryStepOfARequestInOrder) {
+using VelmoraSteps = WithEachFinder<VelmoraTable>;
+INSTANTIATE_TEST_SUITE_P(Finders, VelmoraSteps, eachFinder, finderName);
+
+TEST_P(VelmoraSteps, AreTracedInOrder) {
   add(2, Ipsec::Ike::ConnState::up);
   TraceRecorder traces{{"Snmp", "2"}};
   agent_.get({instance(1, 2)});
@@ -161,13 +157,11 @@ TEST_F(VelmoraTable, TracesUnusableHintsAndMissesByItsOwnName) {
                                 "sign"));
 }
 
-TEST_F(VelmoraTable, TracesAStateThatCannotBeEncoded) {
-  netsnmp_request_info request{};
-  Answer answer(table.c_str(), &request);
-  TraceRecorder traces{{"Snmp", "2"}};
-  std::uint8_t const buffer[1] = {};
-  EXPECT_FALSE(answer.integer(-1, buffer, "U32ToAsnUnsigned", "connState"));
-  EXPECT_EQ(traces.texts().back(),
+using VelmoraHandler = WithHandler<VelmoraTable>;
+
+TEST_F(VelmoraHandler, TracesAStateThatCannotBeEncoded) {
+  add(2, Ipsec::Ike::ConnState::up);
+  EXPECT_EQ(fault(1, "U32ToAsnUnsigned"),
             "handle_velmoraIpsecTunnelIfTable - U32ToAsnUnsigned failed for: connState");
 }
 
@@ -178,7 +172,9 @@ TEST_F(VelmoraTable, IsRegisteredForTheDefaultContextOnly) {
   EXPECT_STREQ(registration->handlerName, "velmoraIpsecTunnelIfTable_");
   EXPECT_EQ(Oid(registration->rootoid, registration->rootoid + registration->rootoid_len),
             tableOid);
-  EXPECT_EQ(module.columnInfos.at("").front()->list_count, 1);
+  auto const * columns = module.columnInfos.at("").front();
+  ASSERT_EQ(columns->list_count, 1);
+  EXPECT_EQ(columns->details.list[0], 1u);
   EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("velmoraTunnelMIB", "")));
   TraceRecorder traces{{"Snmp", "1,2,8"}};
   init_velmoraTunnelMIB("vrf1");

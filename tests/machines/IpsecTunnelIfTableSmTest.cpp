@@ -221,7 +221,7 @@ TEST_P(IpsecSm, ForgetsAStatusThatWentThoughAListenerThrows) {
   auto const status = addProtected(1, 10);
   auto const listener = Zel::makePtr<OnChange>(
       *world_.mib, [](auto const &) { throw std::runtime_error("listener"); });
-  EXPECT_THROW(world_.dir->intfStatusDel(Plexa::IntfId(1)), std::runtime_error);
+  world_.dir->intfStatusDel(Plexa::IntfId(1));
   EXPECT_EQ(machine_->intfStatusSm0()->childSm(Plexa::IntfId(1)), nullptr);
   status->ipsecIs(false);
   status->ipsecIs(true);

@@ -2,12 +2,14 @@
 #include "TunnelIntfSnmp/TunnelIntfSnmpAgent.h"
 #include "tests/machines/World.h"
 #include "tests/support/TraceRecorder.h"
+#include <array>
 #include <gmock/gmock.h>
 
 namespace TunnelIntfSnmp {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 
 class RootTest : public ::testing::Test {
 protected:
@@ -137,6 +139,23 @@ TEST_F(RootTest, TracesTheStartOfTheAgent) {
                           "Creating IpsecTunnelIfTableSm"));
 }
 
+TEST_F(RootTest, TracesTheCreationOfAMachineBeforeItBegins) {
+  TraceRecorder traces{{"TunnelIntfSnmpAgent", "9"},
+                       {"TunnelIfTableSm", "0-9"},
+                       {"TunnelInetConfigTableSm", "0-9"},
+                       {"IpsecTunnelIfTableSm", "0-9"}};
+  setAgent();
+  std::vector<std::string> order; // each machine's first line, and the agent's between them
+  for (auto const & line : traces.lines())
+    if (line.handler == "TunnelIntfSnmpAgent")
+      order.push_back(line.text);
+    else if (order.empty() || order.back() != line.handler)
+      order.push_back(line.handler);
+  EXPECT_THAT(order, ElementsAre("Creating TunnelIfTableSm", "TunnelIfTableSm",
+                                 "Creating TunnelInetConfigTableSm", "TunnelInetConfigTableSm",
+                                 "Creating IpsecTunnelIfTableSm", "IpsecTunnelIfTableSm"));
+}
+
 TEST_F(RootTest, StartsItsMachinesWithTheDefaultControlRecord) {
   auto const agent = setAgent();
   EXPECT_EQ(agent->smControl().taskScheduler, nullptr);
@@ -173,11 +192,112 @@ TEST_F(RootTest, KeepsAMachineAndUpdatesItsControlRecord) {
   EXPECT_EQ(machine->flowaControl().taskPriority, 1) << "the one that goes is told, too";
 }
 
-TEST_F(RootTest, ReleasesAMachine) {
+TEST_F(RootTest, ReleasesAMachineWhichStopsItsWork) {
   auto const agent = setAgent();
+  auto const rows = [this] {
+    auto const status = world_.addStatus(1);
+    status->ipsecIs(true);
+    status->srcAddrIs(*Plexa::IpGenAddr::fromString("10.0.0.1"));
+    status->dstAddrIs(*Plexa::IpGenAddr::fromString("10.0.0.2"));
+    world_.addIfIndex(1, 10);
+    std::array const sizes{world_.mib->tunnelIfTable().size(),
+                           world_.mib->tunnelInetConfigTable().size(),
+                           world_.mib->ipsecTunnelIfTable().size()};
+    world_.dir->intfStatusDel(Plexa::IntfId(1));
+    world_.ifMib->ifIndexByIntfIdDel(Plexa::IntfId(1));
+    return sizes;
+  };
+  EXPECT_THAT(rows(), ElementsAre(1, 1, 1));
+  for (int round = 0; round != 2; ++round)
+    agent->tunnelInetConfigTableSmDel();
+  EXPECT_EQ(agent->tunnelInetConfigTableSm(), nullptr);
+  EXPECT_THAT(rows(), ElementsAre(1, 0, 1));
+  agent->ipsecTunnelIfTableSmDel();
+  EXPECT_EQ(agent->ipsecTunnelIfTableSm(), nullptr);
+  EXPECT_THAT(rows(), ElementsAre(1, 0, 0));
   agent->tunnelIfTableSmDel();
   EXPECT_EQ(agent->tunnelIfTableSm(), nullptr);
-  agent->tunnelIfTableSmDel();
+  EXPECT_THAT(rows(), ElementsAre(0, 0, 0));
+}
+
+// The inputs of a machine; number `other` of them, counted from 0, is another object than the
+// world's.
+struct Inputs {
+  Inputs(World const & world, int other)
+      : mib(other == 0 ? Zel::makePtr<TunnelMib>("other") : world.mib),
+        dir(other == 1 ? Zel::makePtr<Interface::TunnelIntfStatusDir>("other") : world.dir),
+        ifMib(other == 2 ? Zel::makePtr<IntfSnmp::IfMib>("other") : world.ifMib),
+        ikeStatus(other == 3 ? Zel::makePtr<Ipsec::Ike::Status>("other") : world.ikeStatus) {}
+
+  Zel::Ptr<TunnelMib> mib;
+  StatusDirPtr dir;
+  IfMibPtr ifMib;
+  IkeStatusPtr ikeStatus;
+};
+
+TEST_F(RootTest, ReplacesAMachineWhenAnyOfItsInputsDiffers) {
+  auto const agent = setAgent();
+  auto const & control = agent->smControl();
+  auto const first = [&](Inputs const & in) {
+    return agent->tunnelIfTableSmIs(in.mib, in.dir, in.ifMib, control);
+  };
+  auto const second = [&](Inputs const & in) {
+    return agent->tunnelInetConfigTableSmIs(in.mib, in.dir, in.ifMib, control);
+  };
+  auto const third = [&](Inputs const & in) {
+    return agent->ipsecTunnelIfTableSmIs(in.mib, in.dir, in.ifMib, in.ikeStatus, control);
+  };
+  auto const expectReplaced = [&](auto const & smIs, int inputs) {
+    for (int other = 0; other != inputs; ++other) {
+      auto const before = smIs(Inputs(world_, -1));
+      EXPECT_EQ(smIs(Inputs(world_, -1)), before);
+      Inputs const changed(world_, other);
+      auto const after = smIs(changed);
+      EXPECT_NE(after, before) << other;
+      EXPECT_TRUE(after->hasNotificationActive());
+      EXPECT_EQ(after->mib(), changed.mib);
+      EXPECT_EQ(after->tunnelIntfStatusDir(), changed.dir);
+      EXPECT_EQ(after->ifMib(), changed.ifMib);
+    }
+  };
+  expectReplaced(first, 3);
+  expectReplaced(second, 3);
+  expectReplaced(third, 4);
+}
+
+// What a machine holds because its notification is off it works off when it is torn down.
+TEST_F(RootTest, TearsItsMachinesDownInTheOrderOfTheirCreation) {
+  auto agent = setAgent();
+  agent->tunnelIfTableSm()->hasNotificationActiveIs(false);
+  agent->tunnelInetConfigTableSm()->hasNotificationActiveIs(false);
+  agent->ipsecTunnelIfTableSm()->hasNotificationActiveIs(false);
+  auto const status = world_.addStatus(1);
+  status->ipsecIs(true);
+  status->srcAddrIs(*Plexa::IpGenAddr::fromString("10.0.0.1"));
+  status->dstAddrIs(*Plexa::IpGenAddr::fromString("10.0.0.2"));
+  world_.addIfIndex(1, 10);
+  std::vector<std::string_view> written;
+  auto const listener = Zel::makePtr<OnChange>(*world_.mib, [&](auto const & change) {
+    if (written.empty() || written.back() != change.attribute().name)
+      written.push_back(change.attribute().name);
+  });
+  root_->tunnelIntfSnmpAgentDel();
+  EXPECT_THAT(written, IsEmpty()) << "the test holds the agent";
+  agent = nullptr;
+  EXPECT_THAT(written, ElementsAre("tunnelIfTable", "tunnelInetConfigTable", "ipsecTunnelIfTable"));
+}
+
+TEST_F(RootTest, HasAnAgentThatItsFactoryMakesAsWell) {
+  for (auto const & agent :
+       {tunnelIntfSnmpAgentFactory(world_.mib, world_.dir, world_.ifMib, world_.ikeStatus),
+        TunnelIntfSnmpAgent::TunnelIntfSnmpAgentIs(world_.mib, world_.dir, world_.ifMib,
+                                                   world_.ikeStatus)}) {
+    EXPECT_EQ(agent->tunnelMib(), world_.mib);
+    EXPECT_EQ(agent->tunnelIntfStatusDir(), world_.dir);
+    EXPECT_EQ(agent->ifMib(), world_.ifMib);
+    EXPECT_EQ(agent->ikeStatus(), world_.ikeStatus);
+    EXPECT_NE(agent->ipsecTunnelIfTableSm(), nullptr);
+  }
 }
 
 TEST_F(RootTest, KeepsTheOldAgentWhenTheNewOneCannotStart) {

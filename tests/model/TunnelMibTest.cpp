@@ -1,6 +1,8 @@
 // The tables of TunnelMib: find-or-create, replacement, deletion, notification, destruction.
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
+#include <functional>
 #include <gmock/gmock.h>
+#include <stdexcept>
 
 namespace TunnelIntfSnmp {
 namespace {
@@ -63,9 +65,18 @@ TEST_F(TunnelMibTest, RefusesAnotherRecordForAnExistingIpsecRow) {
   auto const ike = Zel::makePtr<Ipsec::Ike::Status>("ike");
   auto const row = mib_->ipsecTunnelIfTableIs(7, record, ike);
   EXPECT_EQ(mib_->ipsecTunnelIfTableIs(7, record, ike), row);
-  EXPECT_THROW(mib_->ipsecTunnelIfTableIs(7, status(), ike), Zel::ReinstantiationError);
-  EXPECT_THROW(mib_->ipsecTunnelIfTableIs(7, record, Zel::makePtr<Ipsec::Ike::Status>("other")),
-               Zel::ReinstantiationError);
+  auto const refusal = [&](auto const & otherStatus, auto const & otherIke) -> std::string {
+    try {
+      mib_->ipsecTunnelIfTableIs(7, otherStatus, otherIke);
+    } catch (Zel::ReinstantiationError const & error) {
+      return error.what();
+    }
+    return "none";
+  };
+  std::string const again = ": instantiated again with different arguments";
+  EXPECT_EQ(refusal(status(), ike), "attribute tunnelIntfStatus" + again);
+  EXPECT_EQ(refusal(record, Zel::makePtr<Ipsec::Ike::Status>("other")),
+            "attribute ikeStatus" + again);
   EXPECT_EQ(mib_->ipsecTunnelIfTable(7), row);
   EXPECT_THAT(heard_->changes, ElementsAre("ipsecTunnelIfTable 7"));
 }
@@ -137,6 +148,113 @@ TEST_F(TunnelMibTest, DeletesAllRowsFromTheSmallestKeyUp) {
   EXPECT_TRUE(mib_->tunnelInetConfigTable().empty());
 }
 
+// Deletes every row of one table while somebody listens.
+struct Table {
+  char const * name;
+  Zel::Attribute const & attribute;
+  void (*add)(TunnelMib & mib, std::uint32_t number);
+  void (*deleteOne)(TunnelMib & mib, std::uint32_t number);
+  void (*deleteAll)(TunnelMib & mib);
+};
+void PrintTo(Table const & table, std::ostream * out) {
+  *out << table.name;
+}
+Table const tables[] = {
+    {"tunnelIfTable", TunnelMib::tunnelIfTableAttribute(),
+     [](TunnelMib & mib, std::uint32_t number) { mib.tunnelIfTableIs(number, status()); },
+     [](TunnelMib & mib, std::uint32_t number) { mib.tunnelIfTableDel(number); },
+     [](TunnelMib & mib) { mib.tunnelIfTableDelAll(); }},
+    {"tunnelInetConfigTable", TunnelMib::tunnelInetConfigTableAttribute(),
+     [](TunnelMib & mib, std::uint32_t number) {
+       mib.tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(number), number));
+     },
+     [](TunnelMib & mib, std::uint32_t number) { mib.tunnelInetConfigTableDel(key(number)); },
+     [](TunnelMib & mib) { mib.tunnelInetConfigTableDelAll(); }},
+    {"ipsecTunnelIfTable", TunnelMib::ipsecTunnelIfTableAttribute(),
+     [](TunnelMib & mib, std::uint32_t number) {
+       mib.ipsecTunnelIfTableIs(number, status(), nullptr);
+     },
+     [](TunnelMib & mib, std::uint32_t number) { mib.ipsecTunnelIfTableDel(number); },
+     [](TunnelMib & mib) { mib.ipsecTunnelIfTableDelAll(); }}};
+
+class DeleteAll : public ::testing::TestWithParam<Table> {
+protected:
+  // Calls back with the number of each row that goes or comes.
+  class Listener : public Zel::Notifiee {
+  public:
+    Listener(TunnelMib const & mib, std::function<void(std::uint32_t)> call)
+        : call_(std::move(call)) {
+      notifierIs(&mib);
+    }
+    void onNotification(Zel::Notification const & change) override {
+      call_(change.isAbout(TunnelMib::tunnelInetConfigTableAttribute())
+                ? change.key<TunnelInetConfigTableKey>().configId()
+                : change.key<std::uint32_t>());
+    }
+
+  private:
+    std::function<void(std::uint32_t)> const call_;
+  };
+
+  DeleteAll() {
+    for (std::uint32_t const number : {10, 20, 30})
+      GetParam().add(*mib_, number);
+  }
+  // What was told while every row was deleted, in order.
+  std::vector<std::uint32_t> told(std::function<void(std::uint32_t)> answer) {
+    std::vector<std::uint32_t> numbers;
+    auto const listener = Zel::makePtr<Listener>(*mib_, [&](std::uint32_t number) {
+      numbers.push_back(number);
+      if (numbers.size() < 100) // a deletion that starts over would go on for ever
+        answer(number);
+    });
+    GetParam().deleteAll(*mib_);
+    return numbers;
+  }
+  std::size_t left() const {
+    return mib_->tunnelIfTable().size() + mib_->tunnelInetConfigTable().size() +
+           mib_->ipsecTunnelIfTable().size();
+  }
+
+  Zel::Ptr<TunnelMib> mib_ = Zel::makePtr<TunnelMib>("tunnelMib");
+};
+INSTANTIATE_TEST_SUITE_P(Tables, DeleteAll, ::testing::ValuesIn(tables),
+                         [](auto const & table) { return table.param.name; });
+
+TEST_P(DeleteAll, GoesOnWhenAListenerThrows) {
+  EXPECT_THAT(told([](std::uint32_t) { throw std::runtime_error("no"); }), ElementsAre(10, 20, 30));
+  EXPECT_EQ(left(), 0u);
+}
+
+TEST_P(DeleteAll, DeletesWhatAListenerPutsBehindTheRow) {
+  auto const numbers = told([this](std::uint32_t number) {
+    if (number == 10)
+      GetParam().add(*mib_, 15);
+  });
+  EXPECT_THAT(numbers, ElementsAre(10, 15, 15, 20, 30)) << "15 comes, and goes";
+  EXPECT_EQ(left(), 0u);
+}
+
+TEST_P(DeleteAll, LeavesWhatAListenerPutsBeforeTheRowOrInItsPlace) {
+  auto const numbers = told([this](std::uint32_t number) {
+    if (number == 20)
+      GetParam().add(*mib_, 15);
+    if (number == 15)
+      GetParam().add(*mib_, 12);
+  });
+  EXPECT_THAT(numbers, ElementsAre(10, 20, 15, 12, 30));
+  EXPECT_EQ(left(), 2u);
+}
+
+TEST_P(DeleteAll, PassesOverWhatAListenerDeletes) {
+  auto const numbers = told([this](std::uint32_t number) {
+    if (number == 10)
+      GetParam().deleteOne(*mib_, 20);
+  });
+  EXPECT_THAT(numbers, ElementsAre(10, 20, 30));
+  EXPECT_EQ(left(), 0u);
+}
+
 TEST_F(TunnelMibTest, ClearsEntriesAtOnceWhenNobodyListens) {
   mib_->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(1), 1));
   heard_ = nullptr;
@@ -163,11 +281,43 @@ TEST_F(TunnelMibTest, IsDestroyedThoughItsListenerThrows) {
   mib_->tunnelIfTableIs(1, status());
   mib_->ipsecTunnelIfTableIs(2, status(), nullptr);
   auto const thrower = Zel::makePtr<Thrower>(*mib_);
-  auto const dropped = Lumo::counter("zel-exceptions-dropped");
+  auto const contained = Lumo::counter("zel-exceptions-contained");
   heard_->changes.clear();
   mib_ = nullptr;
   EXPECT_EQ(heard_->changes.size(), 2u);
-  EXPECT_EQ(Lumo::counter("zel-exceptions-dropped"), dropped + 2);
+  EXPECT_EQ(Lumo::counter("zel-exceptions-contained"), contained + 2);
+}
+
+// Whoever writes a row sees nothing of it, and every further row is written and deleted.
+TEST_F(TunnelMibTest, ContainsWhatItsListenersThrow) {
+  class Thrower : public Zel::Notifiee {
+  public:
+    explicit Thrower(TunnelMib const & mib) { notifierIs(&mib); }
+    void onNotification(Zel::Notification const &) override { throw std::runtime_error("no"); }
+  };
+  auto const thrower = Zel::makePtr<Thrower>(*mib_);
+  std::vector<std::string> reported;
+  auto const before =
+      Zel::exceptionReporterIs([&](std::string_view where, std::exception const & what) {
+        reported.push_back(std::string(where) + ": " + what.what());
+      });
+  for (std::uint32_t i = 1; i <= 3; ++i) {
+    mib_->tunnelIfTableIs(i, status());
+    mib_->ipsecTunnelIfTableIs(i, status(), nullptr);
+    mib_->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(key(i), i));
+  }
+  EXPECT_THAT(std::vector(reported.begin(), reported.begin() + 3),
+              ElementsAre("a listener of TunnelIntfSnmp::TunnelMib's tunnelIfTable: no",
+                          "a listener of TunnelIntfSnmp::TunnelMib's ipsecTunnelIfTable: no",
+                          "a listener of TunnelIntfSnmp::TunnelMib's tunnelInetConfigTable: no"));
+  mib_->tunnelIfTableDelAll();
+  mib_->ipsecTunnelIfTableDelAll();
+  mib_->tunnelInetConfigTableDelAll();
+  EXPECT_EQ(reported.size(), 18u);
+  EXPECT_TRUE(mib_->tunnelIfTable().empty());
+  EXPECT_TRUE(mib_->ipsecTunnelIfTable().empty());
+  EXPECT_TRUE(mib_->tunnelInetConfigTable().empty());
+  Zel::exceptionReporterIs(before);
 }
 
 TEST_F(TunnelMibTest, IsMadeByTypeNameAndReadByAttributeName) {
@@ -182,21 +332,6 @@ TEST_F(TunnelMibTest, IsMadeByTypeNameAndReadByAttributeName) {
   auto const row = std::get<Zel::Ptr<Zel::PtrInterface const>>(table[0].second.is);
   EXPECT_EQ(std::get<std::uint64_t>(Zel::attribute(*row, "encapsMethod").is), 1u);
   EXPECT_EQ(std::get<std::string>(Zel::attribute(*row, "localAddr").is), "");
-}
-
-TEST_F(TunnelMibTest, DescribesItsTypesToTheFramework) {
-  for (char const * name :
-       {"TunnelIntfSnmp::TunnelMib", "TunnelIntfSnmp::TunnelIfTableEntry",
-        "TunnelIntfSnmp::IpsecTunnelIfTableEntry", "TunnelIntfSnmp::TunnelInetConfigTableEntry",
-        "TunnelIntfSnmp::MibEntryWrapper", "TunnelIntfSnmp::TunnelInetConfigTableKey",
-        "TunnelIntfSnmp::Root", "TunnelIntfSnmp::TunnelIntfSnmpAgent",
-        "TunnelIntfSnmp::TunnelIfTableSm"})
-    EXPECT_NE(Zel::typeByName(name), nullptr) << name;
-  for (auto const * module : Zel::modules())
-    EXPECT_EQ(module->namespacePrefix, "ns-") << module->name;
-  for (auto const * module : Zel::modules())
-    for (auto const & name : module->outsideTypes)
-      EXPECT_NE(name, "") << module->name;
 }
 
 TEST(TunnelInetConfigTableEntry, ReadsItsColumnsFromItsKey) {

@@ -1,6 +1,7 @@
 // Counted objects, pointers, notification and the generic interface.
 #include "platform/Lumo.h"
 #include "platform/Zel.h"
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <thread>
 
@@ -24,6 +25,8 @@ public:
   }
   void change() { notify(colour); }
   void changeKey(std::uint32_t key) { notify(byKey, key); }
+  void changeContained() { tell(colour); }
+  void changeKeyContained(std::uint32_t key) { tell(byKey, key); }
 
 private:
   int * const destroyed_;
@@ -254,6 +257,46 @@ TEST(Notification, TellsTheOthersAndThrowsTheFirstExceptionOn) {
   }
   EXPECT_EQ(heard, 2);
   EXPECT_EQ(Lumo::counter("zel-exceptions-dropped"), dropped + 1);
+}
+
+TEST(Notification, ThatIsContainedTellsEverybodyAndReportsEachException) {
+  auto const thing = Zel::makePtr<Thing>();
+  std::vector<std::string> heard;
+  auto const first =
+      Zel::makePtr<Listener>(*thing, [](auto const &) { throw std::runtime_error("first"); });
+  auto const second = Zel::makePtr<Listener>(*thing, [](auto const &) { throw 2; });
+  auto const third = Zel::makePtr<Listener>(*thing, [&](Zel::Notification const & change) {
+    heard.push_back(
+        std::string(change.attribute().name) +
+        (&change.attribute() == &byKey ? std::to_string(change.key<std::uint32_t>()) : ""));
+  });
+  std::vector<std::string> reported;
+  auto const before =
+      Zel::exceptionReporterIs([&](std::string_view where, std::exception const & what) {
+        reported.push_back(fmt::format("{}: {}", where, what.what()));
+      });
+  auto const contained = Lumo::counter("zel-exceptions-contained");
+  thing->changeContained();
+  thing->changeKeyContained(7);
+  EXPECT_THAT(heard, ElementsAre("colour", "byKey7"));
+  std::string const colourOf = "a listener of Zel::PtrInterface's colour: ";
+  std::string const byKeyOf = "a listener of Zel::PtrInterface's byKey: ";
+  EXPECT_THAT(reported, ElementsAre(colourOf + "first", colourOf + "an exception of no known type",
+                                    byKeyOf + "first", byKeyOf + "an exception of no known type"));
+  EXPECT_EQ(Lumo::counter("zel-exceptions-contained"), contained + 4);
+  Zel::exceptionReporterIs(before);
+  thing->changeContained();
+  EXPECT_EQ(Lumo::counter("zel-exceptions-contained"), contained + 6) << "without a reporter, too";
+}
+
+TEST(Notification, ThatIsContainedIsSilentWhileNotificationIsOff) {
+  auto const thing = Zel::makePtr<Thing>();
+  int heard = 0;
+  auto const listener = Zel::makePtr<Listener>(*thing, [&](auto const &) { ++heard; });
+  thing->hasNotificationActiveIs(false);
+  thing->changeContained();
+  thing->changeKeyContained(7);
+  EXPECT_EQ(heard, 0);
 }
 
 TEST(Notification, LetsANotifieeChangeWhatItListensTo) {

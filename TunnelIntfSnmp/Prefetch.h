@@ -1,5 +1,5 @@
-// Walks through many records mostly wait for memory. Who knows which record comes soon has it
-// fetched meanwhile.
+// Walks through many records mostly wait for memory. A walk that knows which record comes soon asks
+// for it beforehand.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@ namespace TunnelIntfSnmp {
 
 /// Begins to fetch the line of memory that an object begins in, and the one behind it. Null does
 /// nothing.
-inline void fetch(void const * object) {
+inline void prefetch(void const * object) {
   constexpr std::size_t line = 64;
   if (object == nullptr)
     return;
