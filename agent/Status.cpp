@@ -77,7 +77,8 @@ void putReconciliation(Json & out, Zel::PtrInterface const & machine) {
 
 Json machineStatus(std::string_view name, Zel::PtrInterface const & machine) {
   Json out{{"name", name}};
-  for (auto const * field : {"ready", "idle", "initialized", "initialScanDone", "synchronous"})
+  for (auto const * field : {"ready", "idle", "initialized", "initialScanDone", "synchronous",
+                             "rescanWalks", "rescanUnheard"})
     putIfThere(out, machine, field);
   putReconciliation(out, machine);
   auto inputs = Json::array();

@@ -23,9 +23,10 @@
 namespace Agent {
 
 /// The machines in order, each {name, ready, idle, initialized, initialScanDone, synchronous,
-/// reconciling, bookmark, inputs: [{name, scanState, scanComplete, scanned, inputSize}]}; what an
-/// object does not have is left out, and the bookmark unless a deletion scan goes on behind it.
-/// Empty when the root has no agent.
+/// rescanWalks, rescanUnheard, reconciling, bookmark, inputs: [{name, scanState, scanComplete,
+/// scanned, inputSize}]}; what an object does not have is left out, and the bookmark unless a
+/// deletion scan goes on behind it. rescanUnheard counts the walks over all tunnels that a machine
+/// took because something may have changed unheard. Empty when the root has no agent.
 nlohmann::ordered_json machinesStatus(Zel::PtrInterface const & root);
 /// True if and only if there are machines and all of them are ready.
 bool allReady(nlohmann::ordered_json const & machines);

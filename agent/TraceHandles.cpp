@@ -2,8 +2,8 @@
 #include "agent/TraceHandles.h"
 #include "platform/Lumo.h"
 #include <algorithm>
+#include <ranges>
 #include <stdexcept>
-#include <vector>
 
 namespace Agent {
 
@@ -13,13 +13,11 @@ void handleLevelsIs(std::string_view handle, std::uint32_t levelMask) {
 }
 
 void requireHandle(std::string_view handle) {
-  std::vector<std::string_view> names;
+  auto const name = [](auto const & one) { return std::string_view(one->name()); };
   auto const known = Lumo::debugHandlers();
-  for (auto const & one : known)
-    names.push_back(one->name());
-  if (std::ranges::find(names, handle) == names.end())
-    throw std::invalid_argument(
-        fmt::format("there is no trace handle {}, but {}", handle, fmt::join(names, ", ")));
+  if (std::ranges::find(known, handle, name) == known.end())
+    throw std::invalid_argument(fmt::format("there is no trace handle {}, but {}", handle,
+                                            fmt::join(known | std::views::transform(name), ", ")));
 }
 
 } // namespace Agent

@@ -40,6 +40,8 @@ constexpr char idle[] = "idle";
 constexpr char reconciling[] = "mibThingOutputReconciling";
 constexpr char bookmark[] = "mibThingOutputBookmark";
 constexpr char useBookmark[] = "mibThingOutputUseBookmark";
+constexpr char rescanWalks[] = "rescanWalks";
+constexpr char rescanUnheard[] = "rescanUnheard";
 constexpr char inputSm[] = "inputSm";
 constexpr char scanState[] = "scanState";
 constexpr char scanned[] = "scanned";
@@ -69,7 +71,8 @@ struct AgentTag {
 };
 struct MachineTag {
   static Zel::Type const & type() {
-    return typeOf<MachineTag, ready, idle, inputSm, reconciling, bookmark, useBookmark>("Machine");
+    return typeOf<MachineTag, ready, idle, inputSm, reconciling, bookmark, useBookmark, rescanWalks,
+                  rescanUnheard>("Machine");
   }
 };
 struct InputTag {
@@ -135,6 +138,15 @@ TEST(Status, TellsBehindWhichKeyADeletionScanGoesOn) {
   auto const machines = machinesOf({{firstSm, machineAt(true)}, {secondSm, machineAt(false)}});
   EXPECT_EQ("2001", machines.at(0).at("bookmark"));
   EXPECT_FALSE(machines.at(1).contains("bookmark")) << "the scan has not begun";
+}
+
+TEST(Status, TellsHowOftenAMachineWalksAndWhetherItMissedSomething) {
+  auto const walker = object<MachineTag>(
+      {{ready, flag(true)}, {rescanWalks, number(5)}, {rescanUnheard, number(2)}});
+  auto const machines = machinesOf({{firstSm, walker}, {secondSm, machine(true)}});
+  EXPECT_EQ(5, machines.at(0).at("rescanWalks"));
+  EXPECT_EQ(2, machines.at(0).at("rescanUnheard"));
+  EXPECT_FALSE(machines.at(1).contains("rescanWalks"));
 }
 
 TEST(Status, IsReadyOnlyWhenEveryMachineIs) {
