@@ -1,4 +1,6 @@
-// Answers to GET and refusals of SET, as far as they do not depend on a table's row type.
+// Answers to GET and refusals of SET, as far as they do not depend on a table's row type. What can
+// go wrong with a value is traced here, under the name of the row's attribute, and becomes the
+// request's error in MibAnswer.h.
 #include "TunnelIntfSnmp/MibAnswer.h"
 #include <algorithm>
 

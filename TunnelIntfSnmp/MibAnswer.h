@@ -46,7 +46,8 @@ int answerGets(netsnmp_request_info * requests) {
     LUMO_TRACE(snmpTrace(), 2, "{}_handler: request GET for column {}, key {}", Table::name,
                column->name, printed(Table::key(*entry->row)));
     if (!putValue(Table::name, *column, *entry->row, *request)) {
-      netsnmp_request_set_error(requests, SNMP_ERR_GENERR); // on the first one, whichever failed
+      netsnmp_request_set_error(requests,
+                                SNMP_ERR_GENERR); // on the first, not on the one that failed
       return SNMP_ERR_GENERR;
     }
   }

@@ -1,4 +1,5 @@
-// Hints read and index varbinds written, with their traces.
+// Hints read and index varbinds written, part by part, each part with its trace. An unusable part
+// is no fault of the request: a walk without a hint starts at the first row.
 #include "TunnelIntfSnmp/MibIndex.h"
 #include "TunnelIntfSnmp/Printed.h"
 #include "TunnelIntfSnmp/SnmpTrace.h"

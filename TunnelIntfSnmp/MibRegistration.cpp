@@ -1,4 +1,5 @@
-// Registration of tables with net-snmp's table iterator.
+// Registration of tables with net-snmp's table iterator. The records are allocated as net-snmp
+// frees them, by calloc; a failed registration has freed them already, and ends the process.
 #include "TunnelIntfSnmp/MibRegistration.h"
 #include "TunnelIntfSnmp/SnmpTrace.h"
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"

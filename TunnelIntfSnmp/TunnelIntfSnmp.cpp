@@ -1,4 +1,6 @@
-// The model: rows, columns, tables, and what the framework is told of their types.
+// The model: for each table its row, with how each column is computed and the list of the columns;
+// then the entity that holds the tables; last, what the framework is told of the types when the
+// library is loaded.
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
 #include <array>
 #include <vector>

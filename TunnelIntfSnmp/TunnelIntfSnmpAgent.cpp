@@ -1,4 +1,6 @@
-// The root, the agent, and the order in which the machines start.
+// The agent and the root. Both keep what they made as long as it is asked for with the same inputs,
+// and replace it otherwise. The machines start in the order of the tables in TunnelMib, and go in
+// the same order.
 #include "TunnelIntfSnmp/TunnelIntfSnmpAgent.h"
 #include <array>
 

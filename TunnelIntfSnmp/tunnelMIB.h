@@ -1,4 +1,5 @@
-// The MIB module tunnelMIB (RFC 4087) for the agent that loads the library: its C entry points.
+// The MIB module tunnelMIB (RFC 4087) for the agent that loads the library: its C entry points. The
+// library enrols the module when it is loaded; these are what the agent calls from then on.
 #pragma once
 
 #include "platform/Snmp.h"

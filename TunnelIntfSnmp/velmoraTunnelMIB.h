@@ -1,4 +1,5 @@
-// The vendor MIB module velmoraTunnelMIB for the agent that loads the library: its C entry points.
+// The vendor MIB module velmoraTunnelMIB for the agent that loads the library: its C entry points,
+// as those of tunnelMIB.
 #pragma once
 
 #include "platform/Snmp.h"

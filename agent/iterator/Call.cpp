@@ -1,4 +1,6 @@
-// What becomes of one request, from its name to its answers.
+// What becomes of one request, from its name to its answers. In this order: what the name says,
+// GET, and GETNEXT and GETBULK, which are a walk of one or more repetitions; last, how the module
+// is asked for a cell.
 #include "agent/iterator/Call.h"
 #include <algorithm>
 #include <array>
@@ -90,8 +92,8 @@ int Call::leaveToStock(netsnmp_request_info & request) {
   return netsnmp_call_next_handler(self_, registration_, agent_, &request);
 }
 
-/// False for everything that is not the name of a cell or, in a walk, of a column or a place before
-/// the first one; and where somebody else has registered a later part of the table.
+// False for everything that is not the name of a cell or, in a walk, of a column or a place before
+// the first one; and where somebody else has registered a later part of the table.
 bool Call::understand(netsnmp_request_info const & request) {
   asked_.number_indexes = 0;
   asked_.index_oid_len = 0;
@@ -110,9 +112,9 @@ bool Call::understand(netsnmp_request_info const & request) {
   return index.empty() ? walks : understandIndex(index);
 }
 
-/// True if and only if the table has the column. net-snmp knows columns as a list, as ranges, or by
-/// the smallest and the largest number alone; all that it tells is the next column after one. So
-/// the question is put as: which one comes after the number before?
+// True if and only if the table has the column. net-snmp knows columns as a list, as ranges, or by
+// the smallest and the largest number alone; all that it tells is the next column after one. So
+// the question is put as: which one comes after the number before?
 bool Call::understandColumn(oid number) {
   if (number < asked_.reg_info->min_column || number > asked_.reg_info->max_column)
     return false;
@@ -155,14 +157,14 @@ int Call::walk(netsnmp_request_info & request) {
   return leaveToStock(request);
 }
 
-/// Answers until enough is answered or the table ends: then the next varbind is one without an
-/// answer, and the agent looks elsewhere for it. False when there is no answer at all, a cell that
-/// the module does not answer, or a cell without an instance where the last answer should be.
-///
-/// The loop context carries the walk from one answer to the next: that is what makes a repetition
-/// cheap. Before the last answer it goes, as with net-snmp's iterator, which has one for each: a
-/// module that is asked for a cell must not find a walk of its own under way. If that cell then has
-/// no instance there is no way back into the column, and net-snmp's handlers begin anew.
+// Answers until enough is answered or the table ends: then the next varbind is one without an
+// answer, and the agent looks elsewhere for it. False when there is no answer at all, a cell that
+// the module does not answer, or a cell without an instance where the last answer should be.
+//
+// The loop context carries the walk from one answer to the next: that is what makes a repetition
+// cheap. Before the last answer it goes, as with net-snmp's iterator, which has one for each: a
+// module that is asked for a cell must not find a walk of its own under way. If that cell then has
+// no instance there is no way back into the column, and net-snmp's handlers begin anew.
 bool Call::answerRepetitions(netsnmp_request_info & request) {
   Cursor cursor(table_, root_, asked_);
   skipAsked(cursor);
@@ -202,14 +204,14 @@ int Call::repetitions(netsnmp_request_info const & request) {
   return request.repeat > 0 && seesEnough() ? request.repeat + 1 : 1;
 }
 
-/// True if and only if the agent will refuse no answer.
-///
-/// After a handler has answered, the agent looks at each answer's name, and where the manager may
-/// not see it, the agent takes the answer back and asks for the next one. It does so request by
-/// request and then goes on with those that are still open, in an order of its own: what a GETBULK
-/// of several names contains then depends on how many answers each step gave. Only steps of one
-/// answer give what net-snmp's iterator gives. The question is asked once for a call, since looking
-/// through a view costs more than finding a row.
+// True if and only if the agent will refuse no answer.
+//
+// After a handler has answered, the agent looks at each answer's name, and where the manager may
+// not see it, the agent takes the answer back and asks for the next one. It does so request by
+// request and then goes on with those that are still open, in an order of its own: what a GETBULK
+// of several names contains then depends on how many answers each step gave. Only steps of one
+// answer give what net-snmp's iterator gives. The question is asked once for a call, since looking
+// through a view costs more than finding a row.
 bool Call::seesEnough() {
   static oid everything[] = {1};
   auto const sees = [this](oid * name, std::size_t length) {
@@ -222,8 +224,8 @@ bool Call::seesEnough() {
   return *seesEnough_;
 }
 
-/// Leads to the first cell past the one that the request names. net-snmp's iterator does not heed
-/// `inclusive` either.
+// Leads to the first cell past the one that the request names. net-snmp's iterator does not heed
+// `inclusive` either.
 void Call::skipAsked(Cursor & cursor) const {
   SubIds const asked{asked_.index_oid, asked_.index_oid_len};
   auto const column = cursor.column();
@@ -246,11 +248,11 @@ bool Call::answer(netsnmp_request_info & request, Cursor & cursor, bool isLast) 
          varbind.type != ASN_NULL && varbind.type != ASN_PRIV_RETRY;
 }
 
-/// The module sees every request as a GET, with its records as net-snmp's iterator leaves them: the
-/// data context and the table information, found by name in a list. Both entries stand on the
-/// stack, in front of what the request has already; when the module returns they are taken out.
-/// They have no function that frees them, so that nothing of ours is freed if the module frees the
-/// list.
+// The module sees every request as a GET, with its records as net-snmp's iterator leaves them: the
+// data context and the table information, found by name in a list. Both entries stand on the
+// stack, in front of what the request has already; when the module returns they are taken out.
+// They have no function that frees them, so that nothing of ours is freed if the module frees the
+// list.
 int Call::askModule(netsnmp_request_info & request, void * dataContext) {
   static char tableName[] = TABLE_HANDLER_NAME;
   static char iteratorName[] = TABLE_ITERATOR_NAME;

@@ -22,6 +22,7 @@ public:
   Call(netsnmp_mib_handler * self, netsnmp_handler_registration * registration,
        netsnmp_agent_request_info * agent);
 
+  /// Serves the requests one by one, up to the first that fails. Returns an SNMP error status.
   int serve(netsnmp_request_info * requests);
 
 private:

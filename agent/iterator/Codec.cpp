@@ -1,4 +1,5 @@
-// Indexes out of names and into them.
+// Indexes out of names and into them. A number is one sub-identifier; an octet string is its length
+// and then each octet. Other types, strings without a length among them, are left to net-snmp.
 #include "agent/iterator/Codec.h"
 #include <algorithm>
 #include <array>

@@ -1,4 +1,5 @@
-// Moves through a table, row by row and column by column.
+// Moves through a table, row by row and column by column. In each column the walk begins anew in
+// the module: its loop context goes at the end of a column.
 #include "agent/iterator/Cursor.h"
 #include <algorithm>
 

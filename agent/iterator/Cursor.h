@@ -4,8 +4,8 @@
 // get_next_data_point moves on, stands for a row. A walk sees cells, column by column. The cursor
 // knows the column as well and leads from the last row of one column to the first row of the next.
 //
-// Between two moves any code may run, a machine's included, and rows may come and go: the cursor
-// keeps nothing of a row but its index, and leaves it to the module to find the next one.
+// Between two moves the module's handler runs, and rows may come and go: of a row the cursor keeps
+// its index only, and leaves it to the module and its loop context to find the next one.
 #pragma once
 
 #include "agent/iterator/Codec.h"
@@ -26,9 +26,9 @@ struct Table {
         asked(iterator->table_reginfo->indexes),
         row(iterator->table_reginfo->indexes) {}
 
-  netsnmp_iterator_info * const info; // of the handler "table_iterator" of the same registration
-  IndexVarbinds const asked;
-  IndexVarbinds const row;
+  netsnmp_iterator_info * const info; ///< of net-snmp's iterator in the same registration
+  IndexVarbinds const asked;          ///< the index that a request names
+  IndexVarbinds const row;            ///< that of the row where a cursor stands
 };
 
 /// A place in the table: a column, and a row that the module's callbacks found.

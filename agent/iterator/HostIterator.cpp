@@ -1,32 +1,27 @@
-// How a registration is taken over, and how a request then runs through the files of this folder.
+// How a registration is taken over, and here how a request then runs through this folder's files.
+// Say, a GETBULK of three repetitions that asks for what comes after tunnelIfEncapsMethod of
+// ifIndex 7, in a table with the rows 5, 7 and 9:
 //
-// net-snmp calls handle() with the requests of a PDU that fall into a table; Call takes them one by
-// one. A GETBULK of three repetitions from `...131.1.1.1.1.3.7`, tunnelIfEncapsMethod of ifIndex 7,
-// runs so:
+// 1. net-snmp calls handle(). Call cuts the request out of the PDU's list, as serialize would.
+// 2. Call understands the name: column 3, and an index, which Codec decodes into index varbinds. A
+//    name of any other kind goes on to net-snmp's handlers as it is.
+// 3. Cursor starts. The varbinds are the hint by which the module's get_first_data_point finds row
+//    7; its loop context stands there now. Codec encodes that row's index behind table, entry and
+//    column: the name of a cell.
+// 4. Call skips what is not past the name that was asked for: one cell, row 7 itself. Cursor goes
+//    on by get_next_data_point to row 9.
+// 5. Call answers. It puts the cell's name into the varbind, has the module make a data context of
+//    the row, asks the module's handler in the mode of a GET, and frees the data context. It goes
+//    on to the PDU's next varbind, and Cursor to the next row.
+// 6. There is none. Cursor frees the loop context and starts in column 4, without a hint, at row 5:
+//    the second answer. Row 7 is the third.
+// 7. It is the last one: Call frees the loop context before it asks the module, as net-snmp's
+//    iterator does for each answer.
 //
-//   Call        understands the name: column 3 of the table, and the rest is its index. Codec
-//   decodes
-//               it into index varbinds. A name that is none of a cell, of a column, or of a place
-//               before the first column goes to net-snmp's handlers as it is.
-//   Cursor      starts: the module's get_first_data_point is told the index by the hint, and its
-//   loop
-//               context stands at row 7, with that row's index in varbinds of the cursor. Codec
-//               encodes them behind table, entry and column: the name of the cell.
-//   Call        skips what is not past the name asked for: here one cell, its own.
-//   Cursor      goes on: get_next_data_point leads to row 9, say.
-//   Call        answers: puts the cell's name into the varbind, has the module make a data context
-//   of
-//               the row, asks the module's handler in the mode of a GET, frees the data context.
-//               Twice more, each time a row further and into the PDU's next varbind.
-//   Cursor      at the last row of column 3 frees the loop context and starts in column 4 with
-//               get_first_data_point, without a hint.
-//   Call        at the last repetition frees the loop context before the module is asked, as
-//               net-snmp's iterator does for each.
-//
-// When the table ends before the repetitions do, the next varbind stays without an answer and is
-// given the last answer's name: the agent looks for its successor elsewhere. When a module fails at
-// a cell, the answers so far are taken back and net-snmp's handlers begin anew: they know which
-// failure the agent has to report.
+// When the table ends before the repetitions do, the next varbind is given the last answer's name
+// and no answer: the agent looks for its successor elsewhere. When the module fails at a cell, the
+// answers so far are taken back and net-snmp's handlers begin anew: they know which failure the
+// agent has to report.
 #include "agent/iterator/HostIterator.h"
 #include "agent/iterator/Call.h"
 #include <array>
@@ -45,6 +40,7 @@ bool takeOver(netsnmp_handler_registration * registration);
 
 } // namespace
 
+// A context's registrations are a list of subtrees, each with those of lower priority beneath it.
 std::size_t installHostIterator() {
   std::size_t count = 0;
   for (auto * context = get_top_context_cache(); context != nullptr; context = context->next)
@@ -63,7 +59,7 @@ int handle(netsnmp_mib_handler * self, netsnmp_handler_registration * registrati
   return netsnmp_call_next_handler(self, registration, agent, requests);
 }
 
-/// True if and only if nothing stands above the iterator but what this one replaces.
+// True if and only if nothing stands above the iterator but what this one replaces.
 bool isStock(netsnmp_handler_registration const & registration) {
   constexpr std::array<std::string_view, 4> names{"serialize", "bulk_to_next", TABLE_HANDLER_NAME,
                                                   TABLE_ITERATOR_NAME};

@@ -1,3 +1,5 @@
+// The agent that is asked, with communities that see different parts of the tables, and the
+// requests: as many names as there are ways to be beside a cell.
 #include "tests/agent/IteratorComparison.h"
 #include "agent/SnmpEngine.h"
 #include "tests/support/TestLoop.h"

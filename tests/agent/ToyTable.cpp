@@ -1,3 +1,5 @@
+// A table that lives in a std::set of indexes. Its callbacks do what a good module's do; its
+// handler does what the test wants of each cell.
 #include "tests/agent/ToyTable.h"
 #include <array>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// BER, as far as a request needs it, and a socket.
 #include "tests/agent/Wire.h"
 #include <arpa/inet.h>
 #include <array>

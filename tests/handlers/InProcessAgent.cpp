@@ -1,3 +1,4 @@
+// net-snmp set up as an agent without files, and as its own client.
 #include "tests/handlers/InProcessAgent.h"
 #include <algorithm>
 #include <arpa/inet.h>
