@@ -186,17 +186,4 @@ TEST(InputRecords, NotifyTheAttributesThatTheyDescribe) {
   EXPECT_EQ(&Interface::TunnelIntfStatus::ipsecAttribute(), status->type().attributes[6]);
 }
 
-TEST(InputRecords, AdvanceTheDirectoryRevisionWithTheProfileName) {
-  Ipsec::Ike::TunnelInfo info;
-  auto const before = Ipsec::Ike::directoryRevision();
-  info.profileNameIs("a");
-  auto const one = Ipsec::Ike::directoryRevision();
-  info.valuesIs({"b"});
-  auto const two = Ipsec::Ike::directoryRevision();
-  info.valuesIs({"b"});
-  EXPECT_LT(before, one);
-  EXPECT_LT(one, two);
-  EXPECT_EQ(two, Ipsec::Ike::directoryRevision());
-}
-
 } // namespace
