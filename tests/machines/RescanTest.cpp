@@ -299,6 +299,26 @@ TEST_F(RescanTest, IsNotMisledByASwitchInsideASwitch) {
   EXPECT_EQ(walksOf([&] { first->modeIs(Plexa::TunnelIntfMode::gre); }), 0u);
 }
 
+TEST_F(RescanTest, IsNotMisledByAPartThatAListenerLeftSwitchedOff) {
+  auto const first = add(1, "10.0.0.9");
+  world_.addEndpoints(4, "10.0.0.1", "10.0.0.2");
+  world_.addEndpoints(5, "10.0.0.1", "10.0.0.3");
+  machine_->hasNotificationActiveIs(false);
+  world_.addIfIndex(4, 40);
+  auto meddles = true;
+  auto const listener = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
+    if (!std::exchange(meddles, false))
+      return;
+    machine_->hasNotificationActiveIs(false); // the statuses may be switched on behind this
+    machine_->intfStatusSm0()->hasNotificationActiveIs(true);
+  });
+  machine_->hasNotificationActiveIs(true);
+  first->modeIs(Plexa::TunnelIntfMode::vti);
+  world_.addIfIndex(5, 50); // held
+  first->modeIs(Plexa::TunnelIntfMode::gre);
+  EXPECT_EQ(world_.inetConfigRows().count(keyAC), 1u) << "by the walk";
+}
+
 // The status that a deletion's listener replaced is not added any more: the new one has been.
 TEST_F(RescanTest, AddsNothingForAStatusThatDidNotOutliveTheDeletionOfItsRow) {
   auto const record = add(1, "10.0.0.2");
