@@ -38,6 +38,8 @@ constexpr char tunnelMib[] = "tunnelMib";
 constexpr char ready[] = "ready";
 constexpr char idle[] = "idle";
 constexpr char reconciling[] = "mibThingOutputReconciling";
+constexpr char bookmark[] = "mibThingOutputBookmark";
+constexpr char rescanUnheard[] = "rescanUnheard";
 constexpr char inputSm[] = "inputSm";
 constexpr char scanState[] = "scanState";
 constexpr char scanned[] = "scanned";
@@ -67,7 +69,8 @@ struct AgentTag {
 };
 struct MachineTag {
   static Zel::Type const & type() {
-    return typeOf<MachineTag, ready, idle, inputSm, reconciling>("Machine");
+    return typeOf<MachineTag, ready, idle, inputSm, reconciling, bookmark, rescanUnheard>(
+        "Machine");
   }
 };
 struct InputTag {
@@ -121,6 +124,20 @@ TEST(Status, FindsTheMachinesAndTheirInputs) {
   EXPECT_EQ(Json::parse(R"([{"name": "firstSm", "ready": true, "idle": false, "reconciling": true,
                              "inputs": [{"name": "inputSm", "scanState": 2, "scanned": 40}]}])"),
             machines);
+}
+
+TEST(Status, TellsHowFarAReconciliationIsAndWhatWentUnheard) {
+  auto const told = [](bool isReconciling) {
+    auto const machines =
+        machinesOf({{firstSm, object<MachineTag>({{ready, flag(true)},
+                                                  {reconciling, flag(isReconciling)},
+                                                  {bookmark, {"row 7"}},
+                                                  {rescanUnheard, number(3)}})}});
+    return machines.at(0);
+  };
+  EXPECT_EQ(told(true).at("reconciledTo"), "row 7");
+  EXPECT_EQ(told(true).at("rescanUnheard"), 3);
+  EXPECT_FALSE(told(false).contains("reconciledTo"));
 }
 
 TEST(Status, IsReadyOnlyWhenEveryMachineIs) {
