@@ -79,7 +79,8 @@ public:
 
   void hasNotificationActiveIs(bool on) override {
     InputSm::hasNotificationActiveIs(on);
-    en_->hasNotificationActiveIs(on);
+    if (hasNotificationActive() == on) // else a listener has switched back
+      en_->hasNotificationActiveIs(on);
   }
   void zelDoZombieReactors(bool doIt) override {
     InputSm::zelDoZombieReactors(doIt);

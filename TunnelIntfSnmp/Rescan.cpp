@@ -94,7 +94,7 @@ bool Rescan::onlyThoseToTry() const {
 bool Rescan::surveyIsComplete() const {
   auto const everyTunnelWasTried =
       survey_ == Survey::complete ||
-      (survey_ == Survey::byFirstScan &&
+      (survey_ == Survey::byFirstScan && machine_.initialScanDone() &&
        machine_.inputSmScanState()->scan(TunnelInetConfigTableSm::ifMibInput));
   return everyTunnelWasTried && silencings_ == Zel::silencings() && inputsAreHeard() &&
          tableVersion_ == machine_.mib()->tunnelInetConfigTable().version();
@@ -173,7 +173,7 @@ void Rescan::waitFor(Plexa::IntfId intfId, Reason reason) {
 // The tunnels that waited for the thing are to be tried.
 template <class Thing>
 void Rescan::happened(Waiting<Thing> & waiting, Thing const & thing) {
-  std::pair const first(thing, Plexa::IntfId());
+  std::pair const first(thing, Plexa::IntfId()); // the least of that thing
   for (auto next = waiting.lower_bound(first); next != waiting.end() && next->first == thing;
        next = waiting.lower_bound(first))
     tryAgain(Plexa::IntfId(next->second));

@@ -196,8 +196,10 @@ public:
   }
   void hasNotificationActiveIs(bool on) override {
     IntfStatusCollectionSm::hasNotificationActiveIs(on);
-    children_.forEach(
-        [on](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->hasNotificationActiveIs(on); });
+    children_.forEach([this, on](Plexa::IntfId, Zel::Ptr<Child> const & child) {
+      if (hasNotificationActive() == on) // else a listener has switched back
+        child->hasNotificationActiveIs(on);
+    });
   }
   void zelDoZombieReactors(bool doIt) override {
     IntfStatusCollectionSm::zelDoZombieReactors(doIt);

@@ -185,9 +185,13 @@ void TableSmBase::handleReconciliationTask(Zel::Attribute const &, Flowa::Gen::N
 void TableSmBase::hasNotificationActiveIs(bool on) {
   Zel::Ptr<TableSmBase> const self(this);
   PtrInterface::hasNotificationActiveIs(on);
-  inputSmScanState_->hasNotificationActiveIs(on);
-  outputState_->hasNotificationActiveIs(on);
-  forEachPart([on](auto & part) { part.hasNotificationActiveIs(on); });
+  auto const switchPart = [this, on](auto & part) {
+    if (hasNotificationActive() == on) // else a listener has switched back: that is the last word
+      part.hasNotificationActiveIs(on);
+  };
+  switchPart(*inputSmScanState_);
+  switchPart(*outputState_);
+  forEachPart(switchPart);
 }
 
 void TableSmBase::zelDoZombieReactors(bool doIt) {

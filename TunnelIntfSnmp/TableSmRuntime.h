@@ -80,7 +80,8 @@ public:
   void doDeleteAll();
 
   /// Switches the machine's flags, tasks and children. Each part is switched, and delivers what it
-  /// held, even if a delivery of another part raised; the first exception is thrown on then.
+  /// held, even if a delivery of another part raised; the first exception is thrown on then. When a
+  /// listener of what is delivered switches again, that is what holds for all parts.
   void hasNotificationActiveIs(bool on) override;
   void zelDoZombieReactors(bool doIt);
 

@@ -37,12 +37,17 @@ void putIfThere(Json & out, Zel::PtrInterface const & object, std::string_view n
     out[std::string(name)] = *std::move(value);
 }
 
+/// What would be copied whole, however large it is.
+bool isCollection(Zel::Attribute const & attribute) {
+  return attribute.typeName == "Zel::HashMap2018" || attribute.typeName == "Zel::RbTreeMap";
+}
+
 /// Calls `take(attribute, object)` for each attribute of `parent` that holds an object which has an
 /// attribute of that name itself.
 template <class Take>
 void forEachChild(Zel::PtrInterface const & parent, std::string_view having, Take take) {
   for (auto const * attribute : parent.type().attributes) {
-    if (attribute->get == nullptr)
+    if (attribute->get == nullptr || isCollection(*attribute))
       continue;
     auto const value = attribute->get(parent);
     auto const * child = std::get_if<Object>(&value.is);
