@@ -409,9 +409,8 @@ Zel::Type const & TunnelInetConfigTableSm::typeDescription() {
       {"ready", "bool", Zel::getBy<&Sm::ready>},
       {"idle", "bool", Zel::getBy<&Sm::idle>},
       {"rescanWalks", "U64",
-       [](Zel::PtrInterface const & machine) {
-         return Zel::toValue(static_cast<Sm const &>(machine).rescan().walks());
-       }},
+       [](Zel::PtrInterface const &
+              machine) { return Zel::toValue(static_cast<Sm const &>(machine).rescan().walks()); }},
       {"rescanUnheard", "U64", [](Zel::PtrInterface const & machine) {
          return Zel::toValue(static_cast<Sm const &>(machine).rescan().unheard());
        }}};

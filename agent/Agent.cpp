@@ -1,9 +1,9 @@
 // The start and the stop, step by step, and what the daemon does in between.
 #include "agent/Agent.h"
-#include "agent/iterator/HostIterator.h"
 #include "agent/Report.h"
 #include "agent/Status.h"
 #include "agent/TraceHandles.h"
+#include "agent/iterator/HostIterator.h"
 #include "platform/Snmp.h"
 #include <array>
 #include <cstdio>

@@ -1,6 +1,6 @@
 // The daemon's iterator over the plug-in's own tables, from none to some hundred rows.
-#include "agent/iterator/HostIterator.h"
 #include "agent/Plugin.h"
+#include "agent/iterator/HostIterator.h"
 #include "platform/Kiln.h"
 #include "platform/Snmp.h"
 #include "statedb/StateDb.h"
