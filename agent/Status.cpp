@@ -56,6 +56,15 @@ void forEachChild(Zel::PtrInterface const & parent, std::string_view having, Tak
   }
 }
 
+/// Puts the attribute whose name ends so, if there is one, under another name.
+void putUnder(Json & out, char const * name, Zel::PtrInterface const & object,
+              std::string_view ending) {
+  for (auto const * attribute : object.type().attributes)
+    if (attribute->get != nullptr && attribute->name.ends_with(ending))
+      if (auto value = scalar(attribute->get(object)))
+        out[name] = *std::move(value);
+}
+
 Json inputStatus(std::string_view name, Zel::PtrInterface const & input) {
   Json out{{"name", name}};
   for (auto const * field : {"scanState", "scanComplete", "scanned", "inputSize"})
@@ -63,29 +72,14 @@ Json inputStatus(std::string_view name, Zel::PtrInterface const & input) {
   return out;
 }
 
-/// The plain value of the attribute whose name ends so: its beginning names the machine's output.
-std::optional<Json> outputValue(Zel::PtrInterface const & machine, std::string_view ending) {
-  for (auto const * attribute : machine.type().attributes)
-    if (attribute->name.ends_with(ending) && attribute->get != nullptr)
-      return scalar(attribute->get(machine));
-  return std::nullopt;
-}
-
-/// Whether a deletion scan is owed, and behind which key it goes on once it has begun.
-void putReconciliation(Json & out, Zel::PtrInterface const & machine) {
-  if (auto reconciling = outputValue(machine, "OutputReconciling"))
-    out["reconciling"] = *std::move(reconciling);
-  if (outputValue(machine, "OutputUseBookmark") == Json(true))
-    if (auto bookmark = outputValue(machine, "OutputBookmark"))
-      out["bookmark"] = *std::move(bookmark);
-}
-
 Json machineStatus(std::string_view name, Zel::PtrInterface const & machine) {
   Json out{{"name", name}};
-  for (auto const * field : {"ready", "idle", "initialized", "initialScanDone", "synchronous",
-                             "rescanWalks", "rescanUnheard"})
+  for (auto const * field : {"ready", "idle", "initialized", "initialScanDone", "synchronous"})
     putIfThere(out, machine, field);
-  putReconciliation(out, machine);
+  putUnder(out, "reconciling", machine, "OutputReconciling");
+  if (out.value("reconciling", false))
+    putUnder(out, "reconciledTo", machine, "OutputBookmark");
+  putIfThere(out, machine, "rescanUnheard");
   auto inputs = Json::array();
   forEachChild(machine, "scanState", [&](Zel::Attribute const & attribute, auto const & input) {
     inputs.push_back(inputStatus(attribute.name, input));

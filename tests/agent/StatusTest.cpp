@@ -39,8 +39,6 @@ constexpr char ready[] = "ready";
 constexpr char idle[] = "idle";
 constexpr char reconciling[] = "mibThingOutputReconciling";
 constexpr char bookmark[] = "mibThingOutputBookmark";
-constexpr char useBookmark[] = "mibThingOutputUseBookmark";
-constexpr char rescanWalks[] = "rescanWalks";
 constexpr char rescanUnheard[] = "rescanUnheard";
 constexpr char inputSm[] = "inputSm";
 constexpr char scanState[] = "scanState";
@@ -71,8 +69,8 @@ struct AgentTag {
 };
 struct MachineTag {
   static Zel::Type const & type() {
-    return typeOf<MachineTag, ready, idle, inputSm, reconciling, bookmark, useBookmark, rescanWalks,
-                  rescanUnheard>("Machine");
+    return typeOf<MachineTag, ready, idle, inputSm, reconciling, bookmark, rescanUnheard>(
+        "Machine");
   }
 };
 struct InputTag {
@@ -128,25 +126,18 @@ TEST(Status, FindsTheMachinesAndTheirInputs) {
             machines);
 }
 
-TEST(Status, TellsBehindWhichKeyADeletionScanGoesOn) {
-  auto const machineAt = [](bool used) {
-    return object<MachineTag>({{ready, flag(false)},
-                               {reconciling, flag(true)},
-                               {useBookmark, flag(used)},
-                               {bookmark, {std::string("2001")}}});
+TEST(Status, TellsHowFarAReconciliationIsAndWhatWentUnheard) {
+  auto const told = [](bool isReconciling) {
+    auto const machines =
+        machinesOf({{firstSm, object<MachineTag>({{ready, flag(true)},
+                                                  {reconciling, flag(isReconciling)},
+                                                  {bookmark, {"row 7"}},
+                                                  {rescanUnheard, number(3)}})}});
+    return machines.at(0);
   };
-  auto const machines = machinesOf({{firstSm, machineAt(true)}, {secondSm, machineAt(false)}});
-  EXPECT_EQ("2001", machines.at(0).at("bookmark"));
-  EXPECT_FALSE(machines.at(1).contains("bookmark")) << "the scan has not begun";
-}
-
-TEST(Status, TellsHowOftenAMachineWalksAndWhetherItMissedSomething) {
-  auto const walker = object<MachineTag>(
-      {{ready, flag(true)}, {rescanWalks, number(5)}, {rescanUnheard, number(2)}});
-  auto const machines = machinesOf({{firstSm, walker}, {secondSm, machine(true)}});
-  EXPECT_EQ(5, machines.at(0).at("rescanWalks"));
-  EXPECT_EQ(2, machines.at(0).at("rescanUnheard"));
-  EXPECT_FALSE(machines.at(1).contains("rescanWalks"));
+  EXPECT_EQ(told(true).at("reconciledTo"), "row 7");
+  EXPECT_EQ(told(true).at("rescanUnheard"), 3);
+  EXPECT_FALSE(told(false).contains("reconciledTo"));
 }
 
 TEST(Status, IsReadyOnlyWhenEveryMachineIs) {
