@@ -1,5 +1,17 @@
-// The child machine over one hashed collection of an input entity, and the one that every machine
-// has over the ifIndex map.
+// The child machine over one collection of an input entity, and the one that every machine has over
+// the ifIndex map. InputSm.h says what a child is and which states it has.
+//
+// What is hard here is the scan. It handles one key after the other, and each of them may change
+// the collection that it walks: a listener hears of the row and answers. So the scan never keeps an
+// iterator over an event. It remembers the key that it handled and goes on with the next key in
+// the collection's order. A key that comes behind that place meanwhile is visited, one that comes
+// before it has been heard as a change of its own, and one that goes is not visited any more.
+// Between two runs it remembers the next key in the same way; that key may be gone when the scan
+// resumes, and the scan resumes with the one behind it.
+//
+// The collection counts its insertions and removals in a stamp. The child notes the stamp before
+// it emits an event, and at the end of each run: a stamp that differs tells of a key that came or
+// went unheard.
 #pragma once
 
 #include "TunnelIntfSnmp/TableSmRuntime.h"
@@ -21,9 +33,17 @@ public:
   ~CollectionSm() override { en_->ownerDeletedIs(); }
 
   std::uint64_t inputSize() const override { return collection().size(); }
+  bool hearsItsInput() const override {
+    return en_->hasNotificationActive() && input_->hasNotificationActive() && missedNothing();
+  }
+
+  void stop() override {
+    InputSm::stop();
+    en_->ownerDeletedIs();
+  }
 
   void doInputScan() override {
-    Zel::Ptr<TableSmBase> const keepMachine(&parent());
+    auto const machine = keepMachine();
     if (!initialized())
       return;
     LUMO_TRACE(trace(), 9, "");
@@ -33,65 +53,61 @@ public:
       return;
     LUMO_ASSERT(en(), "Sm args can only be null if marked as Optional in the SM type declaration");
     std::uint64_t iterations = 0;
-    Zel::FirstException exception; // of whoever hears of a row: it must not end the scan
     auto position = scanFrom();
     while (position != collection().end()) {
-      auto const key = position->first;
-      auto const stamp = collection().changeStamp();
-      exception.run([&] { handleKey(key); });
-      keyScanned();
+      position = scanKey(position);
       ++iterations;
-      position =
-          stamp == collection().changeStamp() ? std::next(position) : collection().seekBehind(key);
       if (shouldYield() && position != collection().end()) {
         inputScanBookmark_ = position->first;
         scanYields(iterations);
         observeChangeStamp();
-        return exception.rethrow();
+        return;
       }
     }
     observeChangeStamp();
-    exception.run([&] { scanCompletes(); });
-    exception.rethrow();
+    scanCompletes();
   }
 
   void doDeleteAll() override {
-    Zel::Ptr<TableSmBase> const keepMachine(&parent());
+    auto const machine = keepMachine();
+    if (!initialized())
+      return;
     LUMO_TRACE(trace(), 9, "");
-    LUMO_ASSERT(collection().changeStamp() == observedChangeStamp_,
-                "We missed notifications that happened to {} before the enclosing entity got "
-                "deleted",
-                CollectionAttribute().name);
+    assertNothingMissed();
     collection().forEach([this](Key const & key, Mapped const &) { handleGone(key); });
   }
 
   void hasNotificationActiveIs(bool on) override {
-    Zel::FirstException exception;
-    exception.run([&] { InputSm::hasNotificationActiveIs(on); });
-    exception.run([&] { en_->hasNotificationActiveIs(on); });
-    exception.rethrow();
+    InputSm::hasNotificationActiveIs(on);
+    if (hasNotificationActive() == on) // else a listener has switched back
+      en_->hasNotificationActiveIs(on);
   }
   void zelDoZombieReactors(bool doIt) override {
-    Zel::FirstException exception;
-    exception.run([&] { en_->zelDoZombieReactors(doIt); });
-    exception.run([&] { InputSm::zelDoZombieReactors(doIt); });
-    exception.rethrow();
+    InputSm::zelDoZombieReactors(doIt);
+    en_->zelDoZombieReactors(doIt);
   }
 
 protected:
-  CollectionSm(TableSmBase & parent, Zel::Ptr<Entity const> entity, std::string_view name,
-               ScanFlag flag)
-      : InputSm(parent, name, flag),
+  /// `input` is the number in TableSmNames::inputs.
+  CollectionSm(TableSmBase & machine, std::size_t input, Zel::Ptr<Entity const> entity)
+      : InputSm(machine, input),
         input_(std::move(entity)),
         en_(Zel::makePtr<Reactor>(*this, &CollectionSm::handleReactor, input_.get())) {}
 
   /// One key came, changed, went, or is walked over.
   virtual void handleKey(Key const & key) = 0;
-  /// One key counts as gone, though the collection still has it.
+  /// One key counts as gone, though the collection may still have it.
   virtual void handleGone(Key const & key) = 0;
 
   /// Records that everything up to now has been heard. Called before a key's event is emitted.
   void observeChangeStamp() { observedChangeStamp_ = collection().changeStamp(); }
+  /// What came or went unheard can no longer be replayed: that is fatal.
+  void assertNothingMissed() const {
+    LUMO_ASSERT(missedNothing(),
+                "We missed notifications that happened to {} before the enclosing entity got "
+                "deleted",
+                CollectionAttribute().name);
+  }
   /// The value of the key now. A null value counts as none.
   Zel::Optional<Mapped> valueOf(Key const & key) const {
     auto const * found = collection().find(key);
@@ -103,19 +119,30 @@ protected:
 
 private:
   using Reactor = Flowa::Gen::InReactor<CollectionSm, Key>;
+  using Position = typename Map::const_iterator;
 
   Zel::Ptr<Entity const> const & en() const { return input_; }
   Map const & collection() const { return (input_.get()->*Collection)(); }
+  bool missedNothing() const { return collection().changeStamp() == observedChangeStamp_; }
 
-  auto scanFrom() {
+  Position scanFrom() {
     if (scanState() == ScanState::yielded)
       return collection().seek(inputScanBookmark_);
     passBegins();
     return collection().begin();
   }
+  // Handles one key and returns where the scan goes on.
+  Position scanKey(Position position) {
+    auto const key = position->first;
+    auto const stamp = collection().changeStamp();
+    Zel::contained([&] { handleKey(key); },
+                   [&] { return fmt::format("the scan of {}", CollectionAttribute().name); });
+    keyScanned();
+    return stamp == collection().changeStamp() ? std::next(position) : collection().seekBehind(key);
+  }
 
   void handleReactor(Zel::Attribute const & attribute, Key const & key) {
-    Zel::Ptr<TableSmBase> const keepMachine(&parent());
+    auto const machine = keepMachine();
     if (&attribute == &CollectionAttribute())
       handleKey(key);
   }
@@ -136,8 +163,8 @@ using IfIndexCollectionSm = CollectionSm<IntfSnmp::IfMib, &IntfSnmp::IfMib::ifIn
 template <class Machine>
 class IfIndexByIntfIdSm final : public IfIndexCollectionSm {
 public:
-  IfIndexByIntfIdSm(Machine & root, IfMibPtr ifMib, std::string_view name)
-      : CollectionSm(root, std::move(ifMib), name, ifMibStream),
+  IfIndexByIntfIdSm(Machine & root, std::size_t input, IfMibPtr ifMib)
+      : CollectionSm(root, input, std::move(ifMib)),
         root_(root) {}
 
 private:
@@ -149,7 +176,7 @@ private:
     root_.eventToIfMibStream(intfId, std::nullopt);
   }
 
-  Machine & root_;
+  Machine & root_; // not used once the child is stopped
 };
 
 } // namespace TunnelIntfSnmp

@@ -8,12 +8,38 @@ namespace {
 
 auto const debugHandler = Lumo::Platform::getDebugHandler(IpsecTunnelIfTableSm::unitName, false);
 
+InputNames const inputs[] = {
+    {"IfIndexByIntfIdSm2",
+     "ifMibStream",
+     {"ifMibStreamScan", "bool", InputSmScanState::scanOf<IpsecTunnelIfTableSm::ifMibInput>},
+     {"TunnelIntfSnmp::FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2",
+      InputSm::attributesOfInputSm()}},
+    {"IntfStatusSm0",
+     "tisIpsecStream",
+     {"tisIpsecStreamScan", "bool",
+      InputSmScanState::scanOf<IpsecTunnelIfTableSm::intfStatusInput>},
+     {"TunnelIntfSnmp::FlowaCode::IpsecTunnelIfTableSm::IntfStatusSm0",
+      InputSm::attributesOfInputSm()}}};
 OutputNames const outputs[] = {
-    {"mibIpsecTunnelIfTableOutput", {"mibIpsecTunnelIfTableOutputReady", "bool"}}};
+    {"mibIpsecTunnelIfTableOutput",
+     {"mibIpsecTunnelIfTableOutputReady", "bool", OutputState::readyOf<0>}}};
+
+Zel::Attribute const * const scanAttributes[] = {&inputs[0].scan, &inputs[1].scan,
+                                                 &InputSmScanState::idleAttribute()};
+Zel::Attribute const * const outputAttributes[] = {&outputs[0].ready,
+                                                   &OutputState::readyAttribute()};
+Zel::Type const scanStateType{"TunnelIntfSnmp::FlowaCode::IpsecTunnelIfTableSm::InputSmScanState",
+                              scanAttributes};
+Zel::Type const outputStateType{"TunnelIntfSnmp::FlowaCode::IpsecTunnelIfTableSm::OutputState",
+                                outputAttributes};
+auto const taskType = reconciliationTaskType("TunnelIntfSnmp::FlowaCode::IpsecTunnelIfTableSm::"
+                                             "ZelMibIpsecTunnelIfTableOutputReconciliationTask");
 TableSmNames const smNames{.machine = IpsecTunnelIfTableSm::unitName,
-                           .tisStream = "tisIpsecStream",
-                           .tisStreamScan = {"tisIpsecStreamScan", "bool"},
-                           .outputs = outputs};
+                           .inputs = inputs,
+                           .outputs = outputs,
+                           .scanState = scanStateType,
+                           .outputState = outputStateType,
+                           .reconciliationTask = taskType};
 
 } // namespace
 
@@ -22,8 +48,8 @@ TableSmNames const smNames{.machine = IpsecTunnelIfTableSm::unitName,
 IpsecTunnelIfTableSm::IpsecTunnelIfTableSm(Zel::Ptr<TunnelMib> mib,
                                            StatusDirPtr tunnelIntfStatusDir, IfMibPtr ifMib,
                                            IkeStatusPtr ikeStatus, Flowa::SmControl const & control)
-    : TunnelTableSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
-                    std::move(ifMib)),
+    : StatusRowSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
+                  std::move(ifMib)),
       ikeStatus_(std::move(ikeStatus)) {
   handleInitialized();
 }
@@ -44,7 +70,7 @@ Zel::Ptr<IpsecTunnelIfTableSm> ipsecTunnelIfTableSmFactory(Zel::Ptr<TunnelMib> c
 }
 
 void IpsecTunnelIfTableSm::checkInputs() const {
-  TunnelTableSm::checkInputs();
+  StatusRowSm::checkInputs();
   LUMO_ASSERT(ikeStatus(), nullSmArgument);
 }
 
@@ -61,9 +87,19 @@ IpsecSm1::IpsecSm1(::TunnelIntfSnmp::IpsecTunnelIfTableSm & root, Plexa::IntfId 
                    StatusPtr status)
     : StatusChildSm(root, intfId, std::move(status)) {}
 
-void IpsecSm1::emit(Plexa::IntfId intfId, StatusPtr const & status) {
-  auto & root = static_cast<::TunnelIntfSnmp::IpsecTunnelIfTableSm &>(machine());
+void IpsecSm1::emit(TableSmBase & machine, Plexa::IntfId intfId, StatusPtr const & status) {
+  auto & root = static_cast<::TunnelIntfSnmp::IpsecTunnelIfTableSm &>(machine);
   root.eventToTisIpsecStream(intfId, status ? Zel::Optional<bool>(status->ipsec()) : std::nullopt);
+}
+
+Zel::Type const & IpsecSm1::typeDescription() {
+  static Zel::Attribute const list[] = {
+      {"intfId", "Plexa::IntfId", Zel::getBy<&IpsecSm1::intfId>},
+      {"status", "Interface::TunnelIntfStatus", Zel::getBy<&IpsecSm1::status>}};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::FlowaCode::IpsecTunnelIfTableSm::IpsecSm1",
+                              attributes};
+  return type;
 }
 
 } // namespace FlowaCode::IpsecTunnelIfTableSm
@@ -117,26 +153,19 @@ void IpsecTunnelIfTableSm::eventToUpdateStream(std::uint32_t ifIndex,
 // Writes to the output table
 
 void IpsecTunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status) {
-  Zel::FirstException exception; // of whoever hears of the deletion: the new row must not miss it
-  if (auto const row = mib()->ipsecTunnelIfTable(k1)) {
-    if (row->tunnelIntfStatus() == status)
-      return;
-    auto const intfId = status->intfId();
-    if (!statusOutlives(intfId, exception, [&] { mib()->ipsecTunnelIfTableDel(k1); }) ||
-        !status->ipsec())
-      return exception.rethrow();
-  }
-  exception.run([&] { mib()->ipsecTunnelIfTableIs(k1, status, ikeStatus_); });
-  LUMO_TRACE(
-      trace(), 7,
-      "into( mib.ipsecTunnelIfTable[ ifIndex ] ): inserting k1={}, value=Tuple( {}, {}, {} )", k1,
-      k1, printed(status), printed(ikeStatus_));
-  exception.rethrow();
+  if (outputRowIs(k1, status->intfId(), status) == Written::anew)
+    LUMO_TRACE(
+        trace(), 7,
+        "into( mib.ipsecTunnelIfTable[ ifIndex ] ): inserting k1={}, value=Tuple( {}, {}, {} )", k1,
+        k1, printed(status), printed(ikeStatus_));
 }
 
-void IpsecTunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
+void IpsecTunnelIfTableSm::insertRow(std::uint32_t k1, StatusPtr const & status) {
+  mib()->ipsecTunnelIfTableIs(k1, status, ikeStatus_);
+}
+
+void IpsecTunnelIfTableSm::traceDeletion(std::uint32_t k1) const {
   LUMO_TRACE(trace(), 7, "into( mib.ipsecTunnelIfTable[ ifIndex ] ): deleting k1={}", k1);
-  mib()->ipsecTunnelIfTableDel(k1);
 }
 
 // Destruction
@@ -147,14 +176,46 @@ IpsecTunnelIfTableSm::~IpsecTunnelIfTableSm() {
 
 // What the framework is told when the library is loaded.
 
-std::span<Zel::Attribute const> IpsecTunnelIfTableSm::ownAttributes() {
+Zel::Type const & IpsecTunnelIfTableSm::typeDescription() {
   using Sm = IpsecTunnelIfTableSm;
-  static Zel::Attribute const own[] = {
+  static Zel::Attribute const list[] = {
+      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
+      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
+       Zel::getBy<&Sm::tunnelIntfStatusDir>},
+      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
       {"ikeStatus", "Ipsec::Ike::Status", Zel::getBy<&Sm::ikeStatus>},
-      {"ifIndexByIntfIdSm2", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm2>},
-      {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
-      {"mibIpsecTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
-  return own;
+      {"inputSmScanState", scanStateType.name, Zel::getBy<&Sm::inputSmScanState>},
+      {"outputState", outputStateType.name, Zel::getBy<&Sm::outputState>},
+      {"ifIndexByIntfIdSm2", inputs[ifMibInput].type.name, Zel::getBy<&Sm::ifIndexByIntfIdSm2>},
+      {"intfStatusSm0", inputs[intfStatusInput].type.name, Zel::getBy<&Sm::intfStatusSm0>},
+      {"mibIpsecTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>},
+      {"mibIpsecTunnelIfTableOutputSeen", "Zel::HashMap2018", Sm::outputSeenByName},
+      {"mibIpsecTunnelIfTableOutputBookmark", MibIpsecTunnelIfTableOutputKeyType::typeName,
+       Zel::getBy<&Sm::outputBookmark>},
+      {"mibIpsecTunnelIfTableOutputUseBookmark", "bool", Zel::getBy<&Sm::outputUseBookmark>},
+      {"mibIpsecTunnelIfTableOutputReconciliationTask", taskType.name,
+       Zel::getBy<&Sm::reconciliationTask>},
+      {"flowaControl", "Flowa::SmControl", flowaControlByName<Sm>},
+      {"synchronous", "bool", Zel::getBy<&Sm::synchronous>},
+      {"initialScanDone", "bool", Zel::getBy<&Sm::initialScanDone>},
+      {"initialized", "bool", Zel::getBy<&Sm::initialized>},
+      {"ready", "bool", Zel::getBy<&Sm::ready>},
+      {"idle", "bool", Zel::getBy<&Sm::idle>}};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::IpsecTunnelIfTableSm", attributes};
+  return type;
+}
+
+std::vector<Zel::Type const *> IpsecTunnelIfTableSm::nestedTypes() {
+  static Zel::Type const outputKey{MibIpsecTunnelIfTableOutputKeyType::typeName, {}};
+  return {&typeDescription(),
+          &outputKey,
+          &scanStateType,
+          &outputStateType,
+          &inputs[0].type,
+          &inputs[1].type,
+          &FlowaCode::IpsecTunnelIfTableSm::IpsecSm1::typeDescription(),
+          &taskType};
 }
 
 namespace {

@@ -4,8 +4,9 @@
 #pragma once
 
 #include "TunnelIntfSnmp/StatusChildSm.h"
-#include "TunnelIntfSnmp/TunnelTableSm.h"
+#include "TunnelIntfSnmp/StatusRowSm.h"
 #include <span>
+#include <vector>
 
 namespace TunnelIntfSnmp {
 
@@ -17,10 +18,13 @@ namespace FlowaCode::IpsecTunnelIfTableSm {
 class IpsecSm1 final : public StatusChildSm<IpsecSm1> {
 public:
   static constexpr std::string_view name = "IpsecSm1";
+  static constexpr bool lossNeedsTheStamp = false; // the children are what was heard of
   static std::span<Zel::Attribute const * const> followed();
 
   IpsecSm1(::TunnelIntfSnmp::IpsecTunnelIfTableSm & root, Plexa::IntfId intfId, StatusPtr status);
-  void emit(Plexa::IntfId intfId, StatusPtr const & status);
+  static void emit(TableSmBase & machine, Plexa::IntfId intfId, StatusPtr const & status);
+  static Zel::Type const & typeDescription();
+  Zel::Type const & type() const override { return typeDescription(); }
 };
 
 using IntfStatusSm0 = StatusParentSm<::TunnelIntfSnmp::IpsecTunnelIfTableSm, IpsecSm1>;
@@ -34,17 +38,20 @@ using MibIpsecTunnelIfTableOutputKeyType =
 
 /// Works from its construction to its destruction, which leaves the rows in place.
 class IpsecTunnelIfTableSm final
-    : public TunnelTableSm<IpsecTunnelIfTableSm, TunnelMib::IpsecTunnelIfTable,
-                           MibIpsecTunnelIfTableOutputKeyType> {
+    : public StatusRowSm<IpsecTunnelIfTableSm, TunnelMib::IpsecTunnelIfTable,
+                         MibIpsecTunnelIfTableOutputKeyType> {
 public:
   using IntfStatusSm0 = FlowaCode::IpsecTunnelIfTableSm::IntfStatusSm0;
-  static constexpr std::string_view ifIndexSmName = "IfIndexByIntfIdSm2";
   static constexpr std::string_view unitName = "IpsecTunnelIfTableSm";
-  static constexpr std::string_view typeName = "TunnelIntfSnmp::IpsecTunnelIfTableSm";
   static constexpr std::string_view outsideTypes[] = {"TunnelIntfSnmp::TunnelMib",
                                                       "Interface::TunnelIntfStatusDir",
-                                                      "IntfSnmp::IfMib", "Ipsec::Ike::Status"};
-  static std::span<Zel::Attribute const> ownAttributes();
+                                                      "Interface::TunnelIntfStatus",
+                                                      "IntfSnmp::IfMib",
+                                                      "Ipsec::Ike::Status",
+                                                      "Flowa::SmControl",
+                                                      "Kiln::Task"};
+  static Zel::Type const & typeDescription();
+  static std::vector<Zel::Type const *> nestedTypes();
 
   using MibIpsecTunnelIfTableOutputKeyType = TunnelIntfSnmp::MibIpsecTunnelIfTableOutputKeyType;
 
@@ -58,8 +65,8 @@ public:
                          Flowa::SmControl const & control);
 
   IkeStatusPtr const & ikeStatus() const { return ikeStatus_; }
-  auto ifIndexByIntfIdSm2() const {
-    return ifIndexSm<FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2>();
+  Zel::Ptr<FlowaCode::IpsecTunnelIfTableSm::IfIndexByIntfIdSm2> ifIndexByIntfIdSm2() const {
+    return ifIndexSm();
   }
 
   /// The IPsec flag of the interface came, changed or, without a value, went with its status. The
@@ -71,12 +78,16 @@ public:
   void eventToUpdateStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt);
 
 private:
+  friend StatusRowSm;
   void checkInputs() const override;
   TunnelMib::IpsecTunnelIfTable const & output() const override {
     return mib()->ipsecTunnelIfTable();
   }
-  void deleteOutputRow(std::uint32_t const & k1) override;
   void insertOutputRow(std::uint32_t k1, StatusPtr const & status);
+  void insertRow(std::uint32_t k1, StatusPtr const & status);
+  void deleteRow(std::uint32_t k1) { mib()->ipsecTunnelIfTableDel(k1); }
+  static bool isWanted(Interface::TunnelIntfStatus const & status) { return status.ipsec(); }
+  void traceDeletion(std::uint32_t k1) const;
 
   IkeStatusPtr const ikeStatus_;
 };

@@ -1,8 +1,22 @@
 // What the machines do alike that follow attributes of single status records: a child machine for
 // each interface, made when its status comes, replaced with it, and gone with it.
+//
+//   a child is  when                                     it hears  it is in the map
+//   following   its status stands in the collection      yes       yes
+//   leaving     its status went, and the event of that   no        yes, unless another replaced it
+//               is under way: the row goes first
+//   stopped     it was replaced, or its row is gone,     no        no
+//               or the machine is
+//
+// What is hard here is the event in which a status goes. The child has to be in the map until the
+// row is gone, and whoever hears of that row may put a status back, the very same record included.
+// Such a record is a new one for the machine: it gets a child of its own, and an event. So a child
+// that leaves hears nothing any more and is never kept for a record that comes. Nothing of a child
+// may be used after an event without a look: it may have been replaced, stopped, or released.
 #pragma once
 
 #include "TunnelIntfSnmp/CollectionSm.h"
+#include <absl/cleanup/cleanup.h>
 #include <algorithm>
 #include <bit>
 #include <cstdint>
@@ -12,9 +26,9 @@
 namespace TunnelIntfSnmp {
 
 /// Follows one interface's status record. `Child` says which of the record's attributes matter
-/// (`static followed()`, at most 8 of them) and what its events are (`emit(intfId, status)`, where
-/// null means that the status is gone). It has no task: it scans inline, within its parent's run,
-/// and belongs to its parent.
+/// (`static followed()`, at most 8 of them) and what its events are (`emit(machine, intfId,
+/// status)`, where null means that the status is gone). It has no task: it scans inline, within its
+/// parent's run.
 ///
 /// There is one for each tunnel: it hears the record itself, without a reactor beside it. While its
 /// notification is off it holds what it hears, each attribute once, as a reactor does.
@@ -27,32 +41,41 @@ public:
   bool inReactor() const { return inReactor_; }
   /// True if and only if the record has been emitted once after the first pass.
   bool inputScanComplete() const { return scanComplete_; }
+  /// True if and only if the child hears of its record: it neither leaves nor is stopped.
+  bool isFollowing() const { return notifier() != nullptr; }
 
   /// Emits the record as it is now, once; during the first pass, when nothing may be emitted, only
   /// says so.
   void doInputScan() {
-    if (!initialized() || scanComplete_)
+    Zel::Ptr<TableSmBase> const machine(machine_);
+    if (!machine || scanComplete_)
       return;
     LUMO_ASSERT(en(), "Sm args can only be null if marked as Optional in the SM type declaration");
-    Zel::FirstException exception;
-    if (machine_.initialScanDone())
-      exception.run([&] { child().emit(intfId_, input_); });
-    LUMO_TRACE(trace(), 9, "{}{} scan complete. ", Child::name,
-               machine_.initialScanDone() ? "" : " initial");
-    scanComplete_ = machine_.initialScanDone();
-    exception.rethrow();
+    if (machine->initialScanDone())
+      Child::emit(*machine, intfId_, input_);
+    LUMO_TRACE(traceOf(*machine), 9, "{}{} scan complete. ", Child::name,
+               machine->initialScanDone() ? "" : " initial");
+    scanComplete_ = machine->initialScanDone();
   }
   /// Emits that the status is gone.
   void doDeleteAll() {
-    LUMO_TRACE(trace(), 9, "");
-    child().emit(intfId_, nullptr);
+    Zel::Ptr<TableSmBase> const machine(machine_);
+    if (!machine)
+      return;
+    LUMO_TRACE(traceOf(*machine), 9, "");
+    Child::emit(*machine, intfId_, nullptr);
   }
 
-  /// From now on nothing of the record is heard: the child is no longer its parent's, though
-  /// somebody may still hold it.
-  void stop() {
+  /// From now on nothing of the record is heard.
+  void leave() {
     held_ = 0;
     notifierIs(nullptr);
+  }
+  /// Nothing is done any more, either.
+  void stop() {
+    leave();
+    initializedIs(false);
+    machine_ = nullptr;
   }
 
   void onNotification(Zel::Notification const & notification) override {
@@ -68,8 +91,6 @@ public:
     InputStateMachine::hasNotificationActiveIs(on);
     if (on)
       deliverHeld();
-    else if (notifier() != nullptr)
-      machine_.inputUnheard();
   }
   /// Delivers what is held now, whether or not notification is on.
   void zelDoZombieReactors(bool doIt) {
@@ -79,55 +100,49 @@ public:
 
 protected:
   StatusChildSm(TableSmBase & machine, Plexa::IntfId intfId, StatusPtr status)
-      : machine_(machine),
+      : machine_(&machine),
         intfId_(intfId),
         input_(std::move(status)) {
     InputStateMachine::hasNotificationActiveIs(true);
     notifierIs(input_.get());
     initializedIs(true);
-    if (!input_ || !input_->hasNotificationActive() || input_->intfId() != intfId_)
-      machine_.inputUnheard();
   }
-  TableSmBase & machine() const { return machine_; }
 
 private:
   StatusPtr const & en() const { return input_; }
-  Child & child() { return static_cast<Child &>(*this); }
-  Lumo::Tracer trace() const { return {machine_.trace().handler(), Child::name}; }
-
-  // One event for each attribute that is held. A delivery may release the child.
-  void deliverHeld() {
-    if (held_ == 0 || notifier() == nullptr) // a child that was stopped may outlive its machine
-      return;
-    Zel::Ptr<TableSmBase> const keepMachine(&machine_);
-    Zel::Ptr<StatusChildSm> const keepSelf(this);
-    Zel::FirstException exception;
-    for (auto left = std::popcount(std::exchange(held_, 0)); left != 0 && notifier(); --left)
-      exception.run([&] { handleReactor(); });
-    exception.rethrow();
+  static Lumo::Tracer traceOf(TableSmBase const & machine) {
+    return {machine.trace().handler(), Child::name};
   }
-  void handleReactor() {
-    Zel::FirstException exception;
+
+  // One event for each attribute that is held.
+  void deliverHeld() {
+    Zel::Ptr<TableSmBase> const machine(machine_);
+    Zel::Ptr<StatusChildSm> const self(this);
+    for (auto left = std::popcount(std::exchange(held_, 0)); left != 0 && isFollowing(); --left)
+      handleReactor(*machine);
+  }
+  void handleReactor(TableSmBase & machine) {
     inReactor_ = true;
-    exception.run([&] { child().emit(intfId_, input_); });
-    inReactor_ = false;
-    exception.rethrow();
+    absl::Cleanup const end = [this] { inReactor_ = false; };
+    Child::emit(machine, intfId_, input_);
   }
 
   bool inReactor_ = false;
   bool scanComplete_ = false;
   std::uint8_t held_ = 0; // a bit for each of followed()
-  TableSmBase & machine_;
+  TableSmBase * machine_; // null once it is stopped
   Plexa::IntfId const intfId_;
   StatusPtr const input_;
 };
 
 /// The child machine over intfStatus of such a machine: it owns a `Child` for each interface.
+/// `Child::lossNeedsTheStamp` says whether the loss of all statuses is fatal when one of them came
+/// or went unheard.
 template <class Machine, class Child>
 class StatusParentSm final : public IntfStatusCollectionSm {
 public:
-  StatusParentSm(Machine & root, StatusDirPtr tunnelIntfStatusDir)
-      : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream),
+  StatusParentSm(Machine & root, std::size_t input, StatusDirPtr tunnelIntfStatusDir)
+      : CollectionSm(root, input, std::move(tunnelIntfStatusDir)),
         root_(root) {
     children_.reserve(inputSize());
   }
@@ -138,10 +153,10 @@ public:
     auto const * found = children_.find(intfId);
     return found == nullptr ? nullptr : *found;
   }
-  /// Keeps the interface's child if it has this very record, else replaces it.
+  /// Keeps the interface's child if it follows this very record, else replaces it.
   Zel::Ptr<Child> childSmIs(StatusPtr const & status, Plexa::IntfId intfId) {
     if (auto child = childSm(intfId)) {
-      if (child->status() == status)
+      if (child->status() == status && child->isFollowing())
         return child;
       child->stop();
     }
@@ -157,32 +172,41 @@ public:
     children_.clear();
   }
 
-  /// Every child emits that its status is gone. What was missed of the collection does not matter
-  /// here: the children are what was heard of.
+  /// True if and only if each change of that interface's record is heard now: it is the record of
+  /// the child, which has its notification on, as the record has, and it says itself that it is
+  /// this interface's.
+  bool hears(Plexa::IntfId intfId, StatusPtr const & status) const {
+    auto const * child = children_.find(intfId);
+    return child != nullptr && (*child)->status() == status && (*child)->isFollowing() &&
+           (*child)->hasNotificationActive() && status->hasNotificationActive() &&
+           status->intfId() == intfId;
+  }
+
+  void stop() override {
+    childSmDelAll();
+    IntfStatusCollectionSm::stop();
+  }
+  /// Every child emits that its status is gone.
   void doDeleteAll() override {
-    Zel::Ptr<TableSmBase> const keepMachine(&root_);
+    auto const machine = this->keepMachine();
+    if (!initialized())
+      return;
     LUMO_TRACE(trace(), 9, "");
-    Zel::FirstException exception;
-    children_.forEach([&](Plexa::IntfId, Zel::Ptr<Child> const & child) {
-      exception.run([&] { child->doDeleteAll(); });
-    });
-    exception.rethrow();
+    if (Child::lossNeedsTheStamp)
+      assertNothingMissed();
+    children_.forEach([](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->doDeleteAll(); });
   }
   void hasNotificationActiveIs(bool on) override {
-    Zel::FirstException exception;
-    exception.run([&] { IntfStatusCollectionSm::hasNotificationActiveIs(on); });
-    children_.forEach([&](Plexa::IntfId, Zel::Ptr<Child> const & child) {
-      exception.run([&] { child->hasNotificationActiveIs(on); });
+    IntfStatusCollectionSm::hasNotificationActiveIs(on);
+    children_.forEach([this, on](Plexa::IntfId, Zel::Ptr<Child> const & child) {
+      if (hasNotificationActive() == on) // else a listener has switched back
+        child->hasNotificationActiveIs(on);
     });
-    exception.rethrow();
   }
   void zelDoZombieReactors(bool doIt) override {
-    Zel::FirstException exception;
-    exception.run([&] { IntfStatusCollectionSm::zelDoZombieReactors(doIt); });
-    children_.forEach([&](Plexa::IntfId, Zel::Ptr<Child> const & child) {
-      exception.run([&] { child->zelDoZombieReactors(doIt); });
-    });
-    exception.rethrow();
+    IntfStatusCollectionSm::zelDoZombieReactors(doIt);
+    children_.forEach(
+        [doIt](Plexa::IntfId, Zel::Ptr<Child> const & child) { child->zelDoZombieReactors(doIt); });
   }
 
 private:
@@ -200,14 +224,13 @@ private:
     auto const child = childSm(intfId);
     if (!child)
       return;
-    Zel::FirstException exception;
-    exception.run([&] { child->doDeleteAll(); });
-    if (childSm(intfId) == child) // else who heard of the deletion brought a new status
+    child->leave();
+    child->doDeleteAll();
+    if (childSm(intfId) == child) // else who heard of the deletion brought a status
       childSmDel(intfId);
-    exception.rethrow();
   }
 
-  Machine & root_;
+  Machine & root_; // not used once it is stopped
   Zel::HashMap2018<Plexa::IntfId, Zel::Ptr<Child>> children_;
 };
 

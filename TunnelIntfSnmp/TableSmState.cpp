@@ -5,30 +5,51 @@
 
 namespace TunnelIntfSnmp {
 
-Zel::Attribute const & InputSmScanState::ifMibStreamScanAttribute() {
-  static Zel::Attribute const attribute{"ifMibStreamScan", "bool"};
-  return attribute;
-}
+InputSmScanState::InputSmScanState(TableSmNames const & names)
+    : names_(names),
+      scans_(names.inputs.size()) {}
+
 Zel::Attribute const & InputSmScanState::idleAttribute() {
-  static Zel::Attribute const attribute{"idle", "bool"};
+  static Zel::Attribute const attribute{"idle", "bool", Zel::getBy<&InputSmScanState::idle>};
   return attribute;
 }
 
-void InputSmScanState::ifMibStreamScanIs(bool complete) {
-  if (std::exchange(ifMibStreamScan_, complete) != complete)
-    tell(ifMibStreamScanAttribute());
+bool InputSmScanState::everyScan() const {
+  return std::ranges::all_of(scans_, [](bool complete) { return complete; });
 }
-void InputSmScanState::tisStreamScanIs(bool complete) {
-  if (std::exchange(tisStreamScan_, complete) != complete)
-    tell(names_.tisStreamScan);
+
+void InputSmScanState::scanIs(std::size_t input, bool complete) {
+  if (scans_[input] == complete)
+    return;
+  scans_[input] = complete;
+  changed(names_.inputs[input].scan);
 }
+
 void InputSmScanState::handleIdle() {
   if (!std::exchange(idle_, true))
-    tell(idleAttribute());
+    changed(idleAttribute());
 }
 
+void InputSmScanState::hasNotificationActiveIs(bool on) {
+  PtrInterface::hasNotificationActiveIs(on);
+  if (on)
+    for (auto const * attribute : std::exchange(untold_, {}))
+      tell(*attribute);
+}
+
+void InputSmScanState::changed(Zel::Attribute const & attribute) {
+  if (hasNotificationActive())
+    tell(attribute);
+  else if (std::ranges::find(untold_, &attribute) == untold_.end())
+    untold_.push_back(&attribute);
+}
+
+OutputState::OutputState(TableSmNames const & names)
+    : names_(names),
+      outputsReady_(names.outputs.size()) {}
+
 Zel::Attribute const & OutputState::readyAttribute() {
-  static Zel::Attribute const attribute{"ready", "bool"};
+  static Zel::Attribute const attribute{"ready", "bool", Zel::getBy<&OutputState::ready>};
   return attribute;
 }
 
@@ -37,8 +58,9 @@ void OutputState::outputBecomesReady(std::size_t output) {
   handleReady();
   tell(names_.outputs[output].ready);
 }
+
 void OutputState::handleReady() {
-  if (std::find(outputsReady_.begin(), outputsReady_.end(), false) != outputsReady_.end())
+  if (std::ranges::find(outputsReady_, false) != outputsReady_.end())
     return;
   ready_ = true;
   tell(readyAttribute());

@@ -8,11 +8,36 @@ namespace {
 
 auto const debugHandler = Lumo::Platform::getDebugHandler(TunnelIfTableSm::unitName, false);
 
-OutputNames const outputs[] = {{"mibTunnelIfTableOutput", {"mibTunnelIfTableOutputReady", "bool"}}};
+InputNames const inputs[] = {
+    {"IfIndexByIntfIdSm1",
+     "ifMibStream",
+     {"ifMibStreamScan", "bool", InputSmScanState::scanOf<TunnelIfTableSm::ifMibInput>},
+     {"TunnelIntfSnmp::FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1",
+      InputSm::attributesOfInputSm()}},
+    {"IntfStatusSm0",
+     "tisStream",
+     {"tisStreamScan", "bool", InputSmScanState::scanOf<TunnelIfTableSm::intfStatusInput>},
+     {"TunnelIntfSnmp::FlowaCode::TunnelIfTableSm::IntfStatusSm0",
+      InputSm::attributesOfInputSm()}}};
+OutputNames const outputs[] = {
+    {"mibTunnelIfTableOutput", {"mibTunnelIfTableOutputReady", "bool", OutputState::readyOf<0>}}};
+
+Zel::Attribute const * const scanAttributes[] = {&inputs[0].scan, &inputs[1].scan,
+                                                 &InputSmScanState::idleAttribute()};
+Zel::Attribute const * const outputAttributes[] = {&outputs[0].ready,
+                                                   &OutputState::readyAttribute()};
+Zel::Type const scanStateType{"TunnelIntfSnmp::FlowaCode::TunnelIfTableSm::InputSmScanState",
+                              scanAttributes};
+Zel::Type const outputStateType{"TunnelIntfSnmp::FlowaCode::TunnelIfTableSm::OutputState",
+                                outputAttributes};
+auto const taskType = reconciliationTaskType("TunnelIntfSnmp::FlowaCode::TunnelIfTableSm::"
+                                             "ZelMibTunnelIfTableOutputReconciliationTask");
 TableSmNames const smNames{.machine = TunnelIfTableSm::unitName,
-                           .tisStream = "tisStream",
-                           .tisStreamScan = {"tisStreamScan", "bool"},
-                           .outputs = outputs};
+                           .inputs = inputs,
+                           .outputs = outputs,
+                           .scanState = scanStateType,
+                           .outputState = outputStateType,
+                           .reconciliationTask = taskType};
 
 } // namespace
 
@@ -20,8 +45,8 @@ TableSmNames const smNames{.machine = TunnelIfTableSm::unitName,
 
 TunnelIfTableSm::TunnelIfTableSm(Zel::Ptr<TunnelMib> mib, StatusDirPtr tunnelIntfStatusDir,
                                  IfMibPtr ifMib, Flowa::SmControl const & control)
-    : TunnelTableSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
-                    std::move(ifMib)) {
+    : StatusRowSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
+                  std::move(ifMib)) {
   handleInitialized();
 }
 
@@ -43,9 +68,9 @@ Zel::Ptr<TunnelIfTableSm> tunnelIfTableSmFactory(Zel::Ptr<TunnelMib> const & mib
 
 namespace FlowaCode::TunnelIfTableSm {
 
-IntfStatusSm0::IntfStatusSm0(::TunnelIntfSnmp::TunnelIfTableSm & root,
+IntfStatusSm0::IntfStatusSm0(::TunnelIntfSnmp::TunnelIfTableSm & root, std::size_t input,
                              StatusDirPtr tunnelIntfStatusDir)
-    : CollectionSm(root, std::move(tunnelIntfStatusDir), "IntfStatusSm0", tisStream),
+    : CollectionSm(root, input, std::move(tunnelIntfStatusDir)),
       root_(root) {}
 
 void IntfStatusSm0::handleKey(Plexa::IntfId const & intfId) {
@@ -102,23 +127,14 @@ void TunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
 
 void TunnelIfTableSm::insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId,
                                       StatusPtr const & status) {
-  Zel::FirstException exception; // of whoever hears of the deletion: the new row must not miss it
-  auto isThere = false;
-  if (auto const row = mib()->tunnelIfTable(k1)) {
-    isThere = row->tunnelIntfStatus() == status;
-    if (!isThere && !statusOutlives(intfId, exception, [&] { mib()->tunnelIfTableDel(k1); }))
-      return exception.rethrow();
-  }
-  if (!isThere)
-    exception.run([&] { mib()->tunnelIfTableIs(k1, status); });
-  LUMO_TRACE(trace(), 7,
-             "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1={}, value=Tuple( {}, {} )",
-             k1, k1, printed(status));
-  exception.rethrow();
+  if (outputRowIs(k1, intfId, status) != Written::overtaken)
+    LUMO_TRACE(
+        trace(), 7,
+        "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): inserting k1={}, value=Tuple( {}, {} )", k1,
+        k1, printed(status));
 }
 
-void TunnelIfTableSm::deleteOutputRow(std::uint32_t const & k1) {
-  mib()->tunnelIfTableDel(k1);
+void TunnelIfTableSm::traceDeletion(std::uint32_t k1) const {
   LUMO_TRACE(trace(), 7, "into( mib.tunnelIfTable[ ( *ifIndexOpt ) ] ): deleting k1={}", k1);
 }
 
@@ -130,13 +146,39 @@ TunnelIfTableSm::~TunnelIfTableSm() {
 
 // What the framework is told when the library is loaded.
 
-std::span<Zel::Attribute const> TunnelIfTableSm::ownAttributes() {
+Zel::Type const & TunnelIfTableSm::typeDescription() {
   using Sm = TunnelIfTableSm;
-  static Zel::Attribute const own[] = {
-      {"ifIndexByIntfIdSm1", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm1>},
-      {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
-      {"mibTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
-  return own;
+  static Zel::Attribute const list[] = {
+      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
+      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
+       Zel::getBy<&Sm::tunnelIntfStatusDir>},
+      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
+      {"inputSmScanState", scanStateType.name, Zel::getBy<&Sm::inputSmScanState>},
+      {"outputState", outputStateType.name, Zel::getBy<&Sm::outputState>},
+      {"ifIndexByIntfIdSm1", inputs[ifMibInput].type.name, Zel::getBy<&Sm::ifIndexByIntfIdSm1>},
+      {"intfStatusSm0", inputs[intfStatusInput].type.name, Zel::getBy<&Sm::intfStatusSm0>},
+      {"mibTunnelIfTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>},
+      {"mibTunnelIfTableOutputSeen", "Zel::HashMap2018", Sm::outputSeenByName},
+      {"mibTunnelIfTableOutputBookmark", MibTunnelIfTableOutputKeyType::typeName,
+       Zel::getBy<&Sm::outputBookmark>},
+      {"mibTunnelIfTableOutputUseBookmark", "bool", Zel::getBy<&Sm::outputUseBookmark>},
+      {"mibTunnelIfTableOutputReconciliationTask", taskType.name,
+       Zel::getBy<&Sm::reconciliationTask>},
+      {"flowaControl", "Flowa::SmControl", flowaControlByName<Sm>},
+      {"synchronous", "bool", Zel::getBy<&Sm::synchronous>},
+      {"initialScanDone", "bool", Zel::getBy<&Sm::initialScanDone>},
+      {"initialized", "bool", Zel::getBy<&Sm::initialized>},
+      {"ready", "bool", Zel::getBy<&Sm::ready>},
+      {"idle", "bool", Zel::getBy<&Sm::idle>}};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::TunnelIfTableSm", attributes};
+  return type;
+}
+
+std::vector<Zel::Type const *> TunnelIfTableSm::nestedTypes() {
+  static Zel::Type const outputKey{MibTunnelIfTableOutputKeyType::typeName, {}};
+  return {&typeDescription(), &outputKey,      &scanStateType, &outputStateType,
+          &inputs[0].type,    &inputs[1].type, &taskType};
 }
 
 namespace {

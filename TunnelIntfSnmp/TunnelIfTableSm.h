@@ -5,7 +5,8 @@
 // deleted or taken over by an event, or the next start reconciles the table.
 #pragma once
 
-#include "TunnelIntfSnmp/TunnelTableSm.h"
+#include "TunnelIntfSnmp/StatusRowSm.h"
+#include <vector>
 
 namespace TunnelIntfSnmp {
 
@@ -18,13 +19,14 @@ using IfIndexByIntfIdSm1 = IfIndexByIntfIdSm<::TunnelIntfSnmp::TunnelIfTableSm>;
 /// Turns each change of intfStatus into the machine's eventToTisStream(intfId, tisOpt).
 class IntfStatusSm0 final : public IntfStatusCollectionSm {
 public:
-  IntfStatusSm0(::TunnelIntfSnmp::TunnelIfTableSm & root, StatusDirPtr tunnelIntfStatusDir);
+  IntfStatusSm0(::TunnelIntfSnmp::TunnelIfTableSm & root, std::size_t input,
+                StatusDirPtr tunnelIntfStatusDir);
 
 private:
   void handleKey(Plexa::IntfId const & intfId) override;
   void handleGone(Plexa::IntfId const & intfId) override;
 
-  ::TunnelIntfSnmp::TunnelIfTableSm & root_;
+  ::TunnelIntfSnmp::TunnelIfTableSm & root_; // not used once the child is stopped
 };
 
 } // namespace FlowaCode::TunnelIfTableSm
@@ -33,16 +35,16 @@ using MibTunnelIfTableOutputKeyType =
     OutputKeyType<std::uint32_t, "TunnelIntfSnmp::TunnelIfTableSm::MibTunnelIfTableOutputKeyType">;
 
 /// Works from its construction to its destruction, which leaves the rows in place.
-class TunnelIfTableSm final : public TunnelTableSm<TunnelIfTableSm, TunnelMib::TunnelIfTable,
-                                                   MibTunnelIfTableOutputKeyType> {
+class TunnelIfTableSm final
+    : public StatusRowSm<TunnelIfTableSm, TunnelMib::TunnelIfTable, MibTunnelIfTableOutputKeyType> {
 public:
   using IntfStatusSm0 = FlowaCode::TunnelIfTableSm::IntfStatusSm0;
-  static constexpr std::string_view ifIndexSmName = "IfIndexByIntfIdSm1";
   static constexpr std::string_view unitName = "TunnelIfTableSm";
-  static constexpr std::string_view typeName = "TunnelIntfSnmp::TunnelIfTableSm";
   static constexpr std::string_view outsideTypes[] = {
-      "TunnelIntfSnmp::TunnelMib", "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib"};
-  static std::span<Zel::Attribute const> ownAttributes();
+      "TunnelIntfSnmp::TunnelMib", "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib",
+      "Flowa::SmControl", "Kiln::Task"};
+  static Zel::Type const & typeDescription();
+  static std::vector<Zel::Type const *> nestedTypes();
 
   using MibTunnelIfTableOutputKeyType = TunnelIntfSnmp::MibTunnelIfTableOutputKeyType;
 
@@ -55,8 +57,8 @@ public:
                                                      IfMibPtr const & ifMib,
                                                      Flowa::SmControl const & control);
 
-  auto ifIndexByIntfIdSm1() const {
-    return ifIndexSm<FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1>();
+  Zel::Ptr<FlowaCode::TunnelIfTableSm::IfIndexByIntfIdSm1> ifIndexByIntfIdSm1() const {
+    return ifIndexSm();
   }
 
   /// The status of the interface came, changed or, without a value, went.
@@ -67,9 +69,13 @@ public:
   void eventToIfMibStream(Plexa::IntfId intfId, Zel::Optional<std::uint32_t> const & ifIndexOpt);
 
 private:
+  friend StatusRowSm;
   TunnelMib::TunnelIfTable const & output() const override { return mib()->tunnelIfTable(); }
-  void deleteOutputRow(std::uint32_t const & k1) override;
   void insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId, StatusPtr const & status);
+  void insertRow(std::uint32_t k1, StatusPtr const & status) { mib()->tunnelIfTableIs(k1, status); }
+  void deleteRow(std::uint32_t k1) { mib()->tunnelIfTableDel(k1); }
+  static bool isWanted(Interface::TunnelIntfStatus const &) { return true; }
+  void traceDeletion(std::uint32_t k1) const;
 };
 Zel::Ptr<TunnelIfTableSm> tunnelIfTableSmFactory(Zel::Ptr<TunnelMib> const & mib,
                                                  StatusDirPtr const & tunnelIntfStatusDir,

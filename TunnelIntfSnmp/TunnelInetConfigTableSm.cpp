@@ -1,5 +1,6 @@
 // The machine of tunnelInetConfigTable. What it shares with the other machines is in
-// TableSmRuntime.h, CollectionSm.h and StatusChildSm.h; here is what its events mean.
+// TableSmRuntime.h, CollectionSm.h and StatusChildSm.h; which tunnels a rescan tries is in
+// Rescan.h. Here is what its events mean.
 #include "TunnelIntfSnmp/TunnelInetConfigTableSm.h"
 
 namespace TunnelIntfSnmp {
@@ -8,13 +9,39 @@ namespace {
 
 auto const debugHandler = Lumo::Platform::getDebugHandler(TunnelInetConfigTableSm::unitName, false);
 
+InputNames const inputs[] = {
+    {"IfIndexByIntfIdSm2",
+     "ifMibStream",
+     {"ifMibStreamScan", "bool", InputSmScanState::scanOf<TunnelInetConfigTableSm::ifMibInput>},
+     {"TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2",
+      InputSm::attributesOfInputSm()}},
+    {"IntfStatusSm0",
+     "tisStream",
+     {"tisStreamScan", "bool", InputSmScanState::scanOf<TunnelInetConfigTableSm::intfStatusInput>},
+     {"TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0",
+      InputSm::attributesOfInputSm()}}};
 OutputNames const outputs[] = {
-    {"tunnelInetConfigByIfIndexOutput", {"tunnelInetConfigByIfIndexOutputReady", "bool"}},
-    {"mibTunnelInetConfigTableOutput", {"mibTunnelInetConfigTableOutputReady", "bool"}}};
+    {"tunnelInetConfigByIfIndexOutput",
+     {"tunnelInetConfigByIfIndexOutputReady", "bool", OutputState::readyOf<0>}},
+    {"mibTunnelInetConfigTableOutput",
+     {"mibTunnelInetConfigTableOutputReady", "bool", OutputState::readyOf<1>}}};
+
+Zel::Attribute const * const scanAttributes[] = {&inputs[1].scan, &inputs[0].scan,
+                                                 &InputSmScanState::idleAttribute()};
+Zel::Attribute const * const outputAttributes[] = {&outputs[0].ready, &outputs[1].ready,
+                                                   &OutputState::readyAttribute()};
+Zel::Type const scanStateType{
+    "TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::InputSmScanState", scanAttributes};
+Zel::Type const outputStateType{"TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::OutputState",
+                                outputAttributes};
+auto const taskType = reconciliationTaskType("TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::"
+                                             "ZelMibTunnelInetConfigTableOutputReconciliationTask");
 TableSmNames const smNames{.machine = TunnelInetConfigTableSm::unitName,
-                           .tisStream = "tisStream",
-                           .tisStreamScan = {"tisStreamScan", "bool"},
-                           .outputs = outputs};
+                           .inputs = inputs,
+                           .outputs = outputs,
+                           .scanState = scanStateType,
+                           .outputState = outputStateType,
+                           .reconciliationTask = taskType};
 
 constexpr char const * intoByMibKey = "into( mib.tunnelInetConfigTable[ mibKey ] )";
 constexpr char const * intoByWrapper =
@@ -38,8 +65,20 @@ LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst::
 }
 
 Zel::Attribute const & LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst::valueAttribute() {
-  static Zel::Attribute const attribute{"value", "TunnelIntfSnmp::MibEntryWrapper"};
+  using Slot = LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst;
+  static Zel::Attribute const attribute{"value", "TunnelIntfSnmp::MibEntryWrapper",
+                                        Zel::getBy<&Slot::value>};
   return attribute;
+}
+
+Zel::Type const & LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst::typeDescription() {
+  using Slot = LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst;
+  static Zel::Attribute const ifIndex{"ifIndex", "U32", Zel::getBy<&Slot::ifIndex>};
+  static std::array const attributes{&ifIndex, &valueAttribute()};
+  static Zel::Type const type{"TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::"
+                              "LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst",
+                              attributes};
+  return type;
 }
 
 void LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst::valueIs(
@@ -47,19 +86,19 @@ void LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst::valueIs(
   if (value_ && value_->mibEntry() == entry)
     return;
   value_ = Zel::makePtr<MibEntryWrapper>(entry);
-  notify(valueAttribute());
+  tell(valueAttribute());
 }
 
 void LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst::valueDel() {
   if (std::exchange(value_, nullptr))
-    notify(valueAttribute());
+    tell(valueAttribute());
 }
 
 LocalAttrStore::LocalAttrStore() {
   hasNotificationActiveIs(true);
 }
 
-Zel::Type const & LocalAttrStore::type() const {
+Zel::Type const & LocalAttrStore::typeDescription() {
   static std::array const attributes{&tunnelInetConfigByIfIndexAttribute()};
   static Zel::Type const type{"TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::LocalAttrStore",
                               attributes};
@@ -78,7 +117,7 @@ Zel::Ptr<LocalAttrStore::Slot> LocalAttrStore::tunnelInetConfigByIfIndexIs(std::
     return *present;
   auto slot = slots_.insertOrReplace(ifIndex, Zel::makePtr<Slot>(ifIndex));
   slot->holderIs(holder);
-  notify(tunnelInetConfigByIfIndexAttribute(), ifIndex);
+  tell(tunnelInetConfigByIfIndexAttribute(), ifIndex);
   return slot;
 }
 
@@ -99,9 +138,8 @@ TunnelInetConfigTableSm::TunnelInetConfigTableSm(Zel::Ptr<TunnelMib> mib,
                                                  Flowa::SmControl const & control)
     : TunnelTableSm(smNames, *debugHandler, control, std::move(mib), std::move(tunnelIntfStatusDir),
                     std::move(ifMib)),
-      localAttrStore_(Zel::makePtr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore>()) {
-  if (this->mib())
-    tableVersion_ = output().version();
+      localAttrStore_(Zel::makePtr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore>()),
+      rescan_(*this) {
   handleInitialized();
 }
 
@@ -133,11 +171,26 @@ std::span<Zel::Attribute const * const> SrcAddrMAdstAddrMAmodeSm1::followed() {
 
 SrcAddrMAdstAddrMAmodeSm1::SrcAddrMAdstAddrMAmodeSm1(
     ::TunnelIntfSnmp::TunnelInetConfigTableSm & root, Plexa::IntfId intfId, StatusPtr status)
-    : StatusChildSm(root, intfId, std::move(status)) {}
+    : StatusChildSm(root, intfId, status) {
+  if (status && (!status->hasNotificationActive() || status->intfId() != intfId))
+    root.rescan().inputUnheard();
+}
 
-void SrcAddrMAdstAddrMAmodeSm1::emit(Plexa::IntfId intfId, StatusPtr const & status) {
-  auto & root = static_cast<::TunnelIntfSnmp::TunnelInetConfigTableSm &>(machine());
+void SrcAddrMAdstAddrMAmodeSm1::emit(TableSmBase & machine, Plexa::IntfId intfId,
+                                     StatusPtr const & status) {
+  auto & root = static_cast<::TunnelIntfSnmp::TunnelInetConfigTableSm &>(machine);
   root.eventToTisStream(intfId, status ? Zel::Optional<StatusPtr>(status) : std::nullopt);
+}
+
+Zel::Type const & SrcAddrMAdstAddrMAmodeSm1::typeDescription() {
+  using Child = SrcAddrMAdstAddrMAmodeSm1;
+  static Zel::Attribute const list[] = {
+      {"intfId", "Plexa::IntfId", Zel::getBy<&Child::intfId>},
+      {"status", "Interface::TunnelIntfStatus", Zel::getBy<&Child::status>}};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{
+      "TunnelIntfSnmp::FlowaCode::TunnelInetConfigTableSm::SrcAddrMAdstAddrMAmodeSm1", attributes};
+  return type;
 }
 
 } // namespace FlowaCode::TunnelInetConfigTableSm
@@ -152,30 +205,18 @@ void TunnelInetConfigTableSm::eventToTisStream(Plexa::IntfId intfId,
              "tisStream = from( tunnelIntfStatusDir.intfStatus[].{{ srcAddr, dstAddr, mode }} ): "
              "intfId={} intfStatusOpt={}",
              intfId, printed(intfStatusOpt));
-  forgetIfGone(intfId, intfStatusOpt);
   auto const * found = ifMib()->ifIndexByIntfId().find(intfId);
   if (found == nullptr) {
+    rescan_.forget(intfId);
     LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
   auto const ifIndex = *found;
   auto const isAdd = static_cast<bool>(intfStatusOpt);
-  if (isAdd)
-    waiting_.wake(intfId); // for a rescan inside: until its add has run, it may be added by that
-  Zel::FirstException exception; // of whoever hears of a row: each stream must run
-  if (statusOutlives(intfId, exception,
-                     [&] { eventToDeleteStream(ifIndex, intfStatusOpt, isAdd); }))
-    exception.run([&] { eventToAddStream(ifIndex, intfStatusOpt, isAdd); });
-  forgetIfGone(intfId, intfStatusOpt); // the delete stream woke it
-  exception.run([&] { eventToRescanStream(ifIndex, intfStatusOpt, isAdd); });
-  exception.rethrow();
-}
-
-// A status may be told as gone while it is still there: then the tunnel goes on waiting.
-void TunnelInetConfigTableSm::forgetIfGone(Plexa::IntfId intfId,
-                                           Zel::Optional<StatusPtr> const & intfStatusOpt) {
-  if (!intfStatusOpt && !statusOf(intfId))
-    waiting_.forget(intfId);
+  rescan_.eventOf(intfId);
+  if (statusOutlives(intfId, [&] { eventToDeleteStream(ifIndex, intfStatusOpt, isAdd); }))
+    rescan_.tried(intfId, eventToAddStream(ifIndex, intfStatusOpt, isAdd));
+  eventToRescanStream(ifIndex, intfStatusOpt, isAdd);
 }
 
 void TunnelInetConfigTableSm::eventToIfMibStream(Plexa::IntfId intfId,
@@ -193,7 +234,7 @@ void TunnelInetConfigTableSm::eventToIfMibStream(Plexa::IntfId intfId,
     LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  eventToAddStream(*ifIndexOpt, status, true);
+  rescan_.tried(intfId, eventToAddStream(*ifIndexOpt, status, true));
 }
 
 void TunnelInetConfigTableSm::eventToDeleteStream(std::uint32_t ifIndex,
@@ -208,8 +249,7 @@ void TunnelInetConfigTableSm::eventToDeleteStream(std::uint32_t ifIndex,
   }
   auto const wrapper = (*slot)->value();
   LUMO_TRACE(trace(), 7, "into( tunnelInetConfigByIfIndex[ ifIndex ] ): deleting k1={}", ifIndex);
-  waiting_.wake((*slot)->holder());
-  waiting_.slotFreed(ifIndex);
+  rescan_.slotGoes(ifIndex, (*slot)->holder());
   localAttrStore_->tunnelInetConfigByIfIndexDel(ifIndex);
   if (!wrapper || !wrapper->mibEntry())
     throw Zel::BadOptionalAccess();
@@ -218,52 +258,52 @@ void TunnelInetConfigTableSm::eventToDeleteStream(std::uint32_t ifIndex,
   intoMibTable(intoByWrapper, key, nullptr);
 }
 
-void TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
-                                               Zel::Optional<StatusPtr> const & intfStatusOpt,
-                                               bool isAdd) {
+Outcome TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
+                                                  Zel::Optional<StatusPtr> const & intfStatusOpt,
+                                                  bool isAdd) {
   if (!initialScanDone())
-    return;
+    return NotTried();
   LUMO_TRACE(trace(), 7,
              "addStream = merge( tisStream, ifMibStream, rescanStream ): ifIndex={} "
              "intfStatusOpt={} isAdd={}",
              ifIndex, printed(intfStatusOpt), isAdd);
   if (!isAdd) {
     LUMO_TRACE(trace(), 6, "filter( isAdd ) failed, terminating pipeline");
-    return;
+    return NotTried();
   }
   auto const & intfStatus = *intfStatusOpt;
-  auto const intfId = intfStatus->intfId();
-  waiting_.forget(intfId);
   if (intfStatus->srcAddr().isAddrZero()) {
     LUMO_TRACE(trace(), 6,
                "filter( ( !intfStatus.srcAddr.isAddrZero ) ) failed, terminating pipeline");
-    return;
+    return NotReady();
   }
   if (intfStatus->dstAddr().isAddrZero()) {
     LUMO_TRACE(trace(), 6,
                "filter( ( !intfStatus.dstAddr.isAddrZero ) ) failed, terminating pipeline");
-    return;
+    return NotReady();
   }
-  TunnelInetConfigTableKey const mibKey(
-      Snmp::InetAddress::fromIpGenAddr(intfStatus->srcAddr()),
-      Snmp::InetAddress::fromIpGenAddr(intfStatus->dstAddr()).address(),
-      modeToEncap(intfStatus->mode()), 1);
-  Place const place{output().findNotLess(mibKey), output().version()};
-  if (place.position != output().end() && place.position->first == mibKey) {
-    waiting_.waitsForKey(intfId, mibKey);
+  auto const mibKey = mibKeyOf(*intfStatus);
+  if (output().find(mibKey) != output().end()) {
     LUMO_TRACE(trace(), 6, "filter( ( !existing ) ) failed, terminating pipeline");
-    return;
+    return KeyTaken{mibKey};
   }
   auto const entry = tunnelInetConfigTableEntryFactory(mibKey, ifIndex);
-  auto const slot = localAttrStore_->tunnelInetConfigByIfIndexIs(ifIndex, intfId);
+  auto const slot = localAttrStore_->tunnelInetConfigByIfIndexIs(ifIndex, intfStatus->intfId());
   LUMO_TRACE(trace(), 7, "into( tunnelInetConfigByIfIndex[ ifIndex ] ): inserting k1={}, value={}",
              ifIndex, printed(*entry));
-  if (auto const before = slot->holder(); before != intfId)
-    waiting_.wake(before);
-  slot->holderIs(intfId);
+  rescan_.slotTaken(slot->holder(), intfStatus->intfId());
+  slot->holderIs(intfStatus->intfId());
   slot->valueIs(entry);
   outputKeySeen(mibKey);
-  intoMibTable(intoByMibKey, mibKey, entry, place);
+  intoMibTable(intoByMibKey, mibKey, entry);
+  return Added();
+}
+
+TunnelInetConfigTableKey
+TunnelInetConfigTableSm::mibKeyOf(Interface::TunnelIntfStatus const & intfStatus) {
+  return {Snmp::InetAddress::fromIpGenAddr(intfStatus.srcAddr()),
+          Snmp::InetAddress::fromIpGenAddr(intfStatus.dstAddr()).address(),
+          modeToEncap(intfStatus.mode()), 1};
 }
 
 void TunnelInetConfigTableSm::eventToRescanStream(std::uint32_t,
@@ -273,82 +313,33 @@ void TunnelInetConfigTableSm::eventToRescanStream(std::uint32_t,
     return;
   LUMO_TRACE(trace(), 7, "rescanStream = merge( tisStream ): processedTisOpt={}",
              printed(processedTisOpt));
-  auto const & statuses = tunnelIntfStatusDir()->intfStatus();
   LUMO_TRACE(trace(), 6, " foreach( tunnelIntfStatusDir.intfStatus ) foreaching {} elements",
-             statuses.size());
-  rescanWaiting(processedTisOpt);
+             tunnelIntfStatusDir()->intfStatus().size());
+  rescan_.forEach([&](Plexa::IntfId intfId, StatusPtr const & intfStatus) {
+    return rescanOne(intfId, intfStatus, processedTisOpt);
+  });
 }
 
-// True if and only if whatever a walk could add is among those that wait to be tried, and no trace
-// would show the walk.
-bool TunnelInetConfigTableSm::waitingTunnelsKnown() const {
-  auto const triedOnce = survey_ == Survey::complete ||
-                         (survey_ == Survey::scanning && inputSmScanState()->ifMibStreamScan());
-  auto const allHeard = !deaf_ && !unheard_ && tunnelIntfStatusDir()->hasNotificationActive() &&
-                        ifMib()->hasNotificationActive();
-  auto const traced = trace().enabled(6) || trace().enabled(7) || trace().enabled(9);
-  return triedOnce && allHeard && tableVersion_ == output().version() && !traced;
-}
-
-void TunnelInetConfigTableSm::rescanWaiting(Zel::Optional<StatusPtr> const & processedTisOpt) {
-  Zel::FirstException exception;
-  std::optional<Plexa::IntfId> position;
-  while (waitingTunnelsKnown()) { // asked again each time: who hears of a row may change anything
-    auto const next = waiting_.nextToTry(position);
-    if (!next)
-      return exception.rethrow();
-    position = next;
-    if (auto const status = statusOf(*next))
-      exception.run([&] { rescanOne(*next, *status, processedTisOpt); });
-    else
-      waiting_.forget(*next);
-  }
-  rescanAll(position, processedTisOpt, exception);
-  exception.rethrow();
-}
-
-// Tries every tunnel, or every one behind `position`.
-void TunnelInetConfigTableSm::rescanAll(std::optional<Plexa::IntfId> position,
-                                        Zel::Optional<StatusPtr> const & processedTisOpt,
-                                        Zel::FirstException & exception) {
-  survey_ = Survey::lost; // for a rescan inside this one
-  if (!position)
-    tableVersion_ = output().version();
-  auto const & statuses = tunnelIntfStatusDir()->intfStatus();
-  statuses.forEachFrom(position ? statuses.seekBehind(*position) : statuses.begin(),
-                       [&](Plexa::IntfId intfId, StatusPtr const & intfStatus) {
-                         if (intfStatus)
-                           exception.run([&] { rescanOne(intfId, intfStatus, processedTisOpt); });
-                       });
-  if (!position)
-    survey_ = Survey::complete;
-}
-
-void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
-                                        Zel::Optional<StatusPtr> const & processedTisOpt) {
+Outcome TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
+                                           Zel::Optional<StatusPtr> const & processedTisOpt) {
   LUMO_TRACE(trace(), 9, "Foreaching element: {}", intfId);
   if (processedTisOpt && *processedTisOpt == intfStatus) {
     LUMO_TRACE(trace(), 6,
                "filter( ( Optional( intfStatus ) != processedTisOpt ) ) failed, terminating "
                "pipeline");
-    return;
+    return NotTried();
   }
   auto const * ifIndex = ifMib()->ifIndexByIntfId().find(intfId);
   if (ifIndex == nullptr) {
-    waiting_.forget(intfId);
     LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
-    return;
+    return NotReady();
   }
   if (auto const * slot = localAttrStore_->tunnelInetConfigByIfIndex().find(*ifIndex)) {
-    if ((*slot)->holder() != intfId)
-      waiting_.waitsForSlot(intfId, *ifIndex);
-    else
-      waiting_.forget(intfId);
     LUMO_TRACE(trace(), 6,
                "filter( ( !tunnelInetConfigByIfIndex[ ifIndex ] ) ) failed, terminating pipeline");
-    return;
+    return (*slot)->holder() == intfId ? Outcome(HasItsSlot()) : SlotTaken{*ifIndex};
   }
-  eventToAddStream(*ifIndex, intfStatus, true);
+  return eventToAddStream(*ifIndex, intfStatus, true);
 }
 
 // Writes to the output table
@@ -356,59 +347,27 @@ void TunnelInetConfigTableSm::rescanOne(Plexa::IntfId intfId, StatusPtr const & 
 void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
                                            TunnelInetConfigTableKey const & k1,
                                            EntryPtr const & value) {
-  if (value)
-    return intoMibTable(statement, k1, value, {output().findNotLess(k1), output().version()});
-  LUMO_TRACE(trace(), 7, "{}: deleting k1={}", statement, printed(k1));
-  waiting_.keyFreed(k1);
-  if (auto const row = output().find(k1); row != output().end()) {
-    expectTableChange();
+  auto const row = output().find(k1);
+  if (!value) {
+    LUMO_TRACE(trace(), 7, "{}: deleting k1={}", statement, printed(k1));
+    if (row == output().end())
+      return;
+    rescan_.rowGoes(k1);
     mib()->tunnelInetConfigTableDel(row);
+    return;
   }
-}
-
-void TunnelInetConfigTableSm::intoMibTable(std::string_view statement,
-                                           TunnelInetConfigTableKey const & k1,
-                                           EntryPtr const & value, Place const & place) {
   LUMO_ASSERT(value->key() == k1,
               "In \"{}\" the value inserted in the into statement has internal key: {}, but the "
               "key specified in the into is: {}",
               statement, printed(value->key()), printed(k1));
   LUMO_TRACE(trace(), 7, "{}: inserting k1={}, value={}", statement, printed(k1), printed(*value));
-  auto const position =
-      place.version == output().version() ? place.position : output().findNotLess(k1);
-  if (position == output().end() || position->first != k1)
-    expectTableChange();
-  mib()->tunnelInetConfigTableIs(position, value);
-}
-
-// A version that is not as the machine's own writes make it tells that somebody else wrote.
-void TunnelInetConfigTableSm::expectTableChange() {
-  if (tableVersion_ == output().version())
-    ++tableVersion_;
+  if (row == output().end())
+    rescan_.rowComes();
+  mib()->tunnelInetConfigTableIs(value);
 }
 
 void TunnelInetConfigTableSm::deleteOutputRow(TunnelInetConfigTableKey const & k1) {
   intoMibTable(intoByMibKey, k1, nullptr);
-}
-
-// What is heard
-
-void TunnelInetConfigTableSm::hasNotificationActiveIs(bool on) {
-  if (on && !deaf_) // as it was made
-    return TunnelTableSm::hasNotificationActiveIs(on);
-  auto const unheard = unheard_;
-  deaf_ = true; // until what was held has been delivered
-  survey_ = Survey::lost;
-  Zel::FirstException exception;
-  exception.run([&] { TunnelTableSm::hasNotificationActiveIs(on); });
-  deaf_ = !on;
-  if (!on)
-    unheard_ = unheard; // the children were switched off, but not for good
-  exception.rethrow();
-}
-
-void TunnelInetConfigTableSm::inputUnheard() {
-  unheard_ = true;
 }
 
 // Destruction
@@ -419,14 +378,61 @@ TunnelInetConfigTableSm::~TunnelInetConfigTableSm() {
 
 // What the framework is told when the library is loaded.
 
-std::span<Zel::Attribute const> TunnelInetConfigTableSm::ownAttributes() {
+Zel::Type const & TunnelInetConfigTableSm::typeDescription() {
   using Sm = TunnelInetConfigTableSm;
-  static Zel::Attribute const own[] = {
-      {"localAttrStore", "LocalAttrStore", Zel::getBy<&Sm::localAttrStore>},
-      {"intfStatusSm0", "InputSm", Zel::getBy<&Sm::intfStatusSm0>},
-      {"ifIndexByIntfIdSm2", "InputSm", Zel::getBy<&Sm::ifIndexByIntfIdSm2>},
-      {"mibTunnelInetConfigTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>}};
-  return own;
+  static Zel::Attribute const list[] = {
+      {"mib", "TunnelIntfSnmp::TunnelMib", Zel::getBy<&Sm::mib>},
+      {"tunnelIntfStatusDir", "Interface::TunnelIntfStatusDir",
+       Zel::getBy<&Sm::tunnelIntfStatusDir>},
+      {"ifMib", "IntfSnmp::IfMib", Zel::getBy<&Sm::ifMib>},
+      {"flowaControl", "Flowa::SmControl", flowaControlByName<Sm>},
+      {"localAttrStore", FlowaCode::TunnelInetConfigTableSm::LocalAttrStore::typeDescription().name,
+       Zel::getBy<&Sm::localAttrStore>},
+      {"inputSmScanState", scanStateType.name, Zel::getBy<&Sm::inputSmScanState>},
+      {"outputState", outputStateType.name, Zel::getBy<&Sm::outputState>},
+      {"intfStatusSm0", inputs[intfStatusInput].type.name, Zel::getBy<&Sm::intfStatusSm0>},
+      {"ifIndexByIntfIdSm2", inputs[ifMibInput].type.name, Zel::getBy<&Sm::ifIndexByIntfIdSm2>},
+      {"initialized", "bool", Zel::getBy<&Sm::initialized>},
+      {"initialScanDone", "bool", Zel::getBy<&Sm::initialScanDone>},
+      {"mibTunnelInetConfigTableOutputReconciling", "bool", Zel::getBy<&Sm::mibOutputReconciling>},
+      {"mibTunnelInetConfigTableOutputSeen", "Zel::HashMap2018", Sm::outputSeenByName},
+      {"mibTunnelInetConfigTableOutputBookmark", MibTunnelInetConfigTableOutputKeyType::typeName,
+       Zel::getBy<&Sm::outputBookmark>},
+      {"mibTunnelInetConfigTableOutputUseBookmark", "bool", Zel::getBy<&Sm::outputUseBookmark>},
+      {"mibTunnelInetConfigTableOutputReconciliationTask", taskType.name,
+       Zel::getBy<&Sm::reconciliationTask>},
+      {"qtHandle", "Skein::TraceHandle",
+       [](Zel::PtrInterface const & machine) {
+         return Zel::toValue(static_cast<Sm const &>(machine).flowaControl().qtHandle().ring);
+       }},
+      {"synchronous", "bool", Zel::getBy<&Sm::synchronous>},
+      {"ready", "bool", Zel::getBy<&Sm::ready>},
+      {"idle", "bool", Zel::getBy<&Sm::idle>},
+      {"rescanWalks", "U64",
+       [](Zel::PtrInterface const & machine) {
+         return Zel::toValue(static_cast<Sm const &>(machine).rescan().walks());
+       }},
+      {"rescanUnheard", "U64", [](Zel::PtrInterface const & machine) {
+         return Zel::toValue(static_cast<Sm const &>(machine).rescan().unheard());
+       }}};
+  static auto const attributes = Zel::pointersTo(list);
+  static Zel::Type const type{"TunnelIntfSnmp::TunnelInetConfigTableSm", attributes};
+  return type;
+}
+
+std::vector<Zel::Type const *> TunnelInetConfigTableSm::nestedTypes() {
+  using namespace FlowaCode::TunnelInetConfigTableSm;
+  static Zel::Type const outputKey{MibTunnelInetConfigTableOutputKeyType::typeName, {}};
+  return {&typeDescription(),
+          &outputKey,
+          &LocalAttrStore::typeDescription(),
+          &LocalAttrStore::Slot::typeDescription(),
+          &scanStateType,
+          &outputStateType,
+          &inputs[0].type,
+          &inputs[1].type,
+          &SrcAddrMAdstAddrMAmodeSm1::typeDescription(),
+          &taskType};
 }
 
 namespace {

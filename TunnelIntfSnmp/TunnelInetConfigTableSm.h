@@ -5,10 +5,7 @@
 // Several tunnels may claim one key; whoever is added first has the row. A private store remembers,
 // by ifIndex, the row that was written for it, and rows are deleted through that store only: by the
 // key that was written, never by one computed from the status of today. Whenever a row may have
-// gone, every tunnel without a row is tried again: by a walk over all of them where a trace would
-// show it, else only those that what happened since they were tried last can help
-// (WaitingTunnels.h). The outcome is the same, down to the order, as long as the inputs tell of
-// their changes, and tell this machine before somebody answers with further ones.
+// gone, every tunnel without a row is tried again, or only those that can have one now (Rescan.h).
 //
 //   event                      delete  add  rescan
 //   a status came or changed   yes     yes  yes
@@ -19,10 +16,11 @@
 // In this order: a tunnel that changed loses its old row before its new one is tried.
 #pragma once
 
+#include "TunnelIntfSnmp/Rescan.h"
 #include "TunnelIntfSnmp/StatusChildSm.h"
 #include "TunnelIntfSnmp/TunnelTableSm.h"
-#include "TunnelIntfSnmp/WaitingTunnels.h"
 #include <span>
+#include <vector>
 
 namespace TunnelIntfSnmp {
 
@@ -35,6 +33,8 @@ class LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst : public Zel::PtrInterfa
 public:
   explicit LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst(std::uint32_t ifIndex);
   ~LocalAttrU32TunnelIntfSnmpMibEntryWrapperPtrConst() override;
+  Zel::Type const & type() const override { return typeDescription(); }
+  static Zel::Type const & typeDescription();
   static Zel::Attribute const & valueAttribute();
 
   std::uint32_t ifIndex() const { return ifIndex_; }
@@ -61,7 +61,8 @@ public:
   using ZelTunnelInetConfigByIfIndex = Zel::HashMap2018<std::uint32_t, Zel::Ptr<Slot>>;
 
   LocalAttrStore();
-  Zel::Type const & type() const override;
+  Zel::Type const & type() const override { return typeDescription(); }
+  static Zel::Type const & typeDescription();
   /// Notified with the ifIndex of a new slot.
   static Zel::Attribute const & tunnelInetConfigByIfIndexAttribute();
 
@@ -79,11 +80,14 @@ private:
 class SrcAddrMAdstAddrMAmodeSm1 final : public StatusChildSm<SrcAddrMAdstAddrMAmodeSm1> {
 public:
   static constexpr std::string_view name = "SrcAddrMAdstAddrMAmodeSm1";
+  static constexpr bool lossNeedsTheStamp = true;
   static std::span<Zel::Attribute const * const> followed();
 
   SrcAddrMAdstAddrMAmodeSm1(::TunnelIntfSnmp::TunnelInetConfigTableSm & root, Plexa::IntfId intfId,
                             StatusPtr status);
-  void emit(Plexa::IntfId intfId, StatusPtr const & status);
+  static void emit(TableSmBase & machine, Plexa::IntfId intfId, StatusPtr const & status);
+  Zel::Type const & type() const override { return typeDescription(); }
+  static Zel::Type const & typeDescription();
 };
 
 using IntfStatusSm0 =
@@ -104,12 +108,17 @@ class TunnelInetConfigTableSm final
                            MibTunnelInetConfigTableOutputKeyType> {
 public:
   using IntfStatusSm0 = FlowaCode::TunnelInetConfigTableSm::IntfStatusSm0;
-  static constexpr std::string_view ifIndexSmName = "IfIndexByIntfIdSm2";
   static constexpr std::string_view unitName = "TunnelInetConfigTableSm";
-  static constexpr std::string_view typeName = "TunnelIntfSnmp::TunnelInetConfigTableSm";
-  static constexpr std::string_view outsideTypes[] = {
-      "TunnelIntfSnmp::TunnelMib", "Interface::TunnelIntfStatusDir", "IntfSnmp::IfMib"};
-  static std::span<Zel::Attribute const> ownAttributes();
+  static constexpr std::string_view outsideTypes[] = {"TunnelIntfSnmp::TunnelMib",
+                                                      "TunnelIntfSnmp::MibEntryWrapper",
+                                                      "Interface::TunnelIntfStatusDir",
+                                                      "Interface::TunnelIntfStatus",
+                                                      "IntfSnmp::IfMib",
+                                                      "Flowa::SmControl",
+                                                      "Skein::TraceHandle",
+                                                      "Kiln::Task"};
+  static Zel::Type const & typeDescription();
+  static std::vector<Zel::Type const *> nestedTypes();
 
   using MibTunnelInetConfigTableOutputKeyType =
       TunnelIntfSnmp::MibTunnelInetConfigTableOutputKeyType;
@@ -127,12 +136,14 @@ public:
   Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore> const & localAttrStore() const {
     return localAttrStore_;
   }
-  auto ifIndexByIntfIdSm2() const {
-    return ifIndexSm<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2>();
+  Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::IfIndexByIntfIdSm2> ifIndexByIntfIdSm2() const {
+    return ifIndexSm();
   }
-
-  void hasNotificationActiveIs(bool on) override;
-  void inputUnheard() override;
+  /// What decides which tunnels a rescan tries.
+  Rescan & rescan() { return rescan_; }
+  Rescan const & rescan() const { return rescan_; }
+  /// The key of the row that such a status is to have.
+  static TunnelInetConfigTableKey mibKeyOf(Interface::TunnelIntfStatus const & intfStatus);
 
   // The streams. All return at once, without trace, while initialScanDone() is false.
 
@@ -143,10 +154,10 @@ public:
   /// Deletes the row that was written for the ifIndex, if any.
   void eventToDeleteStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt,
                            bool isAdd);
-  /// Adds the status's row unless something is missing or its key is taken. Raises
-  /// Zel::BadOptionalAccess for isAdd without a status.
-  void eventToAddStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt,
-                        bool isAdd);
+  /// Adds the status's row unless something is missing or its key is taken, and tells what became
+  /// of it. Raises Zel::BadOptionalAccess for isAdd without a status.
+  Outcome eventToAddStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt,
+                           bool isAdd);
   /// Tries every interface that has no row, except the one whose status was just processed.
   void eventToRescanStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & processedTisOpt,
                            bool isAdd);
@@ -163,35 +174,11 @@ private:
   }
   void deleteOutputRow(TunnelInetConfigTableKey const & k1) override;
 
-  /// Where a key is in the output or would be, as long as that has the version.
-  struct Place {
-    TunnelMib::TunnelInetConfigTable::const_iterator position;
-    std::uint32_t version;
-  };
-  /// Inserts or replaces, as above, without a search unless the table has changed since. Requires:
-  /// there is a value.
-  void intoMibTable(std::string_view statement, TunnelInetConfigTableKey const & k1,
-                    EntryPtr const & value, Place const & place);
-
-  void forgetIfGone(Plexa::IntfId intfId, Zel::Optional<StatusPtr> const & intfStatusOpt);
-  bool waitingTunnelsKnown() const;
-  void rescanWaiting(Zel::Optional<StatusPtr> const & processedTisOpt);
-  void rescanAll(std::optional<Plexa::IntfId> position,
-                 Zel::Optional<StatusPtr> const & processedTisOpt, Zel::FirstException & exception);
-  void rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
-                 Zel::Optional<StatusPtr> const & processedTisOpt);
-  void expectTableChange();
-
-  /// Whether waiting_ has every tunnel that a rescan has to try: not before the first scan with
-  /// events has tried them all, nor after something went unheard, until a walk has tried them all.
-  enum class Survey : std::uint8_t { scanning, complete, lost };
+  Outcome rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
+                    Zel::Optional<StatusPtr> const & processedTisOpt);
 
   Zel::Ptr<FlowaCode::TunnelInetConfigTableSm::LocalAttrStore> const localAttrStore_;
-  WaitingTunnels waiting_;
-  std::uint32_t tableVersion_; // of the output, as the machine's own writes make it
-  Survey survey_ = Survey::scanning;
-  bool deaf_ = false;    // what is heard of the inputs is held back
-  bool unheard_ = false; // an input may change unheard, for good
+  Rescan rescan_;
 };
 Zel::Ptr<TunnelInetConfigTableSm>
 tunnelInetConfigTableSmFactory(Zel::Ptr<TunnelMib> const & mib,

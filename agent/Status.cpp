@@ -35,18 +35,32 @@ void putIfThere(Json & out, Zel::PtrInterface const & object, std::string_view n
     out[std::string(name)] = *std::move(value);
 }
 
+/// What would be copied whole, however large it is.
+bool isCollection(Zel::Attribute const & attribute) {
+  return attribute.typeName == "Zel::HashMap2018" || attribute.typeName == "Zel::RbTreeMap";
+}
+
 /// Calls `take(attribute, object)` for each attribute of `parent` that holds an object which has an
 /// attribute of that name itself.
 template <class Take>
 void forEachChild(Zel::PtrInterface const & parent, std::string_view having, Take take) {
   for (auto const * attribute : parent.type().attributes) {
-    if (attribute->get == nullptr)
+    if (attribute->get == nullptr || isCollection(*attribute))
       continue;
     auto const value = attribute->get(parent);
     auto const * child = std::get_if<Object>(&value.is);
     if (child != nullptr && *child && hasAttribute(**child, having))
       take(*attribute, **child);
   }
+}
+
+/// Puts the attribute whose name ends so, if there is one, under another name.
+void putUnder(Json & out, char const * name, Zel::PtrInterface const & object,
+              std::string_view ending) {
+  for (auto const * attribute : object.type().attributes)
+    if (attribute->get != nullptr && attribute->name.ends_with(ending))
+      if (auto value = scalar(attribute->get(object)))
+        out[name] = *std::move(value);
 }
 
 Json inputStatus(std::string_view name, Zel::PtrInterface const & input) {
@@ -60,10 +74,10 @@ Json machineStatus(std::string_view name, Zel::PtrInterface const & machine) {
   Json out{{"name", name}};
   for (auto const * field : {"ready", "idle", "initialized", "initialScanDone", "synchronous"})
     putIfThere(out, machine, field);
-  for (auto const * attribute : machine.type().attributes)
-    if (attribute->name.ends_with("OutputReconciling") && attribute->get != nullptr)
-      if (auto value = scalar(attribute->get(machine)))
-        out["reconciling"] = *std::move(value);
+  putUnder(out, "reconciling", machine, "OutputReconciling");
+  if (out.value("reconciling", false))
+    putUnder(out, "reconciledTo", machine, "OutputBookmark");
+  putIfThere(out, machine, "rescanUnheard");
   auto inputs = Json::array();
   forEachChild(machine, "scanState", [&](Zel::Attribute const & attribute, auto const & input) {
     inputs.push_back(inputStatus(attribute.name, input));

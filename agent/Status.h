@@ -4,7 +4,9 @@
 // - the root's attribute "tunnelIntfSnmpAgent" holds an object; each of its attributes that is an
 //   object with an attribute "ready" is a machine;
 // - each attribute of a machine that is an object with an attribute "scanState" is one of its
-//   inputs; each bool whose name ends in "OutputReconciling" says that a deletion scan is owed;
+//   inputs; each bool whose name ends in "OutputReconciling" says that a deletion scan is owed, and
+//   the attribute whose name ends in "OutputBookmark" how far it is; "rescanUnheard" counts how
+//   often an input went unheard;
 // - each attribute of the MIB entity that is a collection of objects is a table, and the columns of
 //   a row are its attributes that are no objects themselves.
 #pragma once
@@ -22,8 +24,9 @@
 namespace Agent {
 
 /// The machines in order, each {name, ready, idle, initialized, initialScanDone, synchronous,
-/// reconciling, inputs: [{name, scanState, scanComplete, scanned, inputSize}]}; what an object does
-/// not have is left out. Empty when the root has no agent.
+/// reconciling, reconciledTo while it is, rescanUnheard, inputs: [{name, scanState, scanComplete,
+/// scanned, inputSize}]}; what an object does not have is left out. Empty when the root has no
+/// agent.
 nlohmann::ordered_json machinesStatus(Zel::PtrInterface const & root);
 /// True if and only if there are machines and all of them are ready.
 bool allReady(nlohmann::ordered_json const & machines);

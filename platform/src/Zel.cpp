@@ -25,6 +25,14 @@ bool threadSafePtrs() {
   return Detail::threadSafePtrs;
 }
 
+namespace {
+std::uint64_t silencingsSoFar = 0;
+} // namespace
+
+std::uint64_t silencings() {
+  return silencingsSoFar;
+}
+
 namespace Detail {
 bool threadSafePtrs = false;
 
@@ -50,6 +58,8 @@ Type const & PtrInterface::type() const {
 void PtrInterface::hasNotificationActiveIs(bool on) {
   auto const before = references_.load(std::memory_order_relaxed);
   auto const flag = on ? notificationActive : 0;
+  if (!on && (before & notificationActive) != 0)
+    ++silencingsSoFar;
   if (Detail::threadSafePtrs) [[unlikely]]
     references_.fetch_xor((before ^ flag) & notificationActive, std::memory_order_relaxed);
   else

@@ -27,6 +27,10 @@ void threadSafePtrsIs(bool on);
 /// True if and only if counts are changed atomically.
 bool threadSafePtrs();
 
+/// How often the notification of any object was switched off so far. While the number stays the
+/// same, no object that told of its changes has ceased to.
+std::uint64_t silencings();
+
 namespace Detail {
 extern bool threadSafePtrs;
 [[noreturn]] void nullDereference(char const * typeName);

@@ -319,7 +319,7 @@ TEST(IpsecSmStart, SaysWhichScanItWaitsFor) {
   for (std::uint32_t i = 1; i <= 3; ++i)
     world.addTunnel(i, i);
   auto const machine = machineIn(world);
-  while (!machine->inputSmScanState()->ifMibStreamScan())
+  while (!machine->inputSmScanState()->scan(0))
     ASSERT_TRUE(world.scheduler->runOne());
   TraceRecorder traces{{"IpsecTunnelIfTableSm", "9"}};
   machine->handleInitialScanDone();

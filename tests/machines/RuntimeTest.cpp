@@ -250,9 +250,9 @@ TEST_P(Runtime, SurvivesAPipelineThatRaisesWhileItGoes) {
   world_.settle();
   machine->hasNotificationActiveIs(false);
   world_.ifMib->ifIndexByIntfIdDel(Plexa::IntfId(1));
-  auto const before = Lumo::counter("table-sm-zombie-exceptions");
+  auto const before = Lumo::counter("zel-exceptions-contained");
   machine = nullptr;
-  EXPECT_EQ(Lumo::counter("table-sm-zombie-exceptions"), before + 1);
+  EXPECT_EQ(Lumo::counter("zel-exceptions-contained"), before + 1);
 }
 
 // The order of things, line by line
@@ -297,9 +297,9 @@ TEST(RuntimeTrace, SaysWhichScanTheFirstPassWaitsFor) {
     machine->handleInitialScanDone();
     EXPECT_THAT(traces.texts(), ElementsAre(" ifMibStream scan is false"));
   }
-  while (!machine->inputSmScanState()->ifMibStreamScan())
+  while (!machine->inputSmScanState()->scan(0))
     ASSERT_TRUE(world.scheduler->runOne());
-  if (!machine->inputSmScanState()->tisStreamScan()) {
+  if (!machine->inputSmScanState()->scan(1)) {
     TraceRecorder traces{{"TunnelIfTableSm", "9"}};
     machine->handleInitialScanDone();
     EXPECT_THAT(traces.texts(), ElementsAre(" tisStream scan is false"));
@@ -776,7 +776,7 @@ TEST(RuntimeDeathTest, DiesOfAChildWithoutInput) {
   World world(synchronous);
   auto const machine = machineIn(world);
   auto const child =
-      Zel::makePtr<FlowaCode::TunnelIfTableSm::IntfStatusSm0>(*machine, StatusDirPtr());
+      Zel::makePtr<FlowaCode::TunnelIfTableSm::IntfStatusSm0>(*machine, 1, StatusDirPtr());
   EXPECT_DEATH(child->start(), "fatal: en\\(\\): Sm args can only be null if marked as Optional in "
                                "the SM type declaration");
 }

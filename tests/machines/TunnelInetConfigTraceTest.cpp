@@ -369,9 +369,9 @@ TEST(InetConfigStartTrace, SaysWhichScanTheFirstPassWaitsFor) {
     return linesOf(traces);
   };
   EXPECT_THAT(waitsFor(), ElementsAre(Line{9, " ifMibStream scan is false"}));
-  while (!machine->inputSmScanState()->ifMibStreamScan())
+  while (!machine->inputSmScanState()->scan(0))
     ASSERT_TRUE(world.scheduler->runOne());
-  ASSERT_FALSE(machine->inputSmScanState()->tisStreamScan());
+  ASSERT_FALSE(machine->inputSmScanState()->scan(1));
   EXPECT_THAT(waitsFor(), ElementsAre(Line{9, " tisStream scan is false"}));
 }
 
