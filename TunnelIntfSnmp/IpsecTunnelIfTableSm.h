@@ -49,7 +49,8 @@ public:
                                                       "IntfSnmp::IfMib",
                                                       "Ipsec::Ike::Status",
                                                       "Flowa::SmControl",
-                                                      "Kiln::Task"};
+                                                      "Kiln::Task",
+                                                      "Plexa::IntfId"};
   static Zel::Type const & typeDescription();
   static std::vector<Zel::Type const *> nestedTypes();
 

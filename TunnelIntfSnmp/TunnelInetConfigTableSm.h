@@ -116,7 +116,8 @@ public:
                                                       "IntfSnmp::IfMib",
                                                       "Flowa::SmControl",
                                                       "Skein::TraceHandle",
-                                                      "Kiln::Task"};
+                                                      "Kiln::Task",
+                                                      "Plexa::IntfId"};
   static Zel::Type const & typeDescription();
   static std::vector<Zel::Type const *> nestedTypes();
 

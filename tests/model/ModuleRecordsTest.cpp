@@ -108,7 +108,9 @@ bool isNamed(Zel::Module const & module, std::string_view typeName) {
 
 class ModuleRecord : public ::testing::TestWithParam<std::string_view> {};
 INSTANTIATE_TEST_SUITE_P(Units, ModuleRecord,
-                         ::testing::Values("TunnelIntfSnmp", "TunnelIntfSnmpAgent"),
+                         ::testing::Values("IpsecTunnelIfTableSm", "TunnelIfTableSm",
+                                           "TunnelInetConfigTableSm", "TunnelIntfSnmp",
+                                           "TunnelIntfSnmpAgent"),
                          [](auto const & unit) { return std::string(unit.param); });
 
 TEST_P(ModuleRecord, NamesTheTypeOfEveryAttribute) {
