@@ -155,6 +155,20 @@ TEST_F(RescanTest, FindsWhatChangedWhileAnInputWasSilentForAMoment) {
   EXPECT_EQ(world_.inetConfigRows().count(keyAC), 1u);
 }
 
+TEST_F(RescanTest, FindsAnIfIndexThatWasReplacedWhileTheMapWasSilentForAMoment) {
+  add(1, "10.0.0.9");
+  world_.addIfIndex(2, 10);
+  add(3, "10.0.0.8");
+  world_.addEndpoints(2, "10.0.0.1", "10.0.0.2");
+  add(1, "10.0.0.9"); // takes the slot of the ifIndex back
+  ASSERT_EQ(world_.inetConfigRows().count(keyAB), 0u);
+  world_.ifMib->hasNotificationActiveIs(false);
+  world_.addIfIndex(2, 20); // no insertion, no removal
+  world_.ifMib->hasNotificationActiveIs(true);
+  (*world_.dir->intfStatus().find(IntfId(3)))->modeIs(Plexa::TunnelIntfMode::vti);
+  EXPECT_EQ(world_.inetConfigRows().count(keyAB), 1u);
+}
+
 TEST_F(RescanTest, WalksWhileARecordCameSilentOrStandsUnderAnotherId) {
   add(1, "10.0.0.9");
   auto const silent = InetConfigWorld::status(2, "", "10.0.0.2");
