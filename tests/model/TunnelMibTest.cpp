@@ -187,7 +187,7 @@ protected:
       notifierIs(&mib);
     }
     void onNotification(Zel::Notification const & change) override {
-      call_(change.isAbout(TunnelMib::tunnelInetConfigTableAttribute())
+      call_(&change.attribute() == &TunnelMib::tunnelInetConfigTableAttribute()
                 ? change.key<TunnelInetConfigTableKey>().configId()
                 : change.key<std::uint32_t>());
     }
