@@ -1,4 +1,5 @@
 #include "agent/AccessFile.h"
+#include "os/Descriptor.h"
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -29,13 +30,11 @@ bool hasRules(char const * path) {
 
 /// Of the opened file: a file system of another machine may answer stat() from its memory.
 std::optional<struct stat> statusOf(char const * path) {
-  auto const descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor == -1)
+  Os::Descriptor const descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!descriptor)
     return std::nullopt;
   struct stat status {};
-  auto const known = fstat(descriptor, &status) == 0;
-  close(descriptor);
-  return known ? std::optional(status) : std::nullopt;
+  return fstat(descriptor.get(), &status) == 0 ? std::optional(status) : std::nullopt;
 }
 
 } // namespace

@@ -7,7 +7,7 @@
 
 namespace Sources {
 
-std::unique_ptr<Source> makeSource(std::string_view text, Loop & loop,
+std::unique_ptr<Source> makeSource(std::string_view text, Os::Loop & loop,
                                    StateDb::StateDocument & document) {
   auto const colon = text.find(':');
   auto const kind = text.substr(0, colon);

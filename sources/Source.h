@@ -6,7 +6,7 @@
 // changed" and lead to a full read on the same path as the start. Only differences are published.
 #pragma once
 
-#include "sources/Loop.h"
+#include "os/Loop.h"
 #include "statedb/StateDocument.h"
 #include <cstdint>
 #include <memory>
@@ -46,7 +46,7 @@ public:
 /// Makes the source that `text` names: "json:FILE", "linux", "linux:kinds=+vxlan,-vti". Raises
 /// std::invalid_argument, one line that lists what is possible, when it names none. `loop` and
 /// `document` outlive the source.
-std::unique_ptr<Source> makeSource(std::string_view text, Loop & loop,
+std::unique_ptr<Source> makeSource(std::string_view text, Os::Loop & loop,
                                    StateDb::StateDocument & document);
 
 } // namespace Sources

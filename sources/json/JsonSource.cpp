@@ -43,7 +43,7 @@ struct GiveBack {
 
 class JsonSource final : public Source {
 public:
-  JsonSource(std::string path, Loop & loop, StateDb::StateDocument & document)
+  JsonSource(std::string path, Os::Loop & loop, StateDb::StateDocument & document)
       : path_(std::move(path)),
         loop_(loop),
         document_(document) {}
@@ -58,7 +58,7 @@ private:
   void readAndPublish();
 
   std::string const path_;
-  Loop & loop_;
+  Os::Loop & loop_;
   StateDb::StateDocument & document_;
   std::unique_ptr<FolderWatch> watch_;
   /// The file's last good content, as the text that it was: parsed, it is many times as large.
@@ -117,7 +117,7 @@ void JsonSource::readAndPublish() {
 
 } // namespace
 
-std::unique_ptr<Source> makeJsonSource(std::string path, Loop & loop,
+std::unique_ptr<Source> makeJsonSource(std::string path, Os::Loop & loop,
                                        StateDb::StateDocument & document) {
   return std::make_unique<JsonSource>(std::move(path), loop, document);
 }

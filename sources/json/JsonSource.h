@@ -16,7 +16,7 @@
 namespace Sources {
 
 /// Makes the source for that file. Nothing is opened before start().
-std::unique_ptr<Source> makeJsonSource(std::string path, Loop & loop,
+std::unique_ptr<Source> makeJsonSource(std::string path, Os::Loop & loop,
                                        StateDb::StateDocument & document);
 
 } // namespace Sources

@@ -74,13 +74,13 @@ json documentOf(std::map<std::uint32_t, Linux::TunnelLink> const & links) {
 
 } // namespace
 
-std::unique_ptr<Source> makeLinuxSource(std::string_view options, Loop & loop,
+std::unique_ptr<Source> makeLinuxSource(std::string_view options, Os::Loop & loop,
                                         StateDb::StateDocument & document) {
   return std::make_unique<LinuxSource>(options, loop, document);
 }
 
-LinuxSource::LinuxSource(std::string_view options, Loop & loop, StateDb::StateDocument & document,
-                         int receiveBuffer)
+LinuxSource::LinuxSource(std::string_view options, Os::Loop & loop,
+                         StateDb::StateDocument & document, int receiveBuffer)
     : options_(options),
       kinds_(Linux::TunnelKindSet::fromOptions(options)),
       loop_(loop),

@@ -28,7 +28,7 @@ public:
   static constexpr std::chrono::seconds retryPeriod{1};
 
   /// Raises std::invalid_argument as Linux::TunnelKindSet::fromOptions does.
-  LinuxSource(std::string_view options, Loop & loop, StateDb::StateDocument & document,
+  LinuxSource(std::string_view options, Os::Loop & loop, StateDb::StateDocument & document,
               int receiveBuffer = defaultReceiveBuffer);
 
   std::string name() const override;
@@ -68,19 +68,19 @@ private:
 
   std::string const options_;
   Linux::TunnelKindSet const kinds_;
-  Loop & loop_;
+  Os::Loop & loop_;
   StateDb::StateDocument & document_;
   int const receiveBuffer_;
   std::optional<Linux::LinkEvents> events_; // before its watch, which must go first
-  Loop::Handle eventsReadable_;
-  Loop::Handle nextFullRead_;
+  Os::Loop::Handle eventsReadable_;
+  Os::Loop::Handle nextFullRead_;
   Linux::DefaultHopLimits defaults_; // as at the last full read
   Links published_;                  // what this source has published
   SourceStatus status_;
 };
 
 /// `options` is what follows "linux:" on the command line, or empty.
-std::unique_ptr<Source> makeLinuxSource(std::string_view options, Loop & loop,
+std::unique_ptr<Source> makeLinuxSource(std::string_view options, Os::Loop & loop,
                                         StateDb::StateDocument & document);
 
 } // namespace Sources

@@ -14,7 +14,7 @@
 class SourceWorld {
 public:
   virtual ~SourceWorld() = default;
-  virtual std::unique_ptr<Sources::Source> makeSource(Sources::Loop & loop,
+  virtual std::unique_ptr<Sources::Source> makeSource(Os::Loop & loop,
                                                       StateDb::StateDocument & document) = 0;
   /// Makes the tunnel, or changes its hop limit.
   virtual void tunnelIs(int number, int hopLimit) = 0;

@@ -23,7 +23,7 @@ using testing::StartsWith;
 
 class JsonWorld final : public SourceWorld {
 public:
-  std::unique_ptr<Sources::Source> makeSource(Sources::Loop & loop,
+  std::unique_ptr<Sources::Source> makeSource(Os::Loop & loop,
                                               StateDb::StateDocument & document) override {
     write();
     return Sources::makeJsonSource(folder_.file("tunnels.json"), loop, document);

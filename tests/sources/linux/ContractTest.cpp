@@ -8,7 +8,7 @@ namespace {
 
 class LinksWorld : public SourceWorld {
 public:
-  std::unique_ptr<Sources::Source> makeSource(Sources::Loop & loop,
+  std::unique_ptr<Sources::Source> makeSource(Os::Loop & loop,
                                               StateDb::StateDocument & document) override {
     return Sources::makeLinuxSource("kinds=+vxlan", loop, document);
   }
