@@ -3,54 +3,80 @@
 
 #include "platform/Plexa.h"
 #include "platform/Zel.h"
+#include "platform/zel/Record.h"
 #include <cstdint>
+#include <span>
 #include <string_view>
+#include <tuple>
 
 namespace Interface {
 
+/// What the status of a tunnel interface says.
+struct TunnelIntfStatusValues {
+  /// The local and the remote endpoint; the empty address where none is configured.
+  Plexa::IpGenAddr srcAddr{};
+  Plexa::IpGenAddr dstAddr{};
+  Plexa::TunnelIntfMode mode = Plexa::TunnelIntfMode::unknown;
+  /// TTL or hop limit of the outer packet; 0: copied from the payload.
+  std::uint8_t hopLimit = 0;
+  /// The six bits of the outer packet's DSCP, 0 to 63; 0 also where it is copied from the payload.
+  std::uint8_t tos = 0;
+  /// True if and only if IPsec protects what goes through the tunnel.
+  bool ipsec = false;
+
+  static constexpr auto fields() {
+    using V = TunnelIntfStatusValues;
+    using Zel::RecordField;
+    return std::tuple{
+        RecordField{"srcAddr", "Plexa::IpGenAddr", &V::srcAddr},
+        RecordField{"dstAddr", "Plexa::IpGenAddr", &V::dstAddr},
+        RecordField{"mode", "Plexa::TunnelIntfMode", &V::mode},
+        RecordField{"hopLimit", "U8", &V::hopLimit, {0, 255, "a hop limit, 0 to 255"}},
+        RecordField{"tos",
+                    "U8",
+                    &V::tos,
+                    {0, 63, "the six bits of the DSCP, 0 to 63 (an eight-bit ToS divided by 4)"}},
+        RecordField{"ipsec", "bool", &V::ipsec}};
+  }
+  bool operator==(TunnelIntfStatusValues const &) const = default;
+};
+
 /// The status of one tunnel interface. Each setter stores and then notifies its attribute, and does
 /// neither when the value is the same.
-class TunnelIntfStatus : public Zel::PtrInterface {
+class TunnelIntfStatus : public Zel::Record<TunnelIntfStatus, TunnelIntfStatusValues> {
 public:
-  explicit TunnelIntfStatus(Plexa::IntfId intfId);
+  explicit TunnelIntfStatus(Plexa::IntfId intfId, Values const & values = {})
+      : Record(values),
+        intfId_(intfId) {}
   Zel::Type const & type() const override;
-  static Zel::Attribute const & srcAddrAttribute();
-  static Zel::Attribute const & dstAddrAttribute();
-  static Zel::Attribute const & modeAttribute();
-  static Zel::Attribute const & hopLimitAttribute();
-  static Zel::Attribute const & tosAttribute();
-  static Zel::Attribute const & ipsecAttribute();
+  static Zel::Type const & typeDescription();
+  static std::span<Zel::Attribute const> fieldAttributes();
+  static Zel::Attribute const & intfIdAttribute();
+  static Zel::Attribute const & srcAddrAttribute() { return attributeOf<&Values::srcAddr>(); }
+  static Zel::Attribute const & dstAddrAttribute() { return attributeOf<&Values::dstAddr>(); }
+  static Zel::Attribute const & modeAttribute() { return attributeOf<&Values::mode>(); }
+  static Zel::Attribute const & hopLimitAttribute() { return attributeOf<&Values::hopLimit>(); }
+  static Zel::Attribute const & tosAttribute() { return attributeOf<&Values::tos>(); }
+  static Zel::Attribute const & ipsecAttribute() { return attributeOf<&Values::ipsec>(); }
 
+  /// Never changes.
   Plexa::IntfId intfId() const { return intfId_; }
-  /// The local and the remote endpoint; the empty address where none is configured.
-  Plexa::IpGenAddr const & srcAddr() const { return srcAddr_; }
-  Plexa::IpGenAddr const & dstAddr() const { return dstAddr_; }
-  Plexa::TunnelIntfMode mode() const { return mode_; }
-  /// TTL or hop limit of the outer packet; 0: copied from the payload.
-  std::uint8_t hopLimit() const { return hopLimit_; }
-  /// The six bits of the outer packet's DSCP, 0 to 63; 0 also where it is copied from the payload.
-  std::uint8_t tos() const { return tos_; }
-  /// True if and only if IPsec protects what goes through the tunnel.
-  bool ipsec() const { return ipsec_; }
+  Plexa::IpGenAddr const & srcAddr() const { return values().srcAddr; }
+  Plexa::IpGenAddr const & dstAddr() const { return values().dstAddr; }
+  Plexa::TunnelIntfMode mode() const { return values().mode; }
+  std::uint8_t hopLimit() const { return values().hopLimit; }
+  std::uint8_t tos() const { return values().tos; }
+  bool ipsec() const { return values().ipsec; }
 
-  void srcAddrIs(Plexa::IpGenAddr const & srcAddr);
-  void dstAddrIs(Plexa::IpGenAddr const & dstAddr);
-  void modeIs(Plexa::TunnelIntfMode mode);
-  void hopLimitIs(std::uint8_t hopLimit);
-  void tosIs(std::uint8_t tos);
-  void ipsecIs(bool ipsec);
+  void srcAddrIs(Plexa::IpGenAddr const & srcAddr) { fieldIs<&Values::srcAddr>(srcAddr); }
+  void dstAddrIs(Plexa::IpGenAddr const & dstAddr) { fieldIs<&Values::dstAddr>(dstAddr); }
+  void modeIs(Plexa::TunnelIntfMode mode) { fieldIs<&Values::mode>(mode); }
+  void hopLimitIs(std::uint8_t hopLimit) { fieldIs<&Values::hopLimit>(hopLimit); }
+  void tosIs(std::uint8_t tos) { fieldIs<&Values::tos>(tos); }
+  void ipsecIs(bool ipsec) { fieldIs<&Values::ipsec>(ipsec); }
 
 private:
-  template <class T>
-  void store(T & member, T const & value, Zel::Attribute const & attribute);
-
   Plexa::IntfId const intfId_;
-  Plexa::IpGenAddr srcAddr_;
-  Plexa::IpGenAddr dstAddr_;
-  Plexa::TunnelIntfMode mode_ = Plexa::TunnelIntfMode::unknown;
-  std::uint8_t hopLimit_ = 0;
-  std::uint8_t tos_ = 0;
-  bool ipsec_ = false;
 };
 
 /// The directory of the tunnel interface statuses.
@@ -60,6 +86,7 @@ public:
 
   explicit TunnelIntfStatusDir(std::string_view name);
   Zel::Type const & type() const override;
+  static Zel::Type const & typeDescription();
   /// Notified with the Plexa::IntfId as its key.
   static Zel::Attribute const & intfStatusAttribute();
 

@@ -15,6 +15,7 @@ public:
 
   explicit IfMib(std::string_view name);
   Zel::Type const & type() const override;
+  static Zel::Type const & typeDescription();
   /// Notified with the Plexa::IntfId as its key.
   static Zel::Attribute const & ifIndexByIntfIdAttribute();
 

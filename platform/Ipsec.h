@@ -3,10 +3,13 @@
 
 #include "platform/Plexa.h"
 #include "platform/Zel.h"
+#include "platform/zel/Record.h"
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 namespace Ipsec::Ike {
 
@@ -32,19 +35,30 @@ std::optional<ConnState> connStateFromString(std::string_view text);
 /// begins at a Status that lives finds the same record, so a plain pointer to that stays good.
 std::uint64_t directoryRevision();
 
+/// What is known of the connection of one interface within one profile.
+struct IpsecTunnelProfileInfoValues {
+  ConnState connState = ConnState::none;
+
+  static constexpr auto fields() {
+    using V = IpsecTunnelProfileInfoValues;
+    return std::tuple{Zel::RecordField{"connState", "Ipsec::Ike::ConnState", &V::connState}};
+  }
+  bool operator==(IpsecTunnelProfileInfoValues const &) const = default;
+};
+
 /// The connection of one interface within one profile.
-class IpsecTunnelProfileInfo : public Zel::PtrInterface {
+class IpsecTunnelProfileInfo
+    : public Zel::Record<IpsecTunnelProfileInfo, IpsecTunnelProfileInfoValues> {
 public:
-  IpsecTunnelProfileInfo();
+  explicit IpsecTunnelProfileInfo(Values const & values = {}) : Record(values) {}
   Zel::Type const & type() const override;
-  static Zel::Attribute const & connStateAttribute();
+  static Zel::Type const & typeDescription();
+  static std::span<Zel::Attribute const> fieldAttributes();
+  static Zel::Attribute const & connStateAttribute() { return attributeOf<&Values::connState>(); }
 
-  ConnState connState() const { return connState_; }
+  ConnState connState() const { return values().connState; }
   /// Stores and notifies; does nothing when the value is the same.
-  void connStateIs(ConnState state);
-
-private:
-  ConnState connState_ = ConnState::none;
+  void connStateIs(ConnState state) { fieldIs<&Values::connState>(state); }
 };
 
 /// The interfaces that one profile is applied to.
@@ -54,6 +68,7 @@ public:
 
   IpsecProfileConnectionMap();
   Zel::Type const & type() const override;
+  static Zel::Type const & typeDescription();
   /// Notified with the Plexa::IntfId as its key.
   static Zel::Attribute const & appliedIntfIdAttribute();
 
@@ -67,19 +82,37 @@ private:
 };
 
 /// Which profile one tunnel interface uses.
-class TunnelInfo : public Zel::PtrInterface {
-public:
-  TunnelInfo();
-  Zel::Type const & type() const override;
-  static Zel::Attribute const & profileNameAttribute();
-
+struct TunnelInfoValues {
   /// A key of Status::appliedProfiles.
-  std::string const & profileName() const { return profileName_; }
+  std::string profileName;
+
+  static constexpr auto fields() {
+    using V = TunnelInfoValues;
+    return std::tuple{Zel::RecordField{"profileName", "String", &V::profileName}};
+  }
+  bool operator==(TunnelInfoValues const &) const = default;
+};
+
+/// Which profile one tunnel interface uses.
+class TunnelInfo : public Zel::Record<TunnelInfo, TunnelInfoValues> {
+public:
+  explicit TunnelInfo(Values const & values = {}) : Record(values) {}
+  Zel::Type const & type() const override;
+  static Zel::Type const & typeDescription();
+  static std::span<Zel::Attribute const> fieldAttributes();
+  static Zel::Attribute const & profileNameAttribute() {
+    return attributeOf<&Values::profileName>();
+  }
+
+  std::string const & profileName() const { return values().profileName; }
   /// Stores and notifies; does nothing when the value is the same.
-  void profileNameIs(std::string_view profileName);
+  void profileNameIs(std::string_view profileName) {
+    fieldIs<&Values::profileName>(std::string(profileName));
+  }
 
 private:
-  std::string profileName_;
+  friend class Zel::Record<TunnelInfo, TunnelInfoValues>;
+  static void beforeChange(); // advances directoryRevision()
 };
 
 /// The IKE daemon's status.
@@ -90,6 +123,7 @@ public:
 
   explicit Status(std::string_view name);
   Zel::Type const & type() const override;
+  static Zel::Type const & typeDescription();
   /// Notified with the Plexa::IntfId as its key.
   static Zel::Attribute const & ipsecTunnelInfoAttribute();
   /// Notified with the profile name, a std::string, as its key.

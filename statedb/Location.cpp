@@ -79,7 +79,7 @@ Location walk(std::string_view pointer) {
 
 Location locate(std::string_view pointer) {
   // Every reason is about the pointer, so the whole of it is named.
-  return within(pointer, [&] { return walk(pointer); });
+  return atPointer(pointer, [&] { return walk(pointer); });
 }
 
 } // namespace StateDb

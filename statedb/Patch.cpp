@@ -39,10 +39,10 @@ void carryOut(StateDb const & database, Change const & change) {
     throw Unusable(change.where.pointer, "was removed while the patch was carried out");
   if (change.where.member)
     change.setter(*target);
-  else if (isAbsent(change.cell))
+  else if (isAbsent(change.entry))
     record.collection->remove(*target, record.key);
   else
-    record.collection->put(*target, record.key, change.cell);
+    record.collection->put(*target, record.key, change.entry);
 }
 
 void Patch::plan(json const & operation) {
@@ -89,8 +89,8 @@ void Patch::remove(Location const & where) {
     throw Unusable(where.pointer, "a member cannot be removed; replace it, or remove its record");
   if (isAbsent(view_.find(where)))
     nothingAt(where);
-  view_.put(where, Cell());
-  changes_.push_back({where, Cell(), {}});
+  view_.put(where, Entry());
+  changes_.push_back({where, Entry(), {}});
 }
 
 void Patch::test(Location const & where, json const & value) const {
@@ -119,18 +119,18 @@ void Patch::put(Location const & where, json const & value) {
   if (!view_.owner(where))
     throw Unusable(where.pointer, "there is no record that it could be put into; add that first");
   auto const & record = where.steps.back();
-  auto const cell =
-      within(where.pointer, [&] { return parse(*record.collection, record.key, value); });
-  view_.put(where, cell);
-  changes_.push_back({where, cell, {}});
+  auto const entry =
+      atPointer(where.pointer, [&] { return parse(*record.collection, record.key, value); });
+  view_.put(where, entry);
+  changes_.push_back({where, entry, {}});
 }
 
 void Patch::set(Location const & where, json const & value) {
   if (!objectIn(view_.find(where)))
     throw Unusable(where.pointer, "there is no record that has this member; add the record first");
-  auto setter = within(where.pointer, [&] { return where.member->parse(value); });
+  auto setter = atPointer(where.pointer, [&] { return where.member->parse(value); });
   view_.set(where, setter);
-  changes_.push_back({where, Cell(), std::move(setter)});
+  changes_.push_back({where, Entry(), std::move(setter)});
 }
 
 } // namespace StateDb

@@ -11,7 +11,7 @@ namespace StateDb {
 /// One change that a checked operation asks for.
 struct Change {
   Location where;
-  Cell cell;     ///< what a record's place gets; absent: the record goes
+  Entry entry;   ///< what a record's place gets; absent: the record goes
   Setter setter; ///< what is stored, where the location is a member
 };
 

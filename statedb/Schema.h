@@ -1,47 +1,27 @@
 // What the document shows of the input entities: one table of their collections and members, each
-// with how it is printed, parsed and set. Reading, checking and changing all go by this table.
+// with how it is printed, parsed and set (Codec.h). Reading, checking and changing all go by this
+// table.
 #pragma once
 
+#include "statedb/Codec.h"
 #include "statedb/StateDb.h"
 #include <cstdint>
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <variant>
 
 namespace StateDb {
 
-/// A name, a key or a value that does not fit where it stands. pointer() leads there, from whatever
-/// the raising function was given; what() is the reason alone.
-class Unusable : public std::runtime_error {
-public:
-  Unusable(std::string pointer, std::string const & reason);
-  std::string const & pointer() const { return pointer_; }
-
-private:
-  std::string pointer_;
-};
-
-/// Calls `call`; what it raises as Unusable goes on with `prefix` before its pointer.
-template <class Call>
-auto within(std::string_view prefix, Call const & call) {
-  try {
-    return call();
-  } catch (Unusable const & unusable) {
-    throw Unusable(std::string(prefix) + unusable.pointer(), unusable.what());
-  }
-}
-
 /// What stands under one key of a collection: nothing, an ifIndex, or a record, which may be null.
 using Object = Zel::Ptr<Zel::PtrInterface>;
-using Cell = std::variant<std::monostate, std::uint32_t, Object>;
+using Entry = std::variant<std::monostate, std::uint32_t, Object>;
 /// True if and only if nothing stands there.
-bool isAbsent(Cell const & cell);
+bool isAbsent(Entry const & entry);
 /// The record, or null when there is none or it is null.
-Object objectIn(Cell const & cell);
+Object objectIn(Entry const & entry);
 
 /// Stores one value in an object of the type whose member made the setter.
 using Setter = std::function<void(Zel::PtrInterface &)>;
@@ -65,12 +45,12 @@ struct Collection {
   void (*checkKey)(std::string_view key);
   /// A new record with defaults; null when the records are numbers.
   Object (*make)(std::string const & key);
-  Cell (*find)(Zel::PtrInterface const & owner, std::string const & key);
-  /// Requires: not an absent cell.
-  void (*put)(Zel::PtrInterface & owner, std::string const & key, Cell const & cell);
+  Entry (*find)(Zel::PtrInterface const & owner, std::string const & key);
+  /// Requires: not an absent entry.
+  void (*put)(Zel::PtrInterface & owner, std::string const & key, Entry const & entry);
   void (*remove)(Zel::PtrInterface & owner, std::string const & key);
   void (*forEach)(Zel::PtrInterface const & owner,
-                  std::function<void(std::string const & key, Cell const & cell)> const & call);
+                  std::function<void(std::string const & key, Entry const & entry)> const & call);
 };
 
 struct ObjectType {
@@ -96,18 +76,12 @@ EntityType const & entityType(std::string_view name);
 
 nlohmann::json print(ObjectType const & type, Zel::PtrInterface const & object);
 nlohmann::json print(Collection const & collection, Zel::PtrInterface const & owner);
-/// Requires: not an absent cell.
-nlohmann::json print(Collection const & collection, Cell const & cell);
+/// Requires: not an absent entry.
+nlohmann::json print(Collection const & collection, Entry const & entry);
 
 /// The record that `value` describes, complete, ready to be put under `key`. Raises Unusable.
-Cell parse(Collection const & collection, std::string const & key, nlohmann::json const & value);
+Entry parse(Collection const & collection, std::string const & key, nlohmann::json const & value);
 /// Sets in the database what the document says. Raises Unusable, with part of it done.
 void fill(StateDb & database, nlohmann::json const & document);
-
-/// A name as it stands in a JSON pointer: "~" and "/" escaped.
-std::string escaped(std::string_view name);
-/// The value for an error message: one line, cut when it is long, no matter how deeply it is
-/// nested.
-std::string shown(nlohmann::json const & value);
 
 } // namespace StateDb

@@ -18,13 +18,8 @@ bool isBelow(std::string_view path, std::string_view other) {
 
 } // namespace
 
-StateDb::StateDb()
-    : statuses_(Zel::makePtr<Interface::TunnelIntfStatusDir>("tunnelIntfStatusDir")),
-      ifMib_(Zel::makePtr<IntfSnmp::IfMib>("ifMib")),
-      ikeStatus_(Zel::makePtr<Ipsec::Ike::Status>("ikeStatus")) {
-  mount("tunnelIntfStatusDir", statuses_);
-  mount("ifMib", ifMib_);
-  mount("ikeStatus", ikeStatus_);
+StateDb::StateDb() {
+  std::apply([this](auto const &... input) { (mount(input->name(), input), ...); }, inputs_);
 }
 
 StateDb::~StateDb() = default;

@@ -12,14 +12,29 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 namespace StateDb {
 
+/// An entity that sources publish in, and its name: its path in the database, and its place in the
+/// document.
+template <class E>
+struct Input {
+  using Entity = E;
+  std::string_view name;
+};
+/// All of them, in the order of the document.
+inline constexpr std::tuple inputs{
+    Input<Interface::TunnelIntfStatusDir>{"tunnelIntfStatusDir"},
+    Input<IntfSnmp::IfMib>{"ifMib"},
+    Input<Ipsec::Ike::Status>{"ikeStatus"},
+};
+
 /// A path is names joined by "/", without one at either end: "snmp/tunnelIntf/tunnelMib".
 class StateDb {
 public:
-  /// Mounts the three empty input entities at "tunnelIntfStatusDir", "ifMib" and "ikeStatus".
+  /// Mounts each of the inputs, empty, at its name.
   StateDb();
   StateDb(StateDb const &) = delete;
   StateDb & operator=(StateDb const &) = delete;
@@ -38,16 +53,22 @@ public:
   /// The mounted paths in order.
   std::vector<std::string> paths() const;
 
-  Zel::Ptr<Interface::TunnelIntfStatusDir> const & tunnelIntfStatusDir() const { return statuses_; }
-  Zel::Ptr<IntfSnmp::IfMib> const & ifMib() const { return ifMib_; }
-  Zel::Ptr<Ipsec::Ike::Status> const & ikeStatus() const { return ikeStatus_; }
+  template <class Entity>
+  Zel::Ptr<Entity> const & input() const {
+    return std::get<Zel::Ptr<Entity>>(inputs_);
+  }
+  auto const & tunnelIntfStatusDir() const { return input<Interface::TunnelIntfStatusDir>(); }
+  auto const & ifMib() const { return input<IntfSnmp::IfMib>(); }
+  auto const & ikeStatus() const { return input<Ipsec::Ike::Status>(); }
 
 private:
   void requireFree(std::string_view path) const;
 
-  Zel::Ptr<Interface::TunnelIntfStatusDir> const statuses_;
-  Zel::Ptr<IntfSnmp::IfMib> const ifMib_;
-  Zel::Ptr<Ipsec::Ike::Status> const ikeStatus_;
+  template <class... Entity>
+  static std::tuple<Zel::Ptr<Entity>...> make(std::tuple<Input<Entity>...> const & list) {
+    return {Zel::makePtr<Entity>(std::get<Input<Entity>>(list).name)...};
+  }
+  decltype(make(inputs)) const inputs_ = make(inputs);
   std::map<std::string, Zel::Ptr<Zel::Entity>, std::less<>> mounted_;
 };
 

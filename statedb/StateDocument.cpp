@@ -1,6 +1,5 @@
 // The document: pointers and patches come in, errors go out with their operation.
 #include "statedb/StateDocument.h"
-#include "platform/Lumo.h"
 #include "statedb/Difference.h"
 #include "statedb/Patch.h"
 #include <fmt/format.h>
@@ -11,8 +10,6 @@ namespace StateDb {
 using nlohmann::json;
 
 namespace {
-
-Lumo::Counter notifieeExceptions("statedb-notifiee-exceptions");
 
 std::string describe(std::size_t operation, std::string_view pointer, std::string_view reason) {
   auto const place = pointer.empty() ? std::string_view("\"\"") : pointer;
@@ -37,15 +34,15 @@ json normalised(json const & document) {
   return View(database).value(Location());
 }
 
-std::vector<Change> planned(StateDb const & database, json const & patch) {
+std::vector<Change> plan(StateDb const & database, json const & patch) {
   if (!patch.is_array())
     throw DocumentError(
         DocumentError::npos, "",
         fmt::format("a patch must be an array of operations, not {}", shown(patch)));
-  Patch plan(database);
+  Patch plans(database);
   for (std::size_t i = 0; i != patch.size(); ++i)
-    inOperation(i, [&] { plan.plan(patch[i]); });
-  return plan.changes();
+    inOperation(i, [&] { plans.plan(patch[i]); });
+  return plans.changes();
 }
 
 json const & part(json const & value, std::string_view name) {
@@ -54,7 +51,7 @@ json const & part(json const & value, std::string_view name) {
   return found == value.end() || !found->is_object() ? nothing : *found;
 }
 
-json presentRecord(Collection const & collection, Cell const & cell, json const & one,
+json presentRecord(Collection const & collection, Entry const & entry, json const & one,
                    json const & other);
 
 // What an object of the database has of the records that one of the two has.
@@ -69,18 +66,18 @@ json presentPart(ObjectType const & type, Zel::PtrInterface const & object, json
     auto const & others = part(other, collection.name);
     for (auto const * keys : {&ones, &others})
       for (auto const & [key, value] : keys->items())
-        if (auto const cell = records.contains(key) ? Cell() : collection.find(object, key);
-            !isAbsent(cell))
-          records[key] = presentRecord(collection, cell, part(ones, key), part(others, key));
+        if (auto const entry = records.contains(key) ? Entry() : collection.find(object, key);
+            !isAbsent(entry))
+          records[key] = presentRecord(collection, entry, part(ones, key), part(others, key));
   }
   return present;
 }
 
-json presentRecord(Collection const & collection, Cell const & cell, json const & one,
+json presentRecord(Collection const & collection, Entry const & entry, json const & one,
                    json const & other) {
-  auto const object = objectIn(cell);
+  auto const object = objectIn(entry);
   return object ? presentPart(*collection.recordType, *object, one, other)
-                : print(collection, cell);
+                : print(collection, entry);
 }
 
 } // namespace
@@ -99,15 +96,10 @@ json StateDocument::read(std::string_view pointer) const {
 }
 
 void StateDocument::apply(json const & patch) {
-  for (auto const & change : planned(database_, patch)) {
-    try {
-      carryOut(database_, change);
-    } catch (std::exception const & exception) {
-      notifieeExceptions.inc();
-      if (notifieeFailed_)
-        notifieeFailed_(change.where.pointer, exception);
-    }
-  }
+  for (auto const & planned : plan(database_, patch))
+    makeChange(
+        notifieeFailed_, [&] { carryOut(database_, planned); },
+        [&] { return planned.where.pointer; });
 }
 
 json StateDocument::diff(json const & from, json const & to) {

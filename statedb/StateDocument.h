@@ -12,9 +12,9 @@
 // has its default; a member that a record does not have is an error.
 #pragma once
 
+#include "statedb/NotifieeFailed.h"
 #include "statedb/StateDb.h"
 #include <cstddef>
-#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
@@ -42,8 +42,7 @@ private:
 /// A view; holds no state of its own but the report function. The database outlives it.
 class StateDocument {
 public:
-  /// Called for each exception that a notifiee raised while a change was told; the change stands.
-  using NotifieeFailed = std::function<void(std::string_view pointer, std::exception const &)>;
+  using NotifieeFailed = ::StateDb::NotifieeFailed;
 
   explicit StateDocument(StateDb & database, NotifieeFailed notifieeFailed = {});
 

@@ -12,21 +12,21 @@ json View::value(Location const & where) const {
   return value;
 }
 
-void View::put(Location const & where, Cell const & cell) {
+void View::put(Location const & where, Entry const & entry) {
   auto const below = where.pointer + "/";
   auto const first = planned_.lower_bound(below);
   auto last = first;
   while (last != planned_.end() && last->first.starts_with(below))
     ++last;
   planned_.erase(first, last);
-  planned_.insert_or_assign(where.pointer, Planned{cell, false});
+  planned_.insert_or_assign(where.pointer, Planned{entry, false});
 }
 
 void View::set(Location const & where, Setter const & setter) {
   auto const & record = where.steps.back();
   auto const found = planned_.find(record.pointer);
   if (found != planned_.end() && found->second.isCopy) {
-    setter(*objectIn(found->second.cell));
+    setter(*objectIn(found->second.entry));
     return;
   }
   auto const copy = parse(*record.collection, record.key, print(*record.collection, find(where)));
@@ -34,12 +34,12 @@ void View::set(Location const & where, Setter const & setter) {
   planned_.insert_or_assign(record.pointer, Planned{copy, true});
 }
 
-Cell View::find(Location const & where, std::size_t depth) const {
+Entry View::find(Location const & where, std::size_t depth) const {
   auto const & step = where.steps[depth - 1];
   if (auto const found = planned_.find(step.pointer); found != planned_.end())
-    return found->second.cell;
+    return found->second.entry;
   auto const holder = owner(where, depth);
-  return holder ? step.collection->find(*holder, step.key) : Cell();
+  return holder ? step.collection->find(*holder, step.key) : Entry();
 }
 
 Object View::owner(Location const & where, std::size_t depth) const {
@@ -54,10 +54,10 @@ json View::bareValue(Location const & where) const {
     return document;
   }
   if (where.isRecord()) {
-    auto const cell = find(where);
-    if (isAbsent(cell))
+    auto const entry = find(where);
+    if (isAbsent(entry))
       nothingAt(where);
-    return print(*where.steps.back().collection, cell);
+    return print(*where.steps.back().collection, entry);
   }
   auto const object = where.steps.empty() ? where.entity->in(database_) : objectIn(find(where));
   if (!object)
@@ -75,10 +75,10 @@ void View::showPlanned(json & value, std::string const & pointer) const {
        ++i) {
     auto const & collection = *locate(i->first).steps.back().collection;
     json::json_pointer const place(i->first.substr(pointer.size()));
-    if (isAbsent(i->second.cell))
+    if (isAbsent(i->second.entry))
       value[place.parent_pointer()].erase(place.back());
     else
-      value[place] = print(collection, i->second.cell);
+      value[place] = print(collection, i->second.entry);
   }
 }
 

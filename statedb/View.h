@@ -17,25 +17,25 @@ public:
 
   /// The record at the location, or the record that its member or container belongs to. Requires:
   /// steps.
-  Cell find(Location const & where) const { return find(where, where.steps.size()); }
+  Entry find(Location const & where) const { return find(where, where.steps.size()); }
   /// The object that holds the record at the location; null when there is none. Requires: steps.
   Object owner(Location const & where) const { return owner(where, where.steps.size()); }
   /// The value at any location. Raises Unusable when there is nothing.
   nlohmann::json value(Location const & where) const;
 
-  /// Plans that the cell stands there from now on; an absent cell: that nothing does. Requires: a
+  /// Plans that the entry stands there from now on; an absent entry: that nothing does. Requires: a
   /// record with an owner.
-  void put(Location const & where, Cell const & cell);
+  void put(Location const & where, Entry const & entry);
   /// Plans a change of the record that find() gives. Requires: it is not null.
   void set(Location const & where, Setter const & setter);
 
 private:
   struct Planned {
-    Cell cell;
+    Entry entry;
     bool isCopy = false; ///< no one else has it, so it can be changed
   };
 
-  Cell find(Location const & where, std::size_t depth) const;
+  Entry find(Location const & where, std::size_t depth) const;
   Object owner(Location const & where, std::size_t depth) const;
   nlohmann::json bareValue(Location const & where) const;
   void showPlanned(nlohmann::json & value, std::string const & pointer) const;

@@ -9,13 +9,26 @@ namespace {
 
 constexpr std::string_view collectionType = "Zel::HashMap2018";
 
-// Defines Class::nameAttribute(), read through Class::name().
-#define DEFINE_ATTRIBUTE(Class, attributeName, attributeType)                                      \
-  Zel::Attribute const & Class::attributeName##Attribute() {                                       \
-    static Zel::Attribute const attribute{#attributeName, attributeType,                           \
-                                          Zel::getBy<&Class::attributeName>};                      \
-    return attribute;                                                                              \
-  }
+/// The attribute of a collection, read through the member function `Entries`.
+template <auto Entries>
+Zel::Attribute const & collectionAttribute(std::string_view name) {
+  static Zel::Attribute const attribute{name, collectionType, Zel::getBy<Entries>};
+  return attribute;
+}
+
+/// All attributes of a record: those given, then those of its list.
+template <class R, std::same_as<Zel::Attribute>... First>
+Zel::Type typeOfRecord(std::string_view name, First const &... first) {
+  static auto const attributes = [&] {
+    std::array<Zel::Attribute const *, sizeof...(First) + Zel::fieldCount<typename R::Values>> all{
+        &first...};
+    auto next = all.begin() + sizeof...(First);
+    for (auto const & attribute : R::fieldAttributes())
+      *next++ = &attribute;
+    return all;
+  }();
+  return {name, attributes};
+}
 
 template <class Map, class Key, class T>
 bool has(Map const & map, Key const & key, Zel::Ptr<T> const & value) {
@@ -27,59 +40,37 @@ bool has(Map const & map, Key const & key, Zel::Ptr<T> const & value) {
 
 namespace Interface {
 
-DEFINE_ATTRIBUTE(TunnelIntfStatus, srcAddr, "Plexa::IpGenAddr")
-DEFINE_ATTRIBUTE(TunnelIntfStatus, dstAddr, "Plexa::IpGenAddr")
-DEFINE_ATTRIBUTE(TunnelIntfStatus, mode, "Plexa::TunnelIntfMode")
-DEFINE_ATTRIBUTE(TunnelIntfStatus, hopLimit, "U8")
-DEFINE_ATTRIBUTE(TunnelIntfStatus, tos, "U8")
-DEFINE_ATTRIBUTE(TunnelIntfStatus, ipsec, "bool")
-
-TunnelIntfStatus::TunnelIntfStatus(Plexa::IntfId intfId) : intfId_(intfId) {
-  hasNotificationActiveIs(true);
+std::span<Zel::Attribute const> TunnelIntfStatus::fieldAttributes() {
+  static constexpr auto attributes = Zel::attributesOfFields<TunnelIntfStatus>();
+  return attributes;
 }
-
-Zel::Type const & TunnelIntfStatus::type() const {
-  static std::array const attributes{&srcAddrAttribute(),  &dstAddrAttribute(), &modeAttribute(),
-                                     &hopLimitAttribute(), &tosAttribute(),     &ipsecAttribute()};
-  static Zel::Type const type{"Interface::TunnelIntfStatus", attributes};
+Zel::Attribute const & TunnelIntfStatus::intfIdAttribute() {
+  static constexpr Zel::Attribute attribute{"intfId", "Plexa::IntfId",
+                                            Zel::getBy<&TunnelIntfStatus::intfId>};
+  return attribute;
+}
+Zel::Type const & TunnelIntfStatus::typeDescription() {
+  static auto const type =
+      typeOfRecord<TunnelIntfStatus>("Interface::TunnelIntfStatus", intfIdAttribute());
   return type;
 }
-
-template <class T>
-void TunnelIntfStatus::store(T & member, T const & value, Zel::Attribute const & attribute) {
-  if (member == value)
-    return;
-  member = value;
-  notify(attribute);
+Zel::Type const & TunnelIntfStatus::type() const {
+  return typeDescription();
 }
 
-void TunnelIntfStatus::srcAddrIs(Plexa::IpGenAddr const & srcAddr) {
-  store(srcAddr_, srcAddr, srcAddrAttribute());
+Zel::Attribute const & TunnelIntfStatusDir::intfStatusAttribute() {
+  return collectionAttribute<&TunnelIntfStatusDir::intfStatus>("intfStatus");
 }
-void TunnelIntfStatus::dstAddrIs(Plexa::IpGenAddr const & dstAddr) {
-  store(dstAddr_, dstAddr, dstAddrAttribute());
-}
-void TunnelIntfStatus::modeIs(Plexa::TunnelIntfMode mode) {
-  store(mode_, mode, modeAttribute());
-}
-void TunnelIntfStatus::hopLimitIs(std::uint8_t hopLimit) {
-  store(hopLimit_, hopLimit, hopLimitAttribute());
-}
-void TunnelIntfStatus::tosIs(std::uint8_t tos) {
-  store(tos_, tos, tosAttribute());
-}
-void TunnelIntfStatus::ipsecIs(bool ipsec) {
-  store(ipsec_, ipsec, ipsecAttribute());
-}
-
-DEFINE_ATTRIBUTE(TunnelIntfStatusDir, intfStatus, collectionType)
 
 TunnelIntfStatusDir::TunnelIntfStatusDir(std::string_view name) : Entity(name) {}
 
-Zel::Type const & TunnelIntfStatusDir::type() const {
+Zel::Type const & TunnelIntfStatusDir::typeDescription() {
   static std::array const attributes{&intfStatusAttribute()};
   static Zel::Type const type{"Interface::TunnelIntfStatusDir", attributes};
   return type;
+}
+Zel::Type const & TunnelIntfStatusDir::type() const {
+  return typeDescription();
 }
 
 void TunnelIntfStatusDir::intfStatusIs(Plexa::IntfId intfId, Zel::Ptr<TunnelIntfStatus> status) {
@@ -97,14 +88,19 @@ void TunnelIntfStatusDir::intfStatusDel(Plexa::IntfId intfId) {
 
 namespace IntfSnmp {
 
-DEFINE_ATTRIBUTE(IfMib, ifIndexByIntfId, collectionType)
+Zel::Attribute const & IfMib::ifIndexByIntfIdAttribute() {
+  return collectionAttribute<&IfMib::ifIndexByIntfId>("ifIndexByIntfId");
+}
 
 IfMib::IfMib(std::string_view name) : Entity(name) {}
 
-Zel::Type const & IfMib::type() const {
+Zel::Type const & IfMib::typeDescription() {
   static std::array const attributes{&ifIndexByIntfIdAttribute()};
   static Zel::Type const type{"IntfSnmp::IfMib", attributes};
   return type;
+}
+Zel::Type const & IfMib::type() const {
+  return typeDescription();
 }
 
 void IfMib::ifIndexByIntfIdIs(Plexa::IntfId intfId, std::uint32_t ifIndex) {
@@ -164,35 +160,34 @@ std::optional<ConnState> connStateFromString(std::string_view text) {
   return static_cast<ConnState>(found - stateNames.begin());
 }
 
-DEFINE_ATTRIBUTE(IpsecTunnelProfileInfo, connState, "Ipsec::Ike::ConnState")
-
-IpsecTunnelProfileInfo::IpsecTunnelProfileInfo() {
-  hasNotificationActiveIs(true);
+std::span<Zel::Attribute const> IpsecTunnelProfileInfo::fieldAttributes() {
+  static constexpr auto attributes = Zel::attributesOfFields<IpsecTunnelProfileInfo>();
+  return attributes;
 }
-
-Zel::Type const & IpsecTunnelProfileInfo::type() const {
-  static std::array const attributes{&connStateAttribute()};
-  static Zel::Type const type{"Ipsec::Ike::IpsecTunnelProfileInfo", attributes};
+Zel::Type const & IpsecTunnelProfileInfo::typeDescription() {
+  static auto const type =
+      typeOfRecord<IpsecTunnelProfileInfo>("Ipsec::Ike::IpsecTunnelProfileInfo");
   return type;
 }
-
-void IpsecTunnelProfileInfo::connStateIs(ConnState state) {
-  if (connState_ == state)
-    return;
-  connState_ = state;
-  notify(connStateAttribute());
+Zel::Type const & IpsecTunnelProfileInfo::type() const {
+  return typeDescription();
 }
 
-DEFINE_ATTRIBUTE(IpsecProfileConnectionMap, appliedIntfId, collectionType)
+Zel::Attribute const & IpsecProfileConnectionMap::appliedIntfIdAttribute() {
+  return collectionAttribute<&IpsecProfileConnectionMap::appliedIntfId>("appliedIntfId");
+}
 
 IpsecProfileConnectionMap::IpsecProfileConnectionMap() {
   hasNotificationActiveIs(true);
 }
 
-Zel::Type const & IpsecProfileConnectionMap::type() const {
+Zel::Type const & IpsecProfileConnectionMap::typeDescription() {
   static std::array const attributes{&appliedIntfIdAttribute()};
   static Zel::Type const type{"Ipsec::Ike::IpsecProfileConnectionMap", attributes};
   return type;
+}
+Zel::Type const & IpsecProfileConnectionMap::type() const {
+  return typeDescription();
 }
 
 void IpsecProfileConnectionMap::appliedIntfIdIs(Plexa::IntfId intfId,
@@ -205,35 +200,38 @@ void IpsecProfileConnectionMap::appliedIntfIdDel(Plexa::IntfId intfId) {
     notify(appliedIntfIdAttribute(), intfId);
 }
 
-DEFINE_ATTRIBUTE(TunnelInfo, profileName, "String")
-
-TunnelInfo::TunnelInfo() {
-  hasNotificationActiveIs(true);
+std::span<Zel::Attribute const> TunnelInfo::fieldAttributes() {
+  static constexpr auto attributes = Zel::attributesOfFields<TunnelInfo>();
+  return attributes;
 }
-
-Zel::Type const & TunnelInfo::type() const {
-  static std::array const attributes{&profileNameAttribute()};
-  static Zel::Type const type{"Ipsec::Ike::TunnelInfo", attributes};
+Zel::Type const & TunnelInfo::typeDescription() {
+  static auto const type = typeOfRecord<TunnelInfo>("Ipsec::Ike::TunnelInfo");
   return type;
 }
-
-void TunnelInfo::profileNameIs(std::string_view profileName) {
-  if (profileName_ == profileName)
-    return;
-  ++revision;
-  profileName_ = profileName;
-  notify(profileNameAttribute());
+Zel::Type const & TunnelInfo::type() const {
+  return typeDescription();
 }
 
-DEFINE_ATTRIBUTE(Status, ipsecTunnelInfo, collectionType)
-DEFINE_ATTRIBUTE(Status, appliedProfiles, collectionType)
+void TunnelInfo::beforeChange() {
+  ++revision;
+}
+
+Zel::Attribute const & Status::ipsecTunnelInfoAttribute() {
+  return collectionAttribute<&Status::ipsecTunnelInfo>("ipsecTunnelInfo");
+}
+Zel::Attribute const & Status::appliedProfilesAttribute() {
+  return collectionAttribute<&Status::appliedProfiles>("appliedProfiles");
+}
 
 Status::Status(std::string_view name) : Entity(name) {}
 
-Zel::Type const & Status::type() const {
+Zel::Type const & Status::typeDescription() {
   static std::array const attributes{&ipsecTunnelInfoAttribute(), &appliedProfilesAttribute()};
   static Zel::Type const type{"Ipsec::Ike::Status", attributes};
   return type;
+}
+Zel::Type const & Status::type() const {
+  return typeDescription();
 }
 
 void Status::ipsecTunnelInfoIs(Plexa::IntfId intfId, Zel::Ptr<TunnelInfo> info) {
@@ -255,3 +253,29 @@ void Status::appliedProfilesDel(std::string profile) {
 }
 
 } // namespace Ipsec::Ike
+
+// What the framework is told when the library is loaded.
+namespace {
+
+std::array const interfaceTypes{&Interface::TunnelIntfStatus::typeDescription(),
+                                &Interface::TunnelIntfStatusDir::typeDescription()};
+constexpr std::array<std::string_view, 4> interfaceOutsideTypes{
+    "Plexa::IntfId", "Plexa::IpGenAddr", "Plexa::TunnelIntfMode", collectionType};
+Zel::Module const interfaceModule{"Interface", "ns-", interfaceTypes, interfaceOutsideTypes};
+Zel::zelModuleIs const interfaceKnown(interfaceModule);
+
+std::array const intfSnmpTypes{&IntfSnmp::IfMib::typeDescription()};
+constexpr std::array intfSnmpOutsideTypes{collectionType};
+Zel::Module const intfSnmpModule{"IntfSnmp", "ns-", intfSnmpTypes, intfSnmpOutsideTypes};
+Zel::zelModuleIs const intfSnmpKnown(intfSnmpModule);
+
+Zel::Type const connStateType{"Ipsec::Ike::ConnState", {}};
+std::array const ipsecTypes{&connStateType, &Ipsec::Ike::IpsecTunnelProfileInfo::typeDescription(),
+                            &Ipsec::Ike::IpsecProfileConnectionMap::typeDescription(),
+                            &Ipsec::Ike::TunnelInfo::typeDescription(),
+                            &Ipsec::Ike::Status::typeDescription()};
+constexpr std::array ipsecOutsideTypes{collectionType};
+Zel::Module const ipsecModule{"Ipsec", "ns-", ipsecTypes, ipsecOutsideTypes};
+Zel::zelModuleIs const ipsecKnown(ipsecModule);
+
+} // namespace

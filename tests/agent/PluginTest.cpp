@@ -85,6 +85,7 @@ TEST_F(Plugin, RegistersUnregistersAndRegistersAgain) {
 }
 
 TEST_F(Plugin, CanBeLoadedAgainAfterItWasUnloaded) {
+  auto const before = Zel::modules();
   for (int round = 0; round != 3; ++round) {
     Agent::Plugin plugin(PLUGIN_FILE);
     database_.create(mibPath, "TunnelIntfSnmp::TunnelMib");
@@ -93,7 +94,7 @@ TEST_F(Plugin, CanBeLoadedAgainAfterItWasUnloaded) {
     plugin.unregisterMibs();
     database_.unmount(mibPath);
   }
-  EXPECT_THAT(Zel::modules(), IsEmpty());
+  EXPECT_EQ(Zel::modules(), before);
 }
 
 TEST_F(Plugin, RunsItsMachinesForAsLongAsTheRootIsMounted) {
