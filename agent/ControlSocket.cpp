@@ -23,6 +23,9 @@ Lumo::Counter clientsDropped("agent-control-clients-dropped");
 Lumo::Counter answersFailed("agent-control-answers-failed");
 Lumo::Counter staleSockets("agent-control-stale-sockets");
 
+/// After an empty piece of an answer, before it is asked for the next one.
+constexpr std::chrono::milliseconds untilKnown{10};
+
 Os::UnixAddress addressOf(std::string const & path) {
   if (auto const address = Os::UnixAddress::ofPath(path))
     return *address;
@@ -139,8 +142,7 @@ private:
       return; // drained() will come
     if (!answer_ && !takeRequest())
       return;
-    writePiece();
-    next_ = owner_.loop_.after(std::chrono::milliseconds(0), [this] {
+    next_ = owner_.loop_.after(writePiece() ? std::chrono::milliseconds(0) : untilKnown, [this] {
       next_.reset();
       step();
     });
@@ -187,7 +189,8 @@ private:
         errorAnswer(fmt::format("the request is longer than {} bytes", owner_.limits_.requestSize));
   }
 
-  void writePiece() {
+  /// True if and only if there was something to write.
+  bool writePiece() {
     std::string piece;
     auto const more = answer_(piece);
     if (!more) {
@@ -195,6 +198,7 @@ private:
       answer_ = nullptr;
     }
     evbuffer_add(output(), piece.data(), piece.size());
+    return !piece.empty();
   }
 
   void end(short what) {

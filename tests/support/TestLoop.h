@@ -17,6 +17,9 @@ public:
   /// Calls the watchers of every descriptor that is ready, again and again until none is. Waits
   /// up to `patience` of real time for the first. True if and only if any was called.
   bool runReady(std::chrono::milliseconds patience = std::chrono::milliseconds(0));
+  /// Calls the watchers of the descriptors that are ready now, each once. True if and only if any
+  /// was called.
+  bool runOnce() { return poll(std::chrono::milliseconds(0)); }
   /// Timers that wait.
   std::size_t timers() const { return timers_.size(); }
 
