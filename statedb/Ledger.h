@@ -11,7 +11,7 @@
 #include <absl/container/btree_set.h>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
@@ -68,7 +68,7 @@ public:
     removeOther(key, kind);
     if (here.isVoid())
       return;
-    owned_.insert_or_assign(key, Own{read_, kind});
+    owned_[key] = {read_, kind};
     put(key, value);
   }
   /// Removes what the publisher has there if it is of another kind.
@@ -104,10 +104,10 @@ public:
     if (settled_.contains(key))
       return;
     auto const own = owned_.find(key);
-    auto const isOwn = own != owned_.end();
-    if (isOwn)
-      own->second.read = own->second.kind == kind ? read_ : notFound;
-    if (isOwn && own->second.kind == kind && place_.isSo(key, value))
+    auto const isKnown = own != owned_.end() && own->second.kind == kind;
+    if (own != owned_.end())
+      own->second.read = isKnown ? read_ : notFound;
+    if (isKnown && place_.isSo(key, value))
       findings_.erase(key);
     else
       findings_.insert_or_assign(key, Finding{value, kind});
@@ -127,16 +127,18 @@ public:
   /// kind. False when all have been looked at.
   bool removeNext(bool restStays) {
     auto next = lookedAt_ ? owned_.upper_bound(*lookedAt_) : owned_.begin();
-    for (int i = 0; i != keysAStep && next != owned_.end(); ++i, ++next) {
-      lookedAt_ = next->first;
-      if (next->second.read == read_ || (restStays && !findings_.contains(next->first)))
-        continue;
-      auto const key = next->first;
-      owned_.erase(next);
-      remove(key);
-      return true;
-    }
-    return next != owned_.end();
+    for (int i = 0; i != keysAStep && next != owned_.end(); ++i, ++next)
+      if (isToGo(*next, restStays)) {
+        auto const key = next->first;
+        lookedAt_ = key;
+        owned_.erase(next);
+        remove(key);
+        return true;
+      }
+    if (next == owned_.end())
+      return false;
+    lookedAt_ = std::prev(next)->first;
+    return true;
   }
   /// Puts what was found to be different, key by key. False when nothing is left.
   bool putNext() {
@@ -169,6 +171,9 @@ private:
     Kind kind;
   };
 
+  bool isToGo(auto const & own, bool restStays) const {
+    return own.second.read != read_ && (!restStays || findings_.contains(own.first));
+  }
   // What the publisher says by itself is newer than whatever a read finds.
   void settle(Key const & key) {
     findings_.erase(key);
