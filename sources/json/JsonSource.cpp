@@ -22,8 +22,8 @@ constexpr int fault = 0;
 constexpr int output = 7;
 constexpr int entry = 8;
 
-/// After the machines: what is known already is served before more is read.
-constexpr Kiln::TaskPriority readingPriority = 1;
+/// Less urgent than the machines, which have 3: what is known already is served before more is read.
+constexpr Kiln::TaskPriority readingPriority = 4;
 
 Lumo::Counter rejectedReadings("json-readings-rejected");
 

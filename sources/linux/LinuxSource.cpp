@@ -8,6 +8,7 @@
 #include <fstream>
 #include <poll.h>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace Sources {

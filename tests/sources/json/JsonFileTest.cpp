@@ -158,6 +158,14 @@ TEST(JsonFile, SaysWhatEachPlaceWants) {
     auto const all = error(text);
     return all.substr(all.find(": ") + 2);
   };
+  EXPECT_EQ(reason("[]"), "\"\": must be an object with some of tunnelIntfStatusDir, ifMib, "
+                          "ikeStatus, not an array");
+  EXPECT_EQ(reason(R"({"ifmib": {}})"),
+            "/ifmib: there is no such entity; there are tunnelIntfStatusDir, ifMib, ikeStatus");
+  EXPECT_EQ(reason(R"({"ifMib": 5})"), "/ifMib: must be an object, not 5");
+  EXPECT_EQ(reason(R"({"tunnelIntfStatusDir": {"intfStatus": null}})"),
+            "/tunnelIntfStatusDir/intfStatus: must be an object with a record for each key, not "
+            "null");
   EXPECT_EQ(reason(R"({"ifMib": {"ifIndexByIntfId": []}})"),
             "/ifMib/ifIndexByIntfId: must be an object with a record for each key, not an array");
   EXPECT_EQ(reason(R"({"ifMib": {"ifIndexByIntfId": {"5": {}}}})"),

@@ -383,6 +383,15 @@ TEST_F(LargeJsonFile, IsReadInRunsAndPublishedWhenAllOfItIsUnderstood) {
   EXPECT_EQ(source->status().changes, 2u * manyTunnels);
 }
 
+TEST_F(LargeJsonFile, LetsTheMachinesWorkFirst) {
+  constexpr Kiln::TaskPriority machines = 3;
+  auto const machine = Zel::makePtr<Kiln::Task>(scheduler, machines, "machine");
+  source->reread();
+  machine->scheduleTask();
+  ASSERT_TRUE(scheduler->runOne());
+  EXPECT_EQ(machine->runs(), 1u);
+}
+
 TEST_F(LargeJsonFile, ChangesNothingWhenItIsBrokenAtItsEnd) {
   auto text = large(manyTunnels, 2);
   text.pop_back();
