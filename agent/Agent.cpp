@@ -5,6 +5,7 @@
 #include "agent/TraceHandles.h"
 #include "agent/iterator/HostIterator.h"
 #include "platform/Snmp.h"
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -21,6 +22,10 @@ Lumo::Counter rereads("agent-rereads");
 /// How long a task works before it is asked to yield: about as long as half of all requests wait
 /// while there is much to do.
 constexpr std::chrono::milliseconds taskShare{2};
+
+/// How often it is looked whether the sources have read everything again. Nobody waits for it but a
+/// person.
+constexpr std::chrono::milliseconds lookPeriod{10};
 
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
 constexpr char const * rootPath = "snmp/tunnelIntf/root";
@@ -49,10 +54,12 @@ Agent::Agent(Options options, EventLoop & loop)
     : options_(std::move(options)),
       loop_(loop),
       scheduler_(Zel::makePtr<Kiln::TaskScheduler>(std::chrono::steady_clock::now, taskShare)),
-      document_(database_, [](std::string_view pointer, std::exception const & exception) {
+      notifieeFailed_([](std::string_view pointer, std::exception const & exception) {
         reportFailure(notifieeExceptions, fmt::format("after the change of {}", pointer),
                       exception);
-      }) {
+      }),
+      document_(database_, notifieeFailed_),
+      publishers_(database_, notifieeFailed_) {
   try {
     startPlatform();
     startPlugin();
@@ -88,22 +95,14 @@ bool Agent::work() {
   return more;
 }
 
-std::vector<std::string> Agent::reread() {
+std::shared_ptr<RereadOutcome const> Agent::reread() {
   rereads.inc();
-  std::vector<std::string> failures;
-  for (auto const & source : sources_) {
+  auto outcome = std::make_shared<RereadOutcome>();
+  rereads_.emplace_back(outcome, rereadConfiguration());
+  for (auto const & source : sources_)
     source->reread();
-    if (auto const status = source->status(); !status.lastError.empty())
-      failures.push_back(fmt::format("{}: {}", source->name(), status.lastError));
-  }
-  try {
-    snmp_->reread();
-  } catch (ConfigurationError const & error) {
-    failures.emplace_back(error.what());
-  }
-  for (auto const & failure : failures)
-    report(failure);
-  return failures;
+  lookAtRereads();
+  return outcome;
 }
 
 void Agent::restartMachines() {
@@ -117,6 +116,7 @@ void Agent::restartMachines() {
 void Agent::stop() {
   control_.reset(); // an answer under way holds rows
   done("control socket closed");
+  nextLook_.reset();
   sources_.clear();
   done("sources ended");
   stopPlugin();
@@ -184,7 +184,7 @@ void Agent::requireTraceHandles() const {
 void Agent::startSources() {
   for (auto const & text : options_.sources) {
     try {
-      sources_.push_back(Sources::makeSource(text, loop_, document_));
+      sources_.push_back(Sources::makeSource(text, {loop_, publishers_, links_}));
     } catch (std::invalid_argument const & error) {
       throw ConfigurationError(fmt::format("--source {}: {}", text, error.what()));
     }
@@ -229,6 +229,33 @@ void Agent::startControl() {
       loop_, options_.controlPath,
       [commands](std::string_view request) { return commands->answer(request); });
   done("control socket made");
+}
+
+std::vector<std::string> Agent::rereadConfiguration() {
+  try {
+    snmp_->reread();
+    return {};
+  } catch (ConfigurationError const & error) {
+    return {error.what()};
+  }
+}
+
+void Agent::lookAtRereads() {
+  if (std::ranges::any_of(sources_, [](auto const & one) { return one->status().isReading; })) {
+    nextLook_ = loop_.after(lookPeriod, [this] { lookAtRereads(); });
+    return;
+  }
+  for (auto & [outcome, failures] : std::exchange(rereads_, {}))
+    finish(*outcome, std::move(failures));
+}
+
+void Agent::finish(RereadOutcome & reread, std::vector<std::string> failures) const {
+  for (auto const & source : sources_)
+    if (auto const status = source->status(); !status.lastError.empty())
+      failures.push_back(fmt::format("{}: {}", source->name(), status.lastError));
+  for (auto const & failure : failures)
+    report(failure);
+  reread = std::move(failures);
 }
 
 nlohmann::ordered_json Agent::status() const {

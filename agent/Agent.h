@@ -14,13 +14,15 @@
 #include "agent/SnmpEngine.h"
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
-#include "sources/Source.h"
+#include "sources/Registry.h"
+#include "statedb/Publishers.h"
 #include "statedb/StateDb.h"
 #include "statedb/StateDocument.h"
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -40,8 +42,9 @@ public:
   /// another one waits. An exception out of a task is reported and counted
   /// ("agent-task-exceptions").
   bool work();
-  /// Reads the sources and the configuration again; failures are reported. Returns a line for each.
-  std::vector<std::string> reread();
+  /// Reads the configuration again, and begins to read the sources again. The failures are reported
+  /// and put into what is returned when all is read, which may be some turns of the loop later.
+  std::shared_ptr<RereadOutcome const> reread();
   /// Replaces the plug-in's agent: the machines start anew and reconcile their tables, so that rows
   /// that no input produces any more go. Raises what the start of a machine raises.
   void restartMachines();
@@ -58,16 +61,25 @@ private:
   void noticeReady();
   void startSnmp();
   void startControl();
+  std::vector<std::string> rereadConfiguration();
+  void lookAtRereads();
+  void finish(RereadOutcome & reread, std::vector<std::string> failures) const;
   nlohmann::ordered_json status() const;
 
   Options const options_;
   EventLoop & loop_;
   Zel::Ptr<Kiln::TaskScheduler> const scheduler_;
   StateDb::StateDb database_;
+  StateDb::NotifieeFailed const notifieeFailed_;
   StateDb::StateDocument document_;
+  StateDb::Publishers publishers_;
+  Sources::Links links_;
   std::unique_ptr<SnmpEngine> snmp_;
   std::unique_ptr<Plugin> plugin_;
   std::vector<std::unique_ptr<Sources::Source>> sources_;
+  /// What is being read again, each with the failures until now.
+  std::vector<std::pair<std::shared_ptr<RereadOutcome>, std::vector<std::string>>> rereads_;
+  Os::Loop::Handle nextLook_; // whether that is over
   std::unique_ptr<ControlSocket> control_;
   std::string servedAt_;
   bool ready_ = false; // as last noticed, of the machines that there are

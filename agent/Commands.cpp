@@ -102,10 +102,15 @@ Answer showCoverage(CommandHost const &, Json const &) {
 }
 
 Answer reread(CommandHost const & host, Json const &) {
-  auto const failures = host.reread();
-  if (!failures.empty())
-    throw std::runtime_error(fmt::format("{}", fmt::join(failures, "; ")));
-  return okAnswer(Json::object());
+  return [outcome = host.reread()](std::string & out) {
+    if (!*outcome)
+      return true;
+    auto const & failures = **outcome;
+    auto const answer = failures.empty()
+                            ? okAnswer(Json::object())
+                            : errorAnswer(fmt::format("{}", fmt::join(failures, "; ")));
+    return answer(out);
+  };
 }
 
 Answer restartMachines(CommandHost const & host, Json const &) {

@@ -8,7 +8,9 @@
 #include "platform/Zel.h"
 #include "statedb/StateDocument.h"
 #include <functional>
+#include <memory>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,9 +18,13 @@
 namespace Agent {
 
 /// An answer, given piece by piece so that a long one holds nobody up: each call appends the next
-/// piece and returns true if and only if there is more. The pieces together are one line of JSON
-/// without its newline.
+/// piece and returns true if and only if there is more. An empty piece means that the next one is
+/// not known yet: ask again a little later. The pieces together are one line of JSON without its
+/// newline.
 using Answer = std::function<bool(std::string & out)>;
+
+/// What came of reading everything again: a line for each failure; nothing while it is under way.
+using RereadOutcome = std::optional<std::vector<std::string>>;
 
 /// What the commands work on. All of it outlives them.
 struct CommandHost {
@@ -26,8 +32,8 @@ struct CommandHost {
   Zel::Ptr<Zel::PtrInterface const> mib; ///< whose tables are shown
   Kiln::TaskScheduler const & scheduler;
   std::function<nlohmann::ordered_json()> status;
-  /// Reads sources and configuration again; returns a line for each failure.
-  std::function<std::vector<std::string>()> reread;
+  /// Begins to read sources and configuration again.
+  std::function<std::shared_ptr<RereadOutcome const>()> reread;
   /// Starts the plug-in's machines anew.
   std::function<void()> restartMachines;
 };

@@ -5,6 +5,9 @@
 // own, so that a long answer takes its place among the requests of SNMP.
 #include "agent/ControlSocket.h"
 #include "agent/Report.h"
+#include "os/Descriptor.h"
+#include "os/Time.h"
+#include "os/UnixAddress.h"
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -14,7 +17,6 @@
 #include <optional>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 
@@ -26,16 +28,16 @@ Lumo::Counter clientsDropped("agent-control-clients-dropped");
 Lumo::Counter answersFailed("agent-control-answers-failed");
 Lumo::Counter staleSockets("agent-control-stale-sockets");
 
-sockaddr_un addressOf(std::string const & path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path)
-    throw std::runtime_error(
-        fmt::format("the control socket {}: the path is longer than {} characters; name another "
-                    "with --control",
-                    path, sizeof address.sun_path - 1));
-  path.copy(address.sun_path, path.size());
-  return address;
+/// After an empty piece of an answer, before it is asked for the next one.
+constexpr std::chrono::milliseconds untilKnown{10};
+
+Os::UnixAddress addressOf(std::string const & path) {
+  if (auto const address = Os::UnixAddress::ofPath(path))
+    return *address;
+  throw std::runtime_error(
+      fmt::format("the control socket {}: the path is longer than {} characters; name another "
+                  "with --control",
+                  path, Os::UnixAddress::longestPath));
 }
 
 std::runtime_error refusal(std::string const & path, std::string_view reason) {
@@ -43,34 +45,17 @@ std::runtime_error refusal(std::string const & path, std::string_view reason) {
       "cannot make the control socket {}: {}; name another with --control", path, reason));
 }
 
-class Descriptor {
-public:
-  explicit Descriptor(int number) : number_(number) {}
-  Descriptor(Descriptor const &) = delete;
-  Descriptor & operator=(Descriptor const &) = delete;
-  ~Descriptor() {
-    if (number_ != -1)
-      close(number_);
-  }
-  int get() const { return number_; }
-  int release() { return std::exchange(number_, -1); }
-
-private:
-  int number_;
-};
-
-int newSocket(std::string const & path) {
-  auto const descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (descriptor == -1)
+Os::Descriptor newSocket(std::string const & path) {
+  Os::Descriptor descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!descriptor)
     throw refusal(path, std::strerror(errno));
   return descriptor;
 }
 
 /// Mode 0600 from the first moment: a later chmod would leave a gap.
-int bindPrivately(int descriptor, sockaddr_un const & address) {
+int bindPrivately(int descriptor, Os::UnixAddress const & address) {
   auto const before = umask(0177);
-  auto const result =
-      bind(descriptor, reinterpret_cast<sockaddr const *>(&address), sizeof address);
+  auto const result = bind(descriptor, address.get(), address.size());
   auto const error = errno;
   umask(before);
   errno = error;
@@ -78,12 +63,12 @@ int bindPrivately(int descriptor, sockaddr_un const & address) {
 }
 
 /// Removes a socket at which nobody listens any more. Raises for anything else.
-void removeStale(std::string const & path, sockaddr_un const & address) {
+void removeStale(std::string const & path, Os::UnixAddress const & address) {
   struct stat status {};
   if (lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode))
     throw refusal(path, "there is a file of another kind");
-  Descriptor const probe(newSocket(path));
-  if (connect(probe.get(), reinterpret_cast<sockaddr const *>(&address), sizeof address) == 0)
+  auto const probe = newSocket(path);
+  if (connect(probe.get(), address.get(), address.size()) == 0)
     throw refusal(path, "another daemon is listening there");
   if (errno != ECONNREFUSED)
     throw refusal(path, std::strerror(errno));
@@ -91,9 +76,9 @@ void removeStale(std::string const & path, sockaddr_un const & address) {
   unlink(path.c_str());
 }
 
-int listenAt(std::string const & path) {
+Os::Descriptor listenAt(std::string const & path) {
   auto const address = addressOf(path);
-  Descriptor descriptor(newSocket(path));
+  auto descriptor = newSocket(path);
   if (bindPrivately(descriptor.get(), address) != 0) {
     if (errno != EADDRINUSE)
       throw refusal(path, std::strerror(errno));
@@ -103,7 +88,7 @@ int listenAt(std::string const & path) {
   }
   if (::listen(descriptor.get(), SOMAXCONN) != 0)
     throw refusal(path, std::strerror(errno));
-  return descriptor.release();
+  return descriptor;
 }
 
 unsigned long inodeAt(std::string const & path) {
@@ -111,28 +96,23 @@ unsigned long inodeAt(std::string const & path) {
   return lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
-timeval toTimeval(std::chrono::milliseconds time) {
-  return {.tv_sec = static_cast<time_t>(time.count() / 1000),
-          .tv_usec = static_cast<suseconds_t>(time.count() % 1000 * 1000)};
-}
-
 } // namespace
 
 /// One connection. It works on one request at a time; what else has arrived waits in its buffer.
 class ControlSocket::Client {
 public:
-  Client(ControlSocket & owner, int descriptor)
+  Client(ControlSocket & owner, Os::Descriptor connection)
       : owner_(owner),
-        buffer_(bufferevent_socket_new(owner.loop_.base(), descriptor, BEV_OPT_CLOSE_ON_FREE)) {
-    if (buffer_ == nullptr) {
-      close(descriptor);
+        buffer_(
+            bufferevent_socket_new(owner.loop_.base(), connection.get(), BEV_OPT_CLOSE_ON_FREE)) {
+    if (buffer_ == nullptr)
       throw std::runtime_error("cannot take a control connection: out of memory");
-    }
+    (void)connection.release(); // the buffer closes it
     bufferevent_setcb(buffer_, &Client::readable, &Client::drained, &Client::ended, this);
     // One octet more than is allowed shows that a line is too long.
     bufferevent_setwatermark(buffer_, EV_READ, 0, owner.limits_.requestSize + 1);
     bufferevent_setwatermark(buffer_, EV_WRITE, owner.limits_.unreadSize / 2, 0);
-    auto const patience = toTimeval(owner.limits_.patience);
+    auto const patience = Os::toTimeval(owner.limits_.patience);
     bufferevent_set_timeouts(buffer_, nullptr, &patience);
     bufferevent_enable(buffer_, EV_READ | EV_WRITE);
   }
@@ -167,8 +147,7 @@ private:
       return; // drained() will come
     if (!answer_ && !takeRequest())
       return;
-    writePiece();
-    next_ = owner_.loop_.after(std::chrono::milliseconds(0), [this] {
+    next_ = owner_.loop_.after(writePiece() ? std::chrono::milliseconds(0) : untilKnown, [this] {
       next_.reset();
       step();
     });
@@ -215,7 +194,8 @@ private:
         errorAnswer(fmt::format("the request is longer than {} bytes", owner_.limits_.requestSize));
   }
 
-  void writePiece() {
+  /// True if and only if there was something to write.
+  bool writePiece() {
     std::string piece;
     auto const more = answer_(piece);
     if (!more) {
@@ -223,6 +203,7 @@ private:
       answer_ = nullptr;
     }
     evbuffer_add(output(), piece.data(), piece.size());
+    return !piece.empty();
   }
 
   void end(short what) {
@@ -243,10 +224,10 @@ private:
 
   ControlSocket & owner_;
   bufferevent * const buffer_;
-  Answer answer_;              // of the request at work; empty: none is
-  Sources::Loop::Handle next_; // the next step, in the next turn of the loop
-  bool ending_ = false;        // nothing more will arrive
-  std::size_t searched_ = 0;   // so much of the input is known to hold no line end
+  Answer answer_;            // of the request at work; empty: none is
+  Os::Loop::Handle next_;    // the next step, in the next turn of the loop
+  bool ending_ = false;      // nothing more will arrive
+  std::size_t searched_ = 0; // so much of the input is known to hold no line end
 };
 
 ControlSocket::ControlSocket(EventLoop & loop, std::string path, Handler handler,
@@ -257,25 +238,25 @@ ControlSocket::ControlSocket(EventLoop & loop, std::string path, Handler handler
       limits_(limits),
       descriptor_(listenAt(path_)),
       inode_(inodeAt(path_)),
-      watch_(loop.readable(descriptor_, [this] { accept(); })) {}
+      watch_(loop.readable(descriptor_.get(), [this] { accept(); })) {}
 
 ControlSocket::~ControlSocket() {
   watch_.reset();
   clients_.clear();
-  close(descriptor_);
   if (inodeAt(path_) == inode_)
     unlink(path_.c_str());
 }
 
 void ControlSocket::accept() {
-  Descriptor connection(accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  if (connection.get() == -1)
+  Os::Descriptor connection(
+      accept4(descriptor_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!connection)
     return; // it has gone again
   if (clients_.size() >= limits_.clients) {
     clientsDropped.inc();
     return;
   }
-  clients_.push_back(std::make_unique<Client>(*this, connection.release()));
+  clients_.push_back(std::make_unique<Client>(*this, std::move(connection)));
 }
 
 void ControlSocket::drop(Client const & client) {

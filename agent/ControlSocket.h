@@ -8,6 +8,7 @@
 
 #include "agent/Commands.h"
 #include "agent/EventLoop.h"
+#include "os/Descriptor.h"
 #include <chrono>
 #include <cstddef>
 #include <list>
@@ -47,10 +48,10 @@ private:
   std::string const path_;
   Handler const handler_;
   ControlLimits const limits_;
-  int const descriptor_;
+  Os::Descriptor const descriptor_;
   unsigned long const inode_; // of the socket in the file system, to remove no other
   std::list<std::unique_ptr<Client>> clients_;
-  Sources::Loop::Handle watch_;
+  Os::Loop::Handle watch_;
 };
 
 } // namespace Agent

@@ -2,6 +2,7 @@
 // watch that it belongs to, and no exception passes through libevent, which is C.
 #include "agent/EventLoop.h"
 #include "agent/Report.h"
+#include "os/Time.h"
 #include <csignal>
 #include <event2/event.h>
 #include <stdexcept>
@@ -13,7 +14,7 @@ namespace {
 Lumo::Counter callbackExceptions("agent-callback-exceptions");
 
 /// One libevent event and whom to call.
-class EventWatch final : public Sources::Loop::Watch {
+class EventWatch final : public Os::Loop::Watch {
 public:
   EventWatch(event_base * base, int descriptor, short what, std::function<void()> call)
       : call_(std::make_shared<std::function<void()>>(std::move(call))),
@@ -46,7 +47,7 @@ private:
   event * const event_;
 };
 
-Sources::Loop::Handle begun(std::unique_ptr<EventWatch> watch, timeval const * time = nullptr) {
+Os::Loop::Handle begun(std::unique_ptr<EventWatch> watch, timeval const * time = nullptr) {
   watch->begin(time);
   return watch;
 }
@@ -64,18 +65,22 @@ EventLoop::EventLoop() : base_(event_base_new()) {
 }
 EventLoop::~EventLoop() = default;
 
-Sources::Loop::Handle EventLoop::readable(int descriptor, std::function<void()> ready) {
+Os::Loop::Handle EventLoop::readable(int descriptor, std::function<void()> ready) {
   return begun(
       std::make_unique<EventWatch>(base(), descriptor, EV_READ | EV_PERSIST, std::move(ready)));
 }
 
-Sources::Loop::Handle EventLoop::after(std::chrono::milliseconds time, std::function<void()> due) {
-  timeval const wait{.tv_sec = static_cast<time_t>(time.count() / 1000),
-                     .tv_usec = static_cast<suseconds_t>(time.count() % 1000 * 1000)};
+Os::Loop::Handle EventLoop::writable(int descriptor, std::function<void()> ready) {
+  return begun(
+      std::make_unique<EventWatch>(base(), descriptor, EV_WRITE | EV_PERSIST, std::move(ready)));
+}
+
+Os::Loop::Handle EventLoop::after(std::chrono::milliseconds time, std::function<void()> due) {
+  auto const wait = Os::toTimeval(time);
   return begun(std::make_unique<EventWatch>(base(), -1, 0, std::move(due)), &wait);
 }
 
-Sources::Loop::Handle EventLoop::signal(int number, std::function<void()> caught) {
+Os::Loop::Handle EventLoop::signal(int number, std::function<void()> caught) {
   return begun(
       std::make_unique<EventWatch>(base(), number, EV_SIGNAL | EV_PERSIST, std::move(caught)));
 }

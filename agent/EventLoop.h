@@ -2,7 +2,7 @@
 // slice of background work in each turn, so that neither starves the other.
 #pragma once
 
-#include "sources/Loop.h"
+#include "os/Loop.h"
 #include <functional>
 #include <memory>
 
@@ -13,7 +13,7 @@ namespace Agent {
 /// Everything in the daemon is called from run(), on its one thread. An exception out of a callback
 /// is reported and counted ("agent-callback-exceptions"), and the loop goes on. While there is a
 /// loop, and after it, the process ignores SIGPIPE.
-class EventLoop final : public Sources::Loop {
+class EventLoop final : public Os::Loop {
 public:
   EventLoop();
   EventLoop(EventLoop const &) = delete;
@@ -21,6 +21,7 @@ public:
   ~EventLoop() override;
 
   [[nodiscard]] Handle readable(int descriptor, std::function<void()> ready) override;
+  [[nodiscard]] Handle writable(int descriptor, std::function<void()> ready) override;
   [[nodiscard]] Handle after(std::chrono::milliseconds time, std::function<void()> due) override;
   /// Calls `caught` after each arrival of the signal, from the loop.
   [[nodiscard]] Handle signal(int number, std::function<void()> caught);

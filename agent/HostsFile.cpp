@@ -1,6 +1,7 @@
 // Finds out whether libwrap would read a rule, by the file's stamp, and by its lines when that has
 // changed. What is not plain is taken for a rule: libwrap reads the file then, as it always did.
 #include "agent/HostsFile.h"
+#include "os/Descriptor.h"
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -31,13 +32,11 @@ bool hasRules(char const * path) {
 
 /// Of the opened file: a file system of another machine may answer stat() from its memory.
 std::optional<struct stat> statusOf(char const * path) {
-  auto const descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor == -1)
+  Os::Descriptor const descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!descriptor)
     return std::nullopt;
   struct stat status {};
-  auto const known = fstat(descriptor, &status) == 0;
-  close(descriptor);
-  return known ? std::optional(status) : std::nullopt;
+  return fstat(descriptor.get(), &status) == 0 ? std::optional(status) : std::nullopt;
 }
 
 } // namespace

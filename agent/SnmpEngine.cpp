@@ -11,6 +11,7 @@
 
 #include "agent/Report.h"
 #include "agent/SnmpEngine.h"
+#include "os/Time.h"
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -136,7 +137,7 @@ private:
   std::string last_;
 };
 
-SnmpEngine::SnmpEngine(Sources::Loop & loop, SnmpSettings settings)
+SnmpEngine::SnmpEngine(Os::Loop & loop, SnmpSettings settings)
     : loop_(loop),
       settings_(std::move(settings)),
       log_(std::make_unique<Log>()),
@@ -294,10 +295,8 @@ void SnmpEngine::update() {
       watchDescriptor(descriptor, before);
 
   timer_.reset();
-  if (forever == 0) {
-    auto const milliseconds = wait.tv_sec * 1000 + (wait.tv_usec + 999) / 1000;
-    timer_ = loop_.after(std::chrono::milliseconds(milliseconds), [this] { timeOut(); });
-  }
+  if (forever == 0)
+    timer_ = loop_.after(Os::toMilliseconds(wait), [this] { timeOut(); });
 }
 
 void SnmpEngine::watchDescriptor(int descriptor, std::map<int, Watched> & before) {

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "agent/HostsFile.h"
-#include "sources/Loop.h"
+#include "os/Loop.h"
 #include <array>
 #include <map>
 #include <memory>
@@ -29,7 +29,7 @@ class SnmpEngine {
 public:
   /// Starts net-snmp and reads the configuration. Raises ConfigurationError, one line, for a file
   /// that cannot be read or has a line that is not understood.
-  SnmpEngine(Sources::Loop & loop, SnmpSettings settings);
+  SnmpEngine(Os::Loop & loop, SnmpSettings settings);
   SnmpEngine(SnmpEngine const &) = delete;
   SnmpEngine & operator=(SnmpEngine const &) = delete;
   ~SnmpEngine();
@@ -52,7 +52,7 @@ private:
   class Log;
   struct Watched {
     unsigned long inode; // tells a descriptor from a new one with the same number, or 0
-    Sources::Loop::Handle watch;
+    Os::Loop::Handle watch;
   };
 
   void setUp();
@@ -65,13 +65,13 @@ private:
   void watchDescriptor(int descriptor, std::map<int, Watched> & before);
   unsigned long inodeOf(int descriptor) const;
 
-  Sources::Loop & loop_;
+  Os::Loop & loop_;
   SnmpSettings const settings_;
   std::unique_ptr<Log> log_;
   std::array<HostsFile, 2> hostsFiles_;
   int endpoint_ = -1; // net-snmp's handle for the transport that it listens on
   std::map<int, Watched> watched_;
-  Sources::Loop::Handle timer_;
+  Os::Loop::Handle timer_;
 };
 
 } // namespace Agent

@@ -100,6 +100,19 @@ std::string_view stateText(Sources::SourceStatus::State state) {
   return "unknown";
 }
 
+/// By the names that the document has; what there is none of is left out.
+Json recordCounts(StateDb::Publisher::Counts const & counts) {
+  std::pair<char const *, std::size_t> const all[] = {
+      {"intfStatus", counts.statuses},         {"ifIndexByIntfId", counts.ifIndexes},
+      {"ipsecTunnelInfo", counts.tunnelInfos}, {"appliedProfiles", counts.profiles},
+      {"appliedIntfId", counts.connections},   {"claims", counts.statusClaims}};
+  auto shown = Json::object();
+  for (auto const & [name, count] : all)
+    if (count != 0)
+      shown[name] = count;
+  return shown;
+}
+
 /// The objects of a collection; nothing when it is no collection, or one of plain values.
 std::optional<std::vector<Object>> objectsOf(Zel::Value value) {
   auto * const collection = std::get_if<Zel::Value::Collection>(&value.is);
@@ -138,9 +151,13 @@ bool allReady(Json const & machines) {
 
 Json sourceStatus(Sources::Source const & source) {
   auto const status = source.status();
-  return {{"name", source.name()},         {"state", stateText(status.state)},
-          {"lastError", status.lastError}, {"records", status.records},
-          {"fullReads", status.fullReads}, {"patches", status.patches}};
+  return {{"name", source.name()},
+          {"state", stateText(status.state)},
+          {"reading", status.isReading},
+          {"lastError", status.lastError},
+          {"records", recordCounts(status.records)},
+          {"fullReads", status.fullReads},
+          {"changes", status.changes}};
 }
 
 Json tasksStatus(Kiln::TaskScheduler const & scheduler) {

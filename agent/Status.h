@@ -31,7 +31,7 @@ nlohmann::ordered_json machinesStatus(Zel::PtrInterface const & root);
 /// True if and only if there are machines and all of them are ready.
 bool allReady(nlohmann::ordered_json const & machines);
 
-/// {name, state, lastError, records, fullReads, patches}.
+/// {name, state, reading, lastError, records: {collection: count}, fullReads, changes}.
 nlohmann::ordered_json sourceStatus(Sources::Source const & source);
 
 /// Every task: {name, priority, scheduled, runs, workCount, workPending}.

@@ -1,7 +1,8 @@
 # Compiles every header of the tree alone, once: each must bring what it needs. A header that its own
 # source includes before anything else is compiled alone there, if that source is built as well.
 file(GLOB_RECURSE headers RELATIVE ${CMAKE_SOURCE_DIR} CONFIGURE_DEPENDS
-  TunnelIntfSnmp/*.h platform/*.h statedb/*.h sources/*.h agent/*.h ctl/*.h tests/*.h bench/*.h)
+  TunnelIntfSnmp/*.h platform/*.h os/*.h statedb/*.h sources/*.h agent/*.h ctl/*.h tests/*.h
+  bench/*.h)
 set(units)
 foreach(header ${headers})
   string(REGEX REPLACE "\\.h$" ".cpp" source ${CMAKE_SOURCE_DIR}/${header})

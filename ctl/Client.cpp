@@ -1,6 +1,7 @@
 // A blocking connection: one line out, one line in. The daemon answers each request in order and
 // closes the connection when it ends, so no more is needed.
 #include "ctl/Client.h"
+#include "os/UnixAddress.h"
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -8,8 +9,6 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace Ctl {
 
@@ -22,28 +21,19 @@ Unreachable unreachable(std::string const & path, int error) {
       fmt::format("cannot reach the daemon at {}: {}; {}", path, std::strerror(error), advice));
 }
 
-int connectTo(std::string const & path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path)
+Os::Descriptor connectTo(std::string const & path) {
+  auto const address = Os::UnixAddress::ofPath(path);
+  if (!address)
     throw unreachable(path, ENAMETOOLONG);
-  path.copy(address.sun_path, path.size());
-  auto const descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (descriptor != -1 &&
-      connect(descriptor, reinterpret_cast<sockaddr const *>(&address), sizeof address) == 0)
-    return descriptor;
-  auto const error = errno;
-  close(descriptor);
-  throw unreachable(path, error);
+  Os::Descriptor descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!descriptor || connect(descriptor.get(), address->get(), address->size()) != 0)
+    throw unreachable(path, errno);
+  return descriptor;
 }
 
 } // namespace
 
 Client::Client(std::string path) : path_(std::move(path)), descriptor_(connectTo(path_)) {}
-
-Client::~Client() {
-  close(descriptor_);
-}
 
 template <class Json>
 Json Client::request(std::string const & command, nlohmann::json const & arguments) {
@@ -63,7 +53,7 @@ template nlohmann::ordered_json Client::request(std::string const &, nlohmann::j
 
 void Client::send(std::string const & line) {
   for (std::string_view rest = line; !rest.empty();) {
-    auto const sent = ::send(descriptor_, rest.data(), rest.size(), MSG_NOSIGNAL);
+    auto const sent = ::send(descriptor_.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
     // A daemon that closes while we still send has said why: the answer is there to be read.
     if (sent == -1 && errno == EPIPE)
       return;
@@ -78,7 +68,7 @@ std::string Client::receiveLine() {
   std::string line;
   std::array<char, 65536> part;
   while (line.empty() || line.back() != '\n') {
-    auto const received = recv(descriptor_, part.data(), part.size(), 0);
+    auto const received = recv(descriptor_.get(), part.data(), part.size(), 0);
     if (received == 0)
       lost("it closed the connection; see its messages");
     if (received == -1 && errno != EINTR)

@@ -1,6 +1,7 @@
 // The client's end of the daemon's control socket.
 #pragma once
 
+#include "os/Descriptor.h"
 #include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
@@ -23,9 +24,6 @@ class Client {
 public:
   /// Raises Unreachable.
   explicit Client(std::string path);
-  Client(Client const &) = delete;
-  Client & operator=(Client const &) = delete;
-  ~Client();
 
   /// Sends one request and returns the result of its answer: as ordered_json with the members in
   /// the order in which they came, as json for objects of very many members. Raises Refused and
@@ -39,7 +37,7 @@ private:
   [[noreturn]] void lost(char const * reason) const;
 
   std::string const path_;
-  int const descriptor_;
+  Os::Descriptor const descriptor_;
 };
 
 } // namespace Ctl

@@ -1,19 +1,27 @@
-// A source finds out what tunnels there are and publishes them in the state database.
+// A source finds out what there is, of tunnels or of what protects them, and publishes it in the
+// state database.
 //
 // Every source works the same way. start() subscribes to changes first and reads everything after
 // that, so that nothing is missed in between; from then on changes are applied as they come. A lost
 // message, a full buffer, an interrupted read are never only logged: they mean "anything may have
 // changed" and lead to a full read on the same path as the start. Only differences are published.
+// Registry.h lists the sources that there are.
 #pragma once
 
-#include "sources/Loop.h"
-#include "statedb/StateDocument.h"
+#include "os/Loop.h"
+#include "sources/Links.h"
+#include "statedb/Publisher.h"
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <string_view>
 
 namespace Sources {
+
+/// What a source works with. All of it outlives the source.
+struct Surroundings {
+  Os::Loop & loop;
+  StateDb::Publishers & publishers; ///< a source makes a Publisher of its own from it
+  Links & links;
+};
 
 /// How a source is doing. `lastError` is one line, empty when the last attempt went well.
 struct SourceStatus {
@@ -23,10 +31,11 @@ struct SourceStatus {
     degraded, ///< the last good state is published; lastError says what is wrong
   };
   State state = State::stopped;
+  bool isReading = false; ///< a full read is under way, or waits for its turn; changes go on
   std::string lastError;
-  std::uint64_t records = 0;   ///< tunnels published now
-  std::uint64_t fullReads = 0; ///< complete reads done
-  std::uint64_t patches = 0;   ///< patches applied
+  StateDb::Publisher::Counts records; ///< published now
+  std::uint64_t fullReads = 0;        ///< complete reads done
+  std::uint64_t changes = 0;          ///< records inserted, changed or removed
 };
 
 /// Lives from its creation to the end of the agent. Destruction leaves what was published in place.
@@ -35,18 +44,14 @@ public:
   virtual ~Source() = default;
   /// As on the command line: "json:/etc/tunnels.json", "linux".
   virtual std::string name() const = 0;
-  /// Publishes everything that is there now and follows it from then on. Raises std::runtime_error,
-  /// one line that says what to do, when the source cannot work at all. Requires: not started yet.
+  /// Publishes everything that is there now and follows it from then on; may wait for it. Raises
+  /// std::runtime_error, one line that says what to do, when the source cannot work at all.
+  /// Requires: not started yet.
   virtual void start() = 0;
-  /// Reads everything again now (SIGHUP). Raises nothing: a failure shows in status().
+  /// Begins to read everything again (SIGHUP). What has happened until now is published when
+  /// status().isReading is false again. Raises nothing: a failure shows in status().
   virtual void reread() = 0;
   virtual SourceStatus status() const = 0;
 };
-
-/// Makes the source that `text` names: "json:FILE", "linux", "linux:kinds=+vxlan,-vti". Raises
-/// std::invalid_argument, one line that lists what is possible, when it names none. `loop` and
-/// `document` outlive the source.
-std::unique_ptr<Source> makeSource(std::string_view text, Loop & loop,
-                                   StateDb::StateDocument & document);
 
 } // namespace Sources

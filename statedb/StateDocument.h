@@ -58,21 +58,6 @@ public:
   /// unusable.
   void apply(nlohmann::json const & patch);
 
-  /// The patch that leads from one document to another: statuses are removed before their ifIndex,
-  /// and an ifIndex is added before its status, so that no row is left behind; a record that both
-  /// have is changed member by member. Raises DocumentError when one of them would not pass
-  /// check().
-  static nlohmann::json diff(nlohmann::json const & from, nlohmann::json const & to);
-  /// The patch with which a publisher whose records were `before` makes them `after`, whatever
-  /// others did to them meanwhile: it applies to the database as it is now. Records that neither
-  /// has are left alone, those of a profile's appliedIntfId too, unless the profile itself goes.
-  /// Ordered as diff(). Raises DocumentError when `after` would not pass check(). Requires:
-  /// `before` has passed it.
-  nlohmann::json publication(nlohmann::json const & before, nlohmann::json const & after) const;
-  /// Checks that `document` could be read from here; containers may be missing. Raises
-  /// DocumentError.
-  static void check(nlohmann::json const & document);
-
 private:
   StateDb & database_;
   NotifieeFailed notifieeFailed_;

@@ -20,25 +20,17 @@ std::system_error failure(char const * what) {
 
 } // namespace
 
-FolderWatch::FolderWatch(std::string const & folder, std::string file, Loop & loop,
+FolderWatch::FolderWatch(std::string const & folder, std::string file, Os::Loop & loop,
                          std::function<void()> changed)
     : file_(std::move(file)),
       changed_(std::move(changed)),
       descriptor_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-  if (descriptor_ < 0)
+  if (!descriptor_)
     throw failure("inotify_init1");
-  if (::inotify_add_watch(descriptor_, folder.c_str(), fileEvents | IN_MOVE_SELF | IN_ONLYDIR) <
-      0) {
-    auto const error = failure("inotify_add_watch");
-    ::close(descriptor_);
-    throw error;
-  }
-  watch_ = loop.readable(descriptor_, [this] { onReadable(); });
-}
-
-FolderWatch::~FolderWatch() {
-  watch_.reset();
-  ::close(descriptor_);
+  if (::inotify_add_watch(descriptor_.get(), folder.c_str(),
+                          fileEvents | IN_MOVE_SELF | IN_ONLYDIR) < 0)
+    throw failure("inotify_add_watch");
+  watch_ = loop.readable(descriptor_.get(), [this] { onReadable(); });
 }
 
 void FolderWatch::onReadable() {
@@ -53,7 +45,7 @@ bool FolderWatch::drain() {
   alignas(inotify_event) std::array<char, 16 * 1024> buffer;
   bool concerned = false;
   for (;;) {
-    auto const size = ::read(descriptor_, buffer.data(), buffer.size());
+    auto const size = ::read(descriptor_.get(), buffer.data(), buffer.size());
     if (size <= 0)
       return concerned;
     for (auto at = std::size_t{0}; at < static_cast<std::size_t>(size);) {

@@ -1,7 +1,8 @@
 // Hears when a file of a folder may have changed (inotify).
 #pragma once
 
-#include "sources/Loop.h"
+#include "os/Descriptor.h"
+#include "os/Loop.h"
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -14,11 +15,10 @@ class FolderWatch {
 public:
   /// Calls `changed`, once for everything that has piled up since. It may destroy the watch.
   /// Raises std::system_error when the folder cannot be watched.
-  FolderWatch(std::string const & folder, std::string file, Loop & loop,
+  FolderWatch(std::string const & folder, std::string file, Os::Loop & loop,
               std::function<void()> changed);
   FolderWatch(FolderWatch const &) = delete;
   FolderWatch & operator=(FolderWatch const &) = delete;
-  ~FolderWatch();
 
   /// False once the folder has been removed, moved or unmounted: nothing more will be heard.
   bool isAlive() const { return alive_; }
@@ -30,9 +30,9 @@ private:
 
   std::string const file_;
   std::function<void()> const changed_;
-  int const descriptor_;
+  Os::Descriptor const descriptor_; // before its watch, which must go first
   bool alive_ = true;
-  Loop::Handle watch_;
+  Os::Loop::Handle watch_;
 };
 
 } // namespace Sources

@@ -1,7 +1,9 @@
-// Reading and parsing, with an eye on keys and lines, which the JSON library does not keep.
+// Pieces of the file become characters, characters become keys and values (nlohmann's parser), and
+// those become records (DocumentLevels).
 #include "sources/json/JsonFile.h"
-#include "statedb/StateDocument.h"
-#include <algorithm>
+#include "sources/json/DocumentLevels.h"
+#include "statedb/Codec.h"
+#include <absl/container/btree_set.h>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -11,7 +13,6 @@
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <unordered_set>
 #include <vector>
 
 namespace Sources {
@@ -20,8 +21,44 @@ using nlohmann::json;
 
 namespace {
 
-/// Counts the lines that the parser goes through.
-class LineIterator {
+/// The characters of a file, one after the other, with the line of each.
+class FileText {
+public:
+  /// Raises JsonFileError.
+  FileText(std::string const & path, BetweenPieces const & betweenPieces);
+
+  /// True if and only if there is no further character. Raises JsonFileError, and NotWanted.
+  bool atEnd() { return at_ == size_ && !refill(); }
+  /// Requires: not at the end, as for next().
+  char const & character() const { return piece_[at_]; }
+  void next();
+
+  /// The line of the character that was read last, from 1.
+  std::size_t line() const { return line_; }
+  /// The line of character `number`, counted from 1. Requires: it is the last that was read, or the
+  /// end.
+  std::size_t lineOf(std::size_t number) const;
+  /// True if and only if nothing but blanks has been read.
+  bool isBlank() const { return isBlank_; }
+
+private:
+  struct NotWanted {};
+  bool refill();
+
+  std::string const & path_;
+  BetweenPieces const & betweenPieces_;
+  std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file_;
+  std::array<char, 16 * 1024> piece_;
+  std::size_t at_ = 0;
+  std::size_t size_ = 0;
+  std::size_t count_ = 0;      // characters read
+  std::size_t line_ = 1;       // of the last one
+  bool lastEndedLine_ = false; // it was a line end, so that the next one's line is another
+  bool isBlank_ = true;
+};
+
+/// What the parser wants to go through a text with.
+class TextIterator {
 public:
   using iterator_category = std::input_iterator_tag;
   using value_type = char;
@@ -29,179 +66,198 @@ public:
   using pointer = char const *;
   using reference = char const &;
 
-  LineIterator(char const * at, std::size_t & line) : at_(at), line_(&line) {}
-  reference operator*() const { return *at_; }
-  LineIterator & operator++() {
-    *line_ += *at_++ == '\n';
+  /// Null: the end.
+  explicit TextIterator(FileText * text) : text_(text) {}
+  reference operator*() const { return text_->character(); }
+  TextIterator & operator++() {
+    text_->next();
     return *this;
   }
-  bool operator==(LineIterator const & other) const { return at_ == other.at_; }
-  bool operator!=(LineIterator const & other) const { return at_ != other.at_; }
+  bool operator==(TextIterator const & other) const { return isEnd() == other.isEnd(); }
+  bool operator!=(TextIterator const & other) const { return !(*this == other); }
 
 private:
-  char const * at_;
-  std::size_t * line_; // shared by the copies that the parser makes
+  bool isEnd() const { return text_ == nullptr || text_->atEnd(); }
+  FileText * text_;
 };
 
-/// Goes through a text and tells each key, when it has been read, to onKey(). Builds nothing.
-class Walk : public json::json_sax_t {
+/// Hears what the parser reads, and keeps what is wrong. What does not fit into the document ends
+/// its publication but not the parsing: a fault of the text itself, or a key that is there twice,
+/// is reported first wherever it is.
+class Listener final : public json::json_sax_t {
 public:
-  /// False if and only if the walk ended early: onKey() said so, or syntaxError() did.
-  bool over(std::string_view text) {
-    json::json_sax_t * const listener = this; // the parser wants its functions public
-    return json::sax_parse(LineIterator(text.data(), line_),
-                           LineIterator(text.data() + text.size(), line_), listener);
-  }
-  /// The line of the last key.
-  std::size_t line() const { return keyLine_; }
-  /// The pointer that leads to the last key.
-  std::string pointer() const {
-    json::json_pointer pointer;
-    for (auto const & level : levels_)
-      pointer /= level.key;
-    return pointer.to_string();
+  Listener(FileText const & text, StateDb::FullRead & read) : text_(text) {
+    levels_.push_back({.content = aroundDocument(read)});
   }
 
-protected:
-  /// `first`: true if and only if the object has not had this key before. Returns whether to go on.
-  virtual bool onKey(bool first) = 0;
-  /// `byte` counts from 1 and is the last that was read.
-  virtual void syntaxError(std::size_t byte, std::string_view reason) = 0;
+  /// What is wrong; empty: nothing. With its line.
+  std::string const & reason() const { return reason_; }
+  std::size_t wrongLine() const { return wrongLine_; }
+
+  bool start_object(std::size_t) override;
+  bool end_object() override;
+  bool key(string_t & key) override;
+  bool start_array(std::size_t) override;
+  bool end_array() override;
+  bool parse_error(std::size_t byte, std::string const &, json::exception const & error) override;
+  bool null() override { return value(nullptr); }
+  bool boolean(bool value) override { return this->value(value); }
+  bool number_integer(number_integer_t value) override { return this->value(value); }
+  bool number_unsigned(number_unsigned_t value) override { return this->value(value); }
+  bool number_float(number_float_t value, string_t const &) override { return this->value(value); }
+  bool string(string_t & value) override { return this->value(std::move(value)); }
+  bool binary(binary_t &) override { return true; } // JSON text has none
 
 private:
-  struct Level {
-    std::string key;
-    std::unordered_set<std::string> keys;
+  struct OneLevel {
+    std::string key{}; // the last one
+    absl::btree_set<std::string> keys{};
+    std::unique_ptr<DocumentLevel> content; // null where nothing is read any more
   };
 
-  bool start_object(std::size_t) override { return enter(); }
-  bool start_array(std::size_t) override { return enter(); }
-  bool end_object() override { return leave(); }
-  bool end_array() override { return leave(); }
-  bool key(string_t & key) override {
-    auto & level = levels_.back();
-    level.key = key;
-    keyLine_ = line_;
-    return onKey(level.keys.insert(key).second);
-  }
-  bool parse_error(std::size_t byte, std::string const &, json::exception const & error) override {
-    syntaxError(byte, error.what());
-    return false;
-  }
-  bool null() override { return true; }
-  bool boolean(bool) override { return true; }
-  bool number_integer(number_integer_t) override { return true; }
-  bool number_unsigned(number_unsigned_t) override { return true; }
-  bool number_float(number_float_t, string_t const &) override { return true; }
-  bool string(string_t &) override { return true; }
-  bool binary(binary_t &) override { return true; }
+  template <class Value>
+  bool value(Value && value);
+  template <class Tell>
+  void tell(Tell tell);
+  void doesNotFit(std::string_view reason);
+  std::string pointer() const;
 
-  bool enter() {
-    levels_.emplace_back();
-    return true;
-  }
-  bool leave() {
-    levels_.pop_back();
-    return true;
-  }
-
-  std::size_t line_ = 1;
-  std::size_t keyLine_ = 1;
-  std::vector<Level> levels_;
-};
-
-/// Finds out what is wrong with the text, and in which line.
-class Inspection final : public Walk {
-public:
-  explicit Inspection(std::string_view text) : text_(text) {}
-  std::size_t wrongLine() const { return wrongLine_; }
-  std::string const & reason() const { return reason_; }
-
-private:
-  bool onKey(bool first) override {
-    if (first)
-      return true;
-    wrongLine_ = line();
-    reason_ = pointer() + ": this key is there twice";
-    return false;
-  }
-  // The library's reason without its number and its place, and not longer than a line should be.
-  void syntaxError(std::size_t byte, std::string_view reason) override {
-    auto const before = text_.substr(0, byte == 0 ? 0 : byte - 1);
-    wrongLine_ = 1 + static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'));
-    auto const begin = reason.find("syntax error");
-    reason_ = reason.substr(begin == std::string_view::npos ? 0 : begin, 200);
-  }
-
-  std::string_view text_;
-  std::size_t wrongLine_ = 0;
+  FileText const & text_;
+  std::vector<OneLevel> levels_;
+  std::size_t keyLine_ = 1; // of the last key
   std::string reason_;
+  std::size_t wrongLine_ = 0;
 };
 
-class Search final : public Walk {
-public:
-  explicit Search(std::string_view wanted) : wanted_(wanted) {}
-  std::size_t found() const { return found_; }
-
-private:
-  bool onKey(bool) override {
-    auto const here = pointer();
-    if (here.size() > longest_ && (wanted_ == here || wanted_.starts_with(here + "/"))) {
-      longest_ = here.size();
-      found_ = line();
-    }
-    return true;
-  }
-  void syntaxError(std::size_t, std::string_view) override {} // what was found until then counts
-
-  std::string_view wanted_;
-  std::size_t longest_ = 0;
-  std::size_t found_ = 1;
-};
-
-JsonFileError error(std::string const & path, std::size_t line, std::string_view reason) {
-  return JsonFileError(fmt::format("{}:{}: {}", path, line, reason));
-}
-
-// The library's own callback while it builds the document would do for keys and lines, but takes
-// time by the square of the number of records.
-json parseDocument(std::string const & path, std::string_view text) {
-  if (text.find_first_not_of(" \t\r\n") == std::string_view::npos)
-    throw JsonFileError(fmt::format("{}: the file is empty; write at least {{}}", path));
-  if (Inspection inspection(text); !inspection.over(text))
-    throw error(path, inspection.wrongLine(), inspection.reason());
-  return json::parse(text);
+JsonFileError unreadable(std::string const & path) {
+  return JsonFileError(fmt::format("{}: cannot be read: {}", path, std::strerror(errno)));
 }
 
 } // namespace
 
-std::string readFile(std::string const & path) {
-  std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file(std::fopen(path.c_str(), "re"),
-                                                              &std::fclose);
-  std::string text;
-  std::array<char, 16 * 1024> buffer;
-  std::size_t size = 0;
-  while (file && (size = std::fread(buffer.data(), 1, buffer.size(), file.get())) != 0)
-    text.append(buffer.data(), size);
-  if (!file || std::ferror(file.get()) != 0)
-    throw JsonFileError(fmt::format("{}: cannot be read: {}", path, std::strerror(errno)));
-  return text;
+void readDocument(std::string const & path, StateDb::FullRead & read,
+                  BetweenPieces const & betweenPieces) {
+  FileText text(path, betweenPieces);
+  Listener listener(text, read);
+  json::json_sax_t * const parserWants = &listener; // it takes no derived class with private parts
+  json::sax_parse(TextIterator(&text), TextIterator(nullptr), parserWants);
+  if (text.isBlank())
+    throw JsonFileError(fmt::format("{}: the file is empty; write at least {{}}", path));
+  if (!listener.reason().empty())
+    throw JsonFileError(fmt::format("{}:{}: {}", path, listener.wrongLine(), listener.reason()));
 }
 
-json decodeDocument(std::string const & path, std::string_view text) {
-  auto document = parseDocument(path, text);
-  try {
-    StateDb::StateDocument::check(document);
-  } catch (StateDb::DocumentError const & exception) {
-    throw error(path, lineOf(text, exception.pointer()), exception.what());
+namespace {
+
+FileText::FileText(std::string const & path, BetweenPieces const & betweenPieces)
+    : path_(path),
+      betweenPieces_(betweenPieces),
+      file_(std::fopen(path.c_str(), "re"), [](std::FILE * file) { return std::fclose(file); }) {
+  if (!file_)
+    throw unreadable(path);
+  std::setvbuf(file_.get(), nullptr, _IONBF, 0); // we have a buffer
+}
+
+void FileText::next() {
+  line_ += lastEndedLine_ ? 1 : 0;
+  auto const character = piece_[at_++];
+  lastEndedLine_ = character == '\n';
+  isBlank_ = isBlank_ && std::strchr(" \t\r\n", character) != nullptr && character != '\0';
+  ++count_;
+}
+
+std::size_t FileText::lineOf(std::size_t number) const {
+  auto const isEnd = number > count_;
+  return line_ + (isEnd && lastEndedLine_ ? 1 : 0);
+}
+
+bool FileText::refill() {
+  if (!betweenPieces_())
+    throw NotWanted();
+  at_ = 0;
+  size_ = std::fread(piece_.data(), 1, piece_.size(), file_.get());
+  if (size_ == 0 && std::ferror(file_.get()) != 0)
+    throw unreadable(path_);
+  return size_ != 0;
+}
+
+bool Listener::start_object(std::size_t) {
+  std::unique_ptr<DocumentLevel> inside;
+  tell([&](DocumentLevel & level) { inside = level.object(); });
+  levels_.push_back({.content = std::move(inside)});
+  return true;
+}
+
+bool Listener::end_object() {
+  tell([](DocumentLevel & level) { level.end(); });
+  levels_.pop_back();
+  return true;
+}
+
+bool Listener::key(string_t & key) {
+  auto & level = levels_.back();
+  level.key = std::move(key);
+  keyLine_ = text_.line();
+  if (!level.keys.insert(level.key).second) {
+    wrongLine_ = keyLine_;
+    reason_ = pointer() + ": this key is there twice";
+    return false;
   }
-  return document;
+  tell([&](DocumentLevel & content) { content.key(level.key); });
+  return true;
 }
 
-std::size_t lineOf(std::string_view text, std::string_view pointer) {
-  Search search(pointer);
-  search.over(text);
-  return search.found();
+bool Listener::start_array(std::size_t) {
+  value(json::array());
+  levels_.emplace_back();
+  return true;
 }
 
+bool Listener::end_array() {
+  levels_.pop_back();
+  return true;
+}
+
+// The library's reason without its number and its place, and not longer than a line should be.
+bool Listener::parse_error(std::size_t byte, std::string const &, json::exception const & error) {
+  std::string_view const reason = error.what();
+  auto const begin = reason.find("syntax error");
+  reason_ = reason.substr(begin == std::string_view::npos ? 0 : begin, 200);
+  wrongLine_ = text_.lineOf(byte);
+  return false;
+}
+
+template <class Value>
+bool Listener::value(Value && value) {
+  tell([&](DocumentLevel & level) { level.value(json(std::forward<Value>(value))); });
+  return true;
+}
+
+// Nothing is told once something does not fit: what follows would be published in vain.
+template <class Tell>
+void Listener::tell(Tell tell) {
+  if (!reason_.empty() || !levels_.back().content)
+    return;
+  try {
+    tell(*levels_.back().content);
+  } catch (StateDb::Unusable const & unusable) {
+    doesNotFit(unusable.what());
+  }
+}
+
+void Listener::doesNotFit(std::string_view reason) {
+  auto const where = pointer();
+  reason_ = fmt::format("{}: {}", where.empty() ? "\"\"" : where, reason);
+  wrongLine_ = keyLine_;
+}
+
+std::string Listener::pointer() const {
+  std::string pointer;
+  for (auto const & level : levels_)
+    if (&level != &levels_.front())
+      pointer += "/" + StateDb::escaped(level.key);
+  return pointer;
+}
+
+} // namespace
 } // namespace Sources

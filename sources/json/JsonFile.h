@@ -1,11 +1,11 @@
-// A document file: JSON text that knows the line of each of its parts. Every error says which line
-// is wrong.
+// A document file: JSON text whose records are handed over as they are read, without the document
+// ever being in memory. Every error says which line is wrong.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
+#include "statedb/FullRead.h"
+#include <functional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 
 namespace Sources {
 
@@ -15,15 +15,15 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-/// Reads the whole file. Raises JsonFileError.
-std::string readFile(std::string const & path);
+/// Called after each piece of the file, some microseconds of work. False: the file is not wanted
+/// any more, and the reading ends at once with an exception that is no JsonFileError.
+using BetweenPieces = std::function<bool()>;
 
-/// The document that `text` is; `path` only names it in errors. It has passed
-/// StateDocument::check(). A key that an object has twice is an error. Raises JsonFileError.
-nlohmann::json decodeDocument(std::string const & path, std::string_view text);
-
-/// The line, from 1, of the key that the JSON pointer leads to; of the nearest part around it when
-/// there is no such key. Requires: the text is JSON.
-std::size_t lineOf(std::string_view text, std::string_view pointer);
+/// Reads the file from beginning to end and hands every record to `read`, which is the caller's to
+/// commit. The file is a document as StateDb::StateDocument has it; a key that an object has twice
+/// is an error. Raises JsonFileError; `read` has then been given an unknown part and is to be
+/// dropped.
+void readDocument(std::string const & path, StateDb::FullRead & read,
+                  BetweenPieces const & betweenPieces);
 
 } // namespace Sources

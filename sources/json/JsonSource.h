@@ -5,6 +5,9 @@
 // all other records are left alone. A file that is broken, empty or gone changes nothing: the last
 // good state stays and the status says what is wrong.
 //
+// A large file is read in many runs of a task, between which everything else goes on; nothing of it
+// is published before all of it has been understood.
+//
 // The file's folder is watched, since editors put a new file in the place of the old one. Of a
 // symbolic link only the link is watched, not the file behind it.
 #pragma once
@@ -16,7 +19,6 @@
 namespace Sources {
 
 /// Makes the source for that file. Nothing is opened before start().
-std::unique_ptr<Source> makeJsonSource(std::string path, Loop & loop,
-                                       StateDb::StateDocument & document);
+std::unique_ptr<Source> makeJsonSource(std::string path, Surroundings const & surroundings);
 
 } // namespace Sources

@@ -36,8 +36,9 @@ public:
   std::uint8_t u8(std::uint16_t type) const { return number<std::uint8_t>(type); }
   std::uint16_t u16(std::uint16_t type) const { return number<std::uint16_t>(type); }
   std::uint32_t u32(std::uint16_t type) const { return number<std::uint32_t>(type); }
-  /// The text up to its end or the first zero byte; empty when the attribute is missing.
-  std::string text(std::uint16_t type) const;
+  /// The text up to its end or the first zero byte; empty when the attribute is missing. Refers to
+  /// the bytes.
+  std::string_view text(std::uint16_t type) const;
   /// The attributes inside this one; none when it is missing.
   Attributes nested(std::uint16_t type) const;
 
@@ -45,7 +46,7 @@ private:
   template <class T>
   T number(std::uint16_t type) const;
 
-  std::array<nlattr const *, 32> byType_{}; // as far as anything here looks
+  std::array<nlattr const *, 40> byType_{}; // as far as anything here looks
 };
 
 /// Where the attributes of a kind are, and what follows from the kind alone. 0: it has none.
@@ -60,9 +61,15 @@ struct Layout {
   std::uint16_t remote6 = 0;
   std::uint16_t ttl = 0;
   std::uint16_t ttlInherit = 0;
-  std::uint16_t tos = 0;      // one byte, bit 0: inherit
-  std::uint16_t flowInfo = 0; // holds the traffic class of the kinds over IPv6
-  std::uint16_t flags = 0;    // holds whether that is inherited
+  std::uint16_t tos = 0;        // one byte, bit 0: inherit
+  std::uint16_t flowInfo = 0;   // holds the traffic class of the kinds over IPv6
+  std::uint16_t flags = 0;      // holds whether that is inherited
+  std::uint16_t inputFlags = 0; // of two bytes, says whether there is the key
+  std::uint16_t inputKey = 0;
+  std::uint16_t outputFlags = 0;
+  std::uint16_t outputKey = 0;
+  std::uint16_t ifId = 0;
+  std::uint16_t lower = 0; // of kinds that say it here and not with the link
 };
 
 constexpr Layout greV4(TunnelKind kind, TunnelIntfMode mode, std::string_view fallbackName) {
@@ -73,7 +80,11 @@ constexpr Layout greV4(TunnelKind kind, TunnelIntfMode mode, std::string_view fa
           .local4 = IFLA_GRE_LOCAL,
           .remote4 = IFLA_GRE_REMOTE,
           .ttl = IFLA_GRE_TTL,
-          .tos = IFLA_GRE_TOS};
+          .tos = IFLA_GRE_TOS,
+          .inputFlags = IFLA_GRE_IFLAGS,
+          .inputKey = IFLA_GRE_IKEY,
+          .outputFlags = IFLA_GRE_OFLAGS,
+          .outputKey = IFLA_GRE_OKEY};
 }
 constexpr Layout greV6(TunnelKind kind, TunnelIntfMode mode, std::string_view fallbackName) {
   return {.kind = kind,
@@ -84,7 +95,11 @@ constexpr Layout greV6(TunnelKind kind, TunnelIntfMode mode, std::string_view fa
           .remote6 = IFLA_GRE_REMOTE,
           .ttl = IFLA_GRE_TTL,
           .flowInfo = IFLA_GRE_FLOWINFO,
-          .flags = IFLA_GRE_FLAGS};
+          .flags = IFLA_GRE_FLAGS,
+          .inputFlags = IFLA_GRE_IFLAGS,
+          .inputKey = IFLA_GRE_IKEY,
+          .outputFlags = IFLA_GRE_OFLAGS,
+          .outputKey = IFLA_GRE_OKEY};
 }
 constexpr Layout ipInIpv4(TunnelKind kind, std::string_view fallbackName) {
   return {.kind = kind,
@@ -115,13 +130,17 @@ constexpr std::array<Layout, tunnelKinds> layouts{
            .mode = TunnelIntfMode::vti,
            .fallbackName = "ip_vti0",
            .local4 = IFLA_VTI_LOCAL,
-           .remote4 = IFLA_VTI_REMOTE},
+           .remote4 = IFLA_VTI_REMOTE,
+           .inputKey = IFLA_VTI_IKEY,
+           .outputKey = IFLA_VTI_OKEY},
     Layout{.kind = TunnelKind::vti6,
            .mode = TunnelIntfMode::vti,
            .fallbackName = "ip6_vti0",
            .local6 = IFLA_VTI_LOCAL,
-           .remote6 = IFLA_VTI_REMOTE},
-    Layout{.kind = TunnelKind::xfrm, .mode = TunnelIntfMode::xfrm},
+           .remote6 = IFLA_VTI_REMOTE,
+           .inputKey = IFLA_VTI_IKEY,
+           .outputKey = IFLA_VTI_OKEY},
+    Layout{.kind = TunnelKind::xfrm, .mode = TunnelIntfMode::xfrm, .ifId = IFLA_XFRM_IF_ID},
     greV4(TunnelKind::gretap, TunnelIntfMode::gre, "gretap0"),
     greV6(TunnelKind::ip6gretap, TunnelIntfMode::gre, ""),
     greV4(TunnelKind::erspan, TunnelIntfMode::erspan, "erspan0"),
@@ -135,7 +154,8 @@ constexpr std::array<Layout, tunnelKinds> layouts{
            .remote6 = IFLA_VXLAN_GROUP6,
            .ttl = IFLA_VXLAN_TTL,
            .ttlInherit = IFLA_VXLAN_TTL_INHERIT,
-           .tos = IFLA_VXLAN_TOS},
+           .tos = IFLA_VXLAN_TOS,
+           .lower = IFLA_VXLAN_LINK},
     Layout{.kind = TunnelKind::geneve,
            .mode = TunnelIntfMode::geneve,
            .metadata = IFLA_GENEVE_COLLECT_METADATA,
@@ -213,6 +233,9 @@ bool isFallback(Layout const & layout, TunnelLink const & link);
 TunnelIntfMode mode(Layout const & layout, Attributes const & data, TunnelLink const & link);
 std::uint8_t hopLimit(Layout const & layout, Attributes const & data, std::uint8_t fromSystem);
 std::uint8_t tos(Layout const & layout, Attributes const & data);
+void decodeKeys(Layout const & layout, Attributes const & data, TunnelLink & tunnel);
+std::optional<std::uint32_t> lower(Layout const & layout, Attributes const & link,
+                                   Attributes const & data);
 bool overIpv6(TunnelLink const & link);
 
 std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits const & defaults) {
@@ -235,6 +258,8 @@ std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits
   tunnel.mode = mode(*layout, data, tunnel);
   tunnel.hopLimit = hopLimit(*layout, data, overIpv6(tunnel) ? defaults.ipv6 : defaults.ipv4);
   tunnel.tos = tos(*layout, data);
+  decodeKeys(*layout, data, tunnel);
+  tunnel.lower = lower(*layout, link, data);
   tunnel.ipsec = tunnel.mode == TunnelIntfMode::vti || tunnel.mode == TunnelIntfMode::xfrm;
   return tunnel;
 }
@@ -275,6 +300,29 @@ std::uint8_t tos(Layout const & layout, Attributes const & data) {
   }
   auto const value = data.u8(layout.tos);
   return (value & inherit) != 0 ? 0 : value >> dscpShift;
+}
+
+/// The key; nothing when the flags say that there is none, or, without flags, when it is 0.
+std::optional<std::uint32_t> key(Attributes const & data, std::uint16_t flags, std::uint16_t type) {
+  auto const value = ntohl(data.u32(type));
+  auto const isThere = flags == 0 ? value != 0 : (data.u16(flags) & GRE_KEY) != 0;
+  return isThere ? std::optional(value) : std::nullopt;
+}
+
+void decodeKeys(Layout const & layout, Attributes const & data, TunnelLink & tunnel) {
+  tunnel.inputKey = key(data, layout.inputFlags, layout.inputKey);
+  tunnel.outputKey = key(data, layout.outputFlags, layout.outputKey);
+  if (layout.ifId != 0)
+    tunnel.ifId = data.u32(layout.ifId);
+}
+
+// An index of another namespace means nothing here.
+std::optional<std::uint32_t> lower(Layout const & layout, Attributes const & link,
+                                   Attributes const & data) {
+  if (link.find(IFLA_LINK_NETNSID) != nullptr)
+    return std::nullopt;
+  auto const index = link.find(IFLA_LINK) != nullptr ? link.u32(IFLA_LINK) : data.u32(layout.lower);
+  return index == 0 ? std::nullopt : std::optional(index);
 }
 
 bool overIpv6(TunnelLink const & link) {
@@ -319,12 +367,12 @@ bool Attributes::flag(std::uint16_t type) const {
   return found != nullptr && (nla_len(found) == 0 || u8(type) != 0);
 }
 
-std::string Attributes::text(std::uint16_t type) const {
+std::string_view Attributes::text(std::uint16_t type) const {
   auto const * const found = find(type);
   if (found == nullptr)
     return {};
   auto const * const begin = static_cast<char const *>(nla_data(found));
-  return std::string(begin, strnlen(begin, static_cast<std::size_t>(nla_len(found))));
+  return std::string_view(begin, strnlen(begin, static_cast<std::size_t>(nla_len(found))));
 }
 
 Attributes Attributes::nested(std::uint16_t type) const {

@@ -17,7 +17,7 @@
 
 namespace Sources::Linux {
 
-/// A tunnel link in the terms of Interface::TunnelIntfStatus.
+/// A tunnel link in the terms of Interface::TunnelIntfStatus and of Sources::Link.
 struct TunnelLink {
   std::uint32_t index = 0; ///< the kernel's, 1 to 2147483647
   std::string name;
@@ -30,6 +30,12 @@ struct TunnelLink {
   std::uint8_t hopLimit = 0; ///< 0: copied from the payload
   std::uint8_t tos = 0;      ///< the DSCP, 0 to 63; 0 also where it is copied from the payload
   bool ipsec = false;        ///< the kind passes nothing but IPsec traffic
+  /// In the order of this machine. Nothing where the kind has none, or the link is set to none.
+  std::optional<std::uint32_t> ifId = {};      ///< of kind xfrm
+  std::optional<std::uint32_t> inputKey = {};  ///< of the gre, erspan and vti kinds
+  std::optional<std::uint32_t> outputKey = {}; ///< of the same kinds
+  /// The index of the link of the same namespace that carries the outer packets.
+  std::optional<std::uint32_t> lower = {};
 
   bool operator==(TunnelLink const &) const = default;
 };

@@ -1,5 +1,9 @@
 // Netlink sockets by libnl. Its return values are negative libnl error numbers.
 #include "sources/linux/LinkSockets.h"
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
 #include <fmt/format.h>
 #include <linux/rtnetlink.h>
 #include <netlink/errno.h>
@@ -9,13 +13,12 @@
 #include <new>
 #include <stdexcept>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 namespace Sources::Linux {
 namespace {
 
-// The kernel answers a dump at once, part by part; this is how long it may be busy before one part.
-constexpr timeval dumpPatience{2, 0};
+// The kernel fills the room that it is given, up to this size.
+constexpr std::size_t dumpPart = 32 * 1024;
 
 int takeMessage(nl_msg * message, void * take) {
   auto const * const header = nlmsg_hdr(message);
@@ -33,6 +36,15 @@ void check(int result, char const * doing) {
   if (result < 0)
     throw std::runtime_error(
         fmt::format("source linux: cannot {}: {}", doing, nl_geterror(result)));
+}
+
+/// Raises what the kernel says is wrong, in the number that both NLMSG_ERROR and NLMSG_DONE begin
+/// with: 0 or a negative error of the system.
+void requireNoError(nlmsghdr const & message) {
+  int error = 0;
+  if (nlmsg_datalen(&message) >= static_cast<int>(sizeof error))
+    std::memcpy(&error, nlmsg_data(&message), sizeof error);
+  check(error < 0 ? -nl_syserr2nlerr(error) : 0, "read the links");
 }
 
 Socket connectedSocket() {
@@ -87,21 +99,43 @@ LinkEvents::Received LinkEvents::receive(TakeMessage const & take) {
   return Received::messages;
 }
 
-bool dumpLinks(TakeMessage const & take) {
-  auto const socket = connectedSocket();
-  setsockopt(nl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVTIMEO, &dumpPatience,
-             sizeof dumpPatience);
-  deliverTo(socket.get(), take);
+LinkDump::LinkDump() : socket_(connectedSocket()) {
   ifinfomsg all{};
-  check(nl_send_simple(socket.get(), RTM_GETLINK, NLM_F_DUMP, &all, sizeof all),
+  check(nl_send_simple(socket_.get(), RTM_GETLINK, NLM_F_DUMP, &all, sizeof all),
         "ask for the links");
-  auto const result = nl_recvmsgs_default(socket.get());
-  if (result == -NLE_DUMP_INTR)
-    return false;
-  if (result == -NLE_AGAIN)
-    throw std::runtime_error("source linux: cannot read the links: the kernel does not answer");
-  check(result, "read the links");
-  return true;
+}
+
+int LinkDump::descriptor() const {
+  return nl_socket_get_fd(socket_.get());
+}
+
+// Not by nl_recvmsgs(), which would take every part of the answer before it returns.
+LinkDump::Received LinkDump::receive(TakeMessage const & take) {
+  alignas(nlmsghdr) std::array<std::byte, dumpPart> part;
+  auto const size = recv(descriptor(), part.data(), part.size(), MSG_DONTWAIT | MSG_TRUNC);
+  if (size == -1 && (errno == EAGAIN || errno == EINTR))
+    return Received::nothing;
+  check(size == -1 ? -nl_syserr2nlerr(errno) : 0, "read the links");
+  if (static_cast<std::size_t>(size) > part.size())
+    interrupted_ = true; // what did not fit is lost
+  auto const received = std::min(static_cast<std::size_t>(size), part.size());
+  return takeAll(std::span(part).first(received), take).value_or(Received::messages);
+}
+
+std::optional<LinkDump::Received> LinkDump::takeAll(std::span<std::byte const> part,
+                                                    TakeMessage const & take) {
+  auto const * at = reinterpret_cast<nlmsghdr const *>(part.data());
+  auto left = static_cast<int>(part.size());
+  for (; nlmsg_ok(at, left) != 0; at = nlmsg_next(const_cast<nlmsghdr *>(at), &left)) {
+    interrupted_ |= (at->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+    if (at->nlmsg_type == NLMSG_ERROR || at->nlmsg_type == NLMSG_DONE)
+      requireNoError(*at);
+    if (at->nlmsg_type == NLMSG_DONE)
+      return interrupted_ ? Received::interrupted : Received::whole;
+    if (at->nlmsg_type >= NLMSG_MIN_TYPE)
+      take(std::span(reinterpret_cast<std::byte const *>(at), at->nlmsg_len));
+  }
+  return std::nullopt;
 }
 
 } // namespace Sources::Linux

@@ -1,13 +1,14 @@
 // The two ways to hear of links from the kernel: the events of a multicast group, and dumps of all
 // there are. Both hand out the messages as they come; LinkDecoder reads them.
 //
-// Each works in the network namespace that the thread is in when it is opened, and needs no
-// privilege. A dump has a socket of its own, so that its answers and the events never mix.
+// Each works in the network namespace that the thread is in when it is opened, needs no privilege,
+// and never waits. A dump has a socket of its own, so that its answers and the events never mix.
 #pragma once
 
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 
 struct nl_sock;
@@ -46,9 +47,31 @@ private:
   Socket socket_;
 };
 
-/// Hands every link that there is to `take`. True if and only if the list is whole; otherwise links
-/// came and went meanwhile, and some may be missing. Waits for the kernel, but not for ever. Raises
-/// std::runtime_error, one line, when the kernel refuses or does not answer.
-bool dumpLinks(TakeMessage const & take);
+/// Reads every link that there is, once. Asks the kernel on construction.
+class LinkDump {
+public:
+  /// Raises std::runtime_error, one line, when there is no such socket to be had.
+  LinkDump();
+
+  /// Readable when there is something to receive.
+  int descriptor() const;
+
+  enum class Received {
+    messages,    ///< `take` was called for each; more will come
+    nothing,     ///< the kernel has not answered yet
+    whole,       ///< that was all
+    interrupted, ///< that was all, but links came and went meanwhile: some may be missing
+  };
+  /// Receives one part of the answer, the messages of at most 32 KiB. Raises std::runtime_error,
+  /// one line, when the kernel refuses. Requires: has not said that that was all.
+  Received receive(TakeMessage const & take);
+
+private:
+  /// The messages of one part; nothing while more is to come.
+  std::optional<Received> takeAll(std::span<std::byte const> part, TakeMessage const & take);
+
+  Socket socket_;
+  bool interrupted_ = false;
+};
 
 } // namespace Sources::Linux

@@ -1,19 +1,18 @@
 // Subscribes, reads everything, applies events; and begins again whenever something may be missing.
 //
-// Traces under "LinuxSource": 0 faults and losses, 7 each publication, 8 full reads, 9 messages
+// Traces under "LinuxSource": 0 faults and losses, 7 what is published, 8 full reads, 9 messages
 // that change nothing.
 #include "sources/linux/LinuxSource.h"
 #include "platform/Lumo.h"
 #include <fmt/format.h>
 #include <fstream>
-#include <nlohmann/json.hpp>
+#include <poll.h>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace Sources {
 namespace {
-
-using nlohmann::json;
 
 constexpr int fault = 0;
 constexpr int output = 7;
@@ -22,6 +21,7 @@ constexpr int detail = 9;
 
 /// How often a dump is taken again at once when links come and go meanwhile.
 constexpr int dumpAttempts = 5;
+constexpr char const * noAnswer = "source linux: cannot read the links: the kernel does not answer";
 /// Receptions in a row before others on the thread have their turn.
 constexpr int receptionsPerTurn = 64;
 
@@ -55,79 +55,78 @@ Linux::DefaultHopLimits defaultHopLimits() {
           hopLimitSetting("/proc/sys/net/ipv6/conf/default/hop_limit")};
 }
 
-/// The part of the document that shows these links.
-json documentOf(std::map<std::uint32_t, Linux::TunnelLink> const & links) {
-  auto statuses = json::object();
-  auto indexes = json::object();
-  for (auto const & [index, link] : links) {
-    auto const id = std::to_string(index);
-    indexes[id] = index;
-    statuses[id] = {{"srcAddr", link.local.stringValue()},
-                    {"dstAddr", link.remote.stringValue()},
-                    {"mode", valueToStrep(link.mode)},
-                    {"hopLimit", link.hopLimit},
-                    {"tos", link.tos},
-                    {"ipsec", link.ipsec}};
-  }
-  return {{"tunnelIntfStatusDir", {{"intfStatus", std::move(statuses)}}},
-          {"ifMib", {{"ifIndexByIntfId", std::move(indexes)}}}};
-}
-
 } // namespace
 
-std::unique_ptr<Source> makeLinuxSource(std::string_view options, Loop & loop,
-                                        StateDb::StateDocument & document) {
-  return std::make_unique<LinuxSource>(options, loop, document);
+std::unique_ptr<Source> makeLinuxSource(std::string_view options,
+                                        Surroundings const & surroundings) {
+  return std::make_unique<LinuxSource>(options, surroundings);
 }
 
-LinuxSource::LinuxSource(std::string_view options, Loop & loop, StateDb::StateDocument & document,
+LinuxSource::LinuxSource(std::string_view options, Surroundings const & surroundings,
                          int receiveBuffer)
     : options_(options),
-      kinds_(Linux::TunnelKindSet::fromOptions(options)),
-      loop_(loop),
-      document_(document),
-      receiveBuffer_(receiveBuffer) {}
+      loop_(surroundings.loop),
+      receiveBuffer_(receiveBuffer),
+      publication_(Linux::TunnelKindSet::fromOptions(options), surroundings.publishers,
+                   surroundings.links) {}
 
 std::string LinuxSource::name() const {
   return options_.empty() ? "linux" : "linux:" + options_;
 }
 
 void LinuxSource::start() {
-  readEverything();
+  beginReading(Pace::atOnce);
+  while (dump_) {
+    waitForDump();
+    receiveDumpOrRaise();
+  }
 }
 
 void LinuxSource::reread() {
-  readEverythingOrDegrade();
+  readOrDegrade();
 }
 
 SourceStatus LinuxSource::status() const {
   auto status = status_;
-  status.records = published_.size();
+  status.isReading = isReading_;
+  status.records = publication_.publisher().counts();
+  status.changes = publication_.publisher().changes();
   return status;
 }
 
-void LinuxSource::readEverything() {
-  LUMO_TRACE(traceHandler(), entry, "reading all links");
-  nextFullRead_ = loop_.after(fullReadPeriod, [this] { readEverythingOrDegrade(); });
-  defaults_ = defaultHopLimits();
-  subscribe();
-  forgetEvents();
-  reconcile(dump());
-  ++status_.fullReads;
-}
-
-void LinuxSource::readEverythingOrDegrade() {
+// A read that is under way may have passed what is to be read: it ends, since it would never end if
+// each wish began it anew, and then another one begins.
+void LinuxSource::readOrDegrade() {
+  if (isReading_) {
+    readAgain_ = true;
+    return;
+  }
   try {
-    readEverything();
+    beginReading(Pace::inRuns);
   } catch (std::runtime_error const & error) {
-    degrade(error.what());
+    readingFailed(error.what());
   }
 }
 
-void LinuxSource::recover(std::string_view reason) {
-  LUMO_TRACE(traceHandler(), fault, "{}, reading all links again", reason);
-  resyncs.inc();
-  readEverythingOrDegrade();
+void LinuxSource::beginReading(Pace pace) {
+  LUMO_TRACE(traceHandler(), entry, "reading all links");
+  isReading_ = true;
+  pace_ = pace;
+  dumps_ = 0;
+  nextFullRead_.reset();
+  defaults_ = defaultHopLimits();
+  subscribe();
+  forgetEvents();
+  beginDump();
+}
+
+void LinuxSource::beginDump() {
+  ++dumps_;
+  malformed_ = 0;
+  publication_.beginReading();
+  dump_.emplace();
+  dumpReadable_ = loop_.readable(dump_->descriptor(), [this] { receiveDump(); });
+  dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer); });
 }
 
 void LinuxSource::subscribe() {
@@ -150,52 +149,82 @@ void LinuxSource::forgetEvents() {
   }
 }
 
-LinuxSource::Dump LinuxSource::dump() const {
-  auto latest = dumpOnce();
-  for (int attempt = 1; !latest.whole && attempt != dumpAttempts; ++attempt)
-    latest = dumpOnce();
-  return latest;
+void LinuxSource::receiveDump() {
+  try {
+    receiveDumpOrRaise();
+  } catch (std::runtime_error const & error) {
+    readingFailed(error.what());
+  }
 }
 
-LinuxSource::Dump LinuxSource::dumpOnce() const {
-  Dump result;
-  result.whole = Linux::dumpLinks([&](std::span<std::byte const> bytes) {
-    auto const message = Linux::decodeLink(bytes, defaults_);
-    if (auto const * malformed = std::get_if<Linux::MalformedMessage>(&message))
-      addMalformed(result, *malformed);
-    else if (auto const * state = std::get_if<Linux::LinkState>(&message); state && wants(*state))
-      result.links.insert_or_assign(state->index, *state->tunnel);
-  });
-  if (!result.whole)
+void LinuxSource::receiveDumpOrRaise() {
+  using Received = Linux::LinkDump::Received;
+  auto const received =
+      dump_->receive([this](std::span<std::byte const> message) { found(message); });
+  if (received == Received::messages)
+    dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer); });
+  if (received == Received::whole || received == Received::interrupted)
+    dumpIsOver(received == Received::whole);
+}
+
+// Only at the start, when there is nothing else to do.
+void LinuxSource::waitForDump() const {
+  pollfd answer{dump_->descriptor(), POLLIN, 0};
+  if (::poll(&answer, 1, static_cast<int>(std::chrono::milliseconds(patience).count())) == 0)
+    throw std::runtime_error(noAnswer);
+}
+
+void LinuxSource::found(std::span<std::byte const> bytes) {
+  auto const message = Linux::decodeLink(bytes, defaults_);
+  if (auto const * state = std::get_if<Linux::LinkState>(&message))
+    publication_.found(*state);
+  if (auto const * malformed = std::get_if<Linux::MalformedMessage>(&message)) {
+    traceMalformed(*malformed);
+    ++malformed_;
+    publication_.foundUnreadable(malformed->index); // what is known of it is better than nothing
+  }
+}
+
+void LinuxSource::dumpIsOver(bool whole) {
+  stopDump();
+  if (!whole)
     interruptedDumps.inc();
-  return result;
+  if (!whole && dumps_ != dumpAttempts)
+    return beginDump();
+  publication_.endReading(whole, pace_, [this, whole, before = status().changes] {
+    if (auto const changes = status().changes - before; changes != 0)
+      LUMO_TRACE(traceHandler(), output, "published {} changes", changes);
+    readingIsOver(whole);
+  });
 }
 
-void LinuxSource::addMalformed(Dump & result, Linux::MalformedMessage const & malformed) const {
-  traceMalformed(malformed);
-  ++result.malformed;
-  if (auto const known = published_.find(malformed.index); known != published_.end())
-    result.links.insert(*known); // what is known of it is better than nothing
-}
-
-bool LinuxSource::wants(Linux::LinkState const & state) const {
-  return state.tunnel && kinds_.has(state.tunnel->kind);
-}
-
-void LinuxSource::reconcile(Dump dump) {
-  if (!dump.whole) // a link that was not seen may be there all the same
-    dump.links.insert(published_.begin(), published_.end());
-  publish(published_, dump.links);
-  published_ = std::move(dump.links);
+void LinuxSource::readingIsOver(bool whole) {
+  isReading_ = false;
+  ++status_.fullReads;
   status_.state = SourceStatus::State::inSync;
   status_.lastError.clear();
-  if (dump.malformed != 0)
+  if (malformed_ != 0)
     degrade(fmt::format("source linux: {} links cannot be understood: trace LinuxSource:0 says why",
-                        dump.malformed));
-  if (dump.whole)
-    return;
-  degrade("source linux: links come and go too fast to read them all: trying again");
-  nextFullRead_ = loop_.after(retryPeriod, [this] { readEverythingOrDegrade(); });
+                        malformed_));
+  if (!whole)
+    degrade("source linux: links come and go too fast to read them all: trying again");
+  nextFullRead_ = loop_.after(whole ? fullReadPeriod : retryPeriod, [this] { readOrDegrade(); });
+  if (std::exchange(readAgain_, false))
+    readOrDegrade();
+}
+
+void LinuxSource::readingFailed(std::string_view error) {
+  isReading_ = false;
+  readAgain_ = false;
+  stopDump();
+  degrade(error);
+  nextFullRead_ = loop_.after(fullReadPeriod, [this] { readOrDegrade(); });
+}
+
+void LinuxSource::stopDump() {
+  dumpIsLate_.reset();
+  dumpReadable_.reset();
+  dump_.reset();
 }
 
 void LinuxSource::receiveEvents() {
@@ -205,6 +234,7 @@ void LinuxSource::receiveEvents() {
     eventsReadable_.reset(); // the next full read subscribes again
     events_.reset();
     degrade(error.what());
+    readAgain_ = isReading_; // the one under way has subscribed already
   }
 }
 
@@ -229,51 +259,23 @@ void LinuxSource::receiveEventsOrRaise() {
 }
 
 bool LinuxSource::take(Linux::LinkMessage const & message) {
+  if (auto const * malformed = std::get_if<Linux::MalformedMessage>(&message)) {
+    traceMalformed(*malformed);
+    return false;
+  }
   if (auto const * state = std::get_if<Linux::LinkState>(&message)) {
-    take(*state);
-    return true;
+    if (publication_.linkIs(*state))
+      LUMO_TRACE(traceHandler(), output, "link {}: published", state->index);
+    else
+      LUMO_TRACE(traceHandler(), detail, "link {}: nothing new", state->index);
   }
-  auto const * const malformed = std::get_if<Linux::MalformedMessage>(&message);
-  if (malformed == nullptr)
-    return true;
-  traceMalformed(*malformed);
-  return false;
+  return true;
 }
 
-void LinuxSource::take(Linux::LinkState const & state) {
-  Links before;
-  Links after;
-  if (auto const known = published_.find(state.index); known != published_.end())
-    before.insert(*known);
-  if (wants(state))
-    after.emplace(state.index, *state.tunnel);
-  if (before == after) {
-    LUMO_TRACE(traceHandler(), detail, "link {}: nothing new", state.index);
-    return;
-  }
-  publish(before, after);
-  published_.erase(state.index);
-  published_.merge(after);
-}
-
-void LinuxSource::publish(Links const & before, Links const & after) {
-  auto kept = before; // without those that became something else under their old index
-  std::erase_if(kept, [&](auto const & entry) {
-    auto const now = after.find(entry.first);
-    return now == after.end() || now->second.kind != entry.second.kind;
-  });
-  if (kept.size() != before.size())
-    apply(before, kept);
-  apply(kept, after);
-}
-
-void LinuxSource::apply(Links const & before, Links const & after) {
-  auto const patch = document_.publication(documentOf(before), documentOf(after));
-  if (patch.empty())
-    return;
-  LUMO_TRACE(traceHandler(), output, "publishing {}", patch.dump());
-  document_.apply(patch);
-  ++status_.patches;
+void LinuxSource::recover(std::string_view reason) {
+  LUMO_TRACE(traceHandler(), fault, "{}, reading all links again", reason);
+  resyncs.inc();
+  readOrDegrade();
 }
 
 void LinuxSource::degrade(std::string_view error) {

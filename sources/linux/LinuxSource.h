@@ -1,24 +1,23 @@
 // The source that publishes the tunnel links of the Linux kernel, of the network namespace that the
 // process is in.
 //
-// The interface id and the ifIndex of a tunnel are both the kernel's link index. Most changes are
-// announced by the kernel; it keeps silent about those to a link that is down, so everything is
-// read again from time to time. Reading everything is also the answer to every loss.
+// Most changes are announced by the kernel, and published as they come. It keeps silent about those
+// to a link that is down, so everything is read again from time to time, one part of the kernel's
+// answer in a turn of the event loop. Reading everything is also the answer to every loss.
 #pragma once
 
 #include "sources/Source.h"
 #include "sources/linux/LinkDecoder.h"
+#include "sources/linux/LinkPublication.h"
 #include "sources/linux/LinkSockets.h"
-#include "sources/linux/TunnelKind.h"
 #include <chrono>
-#include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Sources {
 
-/// Owns the records that it published, and no others: what somebody else does to them is undone by
-/// the next full read, and records of other ids are left alone.
 class LinuxSource final : public Source {
 public:
   /// How much the kernel may keep for us: about five hundred events.
@@ -26,9 +25,11 @@ public:
   /// From one full read to the next, and after one that did not see everything.
   static constexpr std::chrono::seconds fullReadPeriod{20};
   static constexpr std::chrono::seconds retryPeriod{1};
+  /// How long the kernel may take for each part of its answer, before the read is given up.
+  static constexpr std::chrono::seconds patience{2};
 
   /// Raises std::invalid_argument as Linux::TunnelKindSet::fromOptions does.
-  LinuxSource(std::string_view options, Loop & loop, StateDb::StateDocument & document,
+  LinuxSource(std::string_view options, Surroundings const & surroundings,
               int receiveBuffer = defaultReceiveBuffer);
 
   std::string name() const override;
@@ -37,50 +38,53 @@ public:
   SourceStatus status() const override;
 
 private:
-  using Links = std::map<std::uint32_t, Linux::TunnelLink>;
-  /// What one dump has shown.
-  struct Dump {
-    Links links;
-    bool whole = false;
-    std::size_t malformed = 0;
-  };
+  using Pace = Linux::LinkPublication::Pace;
 
-  void readEverything();
-  void readEverythingOrDegrade();
-  void recover(std::string_view reason);
+  void readOrDegrade();
+  void beginReading(Pace pace);
+  void beginDump();
   void subscribe();
   void forgetEvents();
-  Dump dump() const;
-  Dump dumpOnce() const;
-  void addMalformed(Dump & result, Linux::MalformedMessage const & malformed) const;
-  bool wants(Linux::LinkState const & state) const;
-  void reconcile(Dump dump);
+
+  void receiveDump();
+  void receiveDumpOrRaise();
+  void waitForDump() const;
+  void found(std::span<std::byte const> message);
+  void dumpIsOver(bool whole);
+  void readingIsOver(bool whole);
+  void readingFailed(std::string_view error);
+  void stopDump();
 
   void receiveEvents();
   void receiveEventsOrRaise();
   /// False if and only if the message shows that something may have been missed.
   [[nodiscard]] bool take(Linux::LinkMessage const & message);
-  void take(Linux::LinkState const & state);
-
-  void publish(Links const & before, Links const & after);
-  void apply(Links const & before, Links const & after);
+  void recover(std::string_view reason);
   void degrade(std::string_view error);
 
   std::string const options_;
-  Linux::TunnelKindSet const kinds_;
-  Loop & loop_;
-  StateDb::StateDocument & document_;
+  Os::Loop & loop_;
   int const receiveBuffer_;
+  Linux::LinkPublication publication_;
+
   std::optional<Linux::LinkEvents> events_; // before its watch, which must go first
-  Loop::Handle eventsReadable_;
-  Loop::Handle nextFullRead_;
-  Linux::DefaultHopLimits defaults_; // as at the last full read
-  Links published_;                  // what this source has published
+  Os::Loop::Handle eventsReadable_;
+
+  bool isReading_ = false; // until what was read is published
+  bool readAgain_ = false; // when that is done
+  Pace pace_ = Pace::inRuns;
+  int dumps_ = 0;             // of this reading
+  std::size_t malformed_ = 0; // messages of this dump
+  Linux::DefaultHopLimits defaults_;
+  std::optional<Linux::LinkDump> dump_; // while there is more to receive; before its watches
+  Os::Loop::Handle dumpReadable_;
+  Os::Loop::Handle dumpIsLate_;
+  Os::Loop::Handle nextFullRead_;
   SourceStatus status_;
 };
 
 /// `options` is what follows "linux:" on the command line, or empty.
-std::unique_ptr<Source> makeLinuxSource(std::string_view options, Loop & loop,
-                                        StateDb::StateDocument & document);
+std::unique_ptr<Source> makeLinuxSource(std::string_view options,
+                                        Surroundings const & surroundings);
 
 } // namespace Sources

@@ -46,13 +46,14 @@ protected:
   StateDb::StateDb database_;
   StateDb::StateDocument document_{database_};
   Zel::Ptr<Kiln::TaskScheduler> const scheduler_ = Zel::makePtr<Kiln::TaskScheduler>();
-  std::vector<std::string> rereadFailures_;
+  std::shared_ptr<Agent::RereadOutcome> const rereadOutcome_ =
+      std::make_shared<Agent::RereadOutcome>(std::vector<std::string>());
   int restarts_ = 0;
   Agent::Commands commands_{{document_, Zel::makePtr<EmptyMib>(), *scheduler_,
                              [] {
                                return nlohmann::ordered_json{{"ready", true}};
                              },
-                             [this] { return rereadFailures_; }, [this] { ++restarts_; }}};
+                             [this] { return rereadOutcome_; }, [this] { ++restarts_; }}};
 };
 
 TEST_F(Commands, ListsItselfAndEveryNameThatAnOperatorNeeds) {
@@ -129,8 +130,20 @@ TEST_F(Commands, TraceRefusesBadLevels) {
 
 TEST_F(Commands, RereadTellsItsFailures) {
   EXPECT_EQ(Json::object(), result("reread"));
-  rereadFailures_ = {"one went wrong", "two as well"};
+  *rereadOutcome_ = {"one went wrong", "two as well"};
   EXPECT_EQ("one went wrong; two as well", error("reread"));
+}
+
+TEST_F(Commands, RereadAnswersWhenAllIsRead) {
+  *rereadOutcome_ = std::nullopt;
+  auto const answer = commands_.answer(R"({"command": "reread"})");
+  std::string out;
+  for (int looks = 0; looks != 3; ++looks)
+    EXPECT_TRUE(answer(out));
+  EXPECT_EQ("", out);
+  *rereadOutcome_ = {"one went wrong"};
+  EXPECT_FALSE(answer(out));
+  EXPECT_EQ("one went wrong", Json::parse(out).at("error"));
 }
 
 TEST_F(Commands, StartTheMachinesAnew) {

@@ -331,4 +331,23 @@ TEST_F(ControlSocket, KeepsItsHandsOffASocketThatTookItsPlace) {
   EXPECT_TRUE(std::filesystem::exists(path_));
 }
 
+TEST_F(ControlSocket, LooksNowAndThenForAnAnswerThatIsNotKnownYet) {
+  int looks = 0;
+  bool known = false;
+  answer_ = [&](std::string_view) -> Agent::Answer {
+    return [&](std::string & out) {
+      ++looks;
+      out += known ? "at last" : "";
+      return !known;
+    };
+  };
+  start();
+  Peer peer(path_);
+  peer.put("what?\n");
+  auto const later = loop_.after(milliseconds(60), [&] { known = true; });
+  EXPECT_EQ("at last\n", receiveUntil(peer, 1));
+  EXPECT_GE(looks, 2);
+  EXPECT_LT(looks, 30) << "the loop must not turn for nothing";
+}
+
 } // namespace

@@ -2,6 +2,7 @@
 #include "platform/Lumo.h"
 #include <array>
 #include <csignal>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -46,6 +47,20 @@ TEST(EventLoop, CallsAReaderForAsLongAsThereIsSomethingToRead) {
   EXPECT_EQ(2, calls);
 }
 
+TEST(EventLoop, CallsAWriterWhileThereIsRoomAndNoLonger) {
+  Agent::EventLoop loop;
+  Pipe pipe;
+  int calls = 0;
+  auto const watch = loop.writable(pipe.ends[1], [&] {
+    ++calls;
+    std::string const more(4096, 'x'); // a page: a pipe takes it whole or not at all
+    EXPECT_EQ(4096, write(pipe.ends[1], more.data(), more.size()));
+  });
+  auto const later = loop.after(milliseconds(20), [&] { loop.stop(); });
+  loop.run(noWork);
+  EXPECT_EQ(fcntl(pipe.ends[1], F_GETPIPE_SZ) / 4096, calls) << "a full pipe must not be written";
+}
+
 TEST(EventLoop, CallsATimerOnce) {
   Agent::EventLoop loop;
   int calls = 0;
@@ -59,7 +74,7 @@ TEST(EventLoop, AWatchMayEndItselfInItsOwnCall) {
   Agent::EventLoop loop;
   std::string const text = "a text too long to be kept inside the function object itself";
   std::string seen;
-  Sources::Loop::Handle watch;
+  Os::Loop::Handle watch;
   watch = loop.after(milliseconds(0), [&loop, &watch, &seen, text] {
     watch.reset();
     seen = text;

@@ -3,8 +3,8 @@
 #include "agent/iterator/HostIterator.h"
 #include "platform/Kiln.h"
 #include "platform/Snmp.h"
+#include "statedb/Schema.h"
 #include "statedb/StateDb.h"
-#include "statedb/StateDocument.h"
 #include "tests/agent/IteratorComparison.h"
 #include "tests/support/TestScheduler.h"
 #include <array>
@@ -52,8 +52,7 @@ public:
     SnmpUtil::entityRootIs([this](std::string_view path) { return database_.lookup(path); });
     database_.create(mibPath, "TunnelIntfSnmp::TunnelMib");
     database_.create(rootPath, "TunnelIntfSnmp::Root");
-    StateDb::StateDocument document(database_);
-    document.apply(StateDb::StateDocument::diff(document.read(""), documentOf(count)));
+    StateDb::fill(database_, documentOf(count));
     std::array<Zel::Ptr<Zel::PtrInterface>, 4> const inputs{
         database_.lookup(mibPath), database_.tunnelIntfStatusDir(), database_.ifMib(),
         database_.ikeStatus()};

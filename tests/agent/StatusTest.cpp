@@ -215,4 +215,30 @@ TEST(TasksStatus, ShowsEachTaskAndTheSums) {
   }
 }
 
+/// A source that says what the test wants.
+class ScriptedSource final : public Sources::Source {
+public:
+  std::string name() const override { return "scripted"; }
+  void start() override {}
+  void reread() override {}
+  Sources::SourceStatus status() const override { return says; }
+  Sources::SourceStatus says;
+};
+
+TEST(SourceStatus, CountsRecordsByCollection) {
+  ScriptedSource source;
+  source.says.state = Sources::SourceStatus::State::degraded;
+  source.says.isReading = true;
+  source.says.lastError = "why";
+  source.says.records.tunnelInfos = 2;
+  source.says.records.connections = 1;
+  source.says.fullReads = 3;
+  source.says.changes = 4;
+  EXPECT_EQ(Json::parse(R"({"name": "scripted", "state": "degraded", "reading": true,
+                            "lastError": "why",
+                            "records": {"ipsecTunnelInfo": 2, "appliedIntfId": 1},
+                            "fullReads": 3, "changes": 4})"),
+            Agent::sourceStatus(source));
+}
+
 } // namespace

@@ -16,24 +16,28 @@ struct TestLoop::Timer final : Watch {
   std::function<void()> due;
 };
 
-struct TestLoop::Reader final : Watch {
-  Reader(TestLoop & owner, int fd, std::function<void()> call)
+struct TestLoop::Descriptor final : Watch {
+  Descriptor(TestLoop & owner, pollfd what, std::function<void()> call)
       : loop(owner),
-        descriptor(fd),
+        wanted(what),
         ready(std::move(call)) {
-    loop.readers_.push_back(this);
+    loop.descriptors_.push_back(this);
   }
-  ~Reader() override { loop.readers_.remove(this); }
+  ~Descriptor() override { loop.descriptors_.remove(this); }
   TestLoop & loop;
-  int descriptor;
+  pollfd wanted;
   std::function<void()> ready;
 };
 
-Sources::Loop::Handle TestLoop::readable(int descriptor, std::function<void()> ready) {
-  return std::make_unique<Reader>(*this, descriptor, std::move(ready));
+Os::Loop::Handle TestLoop::readable(int descriptor, std::function<void()> ready) {
+  return std::make_unique<Descriptor>(*this, pollfd{descriptor, POLLIN, 0}, std::move(ready));
 }
 
-Sources::Loop::Handle TestLoop::after(std::chrono::milliseconds time, std::function<void()> due) {
+Os::Loop::Handle TestLoop::writable(int descriptor, std::function<void()> ready) {
+  return std::make_unique<Descriptor>(*this, pollfd{descriptor, POLLOUT, 0}, std::move(ready));
+}
+
+Os::Loop::Handle TestLoop::after(std::chrono::milliseconds time, std::function<void()> due) {
   return std::make_unique<Timer>(*this, now_ + time, std::move(due));
 }
 
@@ -61,20 +65,16 @@ bool TestLoop::runReady(std::chrono::milliseconds patience) {
 }
 
 bool TestLoop::poll(std::chrono::milliseconds patience) {
+  auto const watches = std::vector(descriptors_.begin(), descriptors_.end());
   std::vector<pollfd> descriptors;
-  for (auto * reader : readers_)
-    descriptors.push_back({reader->descriptor, POLLIN, 0});
+  for (auto const * watch : watches)
+    descriptors.push_back(watch->wanted);
   if (::poll(descriptors.data(), descriptors.size(), static_cast<int>(patience.count())) <= 0)
     return false;
-  for (auto const & one : descriptors) {
-    if (one.revents == 0)
-      continue;
-    auto const reader = std::find_if(readers_.begin(), readers_.end(),
-                                     [&](auto * r) { return r->descriptor == one.fd; });
-    if (reader != readers_.end()) {
-      auto const ready = (*reader)->ready; // the call may end the watch
+  for (std::size_t i = 0; i != watches.size(); ++i)
+    if (descriptors[i].revents != 0 && std::ranges::count(descriptors_, watches[i]) != 0) {
+      auto const ready = watches[i]->ready; // the call may end the watch
       ready();
     }
-  }
   return true;
 }

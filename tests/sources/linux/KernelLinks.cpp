@@ -39,7 +39,7 @@ void KernelLinks::SetUp() {
 }
 
 void KernelLinks::start(std::string_view options, int receiveBuffer) {
-  source = std::make_unique<Sources::LinuxSource>(options, loop, document, receiveBuffer);
+  source = std::make_unique<Sources::LinuxSource>(options, surroundings(), receiveBuffer);
   source->start();
 }
 
@@ -47,10 +47,4 @@ Zel::Ptr<Interface::TunnelIntfStatus> KernelLinks::record(std::string const & id
   auto const * const found =
       database.tunnelIntfStatusDir()->intfStatus().find(Plexa::IntfId(std::stoull(id)));
   return found == nullptr ? Zel::Ptr<Interface::TunnelIntfStatus>() : *found;
-}
-
-nlohmann::json KernelLinks::at(std::string_view collection, std::string const & id) const {
-  auto const records = document.read("/" + std::string(collection));
-  auto const found = records.find(id);
-  return found == records.end() ? nlohmann::json() : *found;
 }

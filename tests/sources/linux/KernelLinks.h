@@ -5,9 +5,7 @@
 
 #include "platform/Lumo.h"
 #include "sources/linux/LinuxSource.h"
-#include "statedb/StateDb.h"
-#include "statedb/StateDocument.h"
-#include "tests/support/TestLoop.h"
+#include "tests/sources/SourceHost.h"
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -25,23 +23,30 @@ bool ipSucceeds(std::string const & arguments);
 std::string idOf(std::string const & link);
 
 /// Each test begins in a new, empty namespace; it is skipped where none may be made.
-class KernelLinks : public testing::Test {
+class KernelLinks : public testing::Test, protected SourceHost {
 protected:
   void SetUp() override;
 
   /// Makes the source and starts it.
   void start(std::string_view options = "kinds=+vxlan",
              int receiveBuffer = Sources::LinuxSource::defaultReceiveBuffer);
-  /// Lets the source hear everything that was announced.
-  void settle() { loop.runReady(); }
-  /// Lets the time of the next regular full read come.
-  void passFullReadPeriod() { loop.advance(Sources::LinuxSource::fullReadPeriod); }
+  /// Lets the time of the next regular full read come, and the read be made.
+  void passFullReadPeriod() {
+    loop.advance(Sources::LinuxSource::fullReadPeriod);
+    settle();
+  }
+  void reread() {
+    source->reread();
+    settle();
+  }
 
   /// What is published under that id: the status, null when there is none.
   nlohmann::json status(std::string const & id) const {
-    return at("tunnelIntfStatusDir/intfStatus", id);
+    return at("/tunnelIntfStatusDir/intfStatus/" + id);
   }
-  nlohmann::json ifIndex(std::string const & id) const { return at("ifMib/ifIndexByIntfId", id); }
+  nlohmann::json ifIndex(std::string const & id) const {
+    return at("/ifMib/ifIndexByIntfId/" + id);
+  }
   /// The very object that is published.
   Zel::Ptr<Interface::TunnelIntfStatus> record(std::string const & id) const;
   /// True if and only if neither a status nor an ifIndex is published under that id.
@@ -49,11 +54,5 @@ protected:
     return status(id).is_null() && ifIndex(id).is_null();
   }
 
-  TestLoop loop;
-  StateDb::StateDb database;
-  StateDb::StateDocument document{database};
   std::unique_ptr<Sources::Source> source;
-
-private:
-  nlohmann::json at(std::string_view collection, std::string const & id) const;
 };

@@ -3,6 +3,7 @@
 // Attribute numbers stand as they are on the wire, with their meaning beside them.
 #include "sources/linux/LinkDecoder.h"
 #include "tests/sources/linux/LinkBytes.h"
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <ostream>
 
@@ -12,7 +13,10 @@ void PrintTo(TunnelLink const & link, std::ostream * out) {
   *out << link.index << " " << link.name << " " << kindName(link.kind) << " "
        << link.local.stringValue() << " -> " << link.remote.stringValue() << " "
        << valueToStrep(link.mode) << " hop limit " << +link.hopLimit << " tos " << +link.tos
-       << (link.ipsec ? " ipsec" : "");
+       << (link.ipsec ? " ipsec" : "")
+       << fmt::format(" if_id {} keys {} {} lower {}", link.ifId.value_or(0),
+                      link.inputKey.value_or(0), link.outputKey.value_or(0),
+                      link.lower.value_or(0));
 }
 
 namespace {
@@ -72,16 +76,23 @@ Octets greData(std::uint8_t ttl, std::uint8_t tos) {
                  attribute(8, {ttl}), attribute(9, {tos}), attribute(10, {1})});
 }
 
+/// What greData() is decoded to.
+TunnelLink expectedGre(TunnelKind kind, TunnelIntfMode mode, std::uint8_t tos) {
+  auto link = expected(kind, mode, 4, 64, tos);
+  link.inputKey = 9;
+  return link;
+}
+
 TEST(LinkDecoder, ReadsGre) {
   EXPECT_EQ(tunnel("gre", greData(64, 0x88)),
-            expected(TunnelKind::gre, TunnelIntfMode::gre, 4, 64, 0x22));
+            expectedGre(TunnelKind::gre, TunnelIntfMode::gre, 0x22));
 }
 
 TEST(LinkDecoder, ReadsTheKindsThatAreBuiltLikeGre) {
   EXPECT_EQ(tunnel("gretap", greData(64, 0x88)),
-            expected(TunnelKind::gretap, TunnelIntfMode::gre, 4, 64, 0x22));
+            expectedGre(TunnelKind::gretap, TunnelIntfMode::gre, 0x22));
   EXPECT_EQ(tunnel("erspan", greData(64, 0x88)),
-            expected(TunnelKind::erspan, TunnelIntfMode::erspan, 4, 64, 0x22));
+            expectedGre(TunnelKind::erspan, TunnelIntfMode::erspan, 0x22));
 }
 
 TEST(LinkDecoder, GivesZeroForATtlThatIsCopiedFromThePayload) {
@@ -185,10 +196,11 @@ TEST(LinkDecoder, ReadsVtiAsIpsecWithTheHopLimitOfTheSystem) {
     return joined({attribute(2, {0, 0, 0, 9}), attribute(3, {0, 0, 0, 9}), attribute(4, local),
                    attribute(5, remote)});
   };
-  EXPECT_EQ(tunnel("vti", data(v4local, v4remote)),
-            expected(TunnelKind::vti, TunnelIntfMode::vti, 4, 61, 0, true));
-  EXPECT_EQ(tunnel("vti6", data(v6local, v6remote)),
-            expected(TunnelKind::vti6, TunnelIntfMode::vti, 6, 62, 0, true));
+  auto vti = expected(TunnelKind::vti, TunnelIntfMode::vti, 4, 61, 0, true);
+  auto vti6 = expected(TunnelKind::vti6, TunnelIntfMode::vti, 6, 62, 0, true);
+  vti.inputKey = vti.outputKey = vti6.inputKey = vti6.outputKey = 9;
+  EXPECT_EQ(tunnel("vti", data(v4local, v4remote)), vti);
+  EXPECT_EQ(tunnel("vti6", data(v6local, v6remote)), vti6);
   EXPECT_EQ(tunnel("vti6", data(v6zero, v6zero))->hopLimit, 62);
 }
 
@@ -197,7 +209,52 @@ TEST(LinkDecoder, ReadsXfrmAsIpsecWithoutEndpoints) {
       joined({attribute(1, native<std::uint32_t>(1)), attribute(2, native<std::uint32_t>(42))});
   auto link = expected(TunnelKind::xfrm, TunnelIntfMode::xfrm, 4, 61, 0, true);
   link.local = link.remote = IpGenAddr();
+  link.ifId = 42;
   EXPECT_EQ(tunnel("xfrm", data), link);
+}
+
+TEST(LinkDecoder, ReadsTheKeysOfGreWhereItsFlagsSayThatThereAreSome) {
+  auto const gre = [](Octets const & inputFlags, Octets const & outputFlags) {
+    return tunnel("gre",
+                  joined({attribute(2, inputFlags), attribute(3, outputFlags),
+                          attribute(4, {0x12, 0x34, 0x56, 0x78}), attribute(5, {0, 0, 0, 0})}));
+  };
+  auto const both = gre({0x30, 0}, {0x20, 0}); // with sequence numbers on input
+  EXPECT_EQ(both->inputKey, 0x12345678u);
+  EXPECT_EQ(both->outputKey, 0u) << "a key may be 0";
+  auto const neither = gre({0x10, 0}, {0, 0});
+  EXPECT_EQ(neither->inputKey, std::nullopt);
+  EXPECT_EQ(neither->outputKey, std::nullopt);
+  auto const v6 = tunnel("ip6gre", joined({attribute(2, {0x20, 0}), attribute(4, {0, 0, 1, 0})}));
+  EXPECT_EQ(v6->inputKey, 256u);
+  EXPECT_EQ(v6->outputKey, std::nullopt);
+}
+
+TEST(LinkDecoder, ReadsTheKeysOfVtiOfWhichZeroIsNone) {
+  auto const vti = tunnel("vti", joined({attribute(2, {0, 0, 2, 1}), attribute(3, {0, 0, 0, 0})}));
+  EXPECT_EQ(vti->inputKey, 513u);
+  EXPECT_EQ(vti->outputKey, std::nullopt);
+  EXPECT_EQ(vti->ifId, std::nullopt);
+  EXPECT_EQ(tunnel("ipip", joined({attribute(2, v4local)}))->inputKey, std::nullopt);
+}
+
+/// What the link of kind ipip is bound to, by the attributes around its link information.
+std::optional<std::uint32_t> lowerOf(Octets const & attributes) {
+  auto const decoded =
+      decode(message(newLink, unspecified, index, joined({attributes, link("t1", "ipip", {})})));
+  return std::get<LinkState>(decoded).tunnel->lower;
+}
+
+TEST(LinkDecoder, ReadsWhichLinkCarriesTheOuterPackets) {
+  EXPECT_EQ(lowerOf(attribute(5, native<std::uint32_t>(7))), 7u);
+  EXPECT_EQ(lowerOf(attribute(5, native<std::uint32_t>(0))), std::nullopt) << "bound to none";
+  EXPECT_EQ(lowerOf({}), std::nullopt);
+  EXPECT_EQ(lowerOf(joined(
+                {attribute(5, native<std::uint32_t>(7)), attribute(37, native<std::uint32_t>(0))})),
+            std::nullopt)
+      << "in another namespace";
+  EXPECT_EQ(tunnel("vxlan", attribute(3, native<std::uint32_t>(8)))->lower, 8u)
+      << "this kind says it among its own data";
 }
 
 /// The attributes of vxlan that do not depend on the version of IP: id, ttl, tos, external, ttl
@@ -263,7 +320,7 @@ TEST(LinkDecoder, ReadsNestedAttributesThatAreMarkedAsSuch) {
       decode(message(newLink, unspecified, index,
                      joined({attribute(3, text("t1")), attribute(18 | nestedFlag, info)})));
   EXPECT_EQ(std::get<LinkState>(decoded).tunnel,
-            expected(TunnelKind::gre, TunnelIntfMode::gre, 4, 64, 0));
+            expectedGre(TunnelKind::gre, TunnelIntfMode::gre, 0));
 }
 
 TEST(LinkDecoder, ReadsAKindWhoseNameIsNotTerminated) {
@@ -271,13 +328,13 @@ TEST(LinkDecoder, ReadsAKindWhoseNameIsNotTerminated) {
   auto const decoded = decode(message(newLink, unspecified, index,
                                       joined({attribute(3, {'t', '1'}), attribute(18, info)})));
   EXPECT_EQ(std::get<LinkState>(decoded).tunnel,
-            expected(TunnelKind::gre, TunnelIntfMode::gre, 4, 64, 0));
+            expectedGre(TunnelKind::gre, TunnelIntfMode::gre, 0));
 }
 
 TEST(LinkDecoder, SkipsAttributesOfTypesThatItDoesNotKnow) {
   auto const strange = joined({attribute(31, {1}), attribute(32, {2}), attribute(0x3fff, {3})});
   EXPECT_EQ(tunnel("gre", joined({strange, greData(64, 0), strange})),
-            expected(TunnelKind::gre, TunnelIntfMode::gre, 4, 64, 0));
+            expectedGre(TunnelKind::gre, TunnelIntfMode::gre, 0));
 }
 
 struct Fallback {
@@ -335,7 +392,7 @@ TEST(LinkDecoder, IgnoresWhatFollowsTheMessage) {
   auto octets = message(newLink, unspecified, index, link("t1", "gre", greData(64, 0)));
   octets.insert(octets.end(), {0xff, 0xff, 0xff, 0xff, 0xff});
   EXPECT_EQ(std::get<LinkState>(decode(octets)).tunnel,
-            expected(TunnelKind::gre, TunnelIntfMode::gre, 4, 64, 0));
+            expectedGre(TunnelKind::gre, TunnelIntfMode::gre, 0));
 }
 
 TEST(LinkDecoder, FindsAMessageMalformedThatIsCutOffAnywhere) {
@@ -380,6 +437,9 @@ TEST(LinkDecoder, FindsValuesMalformedThatAreTooShort) {
   EXPECT_TRUE(malformed("ip6gre", attribute(12, {0x02, 0x81}))) << "flow information";
   EXPECT_TRUE(malformed("ip6gre", attribute(13, {0}))) << "flags";
   EXPECT_TRUE(malformed("sit", attribute(8, {1}))) << "flags";
+  EXPECT_TRUE(malformed("gre", attribute(2, {0x20}))) << "input flags";
+  EXPECT_TRUE(malformed("gre", joined({attribute(3, {0x20, 0}), attribute(5, {1})}))) << "a key";
+  EXPECT_TRUE(malformed("xfrm", attribute(2, {42, 0}))) << "if_id";
   EXPECT_FALSE(malformed("gre", {}));
 }
 

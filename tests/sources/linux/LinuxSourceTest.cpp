@@ -1,6 +1,7 @@
 // The source against the running kernel, with vxlan links because every kernel has those.
 #include "sources/linux/LinuxSource.h"
 #include "tests/sources/linux/KernelLinks.h"
+#include "tests/support/TraceRecorder.h"
 #include <csignal>
 #include <fmt/format.h>
 #include <fstream>
@@ -20,6 +21,16 @@ using testing::HasSubstr;
 json vxlan(char const * local, char const * remote, int hopLimit = 7, int tos = 0x22) {
   return {{"srcAddr", local},     {"dstAddr", remote}, {"mode", "vxlan"},
           {"hopLimit", hopLimit}, {"tos", tos},        {"ipsec", false}};
+}
+
+/// So many that a full read has several parts.
+std::string manyVxlans(int links) {
+  std::string lines;
+  for (int i = 0; i != links; ++i)
+    lines += fmt::format("link add vx{0} type vxlan id {0} local 10.0.0.1 remote 10.0.0.2 dstport "
+                         "4789 ttl 7 tos 0x88\n",
+                         i);
+  return lines;
 }
 
 class LinuxSource : public KernelLinks {
@@ -43,7 +54,7 @@ TEST_F(LinuxSource, PublishesWhatIsThereAtItsStart) {
   auto const id = idOf("vx1");
   EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
   EXPECT_EQ(ifIndex(id), std::stoul(id));
-  EXPECT_EQ(source->status().records, 1u);
+  EXPECT_EQ(source->status().records.statuses, 1u);
   EXPECT_EQ(source->status().fullReads, 1u);
 }
 
@@ -57,7 +68,7 @@ TEST_F(LinuxSource, PublishesAndRemovesALinkAsItComesAndGoes) {
   ip("link del vx1");
   settle();
   EXPECT_TRUE(isGone(id));
-  EXPECT_EQ(source->status().records, 0u);
+  EXPECT_EQ(source->status().records.statuses, 0u);
   EXPECT_EQ(source->status().fullReads, 1u) << "events were enough";
 }
 
@@ -107,7 +118,7 @@ TEST_F(LinuxSource, SeesASilentChangeWhenToldToReadAgain) {
   addVxlan("vx1");
   start();
   ip("link set vx1 type vxlan id 100 remote 10.0.0.3");
-  source->reread();
+  reread();
   EXPECT_EQ(status(idOf("vx1")), vxlan("10.0.0.1", "10.0.0.3"));
 }
 
@@ -115,14 +126,14 @@ TEST_F(LinuxSource, PublishesNothingWhenNothingHasChanged) {
   addVxlan("vx1");
   start();
   auto const id = idOf("vx1");
-  auto const patches = source->status().patches;
+  auto const changes = source->status().changes;
   ip("link set vx1 up");
   ip("link set vx1 down");
   ip("link set vx1 mtu 1400");
   ip("link set vx1 name vx2");
   settle();
   passFullReadPeriod();
-  EXPECT_EQ(source->status().patches, patches);
+  EXPECT_EQ(source->status().changes, changes);
   EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
   EXPECT_EQ(idOf("vx2"), id);
 }
@@ -138,7 +149,7 @@ TEST_F(LinuxSource, KeepsALinkThatEntersAndLeavesABridge) {
   ip("link set vx1 nomaster");
   settle();
   EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
-  EXPECT_EQ(source->status().patches, 1u);
+  EXPECT_EQ(source->status().changes, 2u);
 }
 
 TEST_F(LinuxSource, LeavesOutKindsThatWereNotAskedFor) {
@@ -148,7 +159,7 @@ TEST_F(LinuxSource, LeavesOutKindsThatWereNotAskedFor) {
   settle();
   EXPECT_TRUE(isGone(idOf("vx1")));
   EXPECT_TRUE(isGone(idOf("vx2")));
-  EXPECT_EQ(source->status().records, 0u);
+  EXPECT_EQ(source->status().records.statuses, 0u);
 }
 
 /// A process with a network namespace of its own, which ends with it.
@@ -247,14 +258,8 @@ TEST_F(LinuxSource, HearsOfChangesAfterALoss) {
 }
 
 TEST_F(LinuxSource, ReadsAgainWhenLinksComeAndGoDuringTheRead) {
-  constexpr int links = 150; // enough for a read to have many parts
   constexpr int mostAttempts = 300;
-  std::string lines;
-  for (int i = 0; i != links; ++i)
-    lines += fmt::format("link add vx{0} type vxlan id {0} local 10.0.0.1 remote 10.0.0.2 dstport "
-                         "4789 ttl 7 tos 0x88\n",
-                         i);
-  ipBatch(lines);
+  ipBatch(manyVxlans(150));
   start();
   auto const interrupted = Lumo::counter("linux-dumps-interrupted");
   auto * const batch = popen("ip -batch -", "w");
@@ -263,14 +268,102 @@ TEST_F(LinuxSource, ReadsAgainWhenLinksComeAndGoDuringTheRead) {
        ++i) {
     std::fputs("link add br1 type bridge\nlink del br1\n", batch);
     std::fflush(batch);
-    source->reread();
+    reread();
   }
   EXPECT_GT(Lumo::counter("linux-dumps-interrupted"), interrupted);
   EXPECT_EQ(pclose(batch), 0);
   settle();
   loop.advance(Sources::LinuxSource::retryPeriod);
-  EXPECT_EQ(source->status().records, 150u);
+  settle();
+  EXPECT_EQ(source->status().records.statuses, 150u);
   EXPECT_EQ(status(idOf("vx149")), vxlan("10.0.0.1", "10.0.0.2"));
+}
+
+TEST_F(LinuxSource, ReadsEverythingInSeveralTurnsOfTheLoop) {
+  ipBatch(manyVxlans(150));
+  start();
+  ip("link set vx149 type vxlan id 149 remote 10.0.0.3");
+  source->reread();
+  int turns = 0;
+  for (; loop.runOnce(); ++turns)
+    EXPECT_EQ(status(idOf("vx149")), vxlan("10.0.0.1", "10.0.0.2")) << "before all is read";
+  EXPECT_GT(turns, 2);
+  EXPECT_TRUE(source->status().isReading) << "it is not published yet";
+  settle();
+  EXPECT_FALSE(source->status().isReading);
+  EXPECT_EQ(status(idOf("vx149")), vxlan("10.0.0.1", "10.0.0.3"));
+}
+
+TEST_F(LinuxSource, HearsOfChangesWhileItReadsEverything) {
+  ipBatch(manyVxlans(150));
+  ip("link set vx0 up");
+  start();
+  auto const changed = idOf("vx0");
+  auto const deleted = idOf("vx1");
+  source->reread();
+  loop.runOnce(); // of the kernel's answer the first part
+  ASSERT_TRUE(source->status().isReading);
+  ip("link set vx0 type vxlan id 0 remote 10.0.0.3");
+  ip("link del vx1");
+  addVxlan("late", 500);
+  loop.runReady();
+  EXPECT_EQ(status(changed), vxlan("10.0.0.1", "10.0.0.3"));
+  EXPECT_TRUE(isGone(deleted));
+  EXPECT_EQ(status(idOf("late")), vxlan("10.0.0.1", "10.0.0.2"));
+  settle();
+  EXPECT_EQ(status(changed), vxlan("10.0.0.1", "10.0.0.3"));
+  EXPECT_TRUE(isGone(deleted));
+  EXPECT_EQ(status(idOf("late")), vxlan("10.0.0.1", "10.0.0.2"));
+}
+
+TEST_F(LinuxSource, GivesUpAReadWhenTheKernelDoesNotAnswer) {
+  addVxlan("vx1");
+  start();
+  auto const id = idOf("vx1");
+  ip("link set vx1 type vxlan id 100 remote 10.0.0.3");
+  source->reread();
+  loop.advance(Sources::LinuxSource::patience); // and nobody looks for the answer
+  EXPECT_FALSE(source->status().isReading);
+  EXPECT_EQ(source->status().state, SourceStatus::State::degraded);
+  EXPECT_EQ(source->status().lastError,
+            "source linux: cannot read the links: the kernel does not answer");
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.2"));
+  passFullReadPeriod();
+  EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.3"));
+}
+
+TEST_F(LinuxSource, TellsOthersWhatItKnowsOfALink) {
+  addVxlan("vx1");
+  start();
+  addVxlan("vx2", 200);
+  settle();
+  auto const * const first = links.findByName("vx1");
+  auto const * const second = links.findByName("vx2");
+  ASSERT_NE(first, nullptr);
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(first->intfId.stringValue(), idOf("vx1"));
+  EXPECT_EQ(second->kind, "vxlan");
+  ip("link set vx1 name vx3");
+  ip("link del vx2");
+  settle();
+  EXPECT_EQ(links.size(), 1u);
+  EXPECT_EQ(links.find(links.findByName("vx3")->intfId)->name, "vx3");
+}
+
+TEST_F(LinuxSource, TracesWhatItPublishes) {
+  TraceRecorder traces({{"LinuxSource", "all"}});
+  addVxlan("vx1");
+  start();
+  auto const id = idOf("vx1");
+  EXPECT_THAT(traces.texts(8), ElementsAre("reading all links"));
+  EXPECT_THAT(traces.texts(7), ElementsAre("published 2 changes"));
+  ip("link set vx1 up");
+  settle();
+  EXPECT_THAT(traces.texts(9), testing::Contains(fmt::format("link {}: nothing new", id)));
+  ip("link del vx1");
+  settle();
+  EXPECT_THAT(traces.texts(7),
+              ElementsAre("published 2 changes", fmt::format("link {}: published", id)));
 }
 
 TEST_F(LinuxSource, RestoresWhatOthersDidToItsRecordsAtTheNextFullRead) {
@@ -378,7 +471,7 @@ private:
 TEST_F(LinuxSource, CannotStartWithoutASocket) {
   if (sanitizerNeedsDescriptors)
     GTEST_SKIP() << "the sanitizer needs descriptors itself; the plain build runs this";
-  Sources::LinuxSource unstarted("", loop, document);
+  Sources::LinuxSource unstarted("", surroundings());
   try {
     NoDescriptors const none;
     unstarted.start();
@@ -408,9 +501,9 @@ TEST_F(LinuxSource, KeepsWhatItHasWhileItCannotReadAndCatchesUpLater) {
 }
 
 TEST_F(LinuxSource, IsNamedAsOnTheCommandLine) {
-  EXPECT_EQ(Sources::LinuxSource("", loop, document).name(), "linux");
-  EXPECT_EQ(Sources::LinuxSource("kinds=+vxlan", loop, document).name(), "linux:kinds=+vxlan");
-  EXPECT_EQ(Sources::LinuxSource("", loop, document).status().state, SourceStatus::State::stopped);
+  EXPECT_EQ(Sources::LinuxSource("", surroundings()).name(), "linux");
+  EXPECT_EQ(Sources::LinuxSource("kinds=+vxlan", surroundings()).name(), "linux:kinds=+vxlan");
+  EXPECT_EQ(Sources::LinuxSource("", surroundings()).status().state, SourceStatus::State::stopped);
 }
 
 } // namespace

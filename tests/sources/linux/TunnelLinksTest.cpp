@@ -161,7 +161,7 @@ protected:
 TEST_P(TunnelLinks, ArePublishedFromTheirCreationToTheirDeletion) {
   start(allKinds);
   auto const before = source->status().records;
-  EXPECT_EQ(before, 0u) << "fallback devices are no tunnels";
+  EXPECT_EQ(before.statuses, 0u) << "fallback devices are no tunnels";
   ip(create("t1"));
   auto const id = idOf("t1");
   settle();
@@ -172,7 +172,7 @@ TEST_P(TunnelLinks, ArePublishedFromTheirCreationToTheirDeletion) {
   ip("link set t1 name t2");
   settle();
   EXPECT_EQ(status(id), GetParam().status);
-  EXPECT_EQ(source->status().patches, 1u);
+  EXPECT_EQ(source->status().changes, 2u);
   ip("link del t2");
   settle();
   EXPECT_TRUE(isGone(id));
@@ -182,7 +182,7 @@ TEST_P(TunnelLinks, AreFoundAtTheStart) {
   ip(create("t1"));
   start(allKinds);
   EXPECT_EQ(status(idOf("t1")), GetParam().status);
-  EXPECT_EQ(source->status().records, 1u);
+  EXPECT_EQ(source->status().records.statuses, 1u);
 }
 
 class ChangingTunnelLinks : public TunnelLinks {};

@@ -1,12 +1,12 @@
-// What a source needs of the process's event loop. The agent gives it the real one; a test gives
-// one whose time and descriptors it drives itself.
+// What a part of the program needs of the process's event loop. The daemon gives the real one; a
+// test gives one whose time and descriptors it drives itself.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <memory>
 
-namespace Sources {
+namespace Os {
 
 /// Calls back, on the one thread, never from inside a call of its own methods.
 class Loop {
@@ -21,8 +21,11 @@ public:
   virtual ~Loop() = default;
   /// Calls `ready` whenever the descriptor can be read without blocking, or has an error.
   [[nodiscard]] virtual Handle readable(int descriptor, std::function<void()> ready) = 0;
+  /// Calls `ready` whenever the descriptor can be written without blocking, or has an error: for as
+  /// long as the watch lives, so one that has nothing to write ends it.
+  [[nodiscard]] virtual Handle writable(int descriptor, std::function<void()> ready) = 0;
   /// Calls `due` once, when the time is over.
   [[nodiscard]] virtual Handle after(std::chrono::milliseconds time, std::function<void()> due) = 0;
 };
 
-} // namespace Sources
+} // namespace Os

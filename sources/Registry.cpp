@@ -1,21 +1,21 @@
-// Which sources there are.
-#include "sources/Source.h"
+// The kinds of source by the name before the colon.
+#include "sources/Registry.h"
 #include "sources/json/JsonSource.h"
 #include "sources/linux/LinuxSource.h"
 #include <fmt/format.h>
 #include <stdexcept>
+#include <string>
 
 namespace Sources {
 
-std::unique_ptr<Source> makeSource(std::string_view text, Loop & loop,
-                                   StateDb::StateDocument & document) {
+std::unique_ptr<Source> makeSource(std::string_view text, Surroundings const & surroundings) {
   auto const colon = text.find(':');
   auto const kind = text.substr(0, colon);
   auto const rest = colon == std::string_view::npos ? "" : text.substr(colon + 1);
   if (kind == "json" && !rest.empty() && rest.back() != '/')
-    return makeJsonSource(std::string(rest), loop, document);
+    return makeJsonSource(std::string(rest), surroundings);
   if (kind == "linux")
-    return makeLinuxSource(rest, loop, document);
+    return makeLinuxSource(rest, surroundings);
   throw std::invalid_argument(fmt::format(
       "\"{}\" is no source; use json:FILE, linux, or linux:kinds=..., like json:/etc/tunnels.json",
       text));

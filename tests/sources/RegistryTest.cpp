@@ -1,18 +1,16 @@
-#include "sources/Source.h"
-#include "tests/support/TestLoop.h"
+// Sources by the text that names them.
+#include "sources/Registry.h"
+#include "tests/sources/SourceHost.h"
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace {
 
-class MakeSource : public testing::Test {
+class MakeSource : public testing::Test, protected SourceHost {
 protected:
   std::unique_ptr<Sources::Source> make(std::string_view text) {
-    return Sources::makeSource(text, loop, document);
+    return Sources::makeSource(text, surroundings());
   }
-  TestLoop loop;
-  StateDb::StateDb database;
-  StateDb::StateDocument document{database};
 };
 
 TEST_F(MakeSource, NamesSourcesAsTheyWereAskedFor) {

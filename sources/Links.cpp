@@ -1,0 +1,116 @@
+// A tree by id, and one by name that follows it.
+#include "sources/Links.h"
+#include "platform/Lumo.h"
+#include <utility>
+#include <vector>
+
+namespace Sources {
+
+class Links::Watch {
+public:
+  explicit Watch(Changed changed) : changed_(std::move(changed)) {}
+  void operator()(Plexa::IntfId intfId) const { changed_(intfId); }
+
+private:
+  Changed const changed_;
+};
+
+Link const * Links::find(Plexa::IntfId intfId) const {
+  auto const found = links_.find(intfId);
+  return found == links_.end() ? nullptr : &found->second.link;
+}
+
+Link const * Links::findByName(std::string_view name) const {
+  auto const found = byName_.lower_bound({std::string(name), Plexa::IntfId()});
+  return found == byName_.end() || found->first != name ? nullptr : find(found->second);
+}
+
+Links::Handle Links::watch(Changed changed) {
+  auto handle = std::make_shared<Watch const>(std::move(changed));
+  watches_.push_back(handle);
+  return handle;
+}
+
+void Links::linkIs(Link const & link) {
+  heardOf(link.intfId);
+  store(link);
+}
+
+void Links::linkDel(Plexa::IntfId intfId) {
+  heardOf(intfId);
+  if (auto const found = links_.find(intfId); found != links_.end())
+    remove(found);
+}
+
+void Links::heardOf(Plexa::IntfId intfId) {
+  if (isReading_)
+    heardOf_.insert(intfId);
+}
+
+void Links::store(Link const & link) {
+  auto const [entry, isNew] = links_.try_emplace(link.intfId, Entry{{}, reading_ - 1});
+  if (std::exchange(entry->second.reading, reading_) != reading_)
+    ++seen_;
+  auto & known = entry->second.link;
+  if (!isNew && known == link)
+    return;
+  if (isNew || known.name != link.name) {
+    byName_.erase({known.name, link.intfId});
+    byName_.insert({link.name, link.intfId});
+  }
+  known = link;
+  tell(link.intfId);
+}
+
+void Links::remove(Map::iterator entry) {
+  auto const intfId = entry->first;
+  byName_.erase({entry->second.link.name, intfId});
+  if (entry->second.reading == reading_)
+    --seen_;
+  links_.erase(entry);
+  tell(intfId);
+}
+
+// The list may grow and shrink inside a call: a new watch hears the next change.
+void Links::tell(Plexa::IntfId intfId) {
+  auto const told = std::vector(watches_.begin(), watches_.end());
+  for (auto const & one : told)
+    if (auto const watch = one.lock())
+      (*watch)(intfId);
+  watches_.remove_if([](auto const & one) { return one.expired(); });
+}
+
+Links::Reading::Reading(Links & links) : links_(links), number_(++links.reading_) {
+  links_.seen_ = 0;
+  links_.heardOf_.clear();
+  links_.isReading_ = true;
+}
+
+void Links::Reading::linkIs(Link const & link) {
+  LUMO_ASSERT(number_ == links_.reading_, "a reading of links is used after the next has begun");
+  if (!links_.heardOf_.contains(link.intfId))
+    links_.store(link);
+}
+
+void Links::Reading::linkStays(Plexa::IntfId intfId) {
+  if (auto const found = links_.links_.find(intfId); found != links_.links_.end())
+    if (std::exchange(found->second.reading, number_) != number_)
+      ++links_.seen_;
+}
+
+// As a rule every link was seen, and the count says so without a walk.
+void Links::Reading::end() {
+  LUMO_ASSERT(number_ == links_.reading_, "a reading of links is used after the next has begun");
+  auto & links = links_.links_;
+  auto next = links.begin();
+  while (links_.seen_ != links.size()) {
+    auto const intfId = next->first;
+    if (next->second.reading != number_)
+      links_.remove(next);
+    next = links.upper_bound(intfId);
+  }
+  links_.heardOf_.clear();
+  links_.isReading_ = false;
+}
+
+} // namespace Sources

@@ -1,0 +1,152 @@
+// What is known of links, from all sides.
+#include "sources/Links.h"
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace {
+
+using Plexa::IntfId;
+using Sources::Link;
+using Sources::Links;
+using testing::ElementsAre;
+
+Link link(std::uint64_t id, std::string name, std::optional<std::uint32_t> ifId = {}) {
+  return {.intfId = IntfId(id),
+          .name = std::move(name),
+          .kind = "xfrm",
+          .ifId = ifId,
+          .inputKey = {},
+          .outputKey = {},
+          .lower = {}};
+}
+
+class LinksTest : public testing::Test {
+protected:
+  std::vector<std::uint64_t> ids() const {
+    std::vector<std::uint64_t> ids;
+    links.forEach([&](Link const & one) { ids.push_back(one.intfId.value()); });
+    return ids;
+  }
+  /// What was told since the last call.
+  std::vector<std::uint64_t> told() { return std::exchange(told_, {}); }
+
+  Links links;
+  Links::Handle watch = links.watch([this](IntfId intfId) { told_.push_back(intfId.value()); });
+
+private:
+  std::vector<std::uint64_t> told_;
+};
+
+TEST_F(LinksTest, AreFoundByIdAndByName) {
+  links.linkIs(link(7, "ipsec7", 42));
+  links.linkIs(link(3, "ipsec3"));
+  EXPECT_EQ(*links.find(IntfId(7)), link(7, "ipsec7", 42));
+  EXPECT_EQ(links.findByName("ipsec3")->intfId, IntfId(3));
+  EXPECT_EQ(links.find(IntfId(4)), nullptr);
+  EXPECT_EQ(links.findByName("ipsec"), nullptr);
+  EXPECT_THAT(ids(), ElementsAre(3, 7));
+  EXPECT_EQ(links.size(), 2u);
+}
+
+TEST_F(LinksTest, FollowARenaming) {
+  links.linkIs(link(7, "old"));
+  links.linkIs(link(7, "new"));
+  EXPECT_EQ(links.findByName("old"), nullptr);
+  EXPECT_EQ(links.findByName("new")->intfId, IntfId(7));
+  links.linkDel(IntfId(7));
+  EXPECT_EQ(links.findByName("new"), nullptr);
+}
+
+TEST_F(LinksTest, MayHaveOneNameForAMoment) {
+  links.linkIs(link(7, "a"));
+  links.linkIs(link(3, "a"));
+  EXPECT_EQ(links.findByName("a")->intfId, IntfId(3));
+  links.linkIs(link(3, "b"));
+  EXPECT_EQ(links.findByName("a")->intfId, IntfId(7));
+}
+
+TEST_F(LinksTest, TellWhenOneComesChangesAndGoesAndNothingElse) {
+  links.linkIs(link(7, "a"));
+  links.linkIs(link(7, "a", 42));
+  links.linkIs(link(7, "a", 42));
+  links.linkDel(IntfId(7));
+  links.linkDel(IntfId(7));
+  EXPECT_THAT(told(), ElementsAre(7, 7, 7));
+}
+
+TEST_F(LinksTest, TellWhenTheChangeIsDone) {
+  std::vector<bool> there;
+  auto const other =
+      links.watch([&](IntfId intfId) { there.push_back(links.find(intfId) != nullptr); });
+  links.linkIs(link(7, "a"));
+  links.linkDel(IntfId(7));
+  EXPECT_THAT(there, ElementsAre(true, false));
+}
+
+TEST_F(LinksTest, LetAWatchEndInItsOwnCallAndBeginAnother) {
+  int calls = 0;
+  Links::Handle second;
+  Links::Handle first = links.watch([&](IntfId) {
+    ++calls;
+    first.reset();
+    second = links.watch([&](IntfId) { calls += 10; });
+  });
+  links.linkIs(link(1, "a"));
+  EXPECT_EQ(calls, 1);
+  links.linkIs(link(2, "b"));
+  EXPECT_EQ(calls, 11);
+}
+
+TEST_F(LinksTest, LoseWhatAReadingDoesNotFind) {
+  for (std::uint64_t id : {1, 2, 3, 4})
+    links.linkIs(link(id, "l" + std::to_string(id)));
+  told();
+  Links::Reading reading(links);
+  reading.linkIs(link(2, "l2"));
+  reading.linkIs(link(3, "renamed"));
+  reading.linkIs(link(5, "l5"));
+  reading.linkStays(IntfId(4));
+  reading.linkStays(IntfId(9)); // there was none
+  EXPECT_THAT(ids(), ElementsAre(1, 2, 3, 4, 5));
+  reading.end();
+  EXPECT_THAT(ids(), ElementsAre(2, 3, 4, 5));
+  EXPECT_EQ(links.findByName("renamed")->intfId, IntfId(3));
+  EXPECT_THAT(told(), ElementsAre(3, 5, 1));
+}
+
+TEST_F(LinksTest, LoseAllWhenAReadingFindsNone) {
+  links.linkIs(link(1, "a"));
+  links.linkIs(link(2, "b"));
+  Links::Reading(links).end();
+  EXPECT_EQ(links.size(), 0u);
+  EXPECT_EQ(links.findByName("a"), nullptr);
+}
+
+TEST_F(LinksTest, BelieveWhatWasHeardDuringAReading) {
+  for (std::uint64_t id : {1, 2, 3})
+    links.linkIs(link(id, "old"));
+  Links::Reading reading(links);
+  links.linkIs(link(1, "new"));
+  links.linkDel(IntfId(2));
+  links.linkIs(link(4, "new")); // the reading has passed its place
+  reading.linkIs(link(1, "old"));
+  reading.linkIs(link(2, "old"));
+  reading.linkIs(link(3, "old"));
+  reading.linkIs(link(3, "old")); // twice: links moved while they were read
+  reading.end();
+  EXPECT_THAT(ids(), ElementsAre(1, 3, 4));
+  EXPECT_EQ(links.find(IntfId(1))->name, "new");
+}
+
+TEST_F(LinksTest, ForgetAReadingThatIsNotEnded) {
+  links.linkIs(link(1, "a"));
+  { Links::Reading const unfinished(links); }
+  EXPECT_THAT(ids(), ElementsAre(1));
+  Links::Reading reading(links);
+  reading.linkIs(link(1, "a"));
+  reading.end();
+  EXPECT_THAT(ids(), ElementsAre(1));
+}
+
+} // namespace
