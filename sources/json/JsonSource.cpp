@@ -22,7 +22,8 @@ constexpr int fault = 0;
 constexpr int output = 7;
 constexpr int entry = 8;
 
-/// Less urgent than the machines, which have 3: what is known already is served before more is read.
+/// Less urgent than the machines, which have 3: what is known already is served before more is
+/// read.
 constexpr Kiln::TaskPriority readingPriority = 4;
 
 Lumo::Counter rejectedReadings("json-readings-rejected");
