@@ -114,7 +114,8 @@ class Measure:
         return {mode: self._latency(mode, self.sizes[-1]) for mode in self.ours}
 
     def _latency(self, mode, rows):
-        figures = {"idle": [], "start": [], "scan and reconciliation": [], "restart-machines": []}
+        figures = {"idle": [], "start": [], "scan and reconciliation": [], "restart-machines": [],
+                   "reread": []}
         *others, last = sorted(os.sched_getaffinity(0))
         # A manager on the busy daemon's core would wait for the kernel to give it a turn.
         with on(others or {last}):
@@ -135,6 +136,8 @@ class Measure:
         with self.polling(agent, rows, figures["restart-machines"]):
             agent.control.ask("restart-machines")  # in one step: the old machines end
             agent.control.wait_ready()
+        with self.polling(agent, rows, figures["reread"]):
+            agent.control.ask("reread")
         agent.control.ask("restart-machines")
         with self.polling(agent, rows, figures["scan and reconciliation"]):
             agent.control.wait_ready()
@@ -183,6 +186,26 @@ class Measure:
     def _bench_machines(self, *arguments):
         return subprocess.run([self.workshop.program("benchMachines"), *arguments], check=True,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True).stdout
+
+    # The sources without SNMP
+
+    def sources(self):
+        """{"change": {links: [ns]}, "reread": {links: [figures]}, "json": {tunnels: [figures]}}, of each round"""
+        figures = {part: {rows: [] for rows in self.sizes} for part in ("change", "reread", "json")}
+        for rows in self.sizes:
+            file = self.workshop.document(rows)
+            for number in range(self.rounds):
+                progress(f"sources, {rows} tunnels, round {number}")
+                change = self._bench_sources("change", rows)
+                figures["change"][rows].append(change["bySourceNs"] - change["byHandNs"])
+                figures["reread"][rows].append(self._bench_sources("reread", rows))
+                figures["json"][rows].append(self._bench_sources("json", file))
+        return figures
+
+    def _bench_sources(self, *arguments):
+        done = subprocess.run([self.workshop.program("benchSources"), *map(str, arguments)],
+                              check=True, stdout=subprocess.PIPE, text=True)
+        return json.loads(done.stdout)
 
     def memory(self):
         progress("memory")

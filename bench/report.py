@@ -114,6 +114,32 @@ def changes(figures):
     return table(["µs per change", *(f"{rows:,} tunnels" for rows in sizes)], lines)
 
 
+def sources(figures):
+    def column(runs, *path):
+        values = []
+        for run in runs:
+            for key in path:
+                run = run[key]
+            values.append(run)
+        return values
+
+    sizes = [f"{rows:,}" for rows in figures["change"]]
+    of = {name: list(by_rows.values()) for name, by_rows in figures.items()}
+    lines = [["a link's change beyond the machines' own, µs"]
+             + [reach([value / 1000 for value in values]) for values in of["change"]]]
+    for title, part, path, scale in (
+            ("all links again, nothing new: CPU, ms", "reread", ("cpuMs",), 1),
+            ("the longest step, ms", "reread", ("longestStepMs",), 1),
+            ("a JSON file at the start: CPU, ms", "json", ("startCpuMs",), 1),
+            ("memory at most, MB", "json", ("startMostBytes",), 1e6),
+            ("the file again, nothing new: CPU, ms", "json", ("reread", "cpuMs"), 1),
+            ("99 of 100 steps within, ms", "json", ("reread", "p99StepMs"), 1),
+            ("the longest step, ms", "json", ("reread", "longestStepMs"), 1)):
+        lines.append([title] + [reach([value / scale for value in column(runs, *path)])
+                                for runs in of[part]])
+    return table(["", *(f"{size} tunnels" for size in sizes)], lines)
+
+
 def memory(figures):
     parts = figures["bytesPerTunnel"]
     lines = [[name, f"{size:.0f}"] for name, size in parts.items()]
@@ -156,6 +182,7 @@ SECTIONS = {
     "latency": ("How long a manager waits", latency),
     "start": ("From nothing to complete tables", start),
     "changes": ("One change", changes),
+    "sources": ("What the sources cost", sources),
     "memory": ("Memory", memory),
 }
 
@@ -184,7 +211,7 @@ NOTES = {
     "latency": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
-               "until the daemon is ready again. The daemon has the largest number of tunnels that is measured.",
+               "until the daemon is ready again; while the daemon reads its JSON file again. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
              "with the real scheduler; of {turns} rounds. Each is the one start of a process of its own, "
              "as the maps are filled in one of their own, in the order of the machines' scans "
@@ -192,6 +219,9 @@ NOTES = {
              "of the inputs and the end do not.",
     "changes": "CPU time of one change of an input record to the row that shows it, for random "
                "tunnels; of {turns} rounds.",
+    "sources": "Of {turns} runs, the lowest and the highest in brackets, each a process of its own. Links come as the messages "
+               "that the kernel would send, made in memory; the kernel's own time is not in the figures. "
+               "The memory is what the start adds to the process's resident set, the records included.",
     "memory": "One run. Every allocation counted, with all the room that the daemon's `malloc` "
               "gives it.",
 }

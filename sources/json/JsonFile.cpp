@@ -48,7 +48,7 @@ private:
   std::string const & path_;
   BetweenPieces const & betweenPieces_;
   std::unique_ptr<std::FILE, int (*)(std::FILE *)> const file_;
-  std::array<char, 16 * 1024> piece_;
+  std::array<char, 8 * 1024> piece_; // some 0.2 ms of work between two looks at the time
   std::size_t at_ = 0;
   std::size_t size_ = 0;
   std::size_t count_ = 0;      // characters read

@@ -372,7 +372,7 @@ TEST_F(LargeJsonFile, IsReadInRunsAndPublishedWhenAllOfItIsUnderstood) {
   auto const text = large(manyTunnels, 2);
   folder.write("branch.json", text);
   loop.runReady(std::chrono::milliseconds(500));
-  constexpr std::size_t piece = 16 * 1024;
+  constexpr std::size_t piece = 8 * 1024;
   for (std::size_t runs = 0; runs != text.size() / piece; ++runs) {
     ASSERT_TRUE(scheduler->runOne());
     ASSERT_TRUE(source->status().isReading);
