@@ -9,7 +9,7 @@
 //               or the machine is
 //
 // What is hard here is the event in which a status goes. The child has to be in the map until the
-// row is gone, and whoever hears of that row may put a status back, the very same record included.
+// row is gone, and a listener of that row may put a status back, the very same record included.
 // Such a record is a new one for the machine: it gets a child of its own, and an event. So a child
 // that leaves hears nothing any more and is never kept for a record that comes. Nothing of a child
 // may be used after an event without a look: it may have been replaced, stopped, or released.

@@ -2,10 +2,11 @@
 // row for each interface with an ifIndex and two addresses, under a key made of its addresses and
 // mode.
 //
-// Several tunnels may claim one key; whoever is added first has the row. A private store remembers,
-// by ifIndex, the row that was written for it, and rows are deleted through that store only: by the
-// key that was written, never by one computed from the status of today. Whenever a row may have
-// gone, every tunnel without a row is tried again, or only those that can have one now (Rescan.h).
+// Several tunnels may claim one key; the one that is added first has the row. A private store
+// remembers, by ifIndex, the row that was written for it, and rows are deleted through that store
+// only: by the key that was written, never by one computed from the status of today. Whenever a row
+// may have gone, every tunnel without a row is tried again, or only those that can have one now
+// (Rescan.h).
 //
 //   event                      delete  add  rescan
 //   a status came or changed   yes     yes  yes

@@ -299,15 +299,16 @@ TYPED_TEST(EachMachine, RestsWithItsTasksWhileItIsSwitchedOff) {
 // Listeners that release the machine
 
 TYPED_TEST(EachMachine, MayBeReleasedInAnyNotificationOfItsStart) {
-  for (auto const yield : {Yield::never, Yield::always, Yield::random})
-    for (std::size_t released = 1, told = 1; released <= told; ++released) {
+  for (auto const yield : {Yield::never, Yield::always, Yield::random}) {
+    auto wasReleased = true;
+    for (std::size_t released = 1; wasReleased; ++released) {
       World world({"", false, Yield::always}, testSeed());
       for (std::uint32_t id = 1; id <= 3; ++id)
         addEverywhere(world, id);
       addRowsFromBefore(world, 3, 5);
       auto machine = make<TypeParam>(world);
       world.scheduler->yieldIs(yield);
-      told = 0;
+      std::size_t told = 0;
       auto const release = [&](auto const &) {
         if (++told == released)
           machine = nullptr;
@@ -316,9 +317,12 @@ TYPED_TEST(EachMachine, MayBeReleasedInAnyNotificationOfItsStart) {
       auto const ofScans = Zel::makePtr<OnChange>(*machine->inputSmScanState(), release);
       auto const ofOutputs = Zel::makePtr<OnChange>(*machine->outputState(), release);
       world.settle();
-      EXPECT_EQ(machine == nullptr, released <= told);
-      EXPECT_THAT(world.scheduler->tasks().empty(), machine == nullptr || machine->ready());
+      wasReleased = !machine;
+      EXPECT_GE(released, wasReleased ? 1u : 8u) << "so many things are told";
+      EXPECT_TRUE(wasReleased || machine->ready());
+      EXPECT_THAT(world.scheduler->tasks(), IsEmpty());
     }
+  }
 }
 
 TYPED_TEST(EachMachine, MayBeReleasedInAnyNotificationOfACallFromOutside) {
