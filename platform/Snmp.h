@@ -27,8 +27,10 @@ namespace Snmp {
 /// index (RFC 2578 section 7.7). Its text form is its bytes in hexadecimal between single quotes.
 class Bytes {
 public:
-  Bytes() = default;
-  explicit Bytes(std::span<std::uint8_t const> bytes) : octets_(bytes.begin(), bytes.end()) {}
+  Bytes() : octets_(inside) { octets_.clear(); }
+  explicit Bytes(std::span<std::uint8_t const> bytes) : octets_(inside) {
+    octets_.assign(bytes.begin(), bytes.end());
+  }
 
   std::span<std::uint8_t const> span() const { return octets_; }
   std::size_t size() const { return octets_.size(); }
@@ -57,8 +59,10 @@ private:
   }
 
   // An address stands in the object itself: a search in an ordered table compares keys without
-  // leaving them.
-  absl::InlinedVector<std::uint8_t, 16> octets_;
+  // leaving them. The place for it is set as a whole when it is made, because a copy copies all of
+  // it, and the compiler warns of octets that never were.
+  static constexpr std::size_t inside = 16;
+  absl::InlinedVector<std::uint8_t, inside> octets_;
 };
 void strepWrite(std::string & out, Bytes const & bytes);
 void strepRead(Zel::StrepReader & in, Bytes & bytes);

@@ -36,8 +36,7 @@ void strepRead(Zel::StrepReader & in, Bytes & bytes) {
   std::vector<std::uint8_t> octets;
   for (std::size_t i = 0; i != text.size(); i += 2)
     octets.push_back(static_cast<std::uint8_t>(hexDigit(text[i]) << 4 | hexDigit(text[i + 1])));
-  Bytes const read(octets);
-  bytes = read; // moving it would copy octets that were never set, of which GCC warns
+  bytes = Bytes(octets);
 }
 
 std::ostream & operator<<(std::ostream & out, Bytes const & bytes) {
