@@ -269,6 +269,24 @@ TEST(ScanState, TellsWhatChangedWhileItWasSilentOnceItSpeaksAgain) {
   EXPECT_EQ(told.size(), 2u);
 }
 
+TEST(ScanState, KeepsTheRestForLaterWhenAListenerSilencesItAgain) {
+  World world(synchronous);
+  auto const machine = make<TunnelIfTableSm>(world);
+  auto const & state = machine->inputSmScanState();
+  std::vector<std::string> told;
+  auto const listener = Zel::makePtr<OnChange>(*state, [&](auto const & change) {
+    told.emplace_back(change.attribute().name);
+    state->hasNotificationActiveIs(false);
+  });
+  state->hasNotificationActiveIs(false);
+  state->scanIs(1, false);
+  state->scanIs(0, false);
+  state->hasNotificationActiveIs(true);
+  EXPECT_THAT(told, ElementsAre("tisStreamScan"));
+  state->hasNotificationActiveIs(true);
+  EXPECT_THAT(told, ElementsAre("tisStreamScan", "ifMibStreamScan"));
+}
+
 TYPED_TEST(EachMachine, RestsWithItsTasksWhileItIsSwitchedOff) {
   World world(alwaysYield);
   for (std::uint32_t id = 1; id <= 4; ++id)
