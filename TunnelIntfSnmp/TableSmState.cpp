@@ -34,7 +34,7 @@ void InputSmScanState::hasNotificationActiveIs(bool on) {
   PtrInterface::hasNotificationActiveIs(on);
   if (on)
     for (auto const * attribute : std::exchange(untold_, {}))
-      tell(*attribute);
+      changed(*attribute); // who hears of one may silence this again: the rest waits on then
 }
 
 void InputSmScanState::changed(Zel::Attribute const & attribute) {

@@ -3,6 +3,7 @@
 
 #include "platform/Zel.h"
 #include <compare>
+#include <concepts>
 #include <cstdint>
 #include <ostream>
 #include <string_view>
@@ -26,8 +27,14 @@ struct OutputKeyType {
   explicit operator bool() const { return *this != OutputKeyType(); }
   /// Marks the key as set. Every value is accepted.
   void validate() { k0Valid = true; }
+  /// Mixes k0, a number as it is and anything else as its own hash, and then k0Valid.
   std::uint32_t hash(std::uint32_t seed) const {
-    return Zel::hashOf(k0, Zel::Hash(seed).mix(static_cast<std::uint8_t>(k0Valid)).result());
+    Zel::Hash hash(seed);
+    if constexpr (std::unsigned_integral<K0>)
+      hash.mix(k0);
+    else
+      hash.mix(k0.hash(0));
+    return hash.mix(static_cast<std::uint8_t>(k0Valid)).result();
   }
 
   static constexpr std::string_view typeName = TypeName.view();

@@ -169,6 +169,35 @@ TEST_F(RescanTest, FindsAnIfIndexThatWasReplacedWhileTheMapWasSilentForAMoment) 
   EXPECT_EQ(world_.inetConfigRows().count(keyAB), 1u);
 }
 
+TEST_F(RescanTest, FindsAnIfIndexThatIsReplacedWhileTheMapOrItsChildIsSilent) {
+  add(1, "10.0.0.9");
+  auto const other = add(3, "10.0.0.8");
+  auto mode = Plexa::TunnelIntfMode::gre;
+  auto const eventOfOther = [&] {
+    mode = mode == Plexa::TunnelIntfMode::vti ? Plexa::TunnelIntfMode::gre
+                                              : Plexa::TunnelIntfMode::vti;
+    other->modeIs(mode);
+  };
+  auto const findsIt = [&](auto const & silence, bool speaksAgain) {
+    world_.dir->intfStatusDel(IntfId(2));
+    world_.addIfIndex(2, 10);
+    world_.addEndpoints(2, "10.0.0.1", "10.0.0.2");
+    add(1, "10.0.0.9"); // takes the slot of the ifIndex back
+    ASSERT_EQ(world_.inetConfigRows().count(keyAB), 0u);
+    silence(false);
+    eventOfOther();           // its walk cannot know of what comes
+    world_.addIfIndex(2, 20); // no insertion, no removal
+    silence(speaksAgain);
+    eventOfOther();
+    EXPECT_EQ(world_.inetConfigRows().count(keyAB), 1u);
+    silence(true);
+  };
+  auto const theMap = [&](bool on) { world_.ifMib->hasNotificationActiveIs(on); };
+  findsIt(theMap, false);
+  findsIt(theMap, true);
+  findsIt([&](bool on) { machine_->ifIndexByIntfIdSm2()->hasNotificationActiveIs(on); }, false);
+}
+
 TEST_F(RescanTest, WalksWhileARecordCameSilentOrStandsUnderAnotherId) {
   add(1, "10.0.0.9");
   auto const silent = InetConfigWorld::status(2, "", "10.0.0.2");
@@ -246,6 +275,26 @@ TEST_F(RescanTest, RemembersNothingOfTunnelsThatVanished) {
   EXPECT_LE(rescan().remembered(), 3u);
 }
 
+TEST_F(RescanTest, KnowsWhoHoldsASlotThatWasTakenOver) {
+  add(1, "10.0.0.2");
+  world_.addEndpoints(2, "10.0.0.1", "10.0.0.3");
+  world_.addIfIndex(2, 10);
+  ASSERT_EQ(world_.inetConfigRows(), (InetConfigRows{{keyAB, 10}, {keyAC, 10}}));
+  auto const * slot = machine_->localAttrStore()->tunnelInetConfigByIfIndex().find(10);
+  ASSERT_NE(slot, nullptr);
+  EXPECT_EQ((*slot)->holder(), IntfId(2));
+  EXPECT_EQ(rescan().flaw(), "") << "tunnel 1 is not forgotten";
+}
+
+TEST_F(RescanTest, ForgetsATunnelThatLosesItsIfIndexBeforeItsStatus) {
+  add(1, "10.0.0.2");
+  add(2, "10.0.0.2");
+  ASSERT_EQ(rescan().remembered(), 1u) << "it waits for the key";
+  world_.ifMib->ifIndexByIntfIdDel(IntfId(2));
+  world_.dir->intfStatusDel(IntfId(2));
+  EXPECT_EQ(rescan().remembered(), 0u);
+}
+
 // Hostile listeners
 
 TEST_F(RescanTest, MayFindItsMachineReleasedByAListenerOfWhatWasHeld) {
@@ -290,6 +339,42 @@ TEST_F(RescanTest, KeepsInMindTheTunnelThatAWalkPassedOver) {
   EXPECT_EQ(rescan().flaw(), "");
   (*world_.dir->intfStatus().find(IntfId(2)))->modeIs(Plexa::TunnelIntfMode::vti);
   EXPECT_EQ(world_.inetConfigRows().at(keyAC), 11u);
+}
+
+// As a walk would: it does not go back to the tunnels that it has passed.
+TEST_F(RescanTest, GoesOnBehindTheTunnelAtWhichSomebodyElseWroteToTheTable) {
+  add(1, "10.0.0.9");
+  world_.mib->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(keyAC, 77));
+  add(2, "10.0.0.3");
+  add(4, "10.0.0.2");
+  add(5, "10.0.0.2");
+  add(6, "10.0.0.3");
+  auto meddles = true;
+  auto const listener = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
+    if (world_.inetConfigRows().contains(keyAB) && std::exchange(meddles, false))
+      world_.mib->tunnelInetConfigTableDel(keyAC);
+  });
+  world_.dir->intfStatusDel(IntfId(4));
+  EXPECT_EQ(world_.inetConfigRows().at(keyAB), 50u);
+  EXPECT_EQ(world_.inetConfigRows().at(keyAC), 60u) << "tunnel 2 was passed already";
+}
+
+TEST_F(RescanTest, TriesTheTunnelAtHandInARescanInsideItsEvent) {
+  add(5, "10.0.0.2");
+  world_.addIfIndex(2, 50);
+  auto const record = world_.addEndpoints(2, "10.0.0.1", "");
+  auto const other = add(7, "10.0.0.9");
+  ASSERT_EQ(world_.inetConfigRows().at(keyAB), 50u);
+  auto meddles = true;
+  auto const listener = Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) {
+    if (std::exchange(meddles, false))
+      other->modeIs(Plexa::TunnelIntfMode::vti);
+  });
+  record->dstAddrIs(address("10.0.0.3")); // takes the slot from tunnel 5
+  ASSERT_FALSE(meddles);
+  EXPECT_EQ(world_.inetConfigRows().count(keyAB), 0u) << "tunnel 2 came first, inside";
+  EXPECT_EQ(world_.inetConfigRows().at(keyAC), 50u);
+  EXPECT_EQ(rescan().flaw(), "");
 }
 
 TEST_F(RescanTest, IsNotMisledByASwitchInsideASwitch) {

@@ -100,6 +100,8 @@ TYPED_TEST(EachMachine, HasChildrenThatMayBeHeldLongerThanItself) {
     auto const rows = rowsOf<TypeParam>(world);
     TraceRecorder traces{{std::string(TypeParam::unitName), "all"}};
     addEverywhere(world, 4);
+    (*world.dir->intfStatus().find(IntfId(2)))->ipsecIs(false);
+    (*world.dir->intfStatus().find(IntfId(2)))->modeIs(Plexa::TunnelIntfMode::vti);
     world.dir->intfStatusDel(IntfId(1));
     for (auto const & child : children) {
       child->hasNotificationActiveIs(false);
@@ -186,6 +188,23 @@ TYPED_TEST(EachMachine, ReplaysTheWholeLossOfItsStatusesThoughAListenerThrows) {
   }
 }
 
+TEST(Store, ContainsWhatItsListenersAndThoseOfItsSlotsThrow) {
+  InetConfigWorld world(synchronous);
+  auto const machine = world.machine();
+  auto const & slots = machine->localAttrStore()->tunnelInetConfigByIfIndex();
+  Zel::Ptr<OnChange> ofSlot;
+  auto const ofStore = Zel::makePtr<OnChange>(*machine->localAttrStore(), [&](auto const &) {
+    ofSlot = Zel::makePtr<OnChange>(
+        **slots.find(1), [](auto const &) { throw std::runtime_error("listener of a slot"); });
+    throw std::runtime_error("listener of the store");
+  });
+  auto const contained = Lumo::counter("zel-exceptions-contained");
+  EXPECT_NO_THROW(addEverywhere(world, 1));
+  EXPECT_EQ(Lumo::counter("zel-exceptions-contained"), contained + 2);
+  EXPECT_EQ(world.inetConfigRows().size(), 1u);
+  expectStoreAndTableAgree(*machine);
+}
+
 // A slot without an entry is somebody else's fault; the scan that comes upon it goes on.
 TEST(Scan, GoesOnWhenTheEventOfOneKeyRaises) {
   InetConfigWorld world(alwaysYield);
@@ -251,6 +270,89 @@ TYPED_TEST(EachMachine, IsOffWhenAListenerOfWhatWasHeldSwitchesItOffAgain) {
   EXPECT_EQ(rowsOf<TypeParam>(world), (std::is_same_v<TypeParam, IpsecTunnelIfTableSm> ? 3u : 4u));
 }
 
+TYPED_TEST(EachMachine, IsOffWhenAListenerOfARunThatWasHeldSwitchesItOffAgain) {
+  World world(alwaysYield);
+  for (std::uint32_t id = 1; id <= 4; ++id)
+    addEverywhere(world, id);
+  auto const machine = make<TypeParam>(world);
+  while (!machine->initialScanDone() || !machine->inputSmScanState()->scan(0))
+    ASSERT_TRUE(world.scheduler->runOne());
+  machine->hasNotificationActiveIs(false);
+  world.settle();                   // the run is held
+  world.mib->tunnelIfTableDelAll(); // so that it writes a row
+  world.mib->ipsecTunnelIfTableDelAll();
+  auto meddles = true;
+  auto const listener = Zel::makePtr<OnChange>(*world.mib, [&](auto const &) {
+    if (std::exchange(meddles, false))
+      machine->hasNotificationActiveIs(false);
+  });
+  machine->hasNotificationActiveIs(true);
+  ASSERT_FALSE(meddles);
+  {
+    TraceRecorder traces{{std::string(TypeParam::unitName), "all"}};
+    addEverywhere(world, 6);
+    EXPECT_THAT(traces.lines(), IsEmpty()) << "no part of it hears";
+  }
+  machine->hasNotificationActiveIs(true);
+  world.settle();
+  EXPECT_TRUE(machine->ready());
+}
+
+template <class Machine>
+void expectNoStatusIsHeardOnceAListenerSwitchedOff() {
+  World world(synchronous);
+  auto const first = addEverywhere(world, 1);
+  auto const last = addEverywhere(world, 2);
+  auto const machine = make<Machine>(world);
+  machine->hasNotificationActiveIs(false);
+  first->ipsecIs(false);
+  first->modeIs(Plexa::TunnelIntfMode::vti);
+  auto meddles = true;
+  auto const listener = Zel::makePtr<OnChange>(*world.mib, [&](auto const &) {
+    if (std::exchange(meddles, false))
+      machine->hasNotificationActiveIs(false);
+  });
+  machine->hasNotificationActiveIs(true);
+  ASSERT_FALSE(meddles);
+  TraceRecorder traces{{std::string(Machine::unitName), "all"}};
+  last->ipsecIs(false);
+  last->modeIs(Plexa::TunnelIntfMode::vti);
+  EXPECT_THAT(traces.lines(), IsEmpty());
+}
+
+TEST(StatusChild, IsOffWhenAListenerOfAnEarlierOnesEventSwitchedTheMachineOff) {
+  expectNoStatusIsHeardOnceAListenerSwitchedOff<TunnelInetConfigTableSm>();
+  expectNoStatusIsHeardOnceAListenerSwitchedOff<IpsecTunnelIfTableSm>();
+}
+
+TEST(StatusChild, DeliversOneEventForEachAttributeThatItHeld) {
+  InetConfigWorld world(synchronous);
+  auto const status = addEverywhere(world, 1);
+  auto const machine = world.machine();
+  machine->hasNotificationActiveIs(false);
+  status->dstAddrIs(address("10.0.1.9"));
+  status->dstAddrIs(address("10.0.1.8"));
+  status->modeIs(Plexa::TunnelIntfMode::vti);
+  TraceRecorder traces{{"TunnelInetConfigTableSm", "7"}};
+  machine->hasNotificationActiveIs(true);
+  EXPECT_EQ(std::ranges::count_if(traces.texts(),
+                                  [](auto const & text) { return text.starts_with("tisStream"); }),
+            2);
+}
+
+TEST(StatusChild, DeliversNothingOfARecordThatWentMeanwhile) {
+  InetConfigWorld world(synchronous);
+  auto const status = addEverywhere(world, 1);
+  auto const machine = world.machine();
+  machine->hasNotificationActiveIs(false);
+  status->dstAddrIs(address("10.0.1.9"));
+  status->modeIs(Plexa::TunnelIntfMode::vti); // two events are held
+  auto const listener = Zel::makePtr<OnChange>(
+      *world.mib, [&](auto const &) { world.dir->intfStatusDel(IntfId(1)); });
+  machine->hasNotificationActiveIs(true);
+  EXPECT_THAT(world.inetConfigRows(), IsEmpty());
+}
+
 TEST(ScanState, TellsWhatChangedWhileItWasSilentOnceItSpeaksAgain) {
   World world(synchronous);
   auto const machine = make<TunnelIfTableSm>(world);
@@ -267,6 +369,24 @@ TEST(ScanState, TellsWhatChangedWhileItWasSilentOnceItSpeaksAgain) {
   EXPECT_THAT(told, ElementsAre("tisStreamScan", "ifMibStreamScan"));
   state->hasNotificationActiveIs(true);
   EXPECT_EQ(told.size(), 2u);
+}
+
+TEST(ScanState, KeepsTheRestForLaterWhenAListenerSilencesItAgain) {
+  World world(synchronous);
+  auto const machine = make<TunnelIfTableSm>(world);
+  auto const & state = machine->inputSmScanState();
+  std::vector<std::string> told;
+  auto const listener = Zel::makePtr<OnChange>(*state, [&](auto const & change) {
+    told.emplace_back(change.attribute().name);
+    state->hasNotificationActiveIs(false);
+  });
+  state->hasNotificationActiveIs(false);
+  state->scanIs(1, false);
+  state->scanIs(0, false);
+  state->hasNotificationActiveIs(true);
+  EXPECT_THAT(told, ElementsAre("tisStreamScan"));
+  state->hasNotificationActiveIs(true);
+  EXPECT_THAT(told, ElementsAre("tisStreamScan", "ifMibStreamScan"));
 }
 
 TYPED_TEST(EachMachine, RestsWithItsTasksWhileItIsSwitchedOff) {
@@ -294,6 +414,32 @@ TYPED_TEST(EachMachine, RestsWithItsTasksWhileItIsSwitchedOff) {
   restsNow();
   world.settle();
   EXPECT_TRUE(machine->ready());
+}
+
+TYPED_TEST(EachMachine, SilencesItsRecordsWhileItIsSwitchedOff) {
+  World world(synchronous);
+  auto const machine = make<TypeParam>(world);
+  for (bool const on : {false, true}) {
+    machine->hasNotificationActiveIs(on);
+    EXPECT_EQ(machine->inputSmScanState()->hasNotificationActive(), on);
+    EXPECT_EQ(machine->outputState()->hasNotificationActive(), on);
+  }
+}
+
+TYPED_TEST(EachMachine, DoesTheRunThatIsHeldBeforeItGoes) {
+  World world(alwaysYield);
+  for (std::uint32_t id = 1; id <= 3; ++id)
+    addEverywhere(world, id);
+  auto machine = make<TypeParam>(world);
+  auto const child = machine->intfStatusSm0();
+  while (!machine->initialScanDone() || child->scanned() != 1)
+    ASSERT_TRUE(world.scheduler->runOne());
+  machine->hasNotificationActiveIs(false);
+  world.settle(); // the run is held
+  world.scheduler->yieldIs(Yield::never);
+  ASSERT_EQ(child->scanned(), 1u);
+  machine = nullptr;
+  EXPECT_EQ(child->scanned(), 3u);
 }
 
 // Listeners that release the machine
@@ -343,7 +489,7 @@ TYPED_TEST(EachMachine, MayBeReleasedInAnyNotificationOfACallFromOutside) {
         }
       }};
   for (auto const call : calls)
-    for (auto const progress : {0, 2, 5, 8, 100}) {
+    for (auto const progress : {0, 2, 5, 8, 10, 11, 12, 13, 100}) {
       World world(alwaysYield);
       for (std::uint32_t id = 1; id <= 3; ++id)
         addEverywhere(world, id);
@@ -534,11 +680,13 @@ TEST(Work, OfADeletionScanIsReportedWhereItYields) {
   while (!machine->outputUseBookmark())
     ASSERT_TRUE(world.scheduler->runOne());
   ASSERT_TRUE(machine->reconciliationTask());
-  auto const & task = machine->reconciliationTask()->task();
+  auto const task = machine->reconciliationTask()->task();
   auto const done = task->taskWorkCount();
   EXPECT_GT(done, 0u) << "the run that reached the table from outside handled a row";
   ASSERT_TRUE(world.scheduler->runOne());
   EXPECT_EQ(task->taskWorkCount(), done + 1);
+  world.settle();
+  EXPECT_EQ(task->taskWorkCount(), 6u) << "and where it ends";
 }
 
 TEST(Work, IsNotPendingBeforeTheFirstRunOfAScan) {
@@ -602,6 +750,50 @@ TYPED_TEST(EachMachine, SaysHowManyOfTheItemsItDeleted) {
   EXPECT_THAT(traces.texts(),
               Contains("Deletion scan for reconciliation is done, last task run processed 5 items, "
                        "deleting 4 items."));
+}
+
+TYPED_TEST(EachMachine, SaysWhereItYieldsHowManyOfTheItemsItDeleted) {
+  World world(alwaysYield);
+  addEverywhere(world, 2);
+  addRowsFromBefore(world, 1, 5);
+  if constexpr (std::is_same_v<TypeParam, TunnelInetConfigTableSm>)
+    world.mib->tunnelInetConfigTableDel(inetConfigKey("10.0.0.1", "10.0.1.2", gre));
+  TraceRecorder traces{{std::string(TypeParam::unitName), "9"}};
+  auto const machine = make<TypeParam>(world);
+  world.settle();
+  std::string const yields = "Yielding in reconciliation processing after processing 1 items, ";
+  EXPECT_THAT(traces.texts(), Contains(yields + "including 0 deletions ."));
+  EXPECT_THAT(traces.texts(), Contains(yields + "including 1 deletions ."));
+}
+
+// The first pass and the control record
+
+TYPED_TEST(EachMachine, HasEndedItsFirstPassWhenItClearsTheFlags) {
+  World world(alwaysYield);
+  addEverywhere(world, 1);
+  addEverywhere(world, 2);
+  auto const machine = make<TypeParam>(world);
+  std::size_t cleared = 0;
+  auto const listener = Zel::makePtr<OnChange>(*machine->inputSmScanState(), [&](auto const &) {
+    if (machine->inputSmScanState()->everyScan() || machine->inputSmScanState()->idle())
+      return;
+    cleared += machine->initialScanDone() ? 1 : 0;
+  });
+  world.settle();
+  EXPECT_EQ(cleared, 2u);
+}
+
+TEST(ControlRecord, KeepsTheSchedulerThatWasFoundWhenANewOneNamesNone) {
+  World world(alwaysYield);
+  auto const machine = make<TunnelIfTableSm>(world);
+  Flowa::SmControl control;
+  control.version = 7;
+  machine->flowaControlIs(control);
+  EXPECT_EQ(machine->flowaControl().taskScheduler, world.scheduler);
+  EXPECT_EQ(machine->flowaControl().version, 7u);
+  control.taskScheduler = Zel::makePtr<TestScheduler>(Yield::never, 1);
+  machine->flowaControlIs(control);
+  EXPECT_EQ(machine->flowaControl().taskScheduler, control.taskScheduler);
 }
 
 // Levels
