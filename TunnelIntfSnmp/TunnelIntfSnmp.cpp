@@ -170,13 +170,13 @@ namespace {
 
 // The value under the key, or null where there is none, or a null one, which is traced.
 template <class Collection, class Key>
-auto lookUp(Collection const & collection, Key const & key, fmt::format_string<Key const &> missing)
+auto lookUp(Collection const & collection, Key const & key, fmt::format_string<Key const &> missing,
+            std::source_location place = std::source_location::current())
     -> decltype(collection.find(key)->get()) {
   if (auto const * found = collection.find(key); found != nullptr && *found)
     return found->get();
   if (modelTrace().enabled(5))
-    Lumo::fmtrace({modelTrace(), "IpsecTunnelIfTableEntry"}, 5, std::source_location::current(),
-                  "connState", missing, key);
+    Lumo::fmtrace({modelTrace(), "IpsecTunnelIfTableEntry"}, 5, place, "connState", missing, key);
   return nullptr;
 }
 

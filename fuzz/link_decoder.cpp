@@ -29,9 +29,9 @@ void check(LinkMessage const & message) {
   if (!state->tunnel)
     return;
   require(state->tunnel->index == state->index);
-  require(state->tunnel->tos <= 63);
-  require(state->tunnel->mode != Plexa::TunnelIntfMode::unknown);
-  require(isEndpoint(state->tunnel->local) && isEndpoint(state->tunnel->remote));
+  require(state->tunnel->status.tos <= 63);
+  require(state->tunnel->status.mode != Plexa::TunnelIntfMode::unknown);
+  require(isEndpoint(state->tunnel->status.srcAddr) && isEndpoint(state->tunnel->status.dstAddr));
 }
 
 } // namespace

@@ -250,23 +250,25 @@ std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits
   // "External": each packet brings its endpoints with it.
   auto const external = data.flag(layout->metadata);
   if (!external) {
-    tunnel.local = endpoint(data, layout->local4, layout->local6);
-    tunnel.remote = endpoint(data, layout->remote4, layout->remote6);
+    tunnel.status.srcAddr = endpoint(data, layout->local4, layout->local6);
+    tunnel.status.dstAddr = endpoint(data, layout->remote4, layout->remote6);
     if (isFallback(*layout, tunnel))
       return std::nullopt;
   }
-  tunnel.mode = mode(*layout, data, tunnel);
-  tunnel.hopLimit = hopLimit(*layout, data, overIpv6(tunnel) ? defaults.ipv6 : defaults.ipv4);
-  tunnel.tos = tos(*layout, data);
+  tunnel.status.mode = mode(*layout, data, tunnel);
+  tunnel.status.hopLimit =
+      hopLimit(*layout, data, overIpv6(tunnel) ? defaults.ipv6 : defaults.ipv4);
+  tunnel.status.tos = tos(*layout, data);
   decodeKeys(*layout, data, tunnel);
   tunnel.lower = lower(*layout, link, data);
-  tunnel.ipsec = tunnel.mode == TunnelIntfMode::vti || tunnel.mode == TunnelIntfMode::xfrm;
+  tunnel.status.ipsec =
+      tunnel.status.mode == TunnelIntfMode::vti || tunnel.status.mode == TunnelIntfMode::xfrm;
   return tunnel;
 }
 
 bool isFallback(Layout const & layout, TunnelLink const & link) {
-  return !link.name.empty() && link.name == layout.fallbackName && link.local.isAddrZero() &&
-         link.remote.isAddrZero();
+  return !link.name.empty() && link.name == layout.fallbackName &&
+         link.status.srcAddr.isAddrZero() && link.status.dstAddr.isAddrZero();
 }
 
 TunnelIntfMode mode(Layout const & layout, Attributes const & data, TunnelLink const & link) {
@@ -274,7 +276,7 @@ TunnelIntfMode mode(Layout const & layout, Attributes const & data, TunnelLink c
     return layout.mode;
   auto const isatap = (data.u16(IFLA_IPTUN_FLAGS) & SIT_ISATAP) != 0;
   // Without a remote endpoint it is found in the payload's destination: 6to4 or 6rd.
-  return isatap || link.remote.isAddrZero() ? TunnelIntfMode::sitSpecial : layout.mode;
+  return isatap || link.status.dstAddr.isAddrZero() ? TunnelIntfMode::sitSpecial : layout.mode;
 }
 
 std::uint8_t hopLimit(Layout const & layout, Attributes const & data, std::uint8_t fromSystem) {
@@ -326,8 +328,9 @@ std::optional<std::uint32_t> lower(Layout const & layout, Attributes const & lin
 }
 
 bool overIpv6(TunnelLink const & link) {
-  return link.kind == TunnelKind::vti6 || link.local.family() == Plexa::AddressFamily::ipv6 ||
-         link.remote.family() == Plexa::AddressFamily::ipv6;
+  return link.kind == TunnelKind::vti6 ||
+         link.status.srcAddr.family() == Plexa::AddressFamily::ipv6 ||
+         link.status.dstAddr.family() == Plexa::AddressFamily::ipv6;
 }
 
 /// The address; the empty one when the attribute is missing or the address is zero.

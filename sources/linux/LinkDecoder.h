@@ -6,7 +6,7 @@
 // nothing else.
 #pragma once
 
-#include "platform/Plexa.h"
+#include "platform/Interface.h"
 #include "sources/linux/TunnelKind.h"
 #include <cstddef>
 #include <cstdint>
@@ -17,19 +17,14 @@
 
 namespace Sources::Linux {
 
-/// A tunnel link in the terms of Interface::TunnelIntfStatus and of Sources::Link.
+/// A tunnel link: its status as it is published, and what Sources::Link says of it besides.
 struct TunnelLink {
   std::uint32_t index = 0; ///< the kernel's, 1 to 2147483647
   std::string name;
   TunnelKind kind = TunnelKind::gre;
-  /// The empty address where the kernel has none or the zero address. A multicast group that a
-  /// vxlan link sends to counts as remote.
-  Plexa::IpGenAddr local;
-  Plexa::IpGenAddr remote;
-  Plexa::TunnelIntfMode mode = Plexa::TunnelIntfMode::unknown;
-  std::uint8_t hopLimit = 0; ///< 0: copied from the payload
-  std::uint8_t tos = 0;      ///< the DSCP, 0 to 63; 0 also where it is copied from the payload
-  bool ipsec = false;        ///< the kind passes nothing but IPsec traffic
+  /// What the record of its status will say. An address is the empty one where the kernel has none
+  /// or the zero address; a multicast group that a vxlan link sends to counts as remote.
+  Interface::TunnelIntfStatusValues status{};
   /// In the order of this machine. Nothing where the kind has none, or the link is set to none.
   std::optional<std::uint32_t> ifId = {};      ///< of kind xfrm
   std::optional<std::uint32_t> inputKey = {};  ///< of the gre, erspan and vti kinds

@@ -6,15 +6,6 @@ namespace Sources::Linux {
 
 namespace {
 
-StateDb::Publisher::Status statusOf(TunnelLink const & link) {
-  return {.srcAddr = link.local,
-          .dstAddr = link.remote,
-          .mode = link.mode,
-          .hopLimit = link.hopLimit,
-          .tos = link.tos,
-          .ipsec = link.ipsec};
-}
-
 Link linkOf(TunnelLink const & link) {
   return {.intfId = Plexa::IntfId(link.index),
           .name = link.name,
@@ -42,7 +33,7 @@ bool LinkPublication::linkIs(LinkState const & state) {
   Plexa::IntfId const intfId(state.index);
   if (wants(state)) {
     links_.linkIs(linkOf(*state.tunnel));
-    publisher_.tunnelIs(intfId, state.index, statusOf(*state.tunnel), kindOf(*state.tunnel));
+    publisher_.tunnelIs(intfId, state.index, state.tunnel->status, kindOf(*state.tunnel));
   } else {
     publisher_.tunnelDel(intfId);
     links_.linkDel(intfId);
@@ -59,7 +50,7 @@ void LinkPublication::found(LinkState const & state) {
   if (!wants(state))
     return;
   linksRead_->linkIs(linkOf(*state.tunnel));
-  tunnelsRead_->tunnelIs(Plexa::IntfId(state.index), state.index, statusOf(*state.tunnel),
+  tunnelsRead_->tunnelIs(Plexa::IntfId(state.index), state.index, state.tunnel->status,
                          kindOf(*state.tunnel));
 }
 

@@ -3,6 +3,7 @@
 #include "tests/support/TraceRecorder.h"
 #include <functional>
 #include <gmock/gmock.h>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -11,6 +12,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 Plexa::IpGenAddr address(char const * text) {
   return *Plexa::IpGenAddr::fromString(text);
@@ -121,6 +123,20 @@ TEST_F(ConnState, TracesWhichLookUpFailed) {
   auto map = Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>();
   ike_->appliedProfilesIs("branch", map);
   EXPECT_THAT(traced(0), ElementsAre("No appliedIntfId tunnelProfileInfo for intfId 42"));
+}
+
+TEST_F(ConnState, NamesTheLineOfTheLookUpThatFailed) {
+  std::set<std::uint_least32_t> lines;
+  TraceRecorder const traces{{"TunnelIntfSnmp", "5"}}; // gives the sink back
+  Lumo::traceSinkIs([&](auto const & message) { lines.insert(message.place.line()); });
+  row_.connState();
+  auto info = Zel::makePtr<Ipsec::Ike::TunnelInfo>();
+  info->profileNameIs("branch");
+  ike_->ipsecTunnelInfoIs(id_, info);
+  row_.connState();
+  ike_->appliedProfilesIs("branch", Zel::makePtr<Ipsec::Ike::IpsecProfileConnectionMap>());
+  row_.connState();
+  EXPECT_THAT(lines, SizeIs(3));
 }
 
 TEST_F(ConnState, TakesANullRecordForAMissingOne) {

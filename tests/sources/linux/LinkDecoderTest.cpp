@@ -11,9 +11,9 @@ namespace Sources::Linux {
 
 void PrintTo(TunnelLink const & link, std::ostream * out) {
   *out << link.index << " " << link.name << " " << kindName(link.kind) << " "
-       << link.local.stringValue() << " -> " << link.remote.stringValue() << " "
-       << valueToStrep(link.mode) << " hop limit " << +link.hopLimit << " tos " << +link.tos
-       << (link.ipsec ? " ipsec" : "")
+       << link.status.srcAddr.stringValue() << " -> " << link.status.dstAddr.stringValue() << " "
+       << valueToStrep(link.status.mode) << " hop limit " << +link.status.hopLimit << " tos "
+       << +link.status.tos << (link.status.ipsec ? " ipsec" : "")
        << fmt::format(" if_id {} keys {} {} lower {}", link.ifId.value_or(0),
                       link.inputKey.value_or(0), link.outputKey.value_or(0),
                       link.lower.value_or(0));
@@ -57,12 +57,12 @@ TunnelLink expected(TunnelKind kind, TunnelIntfMode mode, int version, std::uint
   return {.index = 5,
           .name = "t1",
           .kind = kind,
-          .local = *IpGenAddr::fromString(version == 4 ? "10.0.0.1" : "2001:db8::1"),
-          .remote = *IpGenAddr::fromString(version == 4 ? "10.0.0.2" : "2001:db8::2"),
-          .mode = mode,
-          .hopLimit = hopLimit,
-          .tos = tos,
-          .ipsec = ipsec};
+          .status = {.srcAddr = *IpGenAddr::fromString(version == 4 ? "10.0.0.1" : "2001:db8::1"),
+                     .dstAddr = *IpGenAddr::fromString(version == 4 ? "10.0.0.2" : "2001:db8::2"),
+                     .mode = mode,
+                     .hopLimit = hopLimit,
+                     .tos = tos,
+                     .ipsec = ipsec}};
 }
 
 bool isMalformed(LinkMessage const & decoded) {
@@ -96,34 +96,34 @@ TEST(LinkDecoder, ReadsTheKindsThatAreBuiltLikeGre) {
 }
 
 TEST(LinkDecoder, GivesZeroForATtlThatIsCopiedFromThePayload) {
-  EXPECT_EQ(tunnel("gre", greData(0, 0))->hopLimit, 0);
+  EXPECT_EQ(tunnel("gre", greData(0, 0))->status.hopLimit, 0);
 }
 
 TEST(LinkDecoder, GivesZeroForATosThatIsCopiedFromThePayload) {
-  EXPECT_EQ(tunnel("gre", greData(64, 0x01))->tos, 0);
-  EXPECT_EQ(tunnel("gre", greData(64, 0x89))->tos, 0);
-  EXPECT_EQ(tunnel("gre", greData(64, 0xfc))->tos, 63);
-  EXPECT_EQ(tunnel("gre", greData(64, 0x02))->tos, 0) << "the lower two bits are no DSCP";
+  EXPECT_EQ(tunnel("gre", greData(64, 0x01))->status.tos, 0);
+  EXPECT_EQ(tunnel("gre", greData(64, 0x89))->status.tos, 0);
+  EXPECT_EQ(tunnel("gre", greData(64, 0xfc))->status.tos, 63);
+  EXPECT_EQ(tunnel("gre", greData(64, 0x02))->status.tos, 0) << "the lower two bits are no DSCP";
 }
 
 TEST(LinkDecoder, GivesTheEmptyAddressForAnEndpointThatIsZeroOrMissing) {
   auto const zero = tunnel("gre", joined({attribute(6, v4zero), attribute(7, v4remote)}));
-  EXPECT_EQ(zero->local, IpGenAddr());
-  EXPECT_EQ(zero->remote, *IpGenAddr::fromString("10.0.0.2"));
+  EXPECT_EQ(zero->status.srcAddr, IpGenAddr());
+  EXPECT_EQ(zero->status.dstAddr, *IpGenAddr::fromString("10.0.0.2"));
   auto const missing = tunnel("gre", attribute(6, v4local));
-  EXPECT_EQ(missing->local, *IpGenAddr::fromString("10.0.0.1"));
-  EXPECT_EQ(missing->remote, IpGenAddr());
+  EXPECT_EQ(missing->status.srcAddr, *IpGenAddr::fromString("10.0.0.1"));
+  EXPECT_EQ(missing->status.dstAddr, IpGenAddr());
   auto const v6 = tunnel("ip6gre", joined({attribute(6, v6zero), attribute(7, v6zero)}));
-  EXPECT_EQ(v6->local, IpGenAddr());
-  EXPECT_EQ(v6->remote, IpGenAddr());
+  EXPECT_EQ(v6->status.srcAddr, IpGenAddr());
+  EXPECT_EQ(v6->status.dstAddr, IpGenAddr());
 }
 
 TEST(LinkDecoder, GivesExternalLinksNoEndpoints) {
   auto const flag = attribute(18, {});
   auto const link = tunnel("gre", joined({greData(64, 0), flag}));
-  EXPECT_EQ(link->local, IpGenAddr());
-  EXPECT_EQ(link->remote, IpGenAddr());
-  EXPECT_EQ(link->hopLimit, 64);
+  EXPECT_EQ(link->status.srcAddr, IpGenAddr());
+  EXPECT_EQ(link->status.dstAddr, IpGenAddr());
+  EXPECT_EQ(link->status.hopLimit, 64);
 }
 
 /// ip6gre, ip6gretap, ip6erspan: local, remote, hop limit, encapsulation limit, flow information
@@ -144,8 +144,8 @@ TEST(LinkDecoder, ReadsIp6greWithTheTrafficClassFromItsBigEndianFlowInformation)
 }
 
 TEST(LinkDecoder, GivesZeroForATrafficClassThatIsCopiedFromThePayload) {
-  EXPECT_EQ(tunnel("ip6gre", ip6greData(0x2))->tos, 0);
-  EXPECT_EQ(tunnel("ip6gre", ip6greData(0x30001))->tos, 0x0a) << "other flags do not matter";
+  EXPECT_EQ(tunnel("ip6gre", ip6greData(0x2))->status.tos, 0);
+  EXPECT_EQ(tunnel("ip6gre", ip6greData(0x30001))->status.tos, 0x0a) << "other flags do not matter";
 }
 
 /// ipip, sit: local, remote, ttl, tos, protocol.
@@ -176,7 +176,7 @@ TEST(LinkDecoder, TellsIsatapFromOtherSit) {
 
 TEST(LinkDecoder, TakesSitWithoutARemoteEndpointFor6rdOr6to4) {
   auto link = expected(TunnelKind::sit, TunnelIntfMode::sitSpecial, 4, 32, 8);
-  link.remote = IpGenAddr();
+  link.status.dstAddr = IpGenAddr();
   EXPECT_EQ(tunnel("sit", joined({ipInIpv4Data(v4zero, 0), sixToFour})), link);
 }
 
@@ -188,7 +188,7 @@ TEST(LinkDecoder, ReadsIp6tnl) {
   };
   EXPECT_EQ(tunnel("ip6tnl", data(0x30000)),
             expected(TunnelKind::ip6tnl, TunnelIntfMode::direct, 6, 63, 63));
-  EXPECT_EQ(tunnel("ip6tnl", data(0x30002))->tos, 0);
+  EXPECT_EQ(tunnel("ip6tnl", data(0x30002))->status.tos, 0);
 }
 
 TEST(LinkDecoder, ReadsVtiAsIpsecWithTheHopLimitOfTheSystem) {
@@ -201,14 +201,14 @@ TEST(LinkDecoder, ReadsVtiAsIpsecWithTheHopLimitOfTheSystem) {
   vti.inputKey = vti.outputKey = vti6.inputKey = vti6.outputKey = 9;
   EXPECT_EQ(tunnel("vti", data(v4local, v4remote)), vti);
   EXPECT_EQ(tunnel("vti6", data(v6local, v6remote)), vti6);
-  EXPECT_EQ(tunnel("vti6", data(v6zero, v6zero))->hopLimit, 62);
+  EXPECT_EQ(tunnel("vti6", data(v6zero, v6zero))->status.hopLimit, 62);
 }
 
 TEST(LinkDecoder, ReadsXfrmAsIpsecWithoutEndpoints) {
   auto const data =
       joined({attribute(1, native<std::uint32_t>(1)), attribute(2, native<std::uint32_t>(42))});
   auto link = expected(TunnelKind::xfrm, TunnelIntfMode::xfrm, 4, 61, 0, true);
-  link.local = link.remote = IpGenAddr();
+  link.status.srcAddr = link.status.dstAddr = IpGenAddr();
   link.ifId = 42;
   EXPECT_EQ(tunnel("xfrm", data), link);
 }
@@ -268,39 +268,42 @@ TEST(LinkDecoder, ReadsVxlanOverIpv4) {
   auto const endpoints = joined({attribute(4, v4local), attribute(2, v4remote)});
   EXPECT_EQ(tunnel("vxlan", joined({vxlanData(7, false, false), endpoints})),
             expected(TunnelKind::vxlan, TunnelIntfMode::vxlan, 4, 7, 0x22));
-  EXPECT_EQ(tunnel("vxlan", joined({vxlanData(0, false, false), endpoints}))->hopLimit, 61);
+  EXPECT_EQ(tunnel("vxlan", joined({vxlanData(0, false, false), endpoints}))->status.hopLimit, 61);
 }
 
 TEST(LinkDecoder, ReadsVxlanOverIpv6) {
   auto const endpoints = joined({attribute(17, v6local), attribute(16, v6remote)});
   EXPECT_EQ(tunnel("vxlan", joined({vxlanData(7, false, false), endpoints})),
             expected(TunnelKind::vxlan, TunnelIntfMode::vxlan, 6, 7, 0x22));
-  EXPECT_EQ(tunnel("vxlan", joined({vxlanData(0, false, false), endpoints}))->hopLimit, 62);
+  EXPECT_EQ(tunnel("vxlan", joined({vxlanData(0, false, false), endpoints}))->status.hopLimit, 62);
 }
 
 TEST(LinkDecoder, TellsATtlThatVxlanInheritsFromOneThatTheSystemGives) {
-  EXPECT_EQ(tunnel("vxlan", vxlanData(0, false, true))->hopLimit, 0);
-  EXPECT_EQ(tunnel("vxlan", vxlanData(0, false, false))->hopLimit, 61);
+  EXPECT_EQ(tunnel("vxlan", vxlanData(0, false, true))->status.hopLimit, 0);
+  EXPECT_EQ(tunnel("vxlan", vxlanData(0, false, false))->status.hopLimit, 61);
 }
 
 TEST(LinkDecoder, SeesExternalVxlanByTheValueNotByThePresenceOfTheAttribute) {
   auto const endpoints = joined({attribute(4, v4local), attribute(2, v4remote)});
-  EXPECT_EQ(tunnel("vxlan", joined({endpoints, vxlanData(7, true, false)}))->remote, IpGenAddr());
-  EXPECT_NE(tunnel("vxlan", joined({endpoints, vxlanData(7, false, false)}))->remote, IpGenAddr());
+  EXPECT_EQ(tunnel("vxlan", joined({endpoints, vxlanData(7, true, false)}))->status.dstAddr,
+            IpGenAddr());
+  EXPECT_NE(tunnel("vxlan", joined({endpoints, vxlanData(7, false, false)}))->status.dstAddr,
+            IpGenAddr());
 }
 
 TEST(LinkDecoder, ReadsGeneve) {
   auto const rest = joined({attribute(1, native<std::uint32_t>(100)), attribute(3, {7}),
                             attribute(4, {0x88}), attribute(12, {0})});
   auto link = expected(TunnelKind::geneve, TunnelIntfMode::geneve, 4, 7, 0x22);
-  link.local = IpGenAddr();
+  link.status.srcAddr = IpGenAddr();
   EXPECT_EQ(tunnel("geneve", joined({rest, attribute(2, v4remote)})), link);
-  link.remote = *IpGenAddr::fromString("2001:db8::2");
+  link.status.dstAddr = *IpGenAddr::fromString("2001:db8::2");
   EXPECT_EQ(tunnel("geneve", joined({rest, attribute(7, v6remote)})), link);
-  EXPECT_EQ(tunnel("geneve", joined({attribute(3, {0}), attribute(12, {1})}))->hopLimit, 0);
-  EXPECT_EQ(tunnel("geneve", joined({attribute(3, {0}), attribute(12, {0})}))->hopLimit, 61);
-  EXPECT_EQ(tunnel("geneve", joined({rest, attribute(2, v4remote), attribute(6, {})}))->remote,
-            IpGenAddr());
+  EXPECT_EQ(tunnel("geneve", joined({attribute(3, {0}), attribute(12, {1})}))->status.hopLimit, 0);
+  EXPECT_EQ(tunnel("geneve", joined({attribute(3, {0}), attribute(12, {0})}))->status.hopLimit, 61);
+  EXPECT_EQ(
+      tunnel("geneve", joined({rest, attribute(2, v4remote), attribute(6, {})}))->status.dstAddr,
+      IpGenAddr());
 }
 
 TEST(LinkDecoder, ReadsWireguardThatSendsNoData) {
@@ -309,7 +312,7 @@ TEST(LinkDecoder, ReadsWireguardThatSendsNoData) {
               joined({attribute(3, text("t1")), attribute(18, attribute(1, text("wireguard")))}));
   auto const decoded = decode(octets);
   auto link = expected(TunnelKind::wireguard, TunnelIntfMode::wireguard, 4, 61, 0);
-  link.local = link.remote = IpGenAddr();
+  link.status.srcAddr = link.status.dstAddr = IpGenAddr();
   EXPECT_EQ(std::get<LinkState>(decoded).tunnel, link);
 }
 
