@@ -16,8 +16,8 @@ private:
 };
 
 Link const * Links::find(Plexa::IntfId intfId) const {
-  auto const found = links_.find(intfId);
-  return found == links_.end() ? nullptr : &found->second.link;
+  auto const * found = links_.find(intfId);
+  return found == nullptr ? nullptr : &found->link;
 }
 
 Link const * Links::findByName(std::string_view name) const {
@@ -38,8 +38,8 @@ void Links::linkIs(Link const & link) {
 
 void Links::linkDel(Plexa::IntfId intfId) {
   heardOf(intfId);
-  if (auto const found = links_.find(intfId); found != links_.end())
-    remove(found);
+  if (auto const * found = links_.find(intfId))
+    remove(*found);
 }
 
 void Links::heardOf(Plexa::IntfId intfId) {
@@ -48,26 +48,31 @@ void Links::heardOf(Plexa::IntfId intfId) {
 }
 
 void Links::store(Link const & link) {
-  auto const [entry, isNew] = links_.try_emplace(link.intfId, Entry{{}, reading_ - 1});
-  if (std::exchange(entry->second.reading, reading_) != reading_)
+  auto const * known = links_.find(link.intfId);
+  if (known != nullptr)
+    noteSeen(*known);
+  else
     ++seen_;
-  auto & known = entry->second.link;
-  if (!isNew && known == link)
+  if (known != nullptr && known->link == link)
     return;
-  if (isNew || known.name != link.name) {
-    byName_.erase({known.name, link.intfId});
-    byName_.insert({link.name, link.intfId});
-  }
-  known = link;
+  if (known != nullptr && known->link.name != link.name)
+    byName_.erase({known->link.name, link.intfId});
+  byName_.insert({link.name, link.intfId});
+  links_.insertOrReplace(link.intfId, {link, reading_});
   tell(link.intfId);
 }
 
-void Links::remove(Map::iterator entry) {
-  auto const intfId = entry->first;
-  byName_.erase({entry->second.link.name, intfId});
-  if (entry->second.reading == reading_)
+void Links::noteSeen(Entry const & entry) {
+  if (std::exchange(entry.reading, reading_) != reading_)
+    ++seen_;
+}
+
+void Links::remove(Entry const & entry) {
+  auto const intfId = entry.link.intfId;
+  byName_.erase({entry.link.name, intfId});
+  if (entry.reading == reading_)
     --seen_;
-  links_.erase(entry);
+  links_.erase(intfId);
   tell(intfId);
 }
 
@@ -93,9 +98,8 @@ void Links::Reading::linkIs(Link const & link) {
 }
 
 void Links::Reading::linkStays(Plexa::IntfId intfId) {
-  if (auto const found = links_.links_.find(intfId); found != links_.links_.end())
-    if (std::exchange(found->second.reading, number_) != number_)
-      ++links_.seen_;
+  if (auto const * found = links_.links_.find(intfId))
+    links_.noteSeen(*found);
 }
 
 // As a rule every link was seen, and the count says so without a walk.
@@ -106,8 +110,8 @@ void Links::Reading::end() {
   while (links_.seen_ != links.size()) {
     auto const intfId = next->first;
     if (next->second.reading != number_)
-      links_.remove(next);
-    next = links.upper_bound(intfId);
+      links_.remove(next->second);
+    next = links.seekBehind(intfId);
   }
   links_.heardOf_.clear();
   links_.isReading_ = false;

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "platform/Plexa.h"
-#include <absl/container/btree_map.h>
+#include "platform/zel/HashMap2018.h"
 #include <absl/container/btree_set.h>
 #include <cstdint>
 #include <functional>
@@ -71,13 +71,14 @@ public:
 private:
   struct Entry {
     Link link;
-    std::uint64_t reading; // the last one in which it was there
+    std::uint64_t mutable reading; // the last one in which it was there; nothing of the link's own
   };
-  using Map = absl::btree_map<Plexa::IntfId, Entry>;
+  using Map = Zel::HashMap2018<Plexa::IntfId, Entry>;
 
   void heardOf(Plexa::IntfId intfId);
   void store(Link const & link);
-  void remove(Map::iterator entry);
+  void noteSeen(Entry const & entry);
+  void remove(Entry const & entry);
   void tell(Plexa::IntfId intfId);
 
   Map links_;

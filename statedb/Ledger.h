@@ -6,8 +6,8 @@
 // what is not marked at the commit was not found.
 #pragma once
 
+#include "platform/zel/HashMap2018.h"
 #include "statedb/NotifieeFailed.h"
-#include <absl/container/btree_map.h>
 #include <absl/container/btree_set.h>
 #include <cstddef>
 #include <cstdint>
@@ -56,7 +56,7 @@ public:
         notifieeFailed_(notifieeFailed) {}
 
   std::size_t size() const { return owned_.size(); }
-  bool owns(Key const & key) const { return owned_.contains(key); }
+  bool owns(Key const & key) const { return owned_.find(key) != nullptr; }
   /// Changes of the database made here.
   std::uint64_t changes() const { return changes_; }
 
@@ -68,20 +68,20 @@ public:
     removeOther(key, kind);
     if (here.isVoid())
       return;
-    owned_[key] = {read_, kind};
+    owned_.insertOrReplace(key, {read_, kind});
     put(key, value);
   }
   /// Removes what the publisher has there if it is of another kind.
   void removeOther(Key const & key, Kind kind) {
-    auto const own = owned_.find(key);
-    if (own == owned_.end() || own->second.kind == kind)
+    auto const * own = owned_.find(key);
+    if (own == nullptr || own->kind == kind)
       return;
-    owned_.erase(own);
+    owned_.erase(key);
     remove(key);
   }
   void del(Key const & key) {
     settle(key);
-    if (owned_.erase(key) != 0)
+    if (owned_.erase(key))
       remove(key);
   }
   /// The database is losing these keys in another way: nothing of them is the publisher's any more.
@@ -103,19 +103,19 @@ public:
   void found(Key const & key, Value const & value, Kind kind = 0) {
     if (settled_.contains(key))
       return;
-    auto const own = owned_.find(key);
-    auto const isKnown = own != owned_.end() && own->second.kind == kind;
-    if (own != owned_.end())
-      own->second.read = isKnown ? read_ : notFound;
+    auto const * own = owned_.find(key);
+    auto const isKnown = own != nullptr && own->kind == kind;
+    if (own != nullptr)
+      owned_.insertOrReplace(key, {isKnown ? read_ : notFound, own->kind});
     if (isKnown && place_.isSo(key, value))
       findings_.erase(key);
     else
-      findings_.insert_or_assign(key, Finding{value, kind});
+      findings_.insertOrReplace(key, {value, kind});
   }
   void stays(Key const & key) {
-    auto const own = owned_.find(key);
-    if (own != owned_.end() && !findings_.contains(key))
-      own->second.read = read_;
+    auto const * own = owned_.find(key);
+    if (own != nullptr && findings_.find(key) == nullptr)
+      owned_.insertOrReplace(key, {read_, own->kind});
   }
   /// Nothing is handed over any more, and single changes need not be remembered.
   void commit() {
@@ -126,12 +126,12 @@ public:
   /// Goes some keys further, and removes at most one: what was not found, or found to be of another
   /// kind. False when all have been looked at.
   bool removeNext(bool restStays) {
-    auto next = lookedAt_ ? owned_.upper_bound(*lookedAt_) : owned_.begin();
+    auto next = lookedAt_ ? owned_.seekBehind(*lookedAt_) : owned_.begin();
     for (int i = 0; i != keysAStep && next != owned_.end(); ++i, ++next)
       if (isToGo(*next, restStays)) {
         auto const key = next->first;
         lookedAt_ = key;
-        owned_.erase(next);
+        owned_.erase(key);
         remove(key);
         return true;
       }
@@ -145,8 +145,8 @@ public:
     if (findings_.empty())
       return false;
     auto const [key, finding] = *findings_.begin();
-    findings_.erase(findings_.begin());
-    owned_.insert_or_assign(key, Own{read_, finding.kind});
+    findings_.erase(key);
+    owned_.insertOrReplace(key, {read_, finding.kind});
     put(key, finding.value);
     return true;
   }
@@ -172,7 +172,7 @@ private:
   };
 
   bool isToGo(auto const & own, bool restStays) const {
-    return own.second.read != read_ && (!restStays || findings_.contains(own.first));
+    return own.second.read != read_ && (!restStays || findings_.find(own.first) != nullptr);
   }
   // What the publisher says by itself is newer than whatever a read finds.
   void settle(Key const & key) {
@@ -197,20 +197,20 @@ private:
   }
   template <class Map, class IsLost>
   static void forgetIn(Map & map, Key const & first, IsLost const & isLost) {
-    auto const from = map.lower_bound(first);
-    auto to = from;
-    while (to != map.end() && isLost(to->first))
-      ++to;
-    map.erase(from, to);
+    for (auto next = map.seek(first); next != map.end() && isLost(next->first);
+         next = map.seek(first))
+      map.erase(Key(next->first));
   }
 
   Place place_;
   NotifieeFailed const & notifieeFailed_;
-  absl::btree_map<Key, Own> owned_;
-  absl::btree_map<Key, Finding> findings_; // what the read found different, until it is put
-  absl::btree_set<Key> settled_;           // what the publisher said by itself since the read began
-  std::optional<Key> lookedAt_;            // the last key that removeNext() looked at
-  Underway * underway_ = nullptr;          // the innermost one
+  // A change asks several times for one key, and a read comes with keys in their order: that is
+  // what these collections remember their place for.
+  Zel::HashMap2018<Key, Own> owned_;
+  Zel::HashMap2018<Key, Finding> findings_; // what the read found different, until it is put
+  absl::btree_set<Key> settled_;  // what the publisher said by itself since the read began
+  std::optional<Key> lookedAt_;   // the last key that removeNext() looked at
+  Underway * underway_ = nullptr; // the innermost one
   std::uint32_t read_ = notFound;
   bool isReading_ = false;
   std::uint64_t changes_ = 0;
