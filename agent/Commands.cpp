@@ -1,5 +1,5 @@
-// The table of commands, and what each of them does. A command is a function of what it works on
-// and of its arguments; what it raises becomes an error answer with that text.
+// The table of commands, and what each of them does. A command is a function of the host and of
+// its arguments; an exception becomes an error answer with its text.
 #include "agent/Commands.h"
 #include "agent/JsonText.h"
 #include "agent/Status.h"

@@ -43,8 +43,8 @@ struct Parser {
     app.set_version_flag("--version", TUNNELSNMPD_VERSION);
     addTransport();
     app.add_option("--source", options.sources,
-                   "Where the tunnels come from: json:FILE, linux. May be given several times; "
-                   "without any, the state is what \"tunnelsnmpctl patch\" makes it")
+                   "Where the tunnels come from: json:FILE, linux. May be given several times, "
+                   "linux once; without any, the state is what \"tunnelsnmpctl patch\" makes it")
         ->type_name("SOURCE")
         ->allow_extra_args(false);
     app.add_option("--config", options.configFile,

@@ -1,4 +1,4 @@
-// Writes at once and unbuffered: what an operator reads last should be what happened last.
+// Writes at once and unbuffered, so that an operator's last line is about the last event.
 #include "agent/Report.h"
 #include <cstdio>
 

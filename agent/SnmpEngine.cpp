@@ -280,8 +280,8 @@ void SnmpEngine::timeOut() {
   update();
 }
 
-// Whatever net-snmp has just done may have opened or closed descriptors and changed what it waits
-// for; it only says so when it is asked.
+// Each call of net-snmp may open and close descriptors and change the time that it waits for; it
+// only says so when it is asked.
 void SnmpEngine::update() {
   DescriptorSet wanted;
   int count = 0;

@@ -43,7 +43,7 @@ public:
   /// MIB modules can unregister without an answer that a stuck master would never give.
   void stopServing();
 
-  /// Puts what the configuration file says now in the place of what it said before. Raises
+  /// Replaces the configuration by the one that stands in the file now. Raises
   /// ConfigurationError as the constructor does; the lines that were understood are in force then,
   /// all of the old ones when the file could not be read.
   void reread();

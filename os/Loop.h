@@ -22,7 +22,7 @@ public:
   /// Calls `ready` whenever the descriptor can be read without blocking, or has an error.
   [[nodiscard]] virtual Handle readable(int descriptor, std::function<void()> ready) = 0;
   /// Calls `ready` whenever the descriptor can be written without blocking, or has an error: for as
-  /// long as the watch lives, so one that has nothing to write ends it.
+  /// long as the watch lives, so its owner ends it when there is nothing left to write.
   [[nodiscard]] virtual Handle writable(int descriptor, std::function<void()> ready) = 0;
   /// Calls `due` once, when the time is over.
   [[nodiscard]] virtual Handle after(std::chrono::milliseconds time, std::function<void()> due) = 0;

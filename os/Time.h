@@ -13,7 +13,7 @@ constexpr timeval toTimeval(std::chrono::microseconds time) {
           .tv_usec = static_cast<suseconds_t>((time - seconds).count())};
 }
 
-/// The time in milliseconds, rounded up: who waits so long does not wake too early.
+/// The time in milliseconds, rounded up, so that a wait for it does not end too early.
 constexpr std::chrono::milliseconds toMilliseconds(timeval const & time) {
   return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::seconds(time.tv_sec) +
                                                       std::chrono::microseconds(time.tv_usec));

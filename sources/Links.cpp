@@ -1,6 +1,7 @@
 // A tree by id, and one by name that follows it.
 #include "sources/Links.h"
 #include "platform/Lumo.h"
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -85,6 +86,11 @@ void Links::tell(Plexa::IntfId intfId) {
   watches_.remove_if([](auto const & one) { return one.expired(); });
 }
 
+Links::Writer::Writer(Links & links) : links_(links) {
+  if (std::exchange(links.isWritten_, true))
+    throw std::invalid_argument("another source tells of links already; have one tell of all");
+}
+
 Links::Reading::Reading(Links & links) : links_(links), number_(++links.reading_) {
   links_.seen_ = 0;
   links_.heardOf_.clear();
@@ -103,18 +109,23 @@ void Links::Reading::linkStays(Plexa::IntfId intfId) {
 }
 
 // As a rule every link was seen, and the count says so without a walk.
-void Links::Reading::end() {
+bool Links::Reading::endNext() {
   LUMO_ASSERT(number_ == links_.reading_, "a reading of links is used after the next has begun");
   auto & links = links_.links_;
-  auto next = links.begin();
-  while (links_.seen_ != links.size()) {
-    auto const intfId = next->first;
-    if (next->second.reading != number_)
+  auto next = lookedAt_ ? links.seekBehind(*lookedAt_) : links.begin();
+  for (int i = 0; i != linksAStep && links_.seen_ != links.size(); ++i) {
+    lookedAt_ = next->first;
+    if (next->second.reading != number_) {
       links_.remove(next->second);
-    next = links.seekBehind(intfId);
+      return true;
+    }
+    ++next;
   }
+  if (links_.seen_ != links.size())
+    return true;
   links_.heardOf_.clear();
   links_.isReading_ = false;
+  return false;
 }
 
 } // namespace Sources

@@ -35,7 +35,7 @@ struct Link {
 
 /// The links that the source of links has told of. One source writes, any number read.
 ///
-/// For one thread. Whoever reads may be told of a change from inside the call that makes it.
+/// For one thread. A reader may be told of a change from inside the call that makes it.
 class Links {
 public:
   /// Called with the id of a link that has come, changed or gone, when that is done. May read
@@ -45,6 +45,8 @@ public:
   class Watch;
   using Handle = std::shared_ptr<Watch const>;
   class Reading;
+  /// The right to change the links, which one source has at a time.
+  class Writer;
 
   Links() = default;
   Links(Links const &) = delete;
@@ -84,10 +86,23 @@ private:
   Map links_;
   absl::btree_set<std::pair<std::string, Plexa::IntfId>> byName_;
   std::list<std::weak_ptr<Watch const>> watches_;
+  bool isWritten_ = false;
   std::uint64_t reading_ = 0; // the number of the last one
   bool isReading_ = false;
   std::size_t seen_ = 0;                   // links that bear the number of the last reading
   absl::btree_set<Plexa::IntfId> heardOf_; // since the reading that is under way began
+};
+
+class Links::Writer {
+public:
+  /// Raises std::invalid_argument, one line, when somebody else has it.
+  explicit Writer(Links & links);
+  Writer(Writer const &) = delete;
+  Writer & operator=(Writer const &) = delete;
+  ~Writer() { links_.isWritten_ = false; }
+
+private:
+  Links & links_;
 };
 
 /// Everything that a source finds when it reads all links. What linkIs() and linkDel() of Links say
@@ -103,13 +118,16 @@ public:
   void linkIs(Link const & link);
   /// What is known of the link stays; it could not be read.
   void linkStays(Plexa::IntfId intfId);
-  /// Everything has been found: the other links go. A reading that did not see everything is not
-  /// ended.
-  void end();
+  /// Everything has been found: the other links go. Each call does some microseconds' work; false
+  /// when all is done. A reading that did not see everything is not ended.
+  [[nodiscard]] bool endNext();
 
 private:
+  static constexpr int linksAStep = 64;
+
   Links & links_;
   std::uint64_t const number_;
+  std::optional<Plexa::IntfId> lookedAt_; // the last link that endNext() looked at
 };
 
 } // namespace Sources

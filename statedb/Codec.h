@@ -1,6 +1,6 @@
 // How the keys and the values of the document are read from JSON and printed: one codec for each
-// type that a record's member can have. Schema.h builds the document's table out of them; who reads
-// records from elsewhere uses them as they are.
+// type that a record's member can have. Schema.h builds the document's table out of them; a source
+// that reads records from elsewhere uses them as they are.
 #pragma once
 
 #include "platform/Ipsec.h"
@@ -14,8 +14,8 @@
 
 namespace StateDb {
 
-/// A name, a key or a value that does not fit where it stands. pointer() leads there, from whatever
-/// the raising function was given; what() is the reason alone.
+/// A name, a key or a value that does not fit where it stands. pointer() leads there, from the
+/// value that the raising function was given; what() is the reason alone.
 class Unusable : public std::runtime_error {
 public:
   Unusable(std::string pointer, std::string const & reason);

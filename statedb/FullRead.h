@@ -60,8 +60,8 @@ public:
   void statusClaimIs(Plexa::IntfId intfId, Claim<Status> const & claim);
 
   /// The status and the ifIndex that the publisher has of that id stay as they are, though the read
-  /// cannot say what they are; whichever of them is handed over, before or after this, is what it
-  /// was handed over as.
+  /// cannot say what they are. One of the two that is handed over, before or after this call,
+  /// becomes what was handed over.
   void tunnelStays(Plexa::IntfId intfId);
   /// The read did not see everything: what was not handed over stays as it is.
   void restStays();

@@ -174,7 +174,7 @@ private:
   bool isToGo(auto const & own, bool restStays) const {
     return own.second.read != read_ && (!restStays || findings_.find(own.first) != nullptr);
   }
-  // What the publisher says by itself is newer than whatever a read finds.
+  // What the publisher says by itself is newer than anything that a read finds.
   void settle(Key const & key) {
     findings_.erase(key);
     if (isReading_)

@@ -68,7 +68,8 @@ bool ProfilePlace::isThere(Key const & profile) const {
   return ike_.appliedProfiles().find(profile) != nullptr;
 }
 
-// Only what is not so already is put, and what is so is all that a profile says by itself.
+// Is called only when isSo() is false, so a profile that is there as a record is never replaced by
+// another record, and keeps its connections.
 void ProfilePlace::put(Key const & profile, Value value) {
   ike_.appliedProfilesIs(profile, value == Value::null
                                       ? nullptr
@@ -160,7 +161,8 @@ std::string StatusClaimPlace::pointer(Key key) const {
   return pointerTo(directory_, directory_.intfStatusAttribute(), key.stringValue());
 }
 
-// Has these members of the record say what the claims make of what was published.
+// Gives these members of the record their claimed values, and those that nobody claims any more the
+// values that were published.
 void StatusClaimPlace::apply(Key key, Zel::FieldSet fields, Statuses::Value const & published) {
   auto const record = Statuses::record(directory_, key);
   if (!published || !record || !publishers_.publishesStatus(key))

@@ -76,7 +76,7 @@ public:
   void tunnelInfoDel(Plexa::IntfId intfId);
 
   /// Has a record for the profile there. A new one has no connections; those in a present one stay,
-  /// whoever published them.
+  /// those of other publishers as well.
   void profileIs(std::string const & profile);
   /// Puts null where the profile is; its connections go with it.
   void nullProfileIs(std::string const & profile);

@@ -1,5 +1,6 @@
 // The database as it will be once planned changes have been made. The changes are kept beside the
-// database, record by record, so planning costs what the changes cost, whatever the database holds.
+// database, record by record, so planning takes time by the number of changes and not by the size
+// of the database.
 #pragma once
 
 #include "statedb/Location.h"
@@ -46,7 +47,7 @@ private:
   std::map<std::string, Planned> planned_;
 };
 
-/// Raised as Unusable by those who need something at the location and find nothing.
+/// Raises Unusable: there is nothing at the location.
 [[noreturn]] void nothingAt(Location const & where);
 
 } // namespace StateDb

@@ -81,9 +81,9 @@ private:
   FileText * text_;
 };
 
-/// Hears what the parser reads, and keeps what is wrong. What does not fit into the document ends
-/// its publication but not the parsing: a fault of the text itself, or a key that is there twice,
-/// is reported first wherever it is.
+/// Takes the keys and values that the parser reads, and keeps the reason why the file is refused. A
+/// value that does not fit into the document ends its publication but not the parsing, because a
+/// fault of the text itself, or a key that is there twice, is reported first wherever it is.
 class Listener final : public json::json_sax_t {
 public:
   Listener(FileText const & text, StateDb::FullRead & read) : text_(text) {
@@ -120,6 +120,7 @@ private:
   template <class Tell>
   void tell(Tell tell);
   void doesNotFit(std::string_view reason);
+  /// Where the last key is, cut when it is long.
   std::string pointer() const;
 
   FileText const & text_;
@@ -128,6 +129,9 @@ private:
   std::string reason_;
   std::size_t wrongLine_ = 0;
 };
+
+/// In a message, in octets; the line is named as well.
+constexpr std::size_t longestPointer = 150;
 
 JsonFileError unreadable(std::string const & path) {
   return JsonFileError(fmt::format("{}: cannot be read: {}", path, std::strerror(errno)));
@@ -256,7 +260,7 @@ std::string Listener::pointer() const {
   for (auto const & level : levels_)
     if (&level != &levels_.front())
       pointer += "/" + StateDb::escaped(level.key);
-  return pointer;
+  return pointer.size() > longestPointer ? pointer.substr(0, longestPointer) + "..." : pointer;
 }
 
 } // namespace

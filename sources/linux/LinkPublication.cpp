@@ -6,6 +6,9 @@ namespace Sources::Linux {
 
 namespace {
 
+/// As urgent as the commit that follows.
+constexpr Kiln::TaskPriority priority = 3;
+
 Link linkOf(TunnelLink const & link) {
   return {.intfId = Plexa::IntfId(link.index),
           .name = link.name,
@@ -26,7 +29,11 @@ LinkPublication::LinkPublication(TunnelKindSet kinds, StateDb::Publishers & publ
                                  Links & links)
     : kinds_(kinds),
       links_(links),
-      publisher_(publishers) {}
+      writer_(links),
+      publisher_(publishers),
+      task_(Zel::makePtr<Kiln::Task>(Kiln::TaskSchedulerRoot::findOrCreateScheduler(), priority,
+                                     "Linux::LinkPublication-linksTask")),
+      run_(Zel::makePtr<Run>(*this, &LinkPublication::run, task_.get())) {}
 
 bool LinkPublication::linkIs(LinkState const & state) {
   auto const before = publisher_.changes();
@@ -44,6 +51,7 @@ bool LinkPublication::linkIs(LinkState const & state) {
 void LinkPublication::beginReading() {
   tunnelsRead_ = publisher_.beginFullRead();
   linksRead_.emplace(links_);
+  isEnding_ = false;
 }
 
 void LinkPublication::found(LinkState const & state) {
@@ -60,13 +68,31 @@ void LinkPublication::foundUnreadable(std::uint32_t index) {
 }
 
 void LinkPublication::endReading(bool whole, Pace pace, std::function<void()> done) {
-  if (whole)
-    linksRead_->end();
-  else
+  isEnding_ = true;
+  done_ = std::move(done);
+  if (whole && pace == Pace::inRuns)
+    return task_->scheduleTask();
+  while (whole && linksRead_->endNext()) {
+  }
+  if (!whole)
     tunnelsRead_->restStays();
+  publish(pace);
+}
+
+void LinkPublication::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
+  if (!isEnding_)
+    return; // another read has begun
+  while (linksRead_->endNext())
+    if (task_->taskShouldYield())
+      return task_->scheduleTask();
+  publish(Pace::inRuns);
+}
+
+void LinkPublication::publish(Pace pace) {
+  isEnding_ = false;
   linksRead_.reset();
   auto read = *std::exchange(tunnelsRead_, std::nullopt); // `done` may begin the next one
-  std::move(read).commit(pace, std::move(done));
+  std::move(read).commit(pace, std::exchange(done_, {}));
 }
 
 bool LinkPublication::wants(LinkState const & state) const {

@@ -4,6 +4,8 @@
 // The interface id and the ifIndex of a tunnel are both the kernel's link index.
 #pragma once
 
+#include "platform/Flowa.h"
+#include "platform/Kiln.h"
 #include "sources/Links.h"
 #include "sources/linux/LinkDecoder.h"
 #include "sources/linux/TunnelKind.h"
@@ -19,8 +21,12 @@ class LinkPublication {
 public:
   using Pace = StateDb::FullRead::Pace;
 
-  /// Publishes links of these kinds. `publishers` and `links` outlive it.
+  /// Publishes links of these kinds. `publishers` and `links` outlive it. Raises
+  /// std::invalid_argument, one line, when another one tells `links` already.
   LinkPublication(TunnelKindSet kinds, StateDb::Publishers & publishers, Links & links);
+  LinkPublication(LinkPublication const &) = delete;
+  LinkPublication & operator=(LinkPublication const &) = delete;
+  ~LinkPublication() { run_->ownerDeletedIs(); }
 
   /// The link is now so; takes effect at once. True if and only if a record has changed. A link
   /// that became one of another kind under its index is removed and added.
@@ -39,13 +45,22 @@ public:
   StateDb::Publisher const & publisher() const { return publisher_; }
 
 private:
+  using Run = Flowa::Gen::InReactor<LinkPublication>;
+
+  void run(Zel::Attribute const &, Flowa::Gen::NoKey const &);
+  void publish(Pace pace);
   bool wants(LinkState const & state) const;
 
   TunnelKindSet const kinds_;
   Links & links_;
+  Links::Writer const writer_;
   StateDb::Publisher publisher_;
   std::optional<StateDb::FullRead> tunnelsRead_;
   std::optional<Links::Reading> linksRead_;
+  bool isEnding_ = false; // what was not found goes, before the rest is published
+  std::function<void()> done_;
+  Zel::Ptr<Kiln::Task> const task_; // takes links away that a read did not find
+  Zel::Ptr<Run> const run_;
 };
 
 } // namespace Sources::Linux

@@ -28,7 +28,8 @@ public:
   /// How long the kernel may take for each part of its answer, before the read is given up.
   static constexpr std::chrono::seconds patience{2};
 
-  /// Raises std::invalid_argument as Linux::TunnelKindSet::fromOptions does.
+  /// Raises std::invalid_argument as Linux::TunnelKindSet::fromOptions does, and when there is such
+  /// a source already: one can have all kinds.
   LinuxSource(std::string_view options, Surroundings const & surroundings,
               int receiveBuffer = defaultReceiveBuffer);
 

@@ -37,7 +37,7 @@ std::optional<TunnelKind> tunnelKindFromName(std::string_view name);
 class TunnelKindSet {
 public:
   /// The kinds that carry IP: gre ip6gre ipip sit ip6tnl vti vti6 xfrm. The others are Ethernet or
-  /// plain devices that the interface table shows well enough; whoever wants them asks for them.
+  /// plain devices that the interface table shows well enough; the options ask for them.
   static TunnelKindSet defaults();
   /// The defaults, changed by what the options of the source say: "" or "kinds=+vxlan,-vti". Raises
   /// std::invalid_argument, one line that lists what is possible, for anything else.

@@ -1,3 +1,4 @@
+// Requests as the control socket gets them, and their answers, without a socket.
 #include "agent/Commands.h"
 #include "platform/Lumo.h"
 #include "platform/zel/Type.h"

@@ -1,3 +1,4 @@
+// The control socket with clients of every kind: slow, greedy, gone.
 #include "agent/ControlSocket.h"
 #include "platform/Lumo.h"
 #include <filesystem>

@@ -1,3 +1,4 @@
+// The event loop over libevent: descriptors, times and signals, with real ones.
 #include "agent/EventLoop.h"
 #include "platform/Lumo.h"
 #include <array>

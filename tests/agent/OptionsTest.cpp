@@ -1,3 +1,4 @@
+// The command line: what it means, and what is refused with which text.
 #include "agent/Options.h"
 #include <gmock/gmock.h>
 

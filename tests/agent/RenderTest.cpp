@@ -1,3 +1,4 @@
+// How tunnelsnmpctl prints the answers of the daemon.
 #include "ctl/Render.h"
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

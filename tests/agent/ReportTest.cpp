@@ -1,3 +1,4 @@
+// The lines that the daemon reports faults with.
 #include "agent/Report.h"
 #include <gtest/gtest.h>
 

@@ -541,6 +541,21 @@ class Signals(DaemonTest):
         self.write("access.conf", "rocommunity public 127.0.0.1\n")
         self.ctl("reread")
 
+    def test_rereads_answer_when_all_is_read_also_when_a_client_has_gone(self):
+        self.start_office()
+        statuses = {str(number): {} for number in range(1, 5001)}
+        self.write("tunnels.json", json.dumps({"tunnelIntfStatusDir": {"intfStatus": statuses}}))
+        clients = [socket.socket(socket.AF_UNIX) for _ in range(3)]
+        for client in clients:
+            client.connect(self.control)
+            client.sendall(b'{"command": "reread"}\n')
+        clients[0].close()
+        for client in clients[1:]:
+            with client, client.makefile() as answers:
+                self.assertEqual({"ok": True, "result": {}}, json.loads(answers.readline()))
+        source = self.ctl_json("status")["sources"][0]
+        self.assertEqual((False, 5000), (source["reading"], source["records"]["intfStatus"]))
+
     def test_a_broken_source_is_reported_and_its_last_state_stays(self):
         self.start_office()
         self.write("tunnels.json", "{")
@@ -596,6 +611,10 @@ class WrongStarts(DaemonTest):
 
     def test_an_unknown_source_is_a_configuration_error(self):
         self.assert_refuses_to_start(2, "carrier-pigeon", "--source", "carrier-pigeon")
+
+    def test_a_second_source_of_links_is_a_configuration_error(self):
+        self.assert_refuses_to_start(2, "another source tells of links", "--source", "linux",
+                                     "--source", "linux:kinds=+vxlan")
 
     def test_a_missing_or_broken_file_is_an_error_that_names_it(self):
         self.assert_refuses_to_start(1, "none.json", "--source", "json:" + self.path("none.json"))

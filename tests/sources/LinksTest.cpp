@@ -21,6 +21,11 @@ Link link(std::uint64_t id, std::string name, std::optional<std::uint32_t> ifId 
           .lower = {}};
 }
 
+void end(Links::Reading & reading) {
+  while (reading.endNext()) {
+  }
+}
+
 class LinksTest : public testing::Test {
 protected:
   std::vector<std::uint64_t> ids() const {
@@ -109,7 +114,7 @@ TEST_F(LinksTest, LoseWhatAReadingDoesNotFind) {
   reading.linkStays(IntfId(4));
   reading.linkStays(IntfId(9)); // there was none
   EXPECT_THAT(ids(), ElementsAre(1, 2, 3, 4, 5));
-  reading.end();
+  end(reading);
   EXPECT_THAT(ids(), ElementsAre(2, 3, 4, 5));
   EXPECT_EQ(links.findByName("renamed")->intfId, IntfId(3));
   EXPECT_THAT(told(), ElementsAre(3, 5, 1));
@@ -118,9 +123,47 @@ TEST_F(LinksTest, LoseWhatAReadingDoesNotFind) {
 TEST_F(LinksTest, LoseAllWhenAReadingFindsNone) {
   links.linkIs(link(1, "a"));
   links.linkIs(link(2, "b"));
-  Links::Reading(links).end();
+  Links::Reading reading(links);
+  end(reading);
   EXPECT_EQ(links.size(), 0u);
   EXPECT_EQ(links.findByName("a"), nullptr);
+}
+
+TEST_F(LinksTest, GoAndAreLookedAtInSmallSteps) {
+  constexpr std::uint64_t many = 10000;
+  for (std::uint64_t id = 1; id <= many; ++id)
+    links.linkIs(link(id, "l" + std::to_string(id)));
+  Links::Reading reading(links);
+  for (std::uint64_t id = 1; id <= many - 2; ++id)
+    reading.linkIs(link(id, "l" + std::to_string(id)));
+  told();
+  int steps = 0;
+  for (; reading.endNext(); ++steps)
+    ASSERT_LE(told().size(), 1u);
+  EXPECT_EQ(links.size(), many - 2);
+  EXPECT_GT(steps, 20) << "not all links in one";
+  EXPECT_LT(steps, 1000) << "some links in each";
+}
+
+TEST_F(LinksTest, HearOfOthersWhileAReadingEnds) {
+  for (std::uint64_t id : {1, 2, 3})
+    links.linkIs(link(id, "old"));
+  Links::Reading reading(links);
+  ASSERT_TRUE(reading.endNext());
+  EXPECT_THAT(ids(), ElementsAre(2, 3));
+  links.linkIs(link(1, "new")); // behind the place where it is
+  links.linkIs(link(3, "new"));
+  end(reading);
+  EXPECT_THAT(ids(), ElementsAre(1, 3));
+}
+
+TEST_F(LinksTest, HaveOneWriter) {
+  {
+    Links::Writer const first(links);
+    EXPECT_THROW(Links::Writer second(links), std::invalid_argument);
+    EXPECT_THROW(Links::Writer third(links), std::invalid_argument);
+  }
+  EXPECT_NO_THROW(Links::Writer next(links));
 }
 
 TEST_F(LinksTest, BelieveWhatWasHeardDuringAReading) {
@@ -134,7 +177,7 @@ TEST_F(LinksTest, BelieveWhatWasHeardDuringAReading) {
   reading.linkIs(link(2, "old"));
   reading.linkIs(link(3, "old"));
   reading.linkIs(link(3, "old")); // twice: links moved while they were read
-  reading.end();
+  end(reading);
   EXPECT_THAT(ids(), ElementsAre(1, 3, 4));
   EXPECT_EQ(links.find(IntfId(1))->name, "new");
 }
@@ -145,7 +188,7 @@ TEST_F(LinksTest, ForgetAReadingThatIsNotEnded) {
   EXPECT_THAT(ids(), ElementsAre(1));
   Links::Reading reading(links);
   reading.linkIs(link(1, "a"));
-  reading.end();
+  end(reading);
   EXPECT_THAT(ids(), ElementsAre(1));
 }
 

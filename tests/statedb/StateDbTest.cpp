@@ -1,3 +1,4 @@
+// Entities at paths: mounted, made by type name, released.
 #include "statedb/StateDb.h"
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

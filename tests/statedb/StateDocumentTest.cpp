@@ -1,3 +1,4 @@
+// The inputs as one document: read in part and whole, and patched.
 #include "statedb/StateDocument.h"
 #include "platform/Lumo.h"
 #include "tests/statedb/Recorder.h"

@@ -1,3 +1,4 @@
+// Descriptors by poll(), time by hand.
 #include "tests/support/TestLoop.h"
 #include <algorithm>
 #include <poll.h>

@@ -1,3 +1,4 @@
+// When a run is asked to yield, and which of several equals comes next.
 #include "tests/support/TestScheduler.h"
 #include "platform/Lumo.h"
 #include <chrono>

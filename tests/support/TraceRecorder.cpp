@@ -1,3 +1,4 @@
+// Switches the handles on, and back at the end.
 #include "tests/support/TraceRecorder.h"
 #include <algorithm>
 

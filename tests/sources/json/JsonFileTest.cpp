@@ -1,3 +1,4 @@
+// Document files: what is read from them, and the line that an error names.
 #include "sources/json/JsonFile.h"
 #include "statedb/Publisher.h"
 #include "statedb/Schema.h"
@@ -122,10 +123,19 @@ TEST(JsonFile, NamesTheLineOfASyntaxError) {
   EXPECT_THAT(error("{\n\"ifMib\": 1e999}"), StartsWith("branch.json:2: "));
 }
 
+/// Objects in objects; the innermost has a key twice.
+std::string nested(int depth) {
+  std::string text;
+  for (int i = 0; i != depth; ++i)
+    text += "{\"a\": ";
+  return text + "{\"b\": 1, \"b\": 2}" + std::string(static_cast<std::size_t>(depth), '}');
+}
+
 TEST(JsonFile, ReportsInOneLineThatIsNotTooLong) {
   for (auto const & text : {"{\n  \"ifMib\": \"" + std::string(10000, 'x') + "\n",
                             "{\"ifMib\": \"" + std::string(10000, 'x') + "\"}",
-                            std::string("{\"if\tMib\": {}}"), std::string("{\"ifMib\": \"\n\"}")}) {
+                            std::string("{\"if\tMib\": {}}"), std::string("{\"ifMib\": \"\n\"}"),
+                            "{\"" + std::string(10000, 'x') + "\": 1}", nested(10000)}) {
     EXPECT_LT(error(text).size(), 300u);
     EXPECT_EQ(error(text).find('\n'), std::string::npos);
     EXPECT_NE(error(text), "");

@@ -1,3 +1,4 @@
+// The source that follows a file: changes of the file and of its folder, large files, broken ones.
 #include "sources/json/JsonSource.h"
 #include "tests/sources/TunnelWorld.h"
 #include "tests/support/TemporaryFolder.h"

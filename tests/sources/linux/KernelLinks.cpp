@@ -1,3 +1,4 @@
+// Network namespaces, the ip command, and a look at what is published.
 #include "tests/sources/linux/KernelLinks.h"
 #include <cerrno>
 #include <cstdio>

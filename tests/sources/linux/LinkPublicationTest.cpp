@@ -159,6 +159,49 @@ TEST_F(LinkPublicationTest, KeepsWhatAReadCouldNotUnderstandOrNotSee) {
   EXPECT_EQ(links.size(), 2u);
 }
 
+TEST_F(LinkPublicationTest, TakesManyLinksAwayInRuns) {
+  for (std::uint32_t index = 1; index <= 100; ++index)
+    publication.linkIs(tunnel(index, 10));
+  scheduler->yieldIs(Yield::always);
+  publication.beginReading();
+  bool done = false;
+  publication.endReading(true, Pace::inRuns, [&] { done = true; });
+  for (std::size_t left = 100; left != 0; --left) {
+    ASSERT_EQ(links.size(), left);
+    ASSERT_TRUE(scheduler->runOne());
+  }
+  EXPECT_FALSE(done);
+  settle();
+  EXPECT_TRUE(done);
+  EXPECT_TRUE(isGone(1));
+}
+
+TEST_F(LinkPublicationTest, DropsARunWhenAnotherReadBegins) {
+  publication.linkIs(tunnel(1, 10));
+  publication.beginReading();
+  bool done = false;
+  publication.endReading(true, Pace::inRuns, [&] { done = true; });
+  publication.beginReading();
+  settle();
+  EXPECT_FALSE(done);
+  EXPECT_FALSE(isGone(1));
+  publication.found(tunnel(1, 20));
+  EXPECT_TRUE(end(true));
+  EXPECT_EQ(hopLimit(1), 20);
+}
+
+TEST_F(LinkPublicationTest, MayEndBetweenTwoRuns) {
+  Sources::Links other;
+  auto shortLived = std::make_unique<LinkPublication>(Sources::Linux::TunnelKindSet::defaults(),
+                                                      publishers, other);
+  shortLived->linkIs(tunnel(1, 10));
+  shortLived->beginReading();
+  shortLived->endReading(true, Pace::inRuns, [] { FAIL(); });
+  shortLived.reset();
+  settle();
+  EXPECT_EQ(hopLimit(1), 10);
+}
+
 TEST_F(LinkPublicationTest, BeginsAReadAnew) {
   publication.linkIs(tunnel(1, 10));
   publication.beginReading();

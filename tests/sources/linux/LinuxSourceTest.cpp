@@ -2,10 +2,15 @@
 #include "sources/linux/LinuxSource.h"
 #include "tests/sources/linux/KernelLinks.h"
 #include "tests/support/TraceRecorder.h"
+#include <algorithm>
 #include <csignal>
+#include <fcntl.h>
+#include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <iterator>
+#include <set>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -498,6 +503,88 @@ TEST_F(LinuxSource, KeepsWhatItHasWhileItCannotReadAndCatchesUpLater) {
   passFullReadPeriod();
   EXPECT_EQ(source->status().lastError, "");
   EXPECT_EQ(status(id), vxlan("10.0.0.1", "10.0.0.3"));
+}
+
+/// The sockets of this process.
+std::set<int> sockets() {
+  std::set<int> found;
+  for (auto const & entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    if (std::error_code error;
+        std::filesystem::read_symlink(entry, error).string().starts_with("socket:"))
+      found.insert(std::stoi(entry.path().filename().string()));
+  return found;
+}
+
+/// A source whose one lasting socket, that of the events, can be broken.
+class BrokenEventSocket : public LinuxSource {
+protected:
+  void SetUp() override {
+    LinuxSource::SetUp();
+    if (IsSkipped())
+      return;
+    auto const before = sockets();
+    start();
+    auto const after = sockets();
+    std::ranges::set_difference(after, before, std::back_inserter(events_));
+    ASSERT_EQ(events_.size(), 1u);
+  }
+  /// What cannot be received from comes in the socket's place.
+  void breakSocket() const {
+    auto const file = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(file, events_.front()), events_.front());
+    close(file);
+  }
+  void expectNoEvents() const {
+    EXPECT_EQ(source->status().state, SourceStatus::State::degraded);
+    EXPECT_THAT(source->status().lastError, HasSubstr("source linux: cannot hear of changes"));
+  }
+  void expectEvents() {
+    EXPECT_EQ(source->status().lastError, "");
+    auto const fullReads = source->status().fullReads;
+    addVxlan("new", 999);
+    settle();
+    EXPECT_EQ(status(idOf("new")), vxlan("10.0.0.1", "10.0.0.2"));
+    EXPECT_EQ(source->status().fullReads, fullReads) << "an event was enough";
+  }
+
+private:
+  std::vector<int> events_;
+};
+
+TEST_F(BrokenEventSocket, IsReplacedAtTheNextFullRead) {
+  breakSocket();
+  addVxlan("vx1");
+  settle();
+  expectNoEvents();
+  passFullReadPeriod();
+  EXPECT_EQ(status(idOf("vx1")), vxlan("10.0.0.1", "10.0.0.2"));
+  expectEvents();
+}
+
+TEST_F(BrokenEventSocket, IsReplacedAtOnceWhenItBreaksDuringAFullRead) {
+  source->reread();
+  breakSocket();
+  settle();
+  EXPECT_EQ(source->status().fullReads, 3u) << "one more, with a new socket";
+  expectEvents();
+}
+
+TEST_F(BrokenEventSocket, EndsAFullReadThatFindsIt) {
+  breakSocket();
+  source->reread();
+  EXPECT_FALSE(source->status().isReading);
+  expectNoEvents();
+  settle();
+  passFullReadPeriod();
+  expectEvents();
+}
+
+// Two would take each other's links away.
+TEST_F(LinuxSource, IsTheOnlySourceOfLinks) {
+  start();
+  EXPECT_THROW(Sources::LinuxSource("kinds=+gretap", surroundings()), std::invalid_argument);
+  source.reset();
+  start();
 }
 
 TEST_F(LinuxSource, IsNamedAsOnTheCommandLine) {
