@@ -69,6 +69,15 @@ TEST_F(RootTest, TearsTheOldMachinesDown) {
   EXPECT_TRUE(world_.mib->tunnelIfTable().empty());
 }
 
+TEST_F(RootTest, HasTheAgentWhenItSaysSo) {
+  std::vector<Zel::Ptr<TunnelIntfSnmpAgent>> heard;
+  auto const listener = Zel::makePtr<OnChange>(
+      *root_, [&](auto const &) { heard.push_back(root_->tunnelIntfSnmpAgent()); });
+  auto const agent = setAgent();
+  root_->tunnelIntfSnmpAgentDel();
+  EXPECT_THAT(heard, testing::ElementsAre(agent, nullptr));
+}
+
 TEST_F(RootTest, RemovesItsAgentAndSaysSo) {
   auto const agent = setAgent();
   EXPECT_EQ(root_->tunnelIntfSnmpAgentDel(), agent);
@@ -122,6 +131,8 @@ TEST_F(RootTest, RefusesWrongInputsByName) {
     EXPECT_STREQ(error.what(), "attribute tunnelIntfSnmpAgent: an argument is a "
                                "TunnelIntfSnmp::TunnelMib, which does not fit");
   }
+  inputs = {world_.mib, world_.dir, world_.ifMib, world_.ikeStatus, nullptr};
+  EXPECT_THROW(Zel::attributeIs(*root_, "tunnelIntfSnmpAgent", inputs), Zel::GenericAccessError);
   EXPECT_THROW(Zel::attributeIs(*root_, "name", inputs), Zel::GenericAccessError);
   EXPECT_THROW(Zel::attribute(*root_, "nonsense"), Zel::GenericAccessError);
   EXPECT_EQ(told_, 0u);
@@ -163,9 +174,13 @@ TEST_F(RootTest, StartsItsMachinesWithTheDefaultControlRecord) {
   EXPECT_EQ(agent->smControl().traceHandlerName, "");
   EXPECT_EQ(agent->smControl().synchronousMode, 0);
   EXPECT_EQ(agent->smControl().version, 0u);
-  auto const & used = agent->tunnelIfTableSm()->flowaControl();
-  EXPECT_EQ(used.taskScheduler, world_.scheduler);
-  EXPECT_EQ(used.taskPriority, 3);
+  auto const expectUsed = [&](Flowa::SmControl const & used) {
+    EXPECT_EQ(used.taskScheduler, world_.scheduler);
+    EXPECT_EQ(used.taskPriority, 3);
+  };
+  expectUsed(agent->tunnelIfTableSm()->flowaControl());
+  expectUsed(agent->tunnelInetConfigTableSm()->flowaControl());
+  expectUsed(agent->ipsecTunnelIfTableSm()->flowaControl());
 }
 
 TEST_F(RootTest, ShowsTheControlRecordsByName) {

@@ -62,6 +62,8 @@ TEST_F(Columns, TakeTheFamilyOfTheSourceAndOfTheDestinationWhereThereIsNoSource)
   EXPECT_EQ(row_.addrType(), 1u) << "the source decides";
   status_->srcAddrIs(address("0.0.0.0"));
   EXPECT_EQ(row_.addrType(), 1u) << "a zero address has a family";
+  status_->srcAddrIs(Plexa::IpGenAddr(static_cast<Plexa::AddressFamily>(7)));
+  EXPECT_EQ(row_.addrType(), 0u) << "one of an unknown family is no address, but is configured";
 }
 
 TEST(ColumnsWithoutStatus, AreZeroOrEmptyWhereTheyAreGuarded) {

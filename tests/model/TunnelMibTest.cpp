@@ -1,5 +1,6 @@
 // The tables of TunnelMib: find-or-create, replacement, deletion, notification, destruction.
 #include "TunnelIntfSnmp/TunnelIntfSnmp.h"
+#include "tests/machines/World.h"
 #include <functional>
 #include <gmock/gmock.h>
 #include <stdexcept>
@@ -78,6 +79,7 @@ TEST_F(TunnelMibTest, RefusesAnotherRecordForAnExistingIpsecRow) {
   EXPECT_EQ(refusal(record, Zel::makePtr<Ipsec::Ike::Status>("other")),
             "attribute ikeStatus" + again);
   EXPECT_EQ(mib_->ipsecTunnelIfTable(7), row);
+  EXPECT_TRUE(row->hasNotificationActive());
   EXPECT_THAT(heard_->changes, ElementsAre("ipsecTunnelIfTable 7"));
 }
 
@@ -89,6 +91,22 @@ TEST_F(TunnelMibTest, ReturnsTheRemovedRowAndNotifiesItsKey) {
   EXPECT_EQ(mib_->ipsecTunnelIfTableDel(mib_->ipsecTunnelIfTable().begin()), ipsecRow);
   EXPECT_THAT(heard_->changes, ElementsAre("tunnelIfTable 7", "ipsecTunnelIfTable 8"));
   EXPECT_EQ(row->ifIndex(), 7u) << "lives on for who holds it";
+}
+
+TEST_F(TunnelMibTest, HasChangedWhenItsListenersHear) {
+  auto const entry = tunnelInetConfigTableEntryFactory(key(7), 1);
+  std::vector<std::size_t> sizes;
+  auto const listener = Zel::makePtr<OnChange>(*mib_, [&](auto const &) {
+    sizes.push_back(mib_->tunnelIfTable().size() + mib_->ipsecTunnelIfTable().size() +
+                    mib_->tunnelInetConfigTable().size());
+  });
+  mib_->tunnelIfTableIs(7, status());
+  mib_->ipsecTunnelIfTableIs(7, status(), nullptr);
+  mib_->tunnelInetConfigTableIs(entry);
+  mib_->tunnelIfTableDel(7);
+  mib_->ipsecTunnelIfTableDel(7);
+  mib_->tunnelInetConfigTableDel(key(7));
+  EXPECT_THAT(sizes, ElementsAre(1, 2, 3, 2, 1, 0));
 }
 
 TEST_F(TunnelMibTest, RemovesNothingThatIsAbsent) {

@@ -167,6 +167,19 @@ TEST_F(Scheduler, GivesEachRunAShareOfItsOwn) {
   scheduler_->runOne();
 }
 
+TEST_F(Scheduler, LooksAtTheClockForTheFirstAskOfEachRun) {
+  auto const one = Zel::makePtr<Worker>(
+      scheduler_, 3, "one", [&](Kiln::Task & task) { EXPECT_FALSE(task.taskShouldYield()); });
+  auto const two = Zel::makePtr<Worker>(scheduler_, 3, "two", [&](Kiln::Task & task) {
+    now_ += scheduler_->share();
+    EXPECT_TRUE(task.taskShouldYield());
+  });
+  one->task->scheduleTask();
+  two->task->scheduleTask();
+  scheduler_->runOne();
+  scheduler_->runOne();
+}
+
 TEST_F(Scheduler, AlwaysAsksToYieldOutsideAnyRun) {
   EXPECT_TRUE(worker(3, "one")->task->taskShouldYield());
 }

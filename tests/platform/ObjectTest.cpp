@@ -183,6 +183,33 @@ TEST(Notification, PassesOverANotifieeThatLeftMeanwhile) {
   EXPECT_EQ(heard, 1);
 }
 
+TEST(Notification, PassesOverTheLastNotifieesWhoLeftMeanwhileAndOverNewcomers) {
+  auto const thing = Zel::makePtr<Thing>();
+  int heard = 0;
+  auto const count = [&](auto const &) { ++heard; };
+  Zel::Ptr<Listener> last, newcomer;
+  auto const first = Zel::makePtr<Listener>(*thing, [&](auto const &) {
+    last = nullptr;
+    newcomer = Zel::makePtr<Listener>(*thing, count);
+  });
+  auto const second = Zel::makePtr<Listener>(*thing, count);
+  last = Zel::makePtr<Listener>(*thing, count);
+  thing->change();
+  EXPECT_EQ(heard, 1) << "the second alone";
+}
+
+TEST(Notification, PassesOverANotifieeThatLeftInsideAnotherObjectsNotification) {
+  auto const thing = Zel::makePtr<Thing>();
+  auto const other = Zel::makePtr<Thing>();
+  int heard = 0;
+  Zel::Ptr<Listener> second;
+  auto const ofOther = Zel::makePtr<Listener>(*other, [&](auto const &) { second = nullptr; });
+  auto const first = Zel::makePtr<Listener>(*thing, [&](auto const &) { other->change(); });
+  second = Zel::makePtr<Listener>(*thing, [&](auto const &) { ++heard; });
+  thing->change();
+  EXPECT_EQ(heard, 0);
+}
+
 TEST(Notification, LetsANotifieeReleaseItself) {
   auto const thing = Zel::makePtr<Thing>();
   Zel::Ptr<Listener> self;
@@ -257,6 +284,26 @@ TEST(Notification, TellsTheOthersAndThrowsTheFirstExceptionOn) {
   }
   EXPECT_EQ(heard, 2);
   EXPECT_EQ(Lumo::counter("zel-exceptions-dropped"), dropped + 1);
+}
+
+TEST(Notification, OfADestructorDropsAndCountsEveryException) {
+  auto thing = Zel::makePtr<Thing>();
+  auto const fail = [](auto const &) { throw std::runtime_error("listener"); };
+  auto const first = Zel::makePtr<Listener>(*thing, fail);
+  auto const second = Zel::makePtr<Listener>(*thing, fail);
+  auto const dropped = Lumo::counter("zel-exceptions-dropped");
+  thing = nullptr;
+  EXPECT_EQ(Lumo::counter("zel-exceptions-dropped"), dropped + 2);
+}
+
+TEST(Notification, CountsHowOftenAnObjectFellSilent) {
+  auto const thing = Zel::makePtr<Thing>();
+  auto const before = Zel::silencings();
+  thing->hasNotificationActiveIs(true);
+  EXPECT_EQ(Zel::silencings(), before);
+  thing->hasNotificationActiveIs(false);
+  thing->hasNotificationActiveIs(false);
+  EXPECT_EQ(Zel::silencings(), before + 1);
 }
 
 TEST(Notification, ThatIsContainedTellsEverybodyAndReportsEachException) {

@@ -164,6 +164,13 @@ TEST(SnmpInetAddress, OrdersByTypeAndThenAsBytes) {
   EXPECT_LT(inet("10.0.0.1"), inet("200.0.0.1"));
 }
 
+TEST(SnmpInetAddress, HashesItsTypeAndItsOctets) {
+  Snmp::Bytes const octets(std::array<std::uint8_t, 4>{10, 0, 0, 1});
+  Snmp::Bytes const others(std::array<std::uint8_t, 4>{10, 0, 0, 2});
+  EXPECT_NE(Snmp::InetAddress(1, octets).hash(0), Snmp::InetAddress(3, octets).hash(0));
+  EXPECT_NE(Snmp::InetAddress(1, octets).hash(0), Snmp::InetAddress(1, others).hash(0));
+}
+
 TEST(SnmpInetAddress, ComesFromAnAddress) {
   auto const v4 = Snmp::InetAddress::fromIpGenAddr(address("10.0.0.1"));
   EXPECT_EQ(v4.addressType(), 1u);
@@ -340,6 +347,8 @@ TEST(IkeStatus, NotifiesEachOfItsCollectionsAndRecords) {
   ike->ipsecTunnelInfoIs(Plexa::IntfId(1), info);
   ike->appliedProfilesIs("p", map);
   ike->appliedProfilesDel("p");
+  ike->appliedProfilesDel("p");
+  ike->ipsecTunnelInfoDel(Plexa::IntfId(1));
   ike->ipsecTunnelInfoDel(Plexa::IntfId(1));
   EXPECT_THAT(told->attributes, ElementsAre("ipsecTunnelInfo", "appliedProfiles", "appliedProfiles",
                                             "ipsecTunnelInfo"));
