@@ -100,8 +100,7 @@ LinkBytes::Octets gre(std::uint32_t index, std::uint8_t hopLimit) {
 }
 
 Linux::LinkState decoded(LinkBytes::Octets const & message) {
-  auto const result = Linux::decodeLink(LinkBytes::bytes(message), defaults);
-  return std::get<Linux::LinkState>(result);
+  return std::get<Linux::LinkState>(Linux::decodeLink(LinkBytes::bytes(message), defaults));
 }
 
 /// So many links as a part of the kernel's answer has.

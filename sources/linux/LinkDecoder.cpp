@@ -12,14 +12,23 @@
 #include <linux/if_link.h>
 #include <linux/if_tunnel.h>
 #include <linux/ip6_tunnel.h>
+#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <netlink/attr.h>
 
 namespace Sources::Linux {
 namespace {
 
 using Bytes = std::span<std::byte const>;
 using Plexa::TunnelIntfMode;
+
+constexpr std::size_t attributeHeader = NLA_HDRLEN;
+
+/// What is in an attribute. Not by libnl's accessors: a reading of all links would call those some
+/// eighty times for each link.
+Bytes valueOf(nlattr const & attribute) {
+  auto const all = Bytes(reinterpret_cast<std::byte const *>(&attribute), attribute.nla_len);
+  return all.subspan(attributeHeader);
+}
 
 /// One level of attributes by type; the later one of a type counts, as for the kernel.
 class Attributes {
@@ -340,10 +349,11 @@ Plexa::IpGenAddr address(Attributes const & data, std::uint16_t type) {
   if (found == nullptr)
     return {};
   Address result;
-  if (nla_len(found) != static_cast<int>(result.bytes.size()))
+  auto const octets = valueOf(*found);
+  if (octets.size() != result.bytes.size())
     throw MalformedMessage{fmt::format("attribute {} is no address: it has {} bytes instead of {}",
-                                       type, nla_len(found), result.bytes.size())};
-  std::memcpy(result.bytes.data(), nla_data(found), result.bytes.size());
+                                       type, octets.size(), result.bytes.size())};
+  std::memcpy(result.bytes.data(), octets.data(), result.bytes.size());
   return result == Address() ? Plexa::IpGenAddr() : Plexa::IpGenAddr(result);
 }
 
@@ -355,10 +365,10 @@ Plexa::IpGenAddr endpoint(Attributes const & data, std::uint16_t type4, std::uin
 Attributes::Attributes(Bytes bytes) {
   while (!bytes.empty()) {
     auto const * const one = reinterpret_cast<nlattr const *>(bytes.data());
-    auto const remaining = static_cast<int>(std::min<std::size_t>(bytes.size(), UINT16_MAX));
-    if (nla_ok(one, remaining) == 0)
+    if (bytes.size() < attributeHeader || one->nla_len < attributeHeader ||
+        one->nla_len > bytes.size())
       throw MalformedMessage{fmt::format("an attribute does not fit into {} bytes", bytes.size())};
-    auto const type = static_cast<std::size_t>(nla_type(one));
+    auto const type = static_cast<std::size_t>(one->nla_type & NLA_TYPE_MASK);
     if (type != 0 && type < byType_.size())
       byType_[type] = one;
     bytes = bytes.subspan(std::min<std::size_t>(bytes.size(), NLA_ALIGN(one->nla_len)));
@@ -367,35 +377,34 @@ Attributes::Attributes(Bytes bytes) {
 
 bool Attributes::flag(std::uint16_t type) const {
   auto const * const found = find(type);
-  return found != nullptr && (nla_len(found) == 0 || u8(type) != 0);
+  return found != nullptr && (valueOf(*found).empty() || u8(type) != 0);
 }
 
 std::string_view Attributes::text(std::uint16_t type) const {
   auto const * const found = find(type);
   if (found == nullptr)
     return {};
-  auto const * const begin = static_cast<char const *>(nla_data(found));
-  return std::string_view(begin, strnlen(begin, static_cast<std::size_t>(nla_len(found))));
+  auto const value = valueOf(*found);
+  auto const * const begin = reinterpret_cast<char const *>(value.data());
+  return {begin, strnlen(begin, value.size())};
 }
 
 Attributes Attributes::nested(std::uint16_t type) const {
   auto const * const found = find(type);
-  if (found == nullptr)
-    return {};
-  return Attributes(Bytes(static_cast<std::byte const *>(nla_data(found)),
-                          static_cast<std::size_t>(nla_len(found))));
+  return found == nullptr ? Attributes() : Attributes(valueOf(*found));
 }
 
 template <class T>
 T Attributes::number(std::uint16_t type) const {
-  auto const * const found = find(type);
   T value = 0;
+  auto const * const found = find(type);
   if (found == nullptr)
     return value;
-  if (nla_len(found) < static_cast<int>(sizeof value))
+  auto const octets = valueOf(*found);
+  if (octets.size() < sizeof value)
     throw MalformedMessage{fmt::format("attribute {} is too short: it has {} bytes instead of {}",
-                                       type, nla_len(found), sizeof value)};
-  std::memcpy(&value, nla_data(found), sizeof value);
+                                       type, octets.size(), sizeof value)};
+  std::memcpy(&value, octets.data(), sizeof value);
   return value;
 }
 
