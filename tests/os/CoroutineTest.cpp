@@ -94,6 +94,20 @@ TEST(Coroutine, TakesManyTurns) {
   EXPECT_EQ(text.substr(0, 6), "fcfcfc");
 }
 
+// The system gives a process's signal to its first thread where it can, so delivery alone would not
+// show it.
+TEST(Coroutine, TakesNoSignals) {
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  Coroutine coroutine(
+      [&](Coroutine::Pause const &) { pthread_sigmask(SIG_SETMASK, nullptr, &blocked); });
+  EXPECT_FALSE(coroutine.resume());
+  for (auto const signal : {SIGTERM, SIGINT, SIGHUP})
+    EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  EXPECT_EQ(sigismember(&blocked, SIGTERM), 0) << "the maker's own are as before";
+}
+
 TEST(Coroutine, LeavesSignalsToTheOtherThread) {
   static thread_local bool here = false;
   static bool caughtHere = false;

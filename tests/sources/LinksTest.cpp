@@ -182,6 +182,26 @@ TEST_F(LinksTest, BelieveWhatWasHeardDuringAReading) {
   EXPECT_EQ(links.find(IntfId(1))->name, "new");
 }
 
+TEST_F(LinksTest, LoseWhatAReadingDoesNotFindThoughOneThatItFoundGoesMeanwhile) {
+  for (std::uint64_t id : {1, 2, 3})
+    links.linkIs(link(id, "l" + std::to_string(id)));
+  Links::Reading reading(links);
+  reading.linkIs(link(1, "l1"));
+  reading.linkIs(link(2, "l2"));
+  links.linkDel(IntfId(2));
+  end(reading);
+  EXPECT_THAT(ids(), ElementsAre(1));
+}
+
+TEST_F(LinksTest, BelieveAReadingThatBeganAfterWhatWasHeard) {
+  { Links::Reading const unfinished(links); }
+  links.linkIs(link(1, "heard"));
+  Links::Reading reading(links);
+  reading.linkIs(link(1, "read"));
+  end(reading);
+  EXPECT_EQ(links.find(IntfId(1))->name, "read");
+}
+
 TEST_F(LinksTest, ForgetAReadingThatIsNotEnded) {
   links.linkIs(link(1, "a"));
   { Links::Reading const unfinished(links); }

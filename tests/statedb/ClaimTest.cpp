@@ -96,6 +96,15 @@ TEST_F(StatusClaim, LeavesRecordsAloneThatNobodyPublished) {
   EXPECT_EQ(record(5)->values(), Status());
 }
 
+TEST_F(StatusClaim, LeavesARecordAloneWhosePublisherHasEnded) {
+  auto ended = std::make_unique<Publisher>(publishers);
+  ended->statusIs(id(5), tos(5));
+  auto const read = ended->beginFullRead(); // which outlives it
+  ended.reset();
+  claimant.statusClaimIs(id(5), ipsec(true));
+  EXPECT_FALSE(record(5)->ipsec());
+}
+
 TEST_F(StatusClaim, LeavesANullRecordNull) {
   publisher.statusIs(id(5), std::nullopt);
   claimant.statusClaimIs(id(5), ipsec(true));

@@ -161,6 +161,29 @@ TEST_F(FullRead, KeepsWhatItIsToldToKeep) {
                                    "ifIndexByIntfId 4", "intfStatus 2", "intfStatus 4"));
 }
 
+TEST_F(FullRead, SeesEverythingThoughTheOneBeforeDidNot) {
+  publish({1, 2});
+  auto first = publisher.beginFullRead();
+  first.restStays();
+  std::move(first).commit(atOnce);
+  auto second = publisher.beginFullRead();
+  find(second, {1});
+  std::move(second).commit(atOnce);
+  EXPECT_EQ(record(2), nullptr);
+  EXPECT_NE(record(1), nullptr);
+}
+
+TEST_F(FullRead, RemovesAndAddsWhatIsOfAnotherKindAlsoWhenItIsToldAfterwardsToKeepIt) {
+  publish({2});
+  auto const before = record(2);
+  auto read = publisher.beginFullRead();
+  read.tunnelIs(id(2), 2, tos(22), 1);
+  read.tunnelStays(id(2));
+  std::move(read).commit(atOnce);
+  EXPECT_NE(record(2), before);
+  EXPECT_EQ(at(statuses, 2)["tos"], 22);
+}
+
 TEST_F(FullRead, LosesAgainstSingleChangesThatCameWhileItWasRead) {
   publish({1, 2, 3, 4});
   auto read = publisher.beginFullRead();

@@ -155,6 +155,16 @@ TEST_F(SingleChanges, PrefersWhatANotifieePublishesMeanwhile) {
   EXPECT_EQ(publisher.counts(), Publisher::Counts());
 }
 
+TEST_F(SingleChanges, PrefersAStatusThatANotifieePublishesWhenAnotherKindGoes) {
+  publisher.statusIs(id(5), tos(5), 1);
+  recorder.then = [&, nested = false](auto const &) mutable {
+    if (!std::exchange(nested, true))
+      publisher.statusIs(id(5), tos(7), 3);
+  };
+  publisher.statusIs(id(5), tos(6), 2);
+  EXPECT_EQ(at(statuses, 5)["tos"], 7);
+}
+
 TEST_F(SingleChanges, PrefersATunnelThatANotifieePutsBackDuringItsRemoval) {
   publisher.tunnelIs(id(5), 5, tos(5), 1);
   recorder.then = [&, nested = false](auto const &) mutable {

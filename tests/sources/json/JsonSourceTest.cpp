@@ -3,6 +3,7 @@
 #include "tests/sources/TunnelWorld.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TraceRecorder.h"
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -367,6 +368,12 @@ protected:
     start();
     scheduler->yieldIs(Yield::always);
   }
+  /// Runs of the source's own task, which reads; another one publishes.
+  std::uint64_t readingRuns() const {
+    auto const tasks = scheduler->tasks();
+    auto const own = std::ranges::find(tasks, source->name(), &Kiln::Task::name);
+    return own == tasks.end() ? 0 : (*own)->runs();
+  }
 };
 
 TEST_F(LargeJsonFile, IsReadInRunsAndPublishedWhenAllOfItIsUnderstood) {
@@ -374,11 +381,16 @@ TEST_F(LargeJsonFile, IsReadInRunsAndPublishedWhenAllOfItIsUnderstood) {
   folder.write("branch.json", text);
   loop.runReady(std::chrono::milliseconds(500));
   constexpr std::size_t piece = 8 * 1024;
-  for (std::size_t runs = 0; runs != text.size() / piece; ++runs) {
+  for (std::size_t runs = 1; runs <= text.size() / piece; ++runs) {
     ASSERT_TRUE(scheduler->runOne());
     ASSERT_TRUE(source->status().isReading);
+    ASSERT_EQ(readingRuns(), runs);
     ASSERT_EQ(tos(), 1) << runs;
   }
+  while (source->status().changes == manyTunnels)
+    ASSERT_TRUE(scheduler->runOne());
+  EXPECT_LT(source->status().changes, 2u * manyTunnels) << "it is published in runs as well";
+  EXPECT_TRUE(source->status().isReading);
   settle();
   expectGood(2);
   EXPECT_EQ(source->status().changes, 2u * manyTunnels);
@@ -413,6 +425,17 @@ TEST_F(LargeJsonFile, IsReadOnceMoreWhenItChangesMeanwhile) {
   settle();
   expectGood(3);
   EXPECT_EQ(source->status().fullReads, 3u);
+}
+
+TEST_F(LargeJsonFile, IsReadOnceMoreWhenItIsBrokenAndChangesMeanwhile) {
+  folder.write("branch.json", large(manyTunnels, 2) + "}");
+  loop.runReady(std::chrono::milliseconds(500));
+  ASSERT_TRUE(scheduler->runOne());
+  folder.write("branch.json.new", large(manyTunnels, 3));
+  std::filesystem::rename(folder.file("branch.json.new"), file);
+  loop.runReady(std::chrono::milliseconds(500));
+  settle();
+  expectGood(3);
 }
 
 TEST_F(LargeJsonFile, MayLoseItsSourceWhileItIsRead) {
