@@ -1,7 +1,9 @@
 // What the pattern of the machines withstands of the listeners of rows, stores and flags: some
-// throw, some release the machine, some claim the same ifIndex in the middle of an event.
+// throw, some release the machine, some change in the middle of an event what it is about.
 #include "tests/machines/EachMachine.h"
+#include <functional>
 #include <gmock/gmock.h>
+#include <utility>
 
 namespace TunnelIntfSnmp {
 namespace {
@@ -195,6 +197,161 @@ TEST(SharedIfIndex, OfIpsecTunnelIfTableGoesToWhoClaimedItInsideTheOthersReplace
   EXPECT_NO_THROW(protect(1));
   ASSERT_TRUE(world.mib->ipsecTunnelIfTable(10));
   EXPECT_EQ(world.mib->ipsecTunnelIfTable(10)->tunnelIntfStatus(), second) << "the later claim";
+}
+
+// A listener that hears of a slot whose row is still to be written, and changes what it is made of
+
+auto const keyAB = inetConfigKey("10.0.0.1", "10.0.0.2", gre);
+auto const keyAC = inetConfigKey("10.0.0.1", "10.0.0.3", gre);
+
+enum class Told { slot, value };
+
+class NewSlot : public ::testing::TestWithParam<Told> {
+protected:
+  using Answer = std::function<void()>;
+
+  /// Does `answer` when the store tells of a slot, or the slot of its value, for the first time.
+  void answerIs(Answer answer) {
+    answer_ = std::move(answer);
+    ofStore_ = Zel::makePtr<OnChange>(*machine_->localAttrStore(), [this](auto const & change) {
+      if (GetParam() == Told::slot)
+        return answerOnce();
+      if (auto const & slot = slotOf(change.template key<std::uint32_t>()); !ofValue_)
+        ofValue_ = Zel::makePtr<OnChange>(slot, [this](auto const &) { answerOnce(); });
+    });
+  }
+  void tunnelComes() {
+    auto const contained = Lumo::counter("zel-exceptions-contained");
+    world_.addIfIndex(1, 10);
+    world_.dir->intfStatusIs(IntfId(1), record_);
+    EXPECT_FALSE(answer_) << "it was told";
+    EXPECT_EQ(Lumo::counter("zel-exceptions-contained"), contained) << "nothing raises";
+    EXPECT_EQ(machine_->rescan().flaw(), "");
+    EXPECT_LE(machine_->rescan().remembered(), world_.dir->intfStatus().size());
+  }
+  void expectRows(InetConfigRows const & rows) const {
+    EXPECT_EQ(world_.inetConfigRows(), rows);
+    expectStoreAndTableAgree(*machine_);
+  }
+  FlowaCode::TunnelInetConfigTableSm::LocalAttrStore::Slot const & slotOf(std::uint32_t ifIndex) {
+    return **machine_->localAttrStore()->tunnelInetConfigByIfIndex().find(ifIndex);
+  }
+
+  InetConfigWorld world_{synchronous};
+  Zel::Ptr<TunnelInetConfigTableSm> machine_ = world_.machine();
+  Zel::Ptr<Interface::TunnelIntfStatus> const record_ =
+      InetConfigWorld::status(1, "10.0.0.1", "10.0.0.2");
+
+private:
+  void answerOnce() {
+    if (auto const answer = std::exchange(answer_, nullptr))
+      answer();
+  }
+
+  Answer answer_;
+  Zel::Ptr<OnChange> ofStore_;
+  Zel::Ptr<OnChange> ofValue_;
+};
+INSTANTIATE_TEST_SUITE_P(Listeners, NewSlot, ::testing::Values(Told::slot, Told::value),
+                         [](auto const & told) {
+                           return told.param == Told::slot ? "OfStore" : "OfSlot";
+                         });
+
+TEST_P(NewSlot, GetsNoRowWhenItsTunnelIsRemoved) {
+  answerIs([&] { world_.dir->intfStatusDel(IntfId(1)); });
+  tunnelComes();
+  expectRows({});
+}
+
+TEST_P(NewSlot, GetsNoRowWhenItsTunnelIsRemovedInAnIfIndexEvent) {
+  answerIs([&] { world_.dir->intfStatusDel(IntfId(1)); });
+  world_.dir->intfStatusIs(IntfId(1), record_);
+  tunnelComes();
+  world_.dir->intfStatusDel(IntfId(1));
+  expectRows({});
+  EXPECT_EQ(machine_->rescan().remembered(), 0u);
+}
+
+TEST_P(NewSlot, GetsTheRowOfTheAddressThatItsTunnelIsGiven) {
+  answerIs([&] { record_->dstAddrIs(address("10.0.0.3")); });
+  tunnelComes();
+  expectRows({{keyAC, 10}});
+}
+
+TEST_P(NewSlot, MakesWayForTheSlotOfAnIfIndexThatItsTunnelIsGiven) {
+  answerIs([&] { world_.addIfIndex(1, 11); });
+  tunnelComes();
+  expectRows({{keyAB, 11}});
+}
+
+TEST_P(NewSlot, MakesWayForTheRecordThatReplacesItsTunnels) {
+  answerIs([&] { world_.addEndpoints(1, "10.0.0.1", "10.0.0.3"); });
+  tunnelComes();
+  expectRows({{keyAC, 10}});
+}
+
+TEST_P(NewSlot, StaysWithTheTunnelThatTakesItsIfIndex) {
+  world_.addEndpoints(2, "10.0.0.1", "10.0.0.3");
+  answerIs([&] { world_.addIfIndex(2, 10); });
+  tunnelComes();
+  expectRows({{keyAC, 10}});
+  EXPECT_EQ(slotOf(10).holder(), IntfId(2));
+  world_.dir->intfStatusDel(IntfId(2));
+  expectRows({{keyAB, 10}});
+}
+
+TEST_P(NewSlot, GetsItsRowInThePlaceOfOneThatSomebodyElseWrites) {
+  answerIs(
+      [&] { world_.mib->tunnelInetConfigTableIs(tunnelInetConfigTableEntryFactory(keyAB, 77)); });
+  tunnelComes();
+  expectRows({{keyAB, 10}});
+}
+
+TEST_P(NewSlot, MakesWayForTheRowThatAnotherTunnelIsGivenUnderItsKey) {
+  world_.addIfIndex(2, 20);
+  answerIs([&] { world_.addEndpoints(2, "10.0.0.1", "10.0.0.2"); });
+  tunnelComes();
+  expectRows({{keyAB, 20}});
+  world_.dir->intfStatusDel(IntfId(2));
+  expectRows({{keyAB, 10}});
+}
+
+TEST_P(NewSlot, TakesNoRowAwayFromTheTunnelThatWasGivenItsKeyWhenItGoes) {
+  world_.addIfIndex(2, 20);
+  answerIs([&] {
+    world_.addEndpoints(2, "10.0.0.1", "10.0.0.2");
+    record_->dstAddrIs(address("10.0.0.3"));
+  });
+  tunnelComes();
+  expectRows({{keyAB, 20}, {keyAC, 10}});
+}
+
+TEST_P(NewSlot, MayFindTheStoreEmptied) {
+  answerIs([&] { machine_->localAttrStore()->tunnelInetConfigByIfIndexDelAll(); });
+  tunnelComes();
+  expectRows({});
+  record_->modeIs(Plexa::TunnelIntfMode::vti);
+  EXPECT_EQ(world_.inetConfigRows().size(), 1u) << "it is tried again";
+}
+
+TEST(Store, MayBeChangedByAListenerOfASlotThatGoes) {
+  InetConfigWorld world(synchronous);
+  for (std::uint32_t id = 1; id <= 20; ++id)
+    addEverywhere(world, id);
+  auto const machine = world.machine();
+  auto const & slots = machine->localAttrStore()->tunnelInetConfigByIfIndex();
+  std::uint32_t next = 100;
+  auto const addMore = [&](auto const &) {
+    for (auto const last = next + 20; next != last; ++next)
+      addEverywhere(world, next);
+  };
+  auto const ofOne = Zel::makePtr<OnChange>(**slots.find(10), addMore);
+  world.dir->intfStatusDel(IntfId(10));
+  EXPECT_EQ(slots.size(), 39u);
+  expectStoreAndTableAgree(*machine);
+  auto const ofAnother = Zel::makePtr<OnChange>(**slots.find(11), addMore);
+  machine->localAttrStore()->tunnelInetConfigByIfIndexDelAll();
+  EXPECT_EQ(slots.size(), 20u);
 }
 
 } // namespace

@@ -115,6 +115,45 @@ TEST(StatusChild, IsOffWhenAListenerOfAnEarlierOnesEventSwitchedTheMachineOff) {
   expectNoStatusIsHeardOnceAListenerSwitchedOff<IpsecTunnelIfTableSm>();
 }
 
+// A run goes on though the machine is switched off in its middle.
+template <class Machine>
+void expectAChildThatIsMadeWhileItIsOffHearsNothing() {
+  World world(alwaysYield);
+  for (std::uint32_t id = 1; id <= 3; ++id)
+    addEverywhere(world, id);
+  auto const machine = make<Machine>(world);
+  while (!machine->initialScanDone() || machine->intfStatusSm0()->scanned() != 1)
+    ASSERT_TRUE(world.scheduler->runOne());
+  world.mib->ipsecTunnelIfTableDelAll(); // so that the scan of the statuses writes rows
+  world.scheduler->yieldIs(Yield::never);
+  Zel::Ptr<Interface::TunnelIntfStatus> replacement;
+  auto const listener = Zel::makePtr<OnChange>(*world.mib, [&](auto const &) {
+    if (replacement)
+      return;
+    machine->hasNotificationActiveIs(false);
+    replacement = addEverywhere(world, 3);
+  });
+  world.settle();
+  auto const child = machine->intfStatusSm0()->childSm(IntfId(3));
+  ASSERT_TRUE(child);
+  ASSERT_EQ(child->status(), replacement) << "the run made it";
+  auto const rows = rowsOf<Machine>(world);
+  {
+    TraceRecorder traces{{std::string(Machine::unitName), "all"}};
+    replacement->ipsecIs(false);
+    replacement->dstAddrIs({});
+    EXPECT_THAT(traces.lines(), IsEmpty());
+  }
+  EXPECT_EQ(rowsOf<Machine>(world), rows);
+  machine->hasNotificationActiveIs(true);
+  EXPECT_EQ(rowsOf<Machine>(world), rows - 1) << "it was held";
+}
+
+TEST(StatusChild, IsAsDeafAsItsMachineWhenItIsMade) {
+  expectAChildThatIsMadeWhileItIsOffHearsNothing<TunnelInetConfigTableSm>();
+  expectAChildThatIsMadeWhileItIsOffHearsNothing<IpsecTunnelIfTableSm>();
+}
+
 TEST(StatusChild, DeliversOneEventForEachAttributeThatItHeld) {
   InetConfigWorld world(synchronous);
   auto const status = addEverywhere(world, 1);
