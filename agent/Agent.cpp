@@ -17,15 +17,10 @@ namespace {
 
 Lumo::Counter notifieeExceptions("agent-notifiee-exceptions");
 Lumo::Counter taskExceptions("agent-task-exceptions");
-Lumo::Counter rereads("agent-rereads");
 
 /// How long a task works before it is asked to yield: about as long as half of all requests wait
 /// while there is much to do.
 constexpr std::chrono::milliseconds taskShare{2};
-
-/// How often it is looked whether the sources have read everything again. Nobody waits for it but a
-/// person.
-constexpr std::chrono::milliseconds lookPeriod{10};
 
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
 constexpr char const * rootPath = "snmp/tunnelIntf/root";
@@ -95,16 +90,6 @@ bool Agent::work() {
   return more;
 }
 
-std::shared_ptr<RereadOutcome const> Agent::reread() {
-  rereads.inc();
-  auto outcome = std::make_shared<RereadOutcome>();
-  rereads_.emplace_back(outcome, rereadConfiguration());
-  for (auto const & source : sources_)
-    source->reread();
-  lookAtRereads();
-  return outcome;
-}
-
 void Agent::restartMachines() {
   Zel::attributeDel(*database_.lookup(rootPath), "tunnelIntfSnmpAgent");
   // Of this table no row is taken over: one that was left would keep its successor out, and then be
@@ -116,7 +101,7 @@ void Agent::restartMachines() {
 void Agent::stop() {
   control_.reset(); // an answer under way holds rows
   done("control socket closed");
-  nextLook_.reset();
+  rereads_.reset();
   sources_.clear();
   done("sources ended");
   stopPlugin();
@@ -182,9 +167,13 @@ void Agent::requireTraceHandles() const {
 }
 
 void Agent::startSources() {
+  Sources::Surroundings const surroundings{
+      loop_, publishers_, links_,
+      [this](Sources::Source const & source) { sourceHasChanged(source); }};
+  rereads_.emplace(loop_, sources_, [this] { return rereadConfiguration(); });
   for (auto const & text : options_.sources) {
     try {
-      sources_.push_back(Sources::makeSource(text, {loop_, publishers_, links_}));
+      sources_.push_back(Sources::makeSource(text, surroundings));
     } catch (std::invalid_argument const & error) {
       throw ConfigurationError(fmt::format("--source {}: {}", text, error.what()));
     }
@@ -203,7 +192,7 @@ void Agent::startMachines() {
 }
 
 void Agent::noticeReady() {
-  ready_ = allReady(machinesStatus(*database_.lookup(rootPath)));
+  ready_ = isReady(machinesStatus(*database_.lookup(rootPath)));
   if (ready_)
     done("ready");
 }
@@ -240,22 +229,21 @@ std::vector<std::string> Agent::rereadConfiguration() {
   }
 }
 
-void Agent::lookAtRereads() {
-  if (std::ranges::any_of(sources_, [](auto const & one) { return one->status().isReading; })) {
-    nextLook_ = loop_.after(lookPeriod, [this] { lookAtRereads(); });
-    return;
-  }
-  for (auto & [outcome, failures] : std::exchange(rereads_, {}))
-    finish(*outcome, std::move(failures));
+// What goes wrong while everything is read again is told when that is over.
+void Agent::sourceHasChanged(Sources::Source const & source) const {
+  auto const status = source.status();
+  if (status.state == Sources::SourceStatus::State::inSync)
+    report(fmt::format("{}: in sync again", source.name()));
+  else if (!rereads_->isUnderWay())
+    report(fmt::format("{}: {}", source.name(), status.lastError));
 }
 
-void Agent::finish(RereadOutcome & reread, std::vector<std::string> failures) const {
-  for (auto const & source : sources_)
-    if (auto const status = source->status(); !status.lastError.empty())
-      failures.push_back(fmt::format("{}: {}", source->name(), status.lastError));
-  for (auto const & failure : failures)
-    report(failure);
-  reread = std::move(failures);
+// While a large source is read for the first time the tables agree with inputs that say little.
+bool Agent::isReady(nlohmann::ordered_json const & machines) const {
+  return allReady(machines) && std::ranges::none_of(sources_, [](auto const & source) {
+           auto const status = source->status();
+           return status.isReading && status.fullReads == 0;
+         });
 }
 
 nlohmann::ordered_json Agent::status() const {
@@ -264,7 +252,7 @@ nlohmann::ordered_json Agent::status() const {
   auto sources = Json::array();
   for (auto const & source : sources_)
     sources.push_back(sourceStatus(*source));
-  return {{"ready", allReady(machines)},
+  return {{"ready", isReady(machines)},
           {"version", TUNNELSNMPD_VERSION},
           {"servedAt", servedAt_},
           {"enterprise", VELMORA_ENTERPRISE_NUMBER},

@@ -11,6 +11,7 @@
 #include "agent/EventLoop.h"
 #include "agent/Options.h"
 #include "agent/Plugin.h"
+#include "agent/Rereads.h"
 #include "agent/SnmpEngine.h"
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
@@ -22,7 +23,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -42,9 +42,8 @@ public:
   /// another one waits. An exception out of a task is reported and counted
   /// ("agent-task-exceptions").
   bool work();
-  /// Reads the configuration again, and begins to read the sources again. The failures are reported
-  /// and put into what is returned when all is read, which may be some turns of the loop later.
-  std::shared_ptr<RereadOutcome const> reread();
+  /// Reads the configuration and the sources again, as Rereads::wish() says.
+  std::shared_ptr<RereadOutcome const> reread() { return rereads_->wish(); }
   /// Replaces the plug-in's agent: the machines start anew and reconcile their tables, so that rows
   /// that no input produces any more go. Raises what the start of a machine raises.
   void restartMachines();
@@ -62,8 +61,8 @@ private:
   void startSnmp();
   void startControl();
   std::vector<std::string> rereadConfiguration();
-  void lookAtRereads();
-  void finish(RereadOutcome & reread, std::vector<std::string> failures) const;
+  void sourceHasChanged(Sources::Source const & source) const;
+  bool isReady(nlohmann::ordered_json const & machines) const;
   nlohmann::ordered_json status() const;
 
   Options const options_;
@@ -77,9 +76,7 @@ private:
   std::unique_ptr<SnmpEngine> snmp_;
   std::unique_ptr<Plugin> plugin_;
   std::vector<std::unique_ptr<Sources::Source>> sources_;
-  /// What is being read again, each with the failures until now.
-  std::vector<std::pair<std::shared_ptr<RereadOutcome>, std::vector<std::string>>> rereads_;
-  Os::Loop::Handle nextLook_; // whether that is over
+  std::optional<Rereads> rereads_;
   std::unique_ptr<ControlSocket> control_;
   std::string servedAt_;
   bool ready_ = false; // as last noticed, of the machines that there are

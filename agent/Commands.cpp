@@ -5,6 +5,7 @@
 #include "agent/Status.h"
 #include "agent/TraceHandles.h"
 #include "platform/Lumo.h"
+#include "json/Input.h"
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
@@ -155,9 +156,9 @@ std::vector<Commands::Command> const & Commands::table() {
 
 Answer Commands::answer(std::string_view request) {
   try {
-    return execute(Json::parse(request));
-  } catch (Json::exception const & error) {
-    return errorAnswer(fmt::format("the request is no JSON that can be used: {}", error.what()));
+    return execute(JsonInput::parse<Json>(request));
+  } catch (JsonInput::Wrong const & wrong) {
+    return errorAnswer(fmt::format("the request is no JSON that can be used: {}", wrong.what()));
   } catch (std::exception const & error) {
     return errorAnswer(error.what());
   }

@@ -2,6 +2,7 @@
 // closes the connection when it ends, so no more is needed.
 #include "ctl/Client.h"
 #include "os/UnixAddress.h"
+#include "json/Input.h"
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -40,9 +41,11 @@ Json Client::request(std::string const & command, nlohmann::json const & argumen
   send(nlohmann::json{{"command", command}, {"arguments", arguments}}.dump() + '\n');
   Json answer;
   try {
-    answer = Json::parse(receiveLine());
+    answer = JsonInput::parse<Json>(receiveLine());
     if (answer.at("ok") == true)
       return std::move(answer.at("result"));
+  } catch (JsonInput::Wrong const &) {
+    lost("its answer is no JSON that this version understands");
   } catch (nlohmann::json::exception const &) {
     lost("its answer is no JSON that this version understands");
   }

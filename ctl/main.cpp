@@ -1,6 +1,7 @@
 // tunnelsnmpctl: asks a running tunnelsnmpd through its control socket.
 #include "ctl/Client.h"
 #include "ctl/Render.h"
+#include "json/Input.h"
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
@@ -94,9 +95,9 @@ std::string readAll(std::string const & file) {
 void patch(Arguments const & arguments) {
   nlohmann::json patch;
   try {
-    patch = nlohmann::json::parse(readAll(arguments.patchFile));
-  } catch (nlohmann::json::exception const & error) {
-    throw UsageError(fmt::format("{} is no JSON: {}", arguments.patchFile, error.what()));
+    patch = JsonInput::parse<nlohmann::json>(readAll(arguments.patchFile));
+  } catch (JsonInput::Wrong const & wrong) {
+    throw UsageError(fmt::format("{} is no JSON: {}", arguments.patchFile, wrong.what()));
   }
   auto const result = ask(arguments, "patch", {{"patch", patch}});
   print(arguments, result, "");

@@ -99,7 +99,8 @@ public:
   std::string const & name() const { return name_; }
 
   /// Runs the task again later. Does nothing while it waits to run already. A task may schedule
-  /// itself while it runs.
+  /// itself while it runs. Raises std::bad_alloc, with nothing done, when there is no memory for
+  /// it.
   void scheduleTask();
   /// True if and only if this task waits to run.
   bool taskScheduled() const { return scheduled_; }

@@ -12,21 +12,27 @@
 #include "sources/Links.h"
 #include "statedb/Publisher.h"
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace Sources {
+
+class Source;
 
 /// What a source works with. All of it outlives the source.
 struct Surroundings {
   Os::Loop & loop;
   StateDb::Publishers & publishers; ///< a source makes a Publisher of its own from it
   Links & links;
+  /// Called after a source has become degraded, or in sync again. May ask for its status; must not
+  /// change it.
+  std::function<void(Source const &)> stateChanged = {};
 };
 
 /// How a source is doing. `lastError` is one line, empty when the last attempt went well.
 struct SourceStatus {
   enum class State {
-    stopped,  ///< not started
+    stopped,  ///< not started, or reading for the first time
     inSync,   ///< what it last read is published, and changes are heard of
     degraded, ///< the last good state is published; lastError says what is wrong
   };
@@ -44,9 +50,9 @@ public:
   virtual ~Source() = default;
   /// As on the command line: "json:/etc/tunnels.json", "linux".
   virtual std::string name() const = 0;
-  /// Publishes everything that is there now and follows it from then on; may wait for it. Raises
-  /// std::runtime_error, one line that says what to do, when the source cannot work at all.
-  /// Requires: not started yet.
+  /// Publishes everything that is there now and follows it from then on. Waits for it, a second or
+  /// two at most; what takes longer goes on afterwards, while status().isReading. Raises
+  /// std::runtime_error, one line, when the source cannot work at all. Requires: not started yet.
   virtual void start() = 0;
   /// Begins to read everything again (SIGHUP). What has happened until now is published when
   /// status().isReading is false again. Raises nothing: a failure shows in status().

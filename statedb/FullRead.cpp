@@ -67,15 +67,15 @@ void FullRead::restStays() {
     into->restStays();
 }
 
-void FullRead::commit(Pace pace, std::function<void()> done) && {
+void FullRead::commit(Pace pace, std::function<void()> done, Failed failed) && {
   auto * const into = ledgers();
   auto const keep = std::exchange(ledgers_, nullptr);
   if (into == nullptr)
     return;
   if (pace == Pace::atOnce)
-    into->commit(std::move(done));
+    into->commit(std::move(done), std::move(failed));
   else
-    into->commitInRuns(std::move(done));
+    into->commitInRuns(std::move(done), std::move(failed));
 }
 
 Ledgers * FullRead::ledgers() const {

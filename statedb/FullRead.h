@@ -5,6 +5,7 @@
 #include "platform/Ipsec.h"
 #include "statedb/Claim.h"
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -70,7 +71,12 @@ public:
   /// inside the last run, or inside this call. It may begin another read. It is not called when the
   /// commit is dropped because another read began or the publisher ended. Requires: it raises
   /// nothing.
-  void commit(Pace pace, std::function<void()> done = {}) &&;
+  ///
+  /// When the memory for it is short, a part of it has been published, the commit is dropped, and
+  /// `failed` is called in the place of `done`, with the same rights and duties. Without a `failed`
+  /// the exception goes to the caller, or out of the run.
+  using Failed = std::function<void(std::exception const &)>;
+  void commit(Pace pace, std::function<void()> done = {}, Failed failed = {}) &&;
 
 private:
   friend class Publisher;

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -190,10 +191,23 @@ private:
     if (place_.isThere(key))
       change(key, [&] { place_.remove(key); });
   }
+  // When memory runs out the change may not have been made, or may not have been heard of: that is
+  // no notifiee's own affair.
   template <class Make>
   void change(Key const & key, Make const & make) {
     ++changes_;
-    makeChange(notifieeFailed_, make, [&] { return place_.pointer(key); });
+    auto isOutOfMemory = false;
+    auto const makeOrNote = [&] {
+      try {
+        make();
+      } catch (std::bad_alloc const &) {
+        isOutOfMemory = true;
+        throw;
+      }
+    };
+    makeChange(notifieeFailed_, makeOrNote, [&] { return place_.pointer(key); });
+    if (isOutOfMemory)
+      throw std::bad_alloc();
   }
   template <class Map, class IsLost>
   static void forgetIn(Map & map, Key const & first, IsLost const & isLost) {

@@ -1,6 +1,7 @@
 // Changes that concern several collections, and the commit of a full read.
 #include "statedb/Ledgers.h"
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace StateDb {
@@ -106,39 +107,59 @@ void Ledgers::drop() {
   isCommitting_ = false;
   lostProfiles_.clear();
   done_ = {};
+  failed_ = {};
   task_ = nullptr;
   runs_ = nullptr;
   forEachLedger([](auto & ledger) { ledger.endRead(); });
 }
 
-void Ledgers::commit(std::function<void()> done) {
-  beginCommit(std::move(done));
-  goOn([] { return false; });
+void Ledgers::commit(std::function<void()> done, FullRead::Failed failed) {
+  beginCommit(std::move(done), std::move(failed));
+  orFail([this] { goOn([] { return false; }); });
 }
 
-void Ledgers::commitInRuns(std::function<void()> done) {
-  beginCommit(std::move(done));
-  task_ = Zel::makePtr<Kiln::Task>(Kiln::TaskSchedulerRoot::findOrCreateScheduler(), priority,
-                                   "StateDb::Publisher-commitTask");
-  runs_ = Zel::makePtr<Runs>(*this);
-  runs_->notifierIs(task_.get());
-  task_->scheduleTask();
+void Ledgers::commitInRuns(std::function<void()> done, FullRead::Failed failed) {
+  beginCommit(std::move(done), std::move(failed));
+  orFail([this] {
+    task_ = Zel::makePtr<Kiln::Task>(Kiln::TaskSchedulerRoot::findOrCreateScheduler(), priority,
+                                     "StateDb::Publisher-commitTask");
+    runs_ = Zel::makePtr<Runs>(*this);
+    runs_->notifierIs(task_.get());
+    task_->scheduleTask();
+  });
 }
 
-void Ledgers::beginCommit(std::function<void()> done) {
+void Ledgers::beginCommit(std::function<void()> done, FullRead::Failed failed) {
   isReading_ = false;
   isCommitting_ = true;
   phase_ = 0;
   done_ = std::move(done);
+  failed_ = std::move(failed);
   lostProfiles_.clear();
   forEachLedger([](auto & ledger) { ledger.commit(); });
 }
 
+/// Works on the commit; drops it, and tells, when there is no memory for that.
+template <class Work>
+void Ledgers::orFail(Work const & work) {
+  try {
+    work();
+  } catch (std::bad_alloc const & shortage) {
+    auto const failed = std::exchange(failed_, {});
+    drop();
+    if (!failed)
+      throw;
+    failed(shortage);
+  }
+}
+
 void Ledgers::run() {
   auto const task = task_; // a notifiee may drop the commit
-  goOn([&] { return task->taskShouldYield(); });
-  if (isCommitting_ && task == task_)
-    task->scheduleTask();
+  orFail([&] {
+    goOn([&] { return task->taskShouldYield(); });
+    if (isCommitting_ && task == task_)
+      task->scheduleTask();
+  });
 }
 
 /// Publishes until all is done, the commit is dropped, or it is time to yield.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/Kiln.h"
+#include "statedb/FullRead.h"
 #include "statedb/Ledger.h"
 #include "statedb/Places.h"
 #include "statedb/Publishers.h"
@@ -44,8 +45,8 @@ public:
   void restStays() { restStays_ = true; }
   /// Ends the read or its commit, with what is done of it.
   void drop();
-  void commit(std::function<void()> done);
-  void commitInRuns(std::function<void()> done);
+  void commit(std::function<void()> done, FullRead::Failed failed);
+  void commitInRuns(std::function<void()> done, FullRead::Failed failed);
   bool isCommitting() const { return isCommitting_; }
 
   Ledger<StatusPlace> statuses;
@@ -61,7 +62,9 @@ private:
   template <class Visit>
   void forEachLedger(Visit visit);
   void forgetConnections(std::string const & profile);
-  void beginCommit(std::function<void()> done);
+  void beginCommit(std::function<void()> done, FullRead::Failed failed);
+  template <class Work>
+  void orFail(Work const & work);
   void run();
   template <class ShouldYield>
   void goOn(ShouldYield const & shouldYield);
@@ -76,6 +79,7 @@ private:
   bool isCommitting_ = false;
   std::size_t phase_ = 0;
   std::function<void()> done_;
+  FullRead::Failed failed_;
   Zel::Ptr<Kiln::Task> task_;
   Zel::Ptr<Runs> runs_;
 };

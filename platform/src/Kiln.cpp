@@ -2,6 +2,7 @@
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
 #include <algorithm>
+#include <new>
 
 namespace Kiln {
 
@@ -63,8 +64,18 @@ Task * TaskScheduler::takeNext(std::deque<Task *> & equals) {
 }
 
 void TaskScheduler::schedule(Task & task) {
-  auto & equals = queues_[task.priority()];
-  equals.insert(isRunningsEqual(task) ? equals.begin() + scheduledByRun_++ : equals.end(), &task);
+  auto const queue = queues_.try_emplace(task.priority()).first;
+  auto & equals = queue->second;
+  auto const isEqual = isRunningsEqual(task);
+  try {
+    equals.insert(isEqual ? equals.begin() + scheduledByRun_ : equals.end(), &task);
+  } catch (std::bad_alloc const &) {
+    if (equals.empty())
+      queues_.erase(queue);
+    throw;
+  }
+  scheduledByRun_ += isEqual ? 1 : 0;
+  task.scheduled_ = true;
 }
 
 void TaskScheduler::forget(Task const & task) {
@@ -116,7 +127,7 @@ Zel::Attribute const & Task::runAttribute() {
 }
 
 void Task::scheduleTask() {
-  if (!std::exchange(scheduled_, true))
+  if (!scheduled_)
     scheduler_->schedule(*this);
 }
 

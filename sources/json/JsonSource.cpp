@@ -6,6 +6,7 @@
 #include "platform/Flowa.h"
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
+#include "sources/Health.h"
 #include "sources/json/FolderWatch.h"
 #include "sources/json/JsonFile.h"
 #include <filesystem>
@@ -36,7 +37,8 @@ Lumo::DebugHandler const & traceHandler() {
 
 class JsonSource final : public Source {
 public:
-  JsonSource(std::string path, Surroundings const & surroundings);
+  JsonSource(std::string path, Surroundings const & surroundings,
+             std::chrono::milliseconds patience);
   JsonSource(JsonSource const &) = delete;
   JsonSource & operator=(JsonSource const &) = delete;
   ~JsonSource() override { run_->ownerDeletedIs(); }
@@ -49,43 +51,62 @@ public:
 private:
   using Pace = StateDb::FullRead::Pace;
   using Run = Flowa::Gen::InReactor<JsonSource>;
+  using Clock = std::chrono::steady_clock;
 
+  void fileMayHaveChanged();
+  bool isAsItWasRead() const;
   void beginReading();
+  void read(Os::Coroutine::Pause const & pause);
+  bool isTimeToPause() const;
   void run(Zel::Attribute const &, Flowa::Gen::NoKey const &);
-  /// True if and only if the file has been read to its end. Raises JsonFileError.
-  bool readUntilYield();
   void publish(Pace pace);
   void readingIsOver();
-  void reject(std::string_view error);
+  void reject(std::exception const & reason);
+  void giveUp(std::string_view error);
+  void readAgainIfWished();
   void watch();
 
   std::string const path_;
   Os::Loop & loop_;
+  std::chrono::milliseconds const patience_;
+  Health health_;
   StateDb::Publisher publisher_;
   Zel::Ptr<Kiln::Task> const task_;
   Zel::Ptr<Run> const run_;
   std::unique_ptr<FolderWatch> watch_;
-  bool isReading_ = false; // until what was read is published
-  bool readAgain_ = false; // when that is done
+  Os::Loop::Handle retry_;
+  bool isReading_ = false;                     // until what was read is published
+  bool readAgain_ = false;                     // when that is done
+  std::optional<Clock::time_point> startEnds_; // while the start waits
+  std::optional<FileVersion> version_;         // what was read last, if it can be told from others
   std::optional<StateDb::FullRead> read_;
   std::unique_ptr<Os::Coroutine> reader_; // hands to read_, so it goes first
-  SourceStatus status_;
+  std::uint64_t fullReads_ = 0;
 };
 
-JsonSource::JsonSource(std::string path, Surroundings const & surroundings)
+JsonSource::JsonSource(std::string path, Surroundings const & surroundings,
+                       std::chrono::milliseconds patience)
     : path_(std::move(path)),
       loop_(surroundings.loop),
+      patience_(patience),
+      health_([this, changed = surroundings.stateChanged] {
+        if (changed)
+          changed(*this);
+      }),
       publisher_(surroundings.publishers),
       task_(Zel::makePtr<Kiln::Task>(Kiln::TaskSchedulerRoot::findOrCreateScheduler(),
                                      readingPriority, name())),
       run_(Zel::makePtr<Run>(*this, &JsonSource::run, task_.get())) {}
 
-// At once: there is nothing else to do yet.
+// As far as it can be read while somebody waits: then the machines find all of it.
 void JsonSource::start() {
-  watch();
-  LUMO_TRACE(traceHandler(), entry, "reading {}", path_);
-  read_ = publisher_.beginFullRead();
-  readDocument(path_, *read_, [] { return true; });
+  beginReading();
+  startEnds_ = Clock::now() + patience_;
+  auto const isPaused = reader_->resume();
+  startEnds_.reset();
+  if (isPaused)
+    return task_->scheduleTask();
+  reader_.reset();
   publish(Pace::atOnce);
 }
 
@@ -98,74 +119,109 @@ void JsonSource::reread() {
   }
   try {
     beginReading();
+    task_->scheduleTask();
   } catch (std::exception const & exception) {
-    reject(exception.what());
+    reject(exception);
   }
 }
 
 SourceStatus JsonSource::status() const {
-  auto status = status_;
-  status.isReading = isReading_;
-  status.records = publisher_.counts();
-  status.changes = publisher_.changes();
-  return status;
+  return {.state = health_.state(),
+          .isReading = isReading_,
+          .lastError = health_.lastError(),
+          .records = publisher_.counts(),
+          .fullReads = fullReads_,
+          .changes = publisher_.changes()};
+}
+
+void JsonSource::fileMayHaveChanged() {
+  if (isReading_ || !isAsItWasRead())
+    reread();
+}
+
+bool JsonSource::isAsItWasRead() const {
+  return health_.state() == SourceStatus::State::inSync && watch_->isAlive() && version_ &&
+         version_ == readableVersion(path_);
 }
 
 void JsonSource::beginReading() {
+  retry_.reset();
   if (!watch_ || !watch_->isAlive())
     watch();
   LUMO_TRACE(traceHandler(), entry, "reading {}", path_);
-  isReading_ = true;
+  version_.reset();
   read_ = publisher_.beginFullRead();
-  reader_ = std::make_unique<Os::Coroutine>(
-      [this](Os::Coroutine::Pause const & pause) { readDocument(path_, *read_, pause); });
-  task_->scheduleTask();
+  reader_ =
+      std::make_unique<Os::Coroutine>([this](Os::Coroutine::Pause const & pause) { read(pause); });
+  isReading_ = true;
+}
+
+void JsonSource::read(Os::Coroutine::Pause const & pause) {
+  version_ = readDocument(path_, *read_, [&] { return !isTimeToPause() || pause(); });
+}
+
+bool JsonSource::isTimeToPause() const {
+  return startEnds_ ? Clock::now() >= *startEnds_ : task_->taskShouldYield();
 }
 
 void JsonSource::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
+  if (!reader_)
+    return; // the reading was given up
   try {
-    if (!readUntilYield())
+    if (reader_->resume())
       return task_->scheduleTask();
+    reader_.reset();
+    publish(Pace::inRuns);
   } catch (std::exception const & exception) {
-    return reject(exception.what());
+    reject(exception);
   }
-  reader_.reset();
-  publish(Pace::inRuns);
-}
-
-bool JsonSource::readUntilYield() {
-  while (reader_->resume())
-    if (task_->taskShouldYield())
-      return false;
-  return true;
 }
 
 void JsonSource::publish(Pace pace) {
   auto read = *std::exchange(read_, std::nullopt);
-  std::move(read).commit(pace, [this, before = publisher_.changes()] {
+  auto const done = [this, before = publisher_.changes()] {
     if (auto const changes = publisher_.changes() - before; changes != 0)
       LUMO_TRACE(traceHandler(), output, "published {} changes", changes);
     readingIsOver();
-  });
+  };
+  std::move(read).commit(pace, done, [this](std::exception const & reason) { reject(reason); });
 }
 
 void JsonSource::readingIsOver() {
   isReading_ = false;
-  ++status_.fullReads;
-  status_.state = SourceStatus::State::inSync;
-  status_.lastError.clear();
-  if (std::exchange(readAgain_, false))
-    reread();
+  ++fullReads_;
+  health_.inSyncIs();
+  readAgainIfWished();
 }
 
-void JsonSource::reject(std::string_view error) {
-  isReading_ = false;
-  reader_.reset();
+// A fault of the text stays until somebody mends it, which is heard of. Of others nobody need hear
+// when they are over.
+void JsonSource::reject(std::exception const & reason) {
+  reader_.reset(); // before anything asks for memory
   read_.reset();
+  version_.reset();
+  auto const * const wrong = dynamic_cast<JsonFileError const *>(&reason);
+  auto const isOfTheText =
+      wrong != nullptr && dynamic_cast<JsonFileUnreadable const *>(wrong) == nullptr;
+  try {
+    giveUp(wrong != nullptr ? wrong->what()
+                            : fmt::format("{}: cannot be read: {}", path_, reasonOf(reason)));
+    if (!isOfTheText)
+      retry_ = loop_.after(jsonRetryPeriod, [this] { reread(); });
+  } catch (std::bad_alloc const & shortage) {
+    giveUp(reasonOf(shortage));
+  }
+  readAgainIfWished();
+}
+
+void JsonSource::giveUp(std::string_view error) {
+  isReading_ = false;
   rejectedReadings.inc();
-  status_.state = SourceStatus::State::degraded;
-  status_.lastError = error;
-  LUMO_TRACE(traceHandler(), fault, "{}", status_.lastError);
+  health_.degradedIs(error);
+  LUMO_TRACE(traceHandler(), fault, "{}", error);
+}
+
+void JsonSource::readAgainIfWished() {
   if (std::exchange(readAgain_, false))
     reread();
 }
@@ -176,18 +232,18 @@ void JsonSource::watch() {
   auto const folder = path.has_parent_path() ? path.parent_path().string() : ".";
   try {
     watch_ = std::make_unique<FolderWatch>(folder, path.filename().string(), loop_,
-                                           [this] { reread(); });
+                                           [this] { fileMayHaveChanged(); });
   } catch (std::system_error const & error) {
-    throw JsonFileError(
-        fmt::format("{}: the folder {} cannot be watched: {}; see to it, then reload", path_,
-                    folder, error.code().message()));
+    throw JsonFileUnreadable(fmt::format("{}: the folder {} cannot be watched: {}", path_, folder,
+                                         error.code().message()));
   }
 }
 
 } // namespace
 
-std::unique_ptr<Source> makeJsonSource(std::string path, Surroundings const & surroundings) {
-  return std::make_unique<JsonSource>(std::move(path), surroundings);
+std::unique_ptr<Source> makeJsonSource(std::string path, Surroundings const & surroundings,
+                                       std::chrono::milliseconds patience) {
+  return std::make_unique<JsonSource>(std::move(path), surroundings, patience);
 }
 
 } // namespace Sources

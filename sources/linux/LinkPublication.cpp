@@ -1,5 +1,6 @@
 // One link becomes a tunnel's records and an entry of Links.
 #include "sources/linux/LinkPublication.h"
+#include <new>
 #include <utility>
 
 namespace Sources::Linux {
@@ -67,9 +68,10 @@ void LinkPublication::foundUnreadable(std::uint32_t index) {
   tunnelsRead_->tunnelStays(Plexa::IntfId(index));
 }
 
-void LinkPublication::endReading(bool whole, Pace pace, std::function<void()> done) {
+void LinkPublication::endReading(bool whole, Pace pace, std::function<void()> done, Failed failed) {
   isEnding_ = true;
   done_ = std::move(done);
+  failed_ = std::move(failed);
   if (whole && pace == Pace::inRuns)
     return task_->scheduleTask();
   while (whole && linksRead_->endNext()) {
@@ -82,6 +84,18 @@ void LinkPublication::endReading(bool whole, Pace pace, std::function<void()> do
 void LinkPublication::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
   if (!isEnding_)
     return; // another read has begun
+  try {
+    forgetLinks();
+  } catch (std::bad_alloc const & shortage) {
+    isEnding_ = false;
+    auto const failed = std::exchange(failed_, {});
+    if (!failed)
+      throw;
+    failed(shortage);
+  }
+}
+
+void LinkPublication::forgetLinks() {
   while (linksRead_->endNext())
     if (task_->taskShouldYield())
       return task_->scheduleTask();
@@ -92,7 +106,7 @@ void LinkPublication::publish(Pace pace) {
   isEnding_ = false;
   linksRead_.reset();
   auto read = *std::exchange(tunnelsRead_, std::nullopt); // `done` may begin the next one
-  std::move(read).commit(pace, std::exchange(done_, {}));
+  std::move(read).commit(pace, std::exchange(done_, {}), std::exchange(failed_, {}));
 }
 
 bool LinkPublication::wants(LinkState const & state) const {

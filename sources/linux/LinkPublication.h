@@ -20,6 +20,7 @@ namespace Sources::Linux {
 class LinkPublication {
 public:
   using Pace = StateDb::FullRead::Pace;
+  using Failed = StateDb::FullRead::Failed;
 
   /// Publishes links of these kinds. `publishers` and `links` outlive it. Raises
   /// std::invalid_argument, one line, when another one tells `links` already.
@@ -38,9 +39,9 @@ public:
   void found(LinkState const & state);
   /// The read has found a link but cannot tell what it is: what is known of it stays.
   void foundUnreadable(std::uint32_t index);
-  /// The read is over, and its differences are published at that pace; `done` is called as
-  /// StateDb::FullRead::commit does. When it was not `whole`, links that it did not find stay.
-  void endReading(bool whole, Pace pace, std::function<void()> done);
+  /// The read is over, and its differences are published at that pace; `done` or `failed` is called
+  /// as StateDb::FullRead::commit does. When it was not `whole`, links that it did not find stay.
+  void endReading(bool whole, Pace pace, std::function<void()> done, Failed failed = {});
 
   StateDb::Publisher const & publisher() const { return publisher_; }
 
@@ -48,6 +49,7 @@ private:
   using Run = Flowa::Gen::InReactor<LinkPublication>;
 
   void run(Zel::Attribute const &, Flowa::Gen::NoKey const &);
+  void forgetLinks();
   void publish(Pace pace);
   bool wants(LinkState const & state) const;
 
@@ -59,6 +61,7 @@ private:
   std::optional<Links::Reading> linksRead_;
   bool isEnding_ = false; // what was not found goes, before the rest is published
   std::function<void()> done_;
+  Failed failed_;
   Zel::Ptr<Kiln::Task> const task_; // takes links away that a read did not find
   Zel::Ptr<Run> const run_;
 };

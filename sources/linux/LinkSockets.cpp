@@ -4,6 +4,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/rtnetlink.h>
 #include <netlink/errno.h>
@@ -20,10 +22,22 @@ namespace {
 // The kernel fills the room that it is given, up to this size.
 constexpr std::size_t dumpPart = 32 * 1024;
 
-int takeMessage(nl_msg * message, void * take) {
+/// Where messages go, and what came out of that: nothing may be raised through the C library.
+struct Delivery {
+  TakeMessage const & take;
+  std::exception_ptr failure{};
+};
+
+int takeMessage(nl_msg * message, void * to) {
+  auto & delivery = *static_cast<Delivery *>(to);
   auto const * const header = nlmsg_hdr(message);
   auto const * const begin = reinterpret_cast<std::byte const *>(header);
-  (*static_cast<TakeMessage const *>(take))(std::span(begin, header->nlmsg_len));
+  try {
+    delivery.take(std::span(begin, header->nlmsg_len));
+  } catch (...) {
+    delivery.failure = std::current_exception();
+    return NL_STOP;
+  }
   return NL_OK;
 }
 
@@ -56,13 +70,6 @@ Socket connectedSocket() {
   return socket;
 }
 
-/// Sends the messages that are received from now on to `take`, which must live as long.
-void deliverTo(nl_sock * socket, TakeMessage const & take) {
-  check(nl_socket_modify_cb(socket, NL_CB_VALID, NL_CB_CUSTOM, takeMessage,
-                            const_cast<TakeMessage *>(&take)),
-        "set up a netlink socket");
-}
-
 void setReceiveBuffer(int descriptor, int bytes) {
   // The first needs a privilege and knows no limit; the second stops at the system's limit, which
   // only makes a full read more likely.
@@ -89,8 +96,12 @@ int LinkEvents::descriptor() const {
 }
 
 LinkEvents::Received LinkEvents::receive(TakeMessage const & take) {
-  deliverTo(socket_.get(), take);
+  Delivery delivery{take};
+  check(nl_socket_modify_cb(socket_.get(), NL_CB_VALID, NL_CB_CUSTOM, takeMessage, &delivery),
+        "set up a netlink socket");
   auto const result = nl_recvmsgs_default(socket_.get());
+  if (delivery.failure)
+    std::rethrow_exception(delivery.failure);
   if (result == -NLE_AGAIN)
     return Received::nothing;
   if (result == -NLE_NOMEM) // how libnl tells ENOBUFS
@@ -99,14 +110,15 @@ LinkEvents::Received LinkEvents::receive(TakeMessage const & take) {
   return Received::messages;
 }
 
-LinkDump::LinkDump() : socket_(connectedSocket()) {
+Os::Descriptor askForLinks() {
+  auto const socket = connectedSocket();
   ifinfomsg all{};
-  check(nl_send_simple(socket_.get(), RTM_GETLINK, NLM_F_DUMP, &all, sizeof all),
+  check(nl_send_simple(socket.get(), RTM_GETLINK, NLM_F_DUMP, &all, sizeof all),
         "ask for the links");
-}
-
-int LinkDump::descriptor() const {
-  return nl_socket_get_fd(socket_.get());
+  // A descriptor of its own, since libnl closes the one that it has made.
+  Os::Descriptor answer(fcntl(nl_socket_get_fd(socket.get()), F_DUPFD_CLOEXEC, 0));
+  check(answer ? 0 : -nl_syserr2nlerr(errno), "ask for the links");
+  return answer;
 }
 
 // Not by nl_recvmsgs(), which would take every part of the answer before it returns.
@@ -115,7 +127,10 @@ LinkDump::Received LinkDump::receive(TakeMessage const & take) {
   auto const size = recv(descriptor(), part.data(), part.size(), MSG_DONTWAIT | MSG_TRUNC);
   if (size == -1 && (errno == EAGAIN || errno == EINTR))
     return Received::nothing;
-  check(size == -1 ? -nl_syserr2nlerr(errno) : 0, "read the links");
+  if (size <= 0)
+    throw std::runtime_error(
+        fmt::format("source linux: cannot read the links: {}",
+                    size == 0 ? "the socket has been closed" : std::strerror(errno)));
   if (static_cast<std::size_t>(size) > part.size())
     interrupted_ = true; // what did not fit is lost
   auto const received = std::min(static_cast<std::size_t>(size), part.size());

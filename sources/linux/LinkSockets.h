@@ -5,18 +5,19 @@
 // and never waits. A dump has a socket of its own, so that its answers and the events never mix.
 #pragma once
 
+#include "os/Descriptor.h"
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <span>
+#include <utility>
 
 struct nl_sock;
 
 namespace Sources::Linux {
 
-/// Takes one message, from its header on; the bytes live as long as the call. Must not raise:
-/// it is called from inside a C library.
+/// Takes one message, from its header on; the bytes live as long as the call.
 using TakeMessage = std::function<void(std::span<std::byte const>)>;
 
 struct CloseSocket {
@@ -40,21 +41,25 @@ public:
     overflow, ///< the kernel has dropped events; older ones may still wait
   };
   /// Receives what was sent at one time. Never waits. Raises std::runtime_error, one line, when the
-  /// socket no longer works.
+  /// socket no longer works, and what `take` raises; the rest of what was sent is lost then.
   Received receive(TakeMessage const & take);
 
 private:
   Socket socket_;
 };
 
-/// Reads every link that there is, once. Asks the kernel on construction.
+/// Asks the kernel for every link that there is. Returns the socket at which the answer arrives, a
+/// message of the socket for each part of it. Raises std::runtime_error, one line, when there is no
+/// such socket to be had.
+Os::Descriptor askForLinks();
+
+/// Reads the answer to askForLinks(), or what a test answers.
 class LinkDump {
 public:
-  /// Raises std::runtime_error, one line, when there is no such socket to be had.
-  LinkDump();
+  explicit LinkDump(Os::Descriptor answer) : answer_(std::move(answer)) {}
 
   /// Readable when there is something to receive.
-  int descriptor() const;
+  int descriptor() const { return answer_.get(); }
 
   enum class Received {
     messages,    ///< `take` was called for each; more will come
@@ -62,15 +67,16 @@ public:
     whole,       ///< that was all
     interrupted, ///< that was all, but links came and went meanwhile: some may be missing
   };
-  /// Receives one part of the answer, the messages of at most 32 KiB. Raises std::runtime_error,
-  /// one line, when the kernel refuses. Requires: has not said that that was all.
+  /// Receives one part of the answer, the messages of at most 32 KiB. Never waits. Raises
+  /// std::runtime_error, one line, when the kernel refuses or the socket no longer works, and what
+  /// `take` raises. Requires: has not said that that was all.
   Received receive(TakeMessage const & take);
 
 private:
   /// The messages of one part; nothing while more is to come.
   std::optional<Received> takeAll(std::span<std::byte const> part, TakeMessage const & take);
 
-  Socket socket_;
+  Os::Descriptor answer_;
   bool interrupted_ = false;
 };
 

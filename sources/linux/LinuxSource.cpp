@@ -6,6 +6,7 @@
 #include "platform/Lumo.h"
 #include <fmt/format.h>
 #include <fstream>
+#include <new>
 #include <poll.h>
 #include <stdexcept>
 #include <utility>
@@ -21,7 +22,9 @@ constexpr int detail = 9;
 
 /// How often a dump is taken again at once when links come and go meanwhile.
 constexpr int dumpAttempts = 5;
-constexpr char const * noAnswer = "source linux: cannot read the links: the kernel does not answer";
+std::runtime_error noAnswer() {
+  return std::runtime_error("source linux: cannot read the links: the kernel does not answer");
+}
 /// Receptions in a row before others on the thread have their turn.
 constexpr int receptionsPerTurn = 64;
 
@@ -63,10 +66,15 @@ std::unique_ptr<Source> makeLinuxSource(std::string_view options,
 }
 
 LinuxSource::LinuxSource(std::string_view options, Surroundings const & surroundings,
-                         int receiveBuffer)
+                         int receiveBuffer, std::function<Os::Descriptor()> ask)
     : options_(options),
       loop_(surroundings.loop),
       receiveBuffer_(receiveBuffer),
+      ask_(std::move(ask)),
+      health_([this, changed = surroundings.stateChanged] {
+        if (changed)
+          changed(*this);
+      }),
       publication_(Linux::TunnelKindSet::fromOptions(options), surroundings.publishers,
                    surroundings.links) {}
 
@@ -87,11 +95,12 @@ void LinuxSource::reread() {
 }
 
 SourceStatus LinuxSource::status() const {
-  auto status = status_;
-  status.isReading = isReading_;
-  status.records = publication_.publisher().counts();
-  status.changes = publication_.publisher().changes();
-  return status;
+  return {.state = health_.state(),
+          .isReading = isReading_,
+          .lastError = health_.lastError(),
+          .records = publication_.publisher().counts(),
+          .fullReads = fullReads_,
+          .changes = publication_.publisher().changes()};
 }
 
 // A read that is under way may have passed what is to be read: it ends, since it would never end if
@@ -103,8 +112,8 @@ void LinuxSource::readOrDegrade() {
   }
   try {
     beginReading(Pace::inRuns);
-  } catch (std::runtime_error const & error) {
-    readingFailed(error.what());
+  } catch (std::exception const & exception) {
+    readingFailed(exception);
   }
 }
 
@@ -124,9 +133,9 @@ void LinuxSource::beginDump() {
   ++dumps_;
   malformed_ = 0;
   publication_.beginReading();
-  dump_.emplace();
+  dump_.emplace(ask_());
   dumpReadable_ = loop_.readable(dump_->descriptor(), [this] { receiveDump(); });
-  dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer); });
+  dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer()); });
 }
 
 void LinuxSource::subscribe() {
@@ -141,7 +150,7 @@ void LinuxSource::subscribe() {
 // kernel needs longer to make an event than we to drop it.
 void LinuxSource::forgetEvents() {
   for (;;) {
-    auto const received = events_->receive([](std::span<std::byte const>) {});
+    auto const received = receiveOrUnsubscribe([](std::span<std::byte const>) {});
     if (received == Linux::LinkEvents::Received::nothing)
       return;
     if (received == Linux::LinkEvents::Received::overflow)
@@ -149,11 +158,22 @@ void LinuxSource::forgetEvents() {
   }
 }
 
+// After an exception nobody knows what the socket still has: the next full read takes a new one.
+Linux::LinkEvents::Received LinuxSource::receiveOrUnsubscribe(Linux::TakeMessage const & take) {
+  try {
+    return events_->receive(take);
+  } catch (...) {
+    eventsReadable_.reset();
+    events_.reset();
+    throw;
+  }
+}
+
 void LinuxSource::receiveDump() {
   try {
     receiveDumpOrRaise();
-  } catch (std::runtime_error const & error) {
-    readingFailed(error.what());
+  } catch (std::exception const & exception) {
+    readingFailed(exception);
   }
 }
 
@@ -162,7 +182,7 @@ void LinuxSource::receiveDumpOrRaise() {
   auto const received =
       dump_->receive([this](std::span<std::byte const> message) { found(message); });
   if (received == Received::messages)
-    dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer); });
+    dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer()); });
   if (received == Received::whole || received == Received::interrupted)
     dumpIsOver(received == Received::whole);
 }
@@ -171,7 +191,7 @@ void LinuxSource::receiveDumpOrRaise() {
 void LinuxSource::waitForDump() const {
   pollfd answer{dump_->descriptor(), POLLIN, 0};
   if (::poll(&answer, 1, static_cast<int>(std::chrono::milliseconds(patience).count())) == 0)
-    throw std::runtime_error(noAnswer);
+    throw noAnswer();
 }
 
 void LinuxSource::found(std::span<std::byte const> bytes) {
@@ -191,34 +211,48 @@ void LinuxSource::dumpIsOver(bool whole) {
     interruptedDumps.inc();
   if (!whole && dumps_ != dumpAttempts)
     return beginDump();
-  publication_.endReading(whole, pace_, [this, whole, before = status().changes] {
-    if (auto const changes = status().changes - before; changes != 0)
+  auto const done = [this, whole, before = publication_.publisher().changes()] {
+    if (auto const changes = publication_.publisher().changes() - before; changes != 0)
       LUMO_TRACE(traceHandler(), output, "published {} changes", changes);
     readingIsOver(whole);
-  });
+  };
+  publication_.endReading(whole, pace_, done,
+                          [this](std::exception const & reason) { readingFailed(reason); });
 }
 
 void LinuxSource::readingIsOver(bool whole) {
-  isReading_ = false;
-  ++status_.fullReads;
-  status_.state = SourceStatus::State::inSync;
-  status_.lastError.clear();
-  if (malformed_ != 0)
-    degrade(fmt::format("source linux: {} links cannot be understood: trace LinuxSource:0 says why",
-                        malformed_));
-  if (!whole)
-    degrade("source linux: links come and go too fast to read them all: trying again");
-  nextFullRead_ = loop_.after(whole ? fullReadPeriod : retryPeriod, [this] { readOrDegrade(); });
+  try {
+    readIn(whole ? fullReadPeriod : retryPeriod);
+    isReading_ = false;
+    ++fullReads_;
+    tellHealth(whole);
+  } catch (std::bad_alloc const & shortage) {
+    return readingFailed(shortage);
+  }
   if (std::exchange(readAgain_, false))
     readOrDegrade();
 }
 
-void LinuxSource::readingFailed(std::string_view error) {
+void LinuxSource::tellHealth(bool whole) {
+  if (!whole)
+    degrade("source linux: links come and go too fast to read them all: trying again");
+  else if (malformed_ != 0)
+    degrade(fmt::format("source linux: {} links cannot be understood: trace LinuxSource:0 says why",
+                        malformed_));
+  else
+    health_.inSyncIs();
+}
+
+void LinuxSource::readingFailed(std::exception const & reason) {
   isReading_ = false;
-  readAgain_ = false;
+  readAgain_ = false; // which the next one does
   stopDump();
-  degrade(error);
-  nextFullRead_ = loop_.after(fullReadPeriod, [this] { readOrDegrade(); });
+  degrade(reasonOf(reason));
+  readIn(retryPeriod);
+}
+
+void LinuxSource::readIn(std::chrono::milliseconds time) {
+  nextFullRead_ = loop_.after(time, [this] { readOrDegrade(); });
 }
 
 void LinuxSource::stopDump() {
@@ -230,11 +264,8 @@ void LinuxSource::stopDump() {
 void LinuxSource::receiveEvents() {
   try {
     receiveEventsOrRaise();
-  } catch (std::runtime_error const & error) {
-    eventsReadable_.reset(); // the next full read subscribes again
-    events_.reset();
-    degrade(error.what());
-    readAgain_ = isReading_; // the one under way has subscribed already
+  } catch (std::exception const & exception) {
+    eventsFailed(exception);
   }
 }
 
@@ -243,7 +274,7 @@ void LinuxSource::receiveEventsOrRaise() {
   std::vector<Linux::LinkMessage> messages;
   for (int i = 0; i != receptionsPerTurn; ++i) {
     messages.clear();
-    auto const received = events_->receive([&](std::span<std::byte const> bytes) {
+    auto const received = receiveOrUnsubscribe([&](std::span<std::byte const> bytes) {
       messages.push_back(Linux::decodeLink(bytes, defaults_));
     });
     if (received == Received::nothing)
@@ -278,10 +309,17 @@ void LinuxSource::recover(std::string_view reason) {
   readOrDegrade();
 }
 
+// One that is under way has subscribed already, so another one follows it.
+void LinuxSource::eventsFailed(std::exception const & reason) {
+  degrade(reasonOf(reason));
+  readAgain_ = isReading_;
+  if (!isReading_)
+    readIn(retryPeriod);
+}
+
 void LinuxSource::degrade(std::string_view error) {
   LUMO_TRACE(traceHandler(), fault, "{}", error);
-  status_.state = SourceStatus::State::degraded;
-  status_.lastError = error;
+  health_.degradedIs(error);
 }
 
 } // namespace Sources

@@ -6,11 +6,14 @@
 // answer in a turn of the event loop. Reading everything is also the answer to every loss.
 #pragma once
 
+#include "sources/Health.h"
 #include "sources/Source.h"
 #include "sources/linux/LinkDecoder.h"
 #include "sources/linux/LinkPublication.h"
 #include "sources/linux/LinkSockets.h"
 #include <chrono>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,7 +25,8 @@ class LinuxSource final : public Source {
 public:
   /// How much the kernel may keep for us: about five hundred events.
   static constexpr int defaultReceiveBuffer = 1 << 20;
-  /// From one full read to the next, and after one that did not see everything.
+  /// From one full read to the next; and after one that failed or did not see everything, or after
+  /// events could not be received.
   static constexpr std::chrono::seconds fullReadPeriod{20};
   static constexpr std::chrono::seconds retryPeriod{1};
   /// How long the kernel may take for each part of its answer, before the read is given up.
@@ -31,7 +35,8 @@ public:
   /// Raises std::invalid_argument as Linux::TunnelKindSet::fromOptions does, and when there is such
   /// a source already: one can have all kinds.
   LinuxSource(std::string_view options, Surroundings const & surroundings,
-              int receiveBuffer = defaultReceiveBuffer);
+              int receiveBuffer = defaultReceiveBuffer,
+              std::function<Os::Descriptor()> ask = Linux::askForLinks);
 
   std::string name() const override;
   void start() override;
@@ -46,6 +51,7 @@ private:
   void beginDump();
   void subscribe();
   void forgetEvents();
+  Linux::LinkEvents::Received receiveOrUnsubscribe(Linux::TakeMessage const & take);
 
   void receiveDump();
   void receiveDumpOrRaise();
@@ -53,7 +59,9 @@ private:
   void found(std::span<std::byte const> message);
   void dumpIsOver(bool whole);
   void readingIsOver(bool whole);
-  void readingFailed(std::string_view error);
+  void tellHealth(bool whole);
+  void readingFailed(std::exception const & reason);
+  void readIn(std::chrono::milliseconds time);
   void stopDump();
 
   void receiveEvents();
@@ -61,11 +69,14 @@ private:
   /// False if and only if the message shows that something may have been missed.
   [[nodiscard]] bool take(Linux::LinkMessage const & message);
   void recover(std::string_view reason);
+  void eventsFailed(std::exception const & reason);
   void degrade(std::string_view error);
 
   std::string const options_;
   Os::Loop & loop_;
   int const receiveBuffer_;
+  std::function<Os::Descriptor()> const ask_;
+  Health health_;
   Linux::LinkPublication publication_;
 
   std::optional<Linux::LinkEvents> events_; // before its watch, which must go first
@@ -81,7 +92,7 @@ private:
   Os::Loop::Handle dumpReadable_;
   Os::Loop::Handle dumpIsLate_;
   Os::Loop::Handle nextFullRead_;
-  SourceStatus status_;
+  std::uint64_t fullReads_ = 0;
 };
 
 /// `options` is what follows "linux:" on the command line, or empty.

@@ -1,6 +1,7 @@
 // The scheduler and its tasks, with a clock that stands still.
 #include "platform/Kiln.h"
 #include "platform/Flowa.h"
+#include "tests/support/FailingMemory.h"
 #include "tests/support/TestScheduler.h"
 #include <algorithm>
 #include <compare>
@@ -52,6 +53,24 @@ protected:
                                 [this](auto & task) { ran_.push_back(task.name()); });
   }
 };
+
+TEST_F(Scheduler, IsAsBeforeWhenThereIsNoMemoryForATask) {
+  auto const one = worker(3, "one");
+  long failures = 0;
+  for (auto fails = true; fails; failures += fails ? 1 : 0) {
+    try {
+      FailingMemory const failing(failures, FailingMemory::Fails::once);
+      one->task->scheduleTask();
+    } catch (std::bad_alloc const &) {
+    }
+    fails = FailingMemory::hasFailed();
+    EXPECT_EQ(one->task->taskScheduled(), !fails);
+    EXPECT_EQ(scheduler_->scheduled(), fails ? 0u : 1u);
+    EXPECT_EQ(scheduler_->runOne(), !fails);
+  }
+  EXPECT_GT(failures, 0);
+  EXPECT_THAT(ran_, ElementsAre("one"));
+}
 
 TEST_F(Scheduler, RunsTheMostUrgentFirstAndEqualsInOrder) {
   auto const late = worker(5, "late");

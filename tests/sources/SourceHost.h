@@ -10,6 +10,7 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 /// Its scheduler is the process's default while it lives.
 class SourceHost {
@@ -22,7 +23,10 @@ public:
   SourceHost & operator=(SourceHost const &) = delete;
   ~SourceHost() { Kiln::TaskSchedulerRoot::schedulerIs(nullptr); }
 
-  Sources::Surroundings surroundings() { return {loop, publishers, links}; }
+  Sources::Surroundings surroundings() {
+    return {loop, publishers, links,
+            [this](Sources::Source const & source) { told.push_back(source.status().state); }};
+  }
 
   /// Lets everything happen that has begun. Waits up to `patience` of real time for the first
   /// descriptor.
@@ -48,4 +52,6 @@ public:
   StateDb::StateDocument document{database};
   StateDb::Publishers publishers{database};
   Sources::Links links;
+  /// The states that the sources have come to.
+  std::vector<Sources::SourceStatus::State> told;
 };

@@ -5,7 +5,6 @@
 #include "tests/support/TraceRecorder.h"
 #include <algorithm>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -160,8 +159,7 @@ TEST_F(JsonSource, RaisesAtItsStartWhenThereIsNoFolder) {
     FAIL();
   } catch (std::runtime_error const & error) {
     EXPECT_EQ(error.what(), folder.file("no/such.json") + ": the folder " + folder.file("no") +
-                                " cannot be watched: No such file or directory; see to it, then "
-                                "reload");
+                                " cannot be watched: No such file or directory");
   }
 }
 
@@ -199,14 +197,6 @@ TEST_F(JsonSource, HearsOfALinkThatIsPutInItsPlace) {
   std::filesystem::create_hard_link(folder.file("other.json"), file);
   hear();
   expectGood(2);
-}
-
-TEST_F(JsonSource, ReadsAgainWhenTheFileGetsOtherRights) {
-  folder.write("branch.json", tunnel(1));
-  start();
-  ASSERT_EQ(::chmod(file.c_str(), 0400), 0);
-  hear();
-  EXPECT_EQ(source->status().fullReads, 2u);
 }
 
 TEST_F(JsonSource, KeepsTheTunnelsWhileTheFileIsGone) {
@@ -380,7 +370,7 @@ TEST_F(LargeJsonFile, IsReadInRunsAndPublishedWhenAllOfItIsUnderstood) {
   auto const text = large(manyTunnels, 2);
   folder.write("branch.json", text);
   loop.runReady(std::chrono::milliseconds(500));
-  constexpr std::size_t piece = 8 * 1024;
+  constexpr std::size_t piece = 2 * 1024;
   for (std::size_t runs = 1; runs <= text.size() / piece; ++runs) {
     ASSERT_TRUE(scheduler->runOne());
     ASSERT_TRUE(source->status().isReading);

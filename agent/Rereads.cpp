@@ -1,0 +1,81 @@
+// Looks at the sources again and again until all of them have read.
+#include "agent/Rereads.h"
+#include "agent/Report.h"
+#include <algorithm>
+#include <utility>
+
+namespace Agent {
+
+namespace {
+
+Lumo::Counter rereads("agent-rereads");
+
+/// How often it is looked whether the sources have read everything. Nobody waits for it but a
+/// person.
+constexpr std::chrono::milliseconds lookPeriod{10};
+
+bool isReading(std::unique_ptr<Sources::Source> const & source) {
+  return source->status().isReading;
+}
+
+} // namespace
+
+Rereads::Rereads(Os::Loop & loop, Sources const & sources, ReadConfiguration readConfiguration)
+    : loop_(loop),
+      sources_(sources),
+      readConfiguration_(std::move(readConfiguration)) {}
+
+// What is under way may have passed what the wish is about, so it is met by the one that follows.
+std::shared_ptr<RereadOutcome const> Rereads::wish() {
+  rereads.inc();
+  auto & outcome = current_ ? next_ : current_;
+  auto const isFirst = outcome == nullptr;
+  if (isFirst)
+    outcome = std::make_shared<RereadOutcome>();
+  auto const answer = outcome;
+  if (isFirst && answer == current_)
+    begin();
+  return answer;
+}
+
+void Rereads::begin() {
+  failures_ = readConfiguration_();
+  for (auto const & source : sources_)
+    source->reread();
+  patienceEnds_ = loop_.after(patience, [this] { end(); });
+  look();
+}
+
+void Rereads::look() {
+  if (!std::ranges::any_of(sources_, isReading))
+    return end();
+  nextLook_ = loop_.after(lookPeriod, [this] { look(); });
+}
+
+void Rereads::end() {
+  nextLook_.reset();
+  patienceEnds_.reset();
+  auto failures = std::exchange(failures_, {});
+  std::ranges::move(sourceFailures(), std::back_inserter(failures));
+  for (auto const & failure : failures)
+    report(failure);
+  *std::exchange(current_, std::exchange(next_, nullptr)) = std::move(failures);
+  if (current_)
+    begin();
+}
+
+std::vector<std::string> Rereads::sourceFailures() const {
+  std::vector<std::string> failures;
+  for (auto const & source : sources_) {
+    auto const status = source->status();
+    if (status.isReading)
+      failures.push_back(fmt::format("{}: is still reading after {} s; \"tunnelsnmpctl status\" "
+                                     "shows when it has done so",
+                                     source->name(), patience.count()));
+    else if (!status.lastError.empty())
+      failures.push_back(fmt::format("{}: {}", source->name(), status.lastError));
+  }
+  return failures;
+}
+
+} // namespace Agent
