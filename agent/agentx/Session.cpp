@@ -83,6 +83,7 @@ Session::Session(Os::Loop & loop, MasterAddress address, Host & host)
     : loop_(loop),
       address_(std::move(address)),
       host_(host) {
+  status_.address = address_.text();
   status_.since = std::chrono::system_clock::now();
 }
 

@@ -60,6 +60,7 @@ struct RegionStatus {
 
 struct SessionStatus {
   enum class State : std::uint8_t { closed, waiting, connecting, opening, registering, serving };
+  std::string address; ///< the master's, as it was given
   State state = State::closed;
   std::chrono::system_clock::time_point since; ///< when it began to serve, or ceased to
   std::uint32_t session = 0;                   ///< the master's number, in the last two states
@@ -105,7 +106,7 @@ public:
   void answer(Header const & request, Response response);
 
   SessionStatus const & status() const { return status_; }
-  std::string const & address() const { return address_.text(); }
+  std::string const & address() const { return status_.address; }
 
 private:
   /// A message of ours that an answer is due to.
