@@ -252,18 +252,20 @@ nlohmann::ordered_json Agent::status() const {
   auto sources = Json::array();
   for (auto const & source : sources_)
     sources.push_back(sourceStatus(*source));
-  return {{"ready", isReady(machines)},
-          {"version", TUNNELSNMPD_VERSION},
-          {"servedAt", servedAt_},
-          {"enterprise", VELMORA_ENTERPRISE_NUMBER},
-          {"machines", std::move(machines)},
-          {"tasks", tasksSummary(*scheduler_)},
-          {"sources", std::move(sources)},
-          {"failures",
-           {{"notifiees", notifieeExceptions.count()},
-            {"tasks", taskExceptions.count()},
-            {"callbacks", Lumo::counter("agent-callback-exceptions")},
-            {"last", lastFailure()}}}};
+  Json out{{"ready", isReady(machines)},
+           {"version", TUNNELSNMPD_VERSION},
+           {"servedAt", servedAt_},
+           {"enterprise", VELMORA_ENTERPRISE_NUMBER}};
+  if (auto const * master = snmp_->agentx())
+    out["agentx"] = masterStatus(*master);
+  out["machines"] = std::move(machines);
+  out["tasks"] = tasksSummary(*scheduler_);
+  out["sources"] = std::move(sources);
+  out["failures"] = {{"notifiees", notifieeExceptions.count()},
+                     {"tasks", taskExceptions.count()},
+                     {"callbacks", Lumo::counter("agent-callback-exceptions")},
+                     {"last", lastFailure()}};
+  return out;
 }
 
 } // namespace Agent

@@ -84,8 +84,8 @@ struct Parser {
                               ->type_name("ADDRESS")
                               ->capture_default_str();
     app.add_option("--agentx", agentxSocket,
-                   fmt::format("Serve through the AgentX master at SOCKET (default {}) instead of "
-                               "listening",
+                   fmt::format("Serve through the AgentX master at SOCKET (default {}), a path or "
+                               "tcp:HOST:PORT with a numeric address, instead of listening",
                                defaultAgentxSocket))
         ->type_name("[SOCKET]")
         ->expected(0, 1)

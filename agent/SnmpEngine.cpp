@@ -11,13 +11,13 @@
 
 #include "agent/Report.h"
 #include "agent/SnmpEngine.h"
+#include "agent/agentx/Subagent.h"
 #include "os/Time.h"
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <tcpd.h>
 #include <unistd.h>
 #include <utility>
@@ -29,19 +29,13 @@ namespace {
 Lumo::Counter configurationFaults("agent-configuration-faults");
 
 constexpr char applicationName[] = "tunnelsnmpd";
-/// A subagent looks for a master that went away, or was not there, this often.
-constexpr int agentxPingSeconds = 5;
-/// Everything else waits while a subagent waits for its master: not long, and not again.
-constexpr int agentxTimeoutSeconds = 1;
-constexpr int agentxRetries = 0;
 /// A connection that there is no descriptor for keeps its listener readable for as long.
 constexpr std::chrono::milliseconds untilAcceptAgain{100};
+/// Without a configuration.
+constexpr char const * defaultAccess = "rocommunity public 127.0.0.1";
 
 void setLibraryFlag(int flag) {
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, flag, 1);
-}
-void setAgentNumber(int which, int number) {
-  netsnmp_ds_set_int(NETSNMP_DS_APPLICATION_ID, which, number);
 }
 void setLibraryPath(int which, char const * path) {
   netsnmp_ds_set_string(NETSNMP_DS_LIBRARY_ID, which, path);
@@ -62,13 +56,6 @@ private:
   netsnmp_large_fd_set set_;
 };
 
-/// True if and only if it is a socket with somebody at its other end.
-bool isConnected(int descriptor) {
-  sockaddr_storage address{};
-  socklen_t size = sizeof address;
-  return getpeername(descriptor, reinterpret_cast<sockaddr *>(&address), &size) == 0;
-}
-
 /// The port that a socket is bound to, or 0 when it has none.
 unsigned portOf(int descriptor) {
   sockaddr_storage address{};
@@ -87,6 +74,14 @@ std::string withRealPort(std::string const & address, int descriptor) {
   if (port == 0 || colon == std::string::npos || address.substr(colon + 1) != "0")
     return address;
   return fmt::format("{}:{}", address.substr(0, colon), port);
+}
+
+AgentX::MasterAddress masterAddress(std::string const & text) {
+  try {
+    return AgentX::MasterAddress(text);
+  } catch (std::invalid_argument const & error) {
+    throw ConfigurationError(fmt::format("--agentx: {}", error.what()));
+  }
 }
 
 } // namespace
@@ -113,8 +108,7 @@ public:
     return std::exchange(kept_, {});
   }
 
-  /// Reports a text that is not the last one: a subagent without its master says the same again and
-  /// again.
+  /// Reports a text that is not the last one.
   void reportOnce(std::string_view text) {
     if (text == last_)
       return;
@@ -145,20 +139,17 @@ SnmpEngine::SnmpEngine(Os::Loop & loop, SnmpSettings settings)
       log_(std::make_unique<Log>()),
       hostsFiles_{HostsFile(hosts_allow_table), HostsFile(hosts_deny_table)} {
   checkReadable();
+  auto master = settings_.agentx ? std::optional(masterAddress(*settings_.agentx)) : std::nullopt;
   setUp();
   init_agent(applicationName);
-  if (settings_.agentx) {
-    setAgentNumber(NETSNMP_DS_AGENT_AGENTX_PING_INTERVAL, agentxPingSeconds);
-    netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_TIMEOUT, agentxTimeoutSeconds);
-    netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_RETRIES, agentxRetries);
-  } else if (settings_.configFile.empty()) {
-    char line[] = "rocommunity public 127.0.0.1";
-    netsnmp_config_remember(line);
-  }
+  configure();
   log_->keep();
   init_snmp(applicationName);
   try {
     requireUnderstood(log_->kept());
+    if (master)
+      subagent_ =
+          std::make_unique<AgentX::Subagent>(loop_, *std::move(master), [this] { settle(); });
   } catch (...) {
     shutDown();
     throw;
@@ -167,14 +158,16 @@ SnmpEngine::SnmpEngine(Os::Loop & loop, SnmpSettings settings)
 
 SnmpEngine::~SnmpEngine() {
   stopServing();
+  subagent_.reset();
   endpoint_.reset();
   shutDown();
 }
 
 std::string SnmpEngine::listen(std::string const & address) {
-  if (settings_.agentx) {
+  if (subagent_) {
+    subagent_->start();
     update();
-    return "agentx:" + *settings_.agentx;
+    return "agentx:" + subagent_->address();
   }
   // Opened here and not by init_master_agent(), which would also open what the configuration names.
   errno = 0;
@@ -193,13 +186,15 @@ std::string SnmpEngine::listen(std::string const & address) {
 }
 
 void SnmpEngine::stopServing() {
-  if (settings_.agentx)
-    for (auto const & [descriptor, watched] : watched_)
-      if (isConnected(descriptor))
-        shutdown(descriptor, SHUT_RDWR);
+  if (subagent_)
+    subagent_->close();
   watched_.clear();
   timer_.reset();
   acceptAgain_.reset();
+}
+
+AgentX::SessionStatus const * SnmpEngine::agentx() const {
+  return subagent_ ? &subagent_->status() : nullptr;
 }
 
 void SnmpEngine::reread() {
@@ -209,6 +204,7 @@ void SnmpEngine::reread() {
   log_->keep();
   watched_.clear(); // what the configuration named is closed and opened anew, with the same numbers
   free_config();
+  configure();
   read_premib_configs();
   read_configs();
   update();
@@ -228,15 +224,24 @@ void SnmpEngine::setUp() {
   if (!settings_.configFile.empty())
     setLibraryPath(NETSNMP_DS_LIB_OPTIONALCONFIG, settings_.configFile.c_str());
 
-  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE,
-                         settings_.agentx ? 1 : 0);
+  // That of a master: a subagent of net-snmp's waits for its master.
+  netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 0);
   netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_DONT_LOG_TCPWRAPPERS_CONNECTS,
                          1);
+  // A subagent of net-snmp's would seek its master so often; ours has periods of its own.
   if (settings_.agentx)
-    netsnmp_ds_set_string(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_X_SOCKET,
-                          settings_.agentx->c_str());
+    register_config_handler(
+        applicationName, "agentXPingInterval", [](char const *, char *) {}, nullptr, "seconds");
   char noSmux[] = "-smux"; // its port would be open to everybody
   add_to_init_list(noSmux);
+}
+
+// Behind an AgentX master nobody else can ask, and access is the master's to decide; yet net-snmp
+// complains when nobody has any.
+void SnmpEngine::configure() {
+  std::string line = defaultAccess;
+  if (settings_.agentx || settings_.configFile.empty())
+    netsnmp_config_remember(line.data());
 }
 
 void SnmpEngine::shutDown() {
@@ -252,7 +257,6 @@ void SnmpEngine::checkReadable() const {
 }
 
 void SnmpEngine::requireUnderstood(std::vector<std::string> const & complaints) const {
-  // A subagent without a master complains here as well; it keeps trying.
   if (settings_.configFile.empty()) {
     for (auto const & complaint : complaints)
       log_->reportOnce(complaint);
@@ -272,19 +276,25 @@ void SnmpEngine::read(int descriptor) {
   DescriptorSet ready;
   NETSNMP_LARGE_FD_SET(descriptor, ready.get());
   snmp_read2(ready.get());
-  netsnmp_check_outstanding_agent_requests();
   if (endpoint_ && endpoint_->acceptFailed())
     acceptAgain_ = loop_.after(untilAcceptAgain, [this] {
       acceptAgain_.reset();
       update();
     });
-  update();
+  settle();
 }
 
 void SnmpEngine::timeOut() {
   snmp_timeout();
   run_alarms();
+  settle();
+}
+
+// A handler that delegates may have its answer by now.
+void SnmpEngine::settle() {
   netsnmp_check_outstanding_agent_requests();
+  if (subagent_)
+    subagent_->deliver();
   update();
 }
 
@@ -307,25 +317,13 @@ void SnmpEngine::update() {
     timer_ = loop_.after(Os::toMilliseconds(wait), [this] { timeOut(); });
 }
 
-void SnmpEngine::watchDescriptor(int descriptor, std::map<int, Watched> & before) {
-  auto const inode = inodeOf(descriptor);
-  auto const known = before.find(descriptor);
-  if (known != before.end() && known->second.inode == inode) {
+// While it serves, net-snmp does not close a descriptor and open another within one call.
+void SnmpEngine::watchDescriptor(int descriptor, Watches & before) {
+  if (auto const known = before.find(descriptor); known != before.end())
     watched_.insert(before.extract(known));
-    return;
-  }
-  if (known != before.end())
-    before.erase(known); // no longer watched before the new one is
-  watched_.emplace(descriptor, Watched{inode, loop_.readable(descriptor, [this, descriptor] {
-                                         read(descriptor);
-                                       })});
-}
-
-// While it serves, only a subagent closes a descriptor and opens another within one call, when it
-// finds its master gone. Elsewhere it would be a system call for nothing with each packet.
-unsigned long SnmpEngine::inodeOf(int descriptor) const {
-  struct stat status {};
-  return settings_.agentx && fstat(descriptor, &status) == 0 ? status.st_ino : 0;
+  else
+    watched_.emplace(descriptor,
+                     loop_.readable(descriptor, [this, descriptor] { read(descriptor); }));
 }
 
 } // namespace Agent

@@ -1,4 +1,5 @@
-// net-snmp inside the daemon's event loop: a stand-alone master agent, or an AgentX subagent.
+// net-snmp inside the daemon's event loop: stand-alone, or behind an AgentX master, to which a
+// session of our own leads (agent/agentx/).
 //
 // net-snmp keeps its state in the process, so there is one engine at a time. It writes no file,
 // reads none but the configuration that it is given and libwrap's two, and opens no port but the
@@ -7,29 +8,34 @@
 
 #include "agent/HostsFile.h"
 #include "agent/SnmpEndpoint.h"
+#include "agent/agentx/Session.h"
 #include "os/Loop.h"
 #include <array>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace Agent {
 
+namespace AgentX {
+class Subagent;
+} // namespace AgentX
+
 struct SnmpSettings {
   std::string configFile;            ///< empty: community "public" may read from 127.0.0.1
-  std::optional<std::string> agentx; ///< the master's socket; nothing: stand-alone
+  std::optional<std::string> agentx; ///< where the master is; nothing: stand-alone
 };
 
 /// Life cycle: constructed, then the MIB modules register, then listen(); at the end stopServing(),
-/// then the MIB modules unregister, then it is destroyed. Within construction a subagent connects
-/// to its master; one that finds none tries again every few seconds.
+/// then the MIB modules unregister, then it is destroyed. Of an AgentX master nothing is expected
+/// at any time: it may come, go, or be stuck.
 class SnmpEngine {
 public:
   /// Starts net-snmp and reads the configuration. Raises ConfigurationError, one line, for a file
-  /// that cannot be read or has a line that is not understood.
+  /// that cannot be read or has a line that is not understood, and for a master's address that is
+  /// none.
   SnmpEngine(Os::Loop & loop, SnmpSettings settings);
   SnmpEngine(SnmpEngine const &) = delete;
   SnmpEngine & operator=(SnmpEngine const &) = delete;
@@ -40,9 +46,12 @@ public:
   /// when the address cannot be had.
   std::string listen(std::string const & address);
 
-  /// Answers nobody from now on. A subagent hangs up: its master drops what it registered, and the
-  /// MIB modules can unregister without an answer that a stuck master would never give.
+  /// Answers nobody from now on. A subagent hangs up: its master drops what it registered.
   void stopServing();
+
+  /// What there is to tell of the session with the AgentX master; null when stand-alone. Lives as
+  /// long as the engine.
+  AgentX::SessionStatus const * agentx() const;
 
   /// Replaces the configuration by the one that stands in the file now. Raises
   /// ConfigurationError as the constructor does; the lines that were understood are in force then,
@@ -51,20 +60,18 @@ public:
 
 private:
   class Log;
-  struct Watched {
-    unsigned long inode; // tells a descriptor from a new one with the same number, or 0
-    Os::Loop::Handle watch;
-  };
+  using Watches = std::map<int, Os::Loop::Handle>;
 
   void setUp();
+  void configure();
   void shutDown();
   void checkReadable() const;
   void requireUnderstood(std::vector<std::string> const & complaints) const;
   void read(int descriptor);
   void timeOut();
+  void settle();
   void update();
-  void watchDescriptor(int descriptor, std::map<int, Watched> & before);
-  unsigned long inodeOf(int descriptor) const;
+  void watchDescriptor(int descriptor, Watches & before);
 
   Os::Loop & loop_;
   SnmpSettings const settings_;
@@ -72,8 +79,9 @@ private:
   std::array<HostsFile, 2> hostsFiles_;
   std::unique_ptr<SnmpEndpoint> endpoint_; // where it listens, when stand-alone
   Os::Loop::Handle acceptAgain_;           // while connections wait there that cannot be accepted
-  std::map<int, Watched> watched_;
+  Watches watched_;
   Os::Loop::Handle timer_;
+  std::unique_ptr<AgentX::Subagent> subagent_; // while behind a master
 };
 
 } // namespace Agent

@@ -2,6 +2,7 @@
 // is no error: it is left out.
 #include "agent/Status.h"
 #include "agent/JsonText.h"
+#include <ctime>
 #include <optional>
 #include <utility>
 
@@ -113,6 +114,22 @@ Json recordCounts(StateDb::Publisher::Counts const & counts) {
   return shown;
 }
 
+std::string utc(std::chrono::system_clock::time_point time) {
+  auto const seconds = std::chrono::system_clock::to_time_t(time);
+  std::tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[32];
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
+}
+
+Json registrationStatus(AgentX::RegionStatus const & one) {
+  auto const hasReason = one.reason != AgentX::Error::none;
+  return {{"oid", AgentX::oidText(one.region.subtree)},
+          {"context", one.region.context},
+          {"state", stateText(one.state)},
+          {"reason", hasReason ? AgentX::errorText(one.reason) : ""}};
+}
+
 /// The objects of a collection; nothing when it is no collection, or one of plain values.
 std::optional<std::vector<Object>> objectsOf(Zel::Value value) {
   auto * const collection = std::get_if<Zel::Value::Collection>(&value.is);
@@ -158,6 +175,21 @@ Json sourceStatus(Sources::Source const & source) {
           {"records", recordCounts(status.records)},
           {"fullReads", status.fullReads},
           {"changes", status.changes}};
+}
+
+Json masterStatus(AgentX::SessionStatus const & session) {
+  Json out{{"address", session.address},
+           {"state", stateText(session.state)},
+           {"since", utc(session.since)}};
+  if (session.session != 0)
+    out["session"] = session.session;
+  out["sessions"] = session.sessions;
+  out["lastError"] = session.lastError;
+  auto registrations = Json::array();
+  for (auto const & one : session.regions)
+    registrations.push_back(registrationStatus(one));
+  out["registrations"] = std::move(registrations);
+  return out;
 }
 
 Json tasksStatus(Kiln::TaskScheduler const & scheduler) {

@@ -1,4 +1,5 @@
-// What can be seen of the plug-in and of the scheduler from outside, as JSON.
+// What can be seen of the plug-in, of the scheduler and of the session with an AgentX master from
+// outside, as JSON.
 //
 // The plug-in's objects are known here by their attributes' names only:
 // - the root's attribute "tunnelIntfSnmpAgent" holds an object; each of its attributes that is an
@@ -11,6 +12,7 @@
 //   a row are its attributes that are no objects themselves.
 #pragma once
 
+#include "agent/agentx/Session.h"
 #include "platform/Kiln.h"
 #include "platform/Zel.h"
 #include "sources/Source.h"
@@ -33,6 +35,11 @@ bool allReady(nlohmann::ordered_json const & machines);
 
 /// {name, state, reading, lastError, records: {collection: count}, fullReads, changes}.
 nlohmann::ordered_json sourceStatus(Sources::Source const & source);
+
+/// {address, state, since, session while there is one, sessions, lastError, registrations: [{oid,
+/// context, state, reason of the last refusal}]}. `since` is the time in UTC, as in RFC 3339, at
+/// which it began to serve, or ceased to.
+nlohmann::ordered_json masterStatus(AgentX::SessionStatus const & session);
 
 /// Every task: {name, priority, scheduled, runs, workCount, workPending}.
 nlohmann::ordered_json tasksStatus(Kiln::TaskScheduler const & scheduler);

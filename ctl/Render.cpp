@@ -126,7 +126,10 @@ std::string statusText(Json const & status) {
                         {"version", status.value("version", "")},
                         {"served at", status.value("servedAt", "")},
                         {"enterprise", status.value("enterprise", 0)}};
-  return pairsText(top) + section("Machines", tableText(machineRows(machines))) +
+  auto const master = status.value("agentx", Json::object());
+  return pairsText(top) + section("AgentX master", pairsText(without(master, "registrations"))) +
+         section("Registrations", tableText(master.value("registrations", Json::array()))) +
+         section("Machines", tableText(machineRows(machines))) +
          section("Inputs", tableText(inputRows(machines))) +
          section("Sources", tableText(status.value("sources", Json::array()))) +
          section("Tasks", pairsText(status.value("tasks", Json::object()))) +

@@ -241,4 +241,35 @@ TEST(SourceStatus, CountsRecordsByCollection) {
             Agent::sourceStatus(source));
 }
 
+TEST(MasterStatus, TellsOfTheSessionAndItsRegistrations) {
+  using namespace Agent::AgentX;
+  SessionStatus session;
+  session.address = "unix:/run/master";
+  session.state = SessionStatus::State::registering;
+  session.since = std::chrono::system_clock::from_time_t(1700000000);
+  session.session = 7;
+  session.sessions = 3;
+  session.lastError = "why";
+  session.regions = {
+      {{"", {1, 3, 6}}, RegionStatus::State::registered},
+      {{"red", {1, 3, 7}}, RegionStatus::State::refused, Error::duplicateRegistration}};
+  EXPECT_EQ(Json::parse(R"({"address": "unix:/run/master", "state": "registering",
+                            "since": "2023-11-14T22:13:20Z", "session": 7, "sessions": 3,
+                            "lastError": "why",
+                            "registrations": [
+                              {"oid": "1.3.6", "context": "", "state": "registered",
+                               "reason": ""},
+                              {"oid": "1.3.7", "context": "red", "state": "refused",
+                               "reason": "duplicateRegistration"}]})"),
+            Agent::masterStatus(session));
+}
+
+TEST(MasterStatus, HasNoSessionWhileThereIsNone) {
+  Agent::AgentX::SessionStatus session;
+  session.state = Agent::AgentX::SessionStatus::State::waiting;
+  auto const status = Agent::masterStatus(session);
+  EXPECT_EQ("waiting to try again", status["state"]);
+  EXPECT_FALSE(status.contains("session"));
+}
+
 } // namespace

@@ -2,15 +2,12 @@
 sources. Nothing ends, nothing hangs, nothing is lost, and what is said to the operator is one line
 that names no library."""
 
-import argparse
 import json
 import os
 import re
 import signal
 import socket
-import sys
 import time
-import unittest
 
 import test_daemon
 from test_daemon import DaemonTest
@@ -171,18 +168,11 @@ class BadInputs(DaemonTest):
         time.sleep(0.3)
         status, seconds = daemon.end()
         self.assertEqual(0, status, daemon.err)
-        self.assertLess(seconds, 30 if SLOW else 3)
+        self.assertLess(seconds, 30 if test_daemon.PATHS.slow else 3)
 
     def source_status(self):
         return self.ctl_json("status")["sources"][0]
 
 
 if __name__ == "__main__":
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--daemon", required=True)
-    parser.add_argument("--ctl", required=True)
-    parser.add_argument("--example", required=True, help="the JSON document to serve")
-    parser.add_argument("--slow", action="store_true", help="the binaries are instrumented")
-    test_daemon.PATHS, rest = parser.parse_known_args()
-    SLOW = test_daemon.PATHS.slow
-    unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
+    test_daemon.main(__doc__)

@@ -642,81 +642,6 @@ class WrongStarts(DaemonTest):
         self.assert_refuses_to_start(1, "pigeon:roof", "--listen", "pigeon:roof")
 
 
-@unittest.skipUnless(shutil.which("snmpd"), "there is no snmpd to be the master")
-class AgentX(DaemonTest):
-    def setUp(self):
-        super().setUp()
-        self.master_socket = "unix:" + self.path("master")
-        self.config = self.write("master.conf", "rocommunity public 127.0.0.1\n"
-                                 "master agentx\n"
-                                 f"agentXSocket {self.master_socket}\n"
-                                 "agentXTimeout 5\n")
-        # snmpd tells no port that it has chosen itself: take one that is free now.
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-            probe.bind(("127.0.0.1", 0))
-            self.master_address = f"127.0.0.1:{probe.getsockname()[1]}"
-
-    def start_master(self):
-        state = self.path("snmpd-state")
-        os.makedirs(state, exist_ok=True)
-        own = dict(environment(self.folder), SNMP_PERSISTENT_DIR=state)
-        master = Process(["snmpd", "-f", "-Lo", "-C", "-c", self.config, "-I", "-smux",
-                          "udp:" + self.master_address], own)
-        self.addCleanup(master.kill)
-        master.wait_for_line(master.out, "^NET-SNMP version")
-        return master
-
-    def start_subagent(self):
-        daemon = self.start("--source", "json:" + self.source,
-                            transport=("--agentx", self.master_socket))
-        self.assertEqual("agentx:" + self.master_socket, self.address)
-        self.address = self.master_address
-        return daemon
-
-    def test_serves_through_the_master_and_leaves_it_at_the_end(self):
-        self.start_master()
-        daemon = self.start_subagent()
-        values = self.walk()
-        self.assertEqual(
-            self.expected_if_indexes(),
-            sorted(int(oid.rsplit(".", 1)[1]) for oid in values
-                   if oid.startswith(TUNNEL_IF_TABLE + ".1.4.")))
-        status, seconds = daemon.end()
-        self.assertEqual(0, status, daemon.err)
-        self.assertLess(seconds, 1 if not PATHS.slow else PATIENCE)
-        cell = f"{TUNNEL_IF_TABLE}.1.4.{self.expected_if_indexes()[0]}"
-        self.assertRegex(self.snmp("snmpget", [cell])[0][cell], "No Such Object")
-
-    def test_comes_back_when_the_master_does(self):
-        master = self.start_master()
-        daemon = self.start_subagent()
-        before = self.walk()
-        self.assertNotEqual({}, before)
-        master.end()
-        self.assertEqual(self.expected_if_indexes(), self.if_indexes())
-        self.start_master()
-        self.wait_until(lambda: self.walk() == before)
-        self.assertEqual(0, daemon.end()[0], daemon.err)
-
-    def test_ends_within_a_second_though_its_master_is_stuck(self):
-        master = self.start_master()
-        daemon = self.start_subagent()
-        master.child.send_signal(signal.SIGSTOP)
-        try:
-            status, seconds = daemon.end()
-        finally:
-            master.child.send_signal(signal.SIGCONT)
-        self.assertEqual(0, status, daemon.err)
-        self.assertLess(seconds, 1 if not PATHS.slow else PATIENCE)
-
-    def test_waits_for_a_master_that_is_not_there_yet(self):
-        daemon = self.start_subagent()
-        daemon.wait_for_line(daemon.err, "Failed to connect to the agentx master")
-        self.start_master()
-        self.wait_until(lambda: self.walk() != {})
-        self.assertEqual(0, daemon.end()[0], daemon.err)
-
-
 def many_tunnels(count):
     """A document of so many tunnels, and their ifIndexes."""
     ids = [str(number * 7919) for number in range(1, count + 1)]
@@ -787,19 +712,20 @@ class Memory(DaemonTest):
         self.assertRegex("\n".join(blocks), "HEAP SUMMARY")
 
 
-def run():
-    """Runs the tests of the program that calls, with the binaries that its command line names."""
-    parser = argparse.ArgumentParser(description=sys.modules["__main__"].__doc__)
+def main(description):
+    """Runs the tests of the program with the binaries that the command line names."""
+    global PATHS
+    parser = argparse.ArgumentParser(description=description)
     parser.add_argument("--daemon", required=True)
     parser.add_argument("--ctl", required=True)
     parser.add_argument("--example", required=True, help="the JSON document to serve")
     parser.add_argument("--enterprise", type=int, default=32473, help="the vendor table's number")
     parser.add_argument("--slow", action="store_true",
                         help="the binaries are instrumented: the end may take its time")
-    global PATHS
+    parser.add_argument("--long", action="store_true", help="also the tests of some seconds each")
     PATHS, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
 
 
 if __name__ == "__main__":
-    run()
+    main(__doc__)

@@ -130,4 +130,4 @@ class SmallAnswers(Strangers):
 
 
 if __name__ == "__main__":
-    test_daemon.run()
+    test_daemon.main(__doc__)

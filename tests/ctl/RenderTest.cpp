@@ -52,4 +52,16 @@ TEST(Render, StatusShowsMachinesAndTheirInputsApart) {
             text.find("\nInputs\nmachine  name  scanned\nm        i           3\n"));
 }
 
+TEST(Render, StatusShowsTheMasterAndTheRegistrationsApart) {
+  auto const text = Ctl::statusText(Json::parse(R"({"ready": true,
+      "agentx": {"address": "unix:m", "session": 7,
+                 "registrations": [{"oid": "1.3", "state": "refused"}]}})"));
+  EXPECT_NE(std::string::npos, text.find("\nAgentX master\naddress  unix:m\nsession  7\n"));
+  EXPECT_NE(std::string::npos, text.find("\nRegistrations\noid  state\n1.3  refused\n"));
+}
+
+TEST(Render, StatusShowsNoMasterWhereThereIsNone) {
+  EXPECT_EQ(std::string::npos, Ctl::statusText(Json::parse("{}")).find("AgentX"));
+}
+
 } // namespace
