@@ -1,9 +1,9 @@
 // One line out, one line in. The daemon answers each request in order and closes the connection
 // when it ends, so no more is needed. Nothing blocks but poll(), which has a time to end at.
 #include "ctl/Client.h"
-#include "json/Input.h"
 #include "os/Time.h"
 #include "os/UnixAddress.h"
+#include "json/Input.h"
 #include <algorithm>
 #include <array>
 #include <cerrno>

@@ -2,9 +2,9 @@
 #include "ctl/Commands.h"
 #include "ctl/Client.h"
 #include "ctl/Render.h"
-#include "json/Input.h"
 #include "os/Descriptor.h"
 #include "os/StandardStreams.h"
+#include "json/Input.h"
 #include <algorithm>
 #include <array>
 #include <cerrno>

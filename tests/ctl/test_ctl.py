@@ -132,7 +132,7 @@ class Patches(CtlTest):
 
     def test_a_patch_that_is_no_json_is_told_with_its_place_and_without_names_of_libraries(self):
         done = self.run_ctl("patch", "-", input='[\n{"op": }]')
-        self.assert_complains(UNUSABLE, "- is no JSON: .*line 2, column 8", done)
+        self.assert_complains(UNUSABLE, "- is no JSON: line 2: ", done)
         self.assertNotRegex(done.stderr, r"json\.exception|nlohmann|std::")
         self.assert_complains(UNUSABLE, "- is no JSON: .*", self.run_ctl("patch", "-", input=""))
 
@@ -147,7 +147,7 @@ class Patches(CtlTest):
     def test_a_deep_patch_ends_nobody(self):
         daemon = self.start_daemon()
         done = self.run_ctl("patch", "-", input="[" * 5000 + "]" * 5000)
-        self.assert_complains(1, "", done)
+        self.assert_complains(UNUSABLE, "nested deeper than 64 levels", done)
         self.assertIsNone(daemon.poll())
 
 
