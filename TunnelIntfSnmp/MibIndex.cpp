@@ -17,29 +17,35 @@ HintReader::HintReader(char const * table, std::span<MibIndex const> indexes, Hi
       rest_(hint == nullptr ? nullptr : hint->indexes) {}
 
 std::optional<std::int32_t> HintReader::integer() {
+  return component([](auto const & part) { return Snmp::AsnIntegerToS32(*part.val.integer); },
+                   [](std::int32_t value) { return printed(static_cast<std::uint32_t>(value)); });
+}
+
+std::optional<Snmp::Bytes> HintReader::octets() {
+  return component(
+      [](auto const & part) {
+        return Snmp::AsnOctetStringToSnmpBytes(part.val.string, part.val_len);
+      },
+      [](Snmp::Bytes const & value) { return printed(value); });
+}
+
+template <class Convert, class Print>
+auto HintReader::component(Convert convert, Print print)
+    -> std::optional<std::invoke_result_t<Convert, netsnmp_variable_list const &>> {
   auto const & index = nextIndex();
   auto const * part = next(index);
   if (part == nullptr)
     return std::nullopt;
   try {
-    auto const value = Snmp::AsnIntegerToS32(*part->val.integer);
-    use(index, static_cast<std::uint32_t>(value));
+    auto const value = convert(*part);
+    LUMO_TRACE(snmpTrace(), 2, "hint component {} is '{}'", index.name, print(value));
+    ++found_;
     return value;
   } catch (Zel::RangeException const & exception) {
     LUMO_TRACE(snmpTrace(), 0, "hint for index {} of {} is out of range! {}", index.name, table_,
                exception.what());
     return std::nullopt;
   }
-}
-
-std::optional<Snmp::Bytes> HintReader::octets() {
-  auto const & index = nextIndex();
-  auto const * part = next(index);
-  if (part == nullptr)
-    return std::nullopt;
-  auto const value = Snmp::AsnOctetStringToSnmpBytes(part->val.string, part->val_len);
-  use(index, value);
-  return value;
 }
 
 MibIndex const & HintReader::nextIndex() {
@@ -58,12 +64,6 @@ netsnmp_variable_list const * HintReader::next(MibIndex const & index) {
   LUMO_TRACE(snmpTrace(), 0, "hint for {} has incorrect type! Expecting {} but got {}", index.name,
              index.asnType, part->type);
   return nullptr;
-}
-
-template <class T>
-void HintReader::use(MibIndex const & index, T const & value) {
-  LUMO_TRACE(snmpTrace(), 2, "hint component {} is '{}'", index.name, printed(value));
-  ++found_;
 }
 
 IndexWriter & IndexWriter::unsigned32(char const * name, std::uint32_t value) {

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <type_traits>
 
 namespace TunnelIntfSnmp {
 
@@ -32,10 +33,12 @@ public:
   std::size_t found() const { return found_; }
 
 private:
-  netsnmp_variable_list const * next(MibIndex const & index);
+  /// The next part as `convert` makes it, which may raise RangeException, and `print` traces it.
+  template <class Convert, class Print>
+  auto component(Convert convert, Print print)
+      -> std::optional<std::invoke_result_t<Convert, netsnmp_variable_list const &>>;
   MibIndex const & nextIndex();
-  template <class T>
-  void use(MibIndex const & index, T const & value);
+  netsnmp_variable_list const * next(MibIndex const & index);
 
   char const * const table_;
   std::span<MibIndex const> indexes_;  // from the next one on

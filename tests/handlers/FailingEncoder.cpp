@@ -9,14 +9,27 @@ namespace {
 
 using Octet = std::uint8_t;
 
-std::optional<int> unsignedResult;
-std::optional<int> signedResult;
-std::optional<int> addressResult;
+struct Encoder {
+  std::optional<int> result;
+  std::size_t capacity = 0; // of the last call
 
-std::map<std::string_view, std::optional<int> *> const results{
-    {"U32ToAsnUnsigned", &unsignedResult},
-    {"S32ToAsnInteger", &signedResult},
-    {"PlexaIpGenAddrToAsnOctetString", &addressResult}};
+  template <class Real, class Value>
+  int operator()(Real * real, Value const & value, Octet * buffer, std::size_t size) {
+    capacity = size;
+    return result ? *result : real(value, buffer, size);
+  }
+};
+
+Encoder ofUnsigned;
+Encoder ofSigned;
+Encoder ofAddress;
+Encoder ofBytes;
+std::optional<Octet> outOfRange;
+
+std::map<std::string_view, Encoder *> const encoders{{"U32ToAsnUnsigned", &ofUnsigned},
+                                                     {"S32ToAsnInteger", &ofSigned},
+                                                     {"PlexaIpGenAddrToAsnOctetString", &ofAddress},
+                                                     {"BytesToAsnOctetString", &ofBytes}};
 
 } // namespace
 
@@ -24,26 +37,52 @@ int realUnsigned(std::uint32_t, Octet *, std::size_t) __asm__("__real_" U32_TO_A
 int realSigned(std::int32_t, Octet *, std::size_t) __asm__("__real_" S32_TO_ASN_INTEGER);
 int realAddress(Plexa::IpGenAddr const &, Octet *,
                 std::size_t) __asm__("__real_" ADDRESS_TO_ASN_OCTET_STRING);
+int realBytes(Snmp::Bytes const &, Octet *,
+              std::size_t) __asm__("__real_" BYTES_TO_ASN_OCTET_STRING);
+Snmp::Bytes realOctets(Octet const *, std::size_t) __asm__("__real_" OCTETS_TO_BYTES);
 int wrappedUnsigned(std::uint32_t, Octet *, std::size_t) __asm__("__wrap_" U32_TO_ASN_UNSIGNED);
 int wrappedSigned(std::int32_t, Octet *, std::size_t) __asm__("__wrap_" S32_TO_ASN_INTEGER);
 int wrappedAddress(Plexa::IpGenAddr const &, Octet *,
                    std::size_t) __asm__("__wrap_" ADDRESS_TO_ASN_OCTET_STRING);
+int wrappedBytes(Snmp::Bytes const &, Octet *,
+                 std::size_t) __asm__("__wrap_" BYTES_TO_ASN_OCTET_STRING);
+Snmp::Bytes wrappedOctets(Octet const *, std::size_t) __asm__("__wrap_" OCTETS_TO_BYTES);
 
 int wrappedUnsigned(std::uint32_t value, Octet * buffer, std::size_t capacity) {
-  return unsignedResult ? *unsignedResult : realUnsigned(value, buffer, capacity);
+  return ofUnsigned(realUnsigned, value, buffer, capacity);
 }
 int wrappedSigned(std::int32_t value, Octet * buffer, std::size_t capacity) {
-  return signedResult ? *signedResult : realSigned(value, buffer, capacity);
+  return ofSigned(realSigned, value, buffer, capacity);
 }
 int wrappedAddress(Plexa::IpGenAddr const & value, Octet * buffer, std::size_t capacity) {
-  return addressResult ? *addressResult : realAddress(value, buffer, capacity);
+  return ofAddress(realAddress, value, buffer, capacity);
+}
+int wrappedBytes(Snmp::Bytes const & value, Octet * buffer, std::size_t capacity) {
+  return ofBytes(realBytes, value, buffer, capacity);
+}
+Snmp::Bytes wrappedOctets(Octet const * octets, std::size_t size) {
+  if (outOfRange && size != 0 && octets[0] == *outOfRange)
+    throw Zel::RangeException("octets of a test");
+  return realOctets(octets, size);
 }
 
 FailingEncoder::FailingEncoder(std::string_view encoder, int length)
-    : result_(*results.at(encoder)) {
+    : result_(encoders.at(encoder)->result) {
   result_ = length;
 }
 
 FailingEncoder::~FailingEncoder() {
   result_.reset();
+}
+
+std::size_t lastCapacityOf(std::string_view encoder) {
+  return encoders.at(encoder)->capacity;
+}
+
+OctetsOutOfRange::OctetsOutOfRange(std::uint8_t first) {
+  outOfRange = first;
+}
+
+OctetsOutOfRange::~OctetsOutOfRange() {
+  outOfRange.reset();
 }

@@ -1,7 +1,10 @@
-// The platform's encoders never fail for the values that rows have. Here they can be made to: the
-// test program is linked so that calls of theirs come by.
+// The platform's encoders never fail for the values that rows have, and its decoder of octets never
+// raises. Here they can be made to, and tell how much room they are given: the test program is
+// linked so that calls of theirs come by.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -15,4 +18,16 @@ public:
 
 private:
   std::optional<int> & result_;
+};
+
+/// The capacity of the buffer in the last call of the encoder of that name.
+std::size_t lastCapacityOf(std::string_view encoder);
+
+/// While it lives, octets that begin with `first` are out of range for AsnOctetStringToSnmpBytes().
+class OctetsOutOfRange {
+public:
+  explicit OctetsOutOfRange(std::uint8_t first);
+  OctetsOutOfRange(OctetsOutOfRange const &) = delete;
+  OctetsOutOfRange & operator=(OctetsOutOfRange const &) = delete;
+  ~OctetsOutOfRange();
 };

@@ -7,6 +7,8 @@
 #include <functional>
 #include <gmock/gmock.h>
 
+#include <net-snmp/agent/agent_callbacks.h>
+
 namespace TunnelIntfSnmp {
 namespace {
 
@@ -133,6 +135,21 @@ TEST_F(Registration, RefusesANamedContextButAnnouncesIt) {
   EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "vrf1")));
   unregister_tunnelMIB("vrf1");
   EXPECT_THAT(Snmp::mibContexts(), Not(Contains(Pair("tunnelMIB", "vrf1"))));
+}
+
+TEST_F(Registration, TakesItsTablesBackInTheOrderInWhichTheyCame) {
+  init_tunnelMIB("");
+  std::vector<oid> tables;
+  auto const note = [](int, int, void * told, void * to) {
+    auto const & gone = *static_cast<register_parameters const *>(told);
+    static_cast<std::vector<oid> *>(to)->push_back(gone.name[gone.namelen - 1]);
+    return SNMPERR_SUCCESS;
+  };
+  snmp_register_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_UNREGISTER_OID, note, &tables);
+  unregister_tunnelMIB("");
+  snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, SNMPD_CALLBACK_UNREGISTER_OID, note, &tables,
+                           1);
+  EXPECT_THAT(tables, ElementsAre(1, 3));
 }
 
 TEST_F(Registration, TakesBackAContextThatNeverWas) {

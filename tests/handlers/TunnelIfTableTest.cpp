@@ -437,6 +437,23 @@ protected:
   void * row5_;
 };
 
+TEST_F(SeveralRequests, GiveTheEncodersTheRoomThatAValueMayTake) {
+  Chain chain(2);
+  chain.found(0, row5_, 3);
+  chain.found(1, row5_, 9);
+  EXPECT_EQ(call(chain), SNMP_ERR_NOERROR);
+  EXPECT_EQ(lastCapacityOf("U32ToAsnUnsigned"), 1024u);
+  EXPECT_EQ(lastCapacityOf("PlexaIpGenAddrToAsnOctetString"), 255u);
+}
+
+TEST_F(SeveralRequests, TakeAnAddressOfAsManyOctetsAsThereIsRoomFor) {
+  Chain chain(1);
+  chain.found(0, row5_, 9);
+  FailingEncoder const full("PlexaIpGenAddrToAsnOctetString", 255);
+  EXPECT_EQ(call(chain), SNMP_ERR_NOERROR);
+  EXPECT_EQ(chain.varbinds[0]->val_len, 255u);
+}
+
 TEST_F(SeveralRequests, GiveTheFirstOneTheErrorOfWhicheverFailed) {
   Chain chain(3);
   chain.found(0, row5_, 3);

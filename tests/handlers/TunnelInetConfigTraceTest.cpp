@@ -266,6 +266,50 @@ TEST_P(TunnelInetConfigHintType, DropsTheComponentAndReadsTheOthers) {
       2, "tunnelInetConfigTable_get_first_data_point - needed 5 components, found only 4"));
 }
 
+TEST_F(TunnelInetConfigCallbacks, DropAComponentWhoseOctetsAreOutOfRangeAndReadTheOthers) {
+  for (auto const & [first, name] :
+       {std::pair<std::uint8_t, std::string>{1, "Local"}, {2, "Remote"}}) {
+    snmp_free_varbind(std::exchange(hint_.indexes, nullptr));
+    hint_.number_indexes = 0;
+    hintPart(1);
+    hintPart(Octets{1, 0, 0, 1});
+    hintPart(Octets{2, 0, 0, 3});
+    hintPart(3);
+    hintPart(1);
+    OctetsOutOfRange const refused(first);
+    TraceRecorder traces{{"Snmp", "0,2"}};
+    EXPECT_EQ(firstWithHint(), 2) << "the first row";
+    EXPECT_EQ(traces.texts(0),
+              std::vector<std::string>{"hint for index tunnelInetConfig" + name +
+                                       "Address of tunnelInetConfigTable is out of range! octets "
+                                       "of a test"});
+    EXPECT_TRUE(traces.has(2, "hint component tunnelInetConfigID is '1'"));
+    EXPECT_TRUE(traces.has(
+        2, "tunnelInetConfigTable_get_first_data_point - needed 5 components, found only 4"));
+    leave();
+  }
+}
+
+TEST_F(TunnelInetConfigCallbacks, TraceANegativeNumberAsUnsigned) {
+  hintWithNumbers(1, -2, 1);
+  TraceRecorder traces{{"Snmp", "2"}};
+  firstWithHint();
+  EXPECT_TRUE(traces.has(2, "hint component tunnelInetConfigEncapsMethod is '4294967294'"));
+}
+
+TEST_F(TunnelInetConfigCallbacks, GiveTheEncodersTheRoomThatAnIndexMayTake) {
+  first();
+  EXPECT_EQ(lastCapacityOf("U32ToAsnUnsigned"), 1024u);
+  EXPECT_EQ(lastCapacityOf("BytesToAsnOctetString"), 255u);
+}
+
+TEST_F(TunnelInetConfigCallbacks, SetNoOctetsWhereTheyDoNotFit) {
+  FailingEncoder const failing("BytesToAsnOctetString", -1);
+  auto const * answer = firstRow();
+  ASSERT_NE(answer, nullptr);
+  EXPECT_EQ(answer->next_variable->val_len, 0u);
+}
+
 TEST_F(TunnelInetConfigCallbacks, TraceNumbersThatFormNoKey) {
   std::tuple<long, long, long> const negative[] = {{-1, 3, 1}, {1, -2, 1}, {1, 3, -2147483648}};
   for (auto const & [type, encapsMethod, configId] : negative) {
@@ -339,6 +383,7 @@ TEST_F(TunnelInetConfigHandler, TracesAValueThatCannotBeEncoded) {
        {std::pair{6u, "ifIndex"}, {7u, "rowStatus"}, {8u, "storageType"}})
     EXPECT_EQ(fault(column, "S32ToAsnInteger"),
               std::string("handle_tunnelInetConfigTable - S32ToAsnInteger failed for: ") + name);
+  EXPECT_EQ(lastCapacityOf("S32ToAsnInteger"), 1024u);
 }
 
 // SET
