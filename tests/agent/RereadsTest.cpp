@@ -1,5 +1,6 @@
 // Wishes to read everything again, and their answers, with sources that a test drives.
 #include "agent/Rereads.h"
+#include "platform/Lumo.h"
 #include "tests/support/TestLoop.h"
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
