@@ -99,6 +99,8 @@ protected:
   /// One key counts as gone, though the collection may still have it.
   virtual void handleGone(Key const & key) = 0;
 
+  /// True if and only if a change of the input is delivered at once, not held.
+  bool deliversChanges() const { return en_->hasNotificationActive(); }
   /// Records that everything up to now has been heard. Called before a key's event is emitted.
   void observeChangeStamp() { observedChangeStamp_ = collection().changeStamp(); }
   /// What came or went unheard can no longer be replayed: that is fatal.

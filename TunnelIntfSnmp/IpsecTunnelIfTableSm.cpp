@@ -115,7 +115,7 @@ void IpsecTunnelIfTableSm::eventToTisIpsecStream(Plexa::IntfId intfId,
     LUMO_TRACE(trace(), 6, "filter( ifIndexOpt ) failed, terminating pipeline");
     return;
   }
-  eventToUpdateStream(*ifIndex, statusOf(intfId));
+  eventToUpdateStream(*ifIndex, statusOf(intfId), intfId);
 }
 
 void IpsecTunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
@@ -133,11 +133,12 @@ void IpsecTunnelIfTableSm::eventToIfMibStream(Plexa::IntfId intfId,
     LUMO_TRACE(trace(), 6, "filter( intfStatusOpt ) failed, terminating pipeline");
     return;
   }
-  eventToUpdateStream(*ifIndexOpt, status);
+  eventToUpdateStream(*ifIndexOpt, status, intfId);
 }
 
 void IpsecTunnelIfTableSm::eventToUpdateStream(std::uint32_t ifIndex,
-                                               Zel::Optional<StatusPtr> const & intfStatusOpt) {
+                                               Zel::Optional<StatusPtr> const & intfStatusOpt,
+                                               Plexa::IntfId intfId) {
   if (!initialScanDone())
     return;
   LUMO_TRACE(trace(), 7,
@@ -145,15 +146,16 @@ void IpsecTunnelIfTableSm::eventToUpdateStream(std::uint32_t ifIndex,
              ifIndex, printed(intfStatusOpt));
   outputKeySeen(ifIndex);
   if (intfStatusOpt && (*intfStatusOpt)->ipsec())
-    insertOutputRow(ifIndex, *intfStatusOpt);
+    insertOutputRow(ifIndex, intfId, *intfStatusOpt);
   else
     deleteOutputRow(ifIndex);
 }
 
 // Writes to the output table
 
-void IpsecTunnelIfTableSm::insertOutputRow(std::uint32_t k1, StatusPtr const & status) {
-  if (outputRowIs(k1, status->intfId(), status) == Written::anew)
+void IpsecTunnelIfTableSm::insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId,
+                                           StatusPtr const & status) {
+  if (outputRowIs(k1, intfId, status) == Written::anew)
     LUMO_TRACE(
         trace(), 7,
         "into( mib.ipsecTunnelIfTable[ ifIndex ] ): inserting k1={}, value=Tuple( {}, {}, {} )", k1,

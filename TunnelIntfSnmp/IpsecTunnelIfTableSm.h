@@ -75,8 +75,10 @@ public:
   void eventToTisIpsecStream(Plexa::IntfId intfId, Zel::Optional<bool> const & ipsecOpt);
   /// The ifIndex came, changed or, without a value, went; what went changes nothing.
   void eventToIfMibStream(Plexa::IntfId intfId, Zel::Optional<std::uint32_t> const & ifIndexOpt);
-  /// Both streams merged: writes or deletes the row. Dropped during the first pass.
-  void eventToUpdateStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt);
+  /// Both streams merged: writes or deletes the row. Dropped during the first pass. `intfId` says
+  /// whose event it is; the record may say otherwise.
+  void eventToUpdateStream(std::uint32_t ifIndex, Zel::Optional<StatusPtr> const & intfStatusOpt,
+                           Plexa::IntfId intfId);
 
 private:
   friend StatusRowSm;
@@ -84,7 +86,7 @@ private:
   TunnelMib::IpsecTunnelIfTable const & output() const override {
     return mib()->ipsecTunnelIfTable();
   }
-  void insertOutputRow(std::uint32_t k1, StatusPtr const & status);
+  void insertOutputRow(std::uint32_t k1, Plexa::IntfId intfId, StatusPtr const & status);
   void insertRow(std::uint32_t k1, StatusPtr const & status);
   void deleteRow(std::uint32_t k1) { mib()->ipsecTunnelIfTableDel(k1); }
   static bool isWanted(Interface::TunnelIntfStatus const & status) { return status.ipsec(); }

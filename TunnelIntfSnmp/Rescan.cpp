@@ -24,7 +24,7 @@ void Rescan::eventOf(Plexa::IntfId intfId) {
 // since may have made it one to try again.
 void Rescan::tried(Plexa::IntfId intfId, Outcome const & outcome) {
   if (std::holds_alternative<NotTried>(outcome))
-    tryAgain(intfId);
+    eventOf(intfId);
   else if (std::holds_alternative<NotReady>(outcome) || std::holds_alternative<HasItsSlot>(outcome))
     forget(intfId);
   else if (auto const * taken = std::get_if<KeyTaken>(&outcome))

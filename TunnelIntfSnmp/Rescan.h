@@ -42,7 +42,7 @@ namespace TunnelIntfSnmp {
 class TunnelInetConfigTableSm;
 
 /// What became of a try to add a tunnel's row.
-struct NotTried {}; ///< nobody tried: the event was about a removal, or passed the tunnel over
+struct NotTried {}; ///< the event was about a removal, passed the tunnel over, or was overtaken
 struct Added {};
 struct HasItsSlot {}; ///< and needs no row
 struct NotReady {};   ///< it lacks an ifIndex or an address

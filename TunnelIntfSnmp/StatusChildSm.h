@@ -103,7 +103,6 @@ protected:
       : machine_(&machine),
         intfId_(intfId),
         input_(std::move(status)) {
-    InputStateMachine::hasNotificationActiveIs(true);
     notifierIs(input_.get());
     initializedIs(true);
   }
@@ -151,14 +150,17 @@ public:
     auto const * found = children_.find(intfId);
     return found == nullptr ? nullptr : *found;
   }
-  /// Keeps the interface's child if it follows this very record, else replaces it.
+  /// Keeps the interface's child if it follows this very record, else replaces it. A new one holds
+  /// what it hears for as long as its parent does.
   Zel::Ptr<Child> childSmIs(StatusPtr const & status, Plexa::IntfId intfId) {
     if (auto child = childSm(intfId)) {
       if (child->status() == status && child->isFollowing())
         return child;
       child->stop();
     }
-    return children_.insertOrReplace(intfId, Zel::makePtr<Child>(root_, intfId, status));
+    auto child = Zel::makePtr<Child>(root_, intfId, status);
+    child->hasNotificationActiveIs(this->deliversChanges());
+    return children_.insertOrReplace(intfId, child);
   }
   void childSmDel(Plexa::IntfId intfId) {
     if (auto const child = childSm(intfId))

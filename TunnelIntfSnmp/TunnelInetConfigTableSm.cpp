@@ -47,6 +47,11 @@ constexpr char const * intoByMibKey = "into( mib.tunnelInetConfigTable[ mibKey ]
 constexpr char const * intoByWrapper =
     "into( mib.tunnelInetConfigTable[ ( *( *wrapper ).mibEntry ).key ] )";
 
+TunnelInetConfigTableSm::EntryPtr
+entryIn(FlowaCode::TunnelInetConfigTableSm::LocalAttrStore::Slot const & slot) {
+  return slot.value() ? slot.value()->mibEntry() : nullptr;
+}
+
 } // namespace
 
 // The store
@@ -121,11 +126,18 @@ Zel::Ptr<LocalAttrStore::Slot> LocalAttrStore::tunnelInetConfigByIfIndexIs(std::
   return slot;
 }
 
+// A slot that goes tells of its value: then it is out of the store already, which a listener may
+// change.
 void LocalAttrStore::tunnelInetConfigByIfIndexDel(std::uint32_t ifIndex) {
+  auto const * found = slots_.find(ifIndex);
+  auto const kept = found == nullptr ? nullptr : *found;
   slots_.erase(ifIndex);
 }
 
 void LocalAttrStore::tunnelInetConfigByIfIndexDelAll() {
+  std::vector<Zel::Ptr<Slot>> kept;
+  for (auto const & [ifIndex, slot] : slots_)
+    kept.push_back(slot);
   slots_.clear();
 }
 
@@ -248,12 +260,14 @@ void TunnelInetConfigTableSm::eventToDeleteStream(std::uint32_t ifIndex,
     return;
   }
   auto const wrapper = (*slot)->value();
-  LUMO_TRACE(trace(), 7, "into( tunnelInetConfigByIfIndex[ ifIndex ] ): deleting k1={}", ifIndex);
-  rescan_.slotGoes(ifIndex, (*slot)->holder());
-  localAttrStore_->tunnelInetConfigByIfIndexDel(ifIndex);
-  if (!wrapper || !wrapper->mibEntry())
+  deleteSlot(**slot);
+  if (!wrapper) // a listener of the new slot is at work: its row is still to be written
+    return;
+  if (!wrapper->mibEntry())
     throw Zel::BadOptionalAccess();
   auto const & key = wrapper->mibEntry()->key();
+  if (isHeld(key)) // likewise, and another tunnel was given the row
+    return;
   outputKeySeen(key);
   intoMibTable(intoByWrapper, key, nullptr);
 }
@@ -287,16 +301,57 @@ Outcome TunnelInetConfigTableSm::eventToAddStream(std::uint32_t ifIndex,
     LUMO_TRACE(trace(), 6, "filter( ( !existing ) ) failed, terminating pipeline");
     return KeyTaken{mibKey};
   }
-  auto const entry = tunnelInetConfigTableEntryFactory(mibKey, ifIndex);
-  auto const slot = localAttrStore_->tunnelInetConfigByIfIndexIs(ifIndex, intfStatus->intfId());
+  return addRow(tunnelInetConfigTableEntryFactory(mibKey, ifIndex), intfStatus->intfId());
+}
+
+// The slot and its value are told before there is a row. A listener may change what the row is made
+// of: the events of that have decided then, as they are the later ones.
+Outcome TunnelInetConfigTableSm::addRow(EntryPtr const & entry, Plexa::IntfId holder) {
+  auto const ifIndex = entry->ifIndex();
+  auto const * present = localAttrStore_->tunnelInetConfigByIfIndex().find(ifIndex);
+  auto const before = present == nullptr ? nullptr : entryIn(**present);
+  auto const slot = localAttrStore_->tunnelInetConfigByIfIndexIs(ifIndex, holder);
+  if (overtaken(*slot, before, entry->key()))
+    return NotTried();
   LUMO_TRACE(trace(), 7, "into( tunnelInetConfigByIfIndex[ ifIndex ] ): inserting k1={}, value={}",
              ifIndex, printed(*entry));
-  rescan_.slotTaken(slot->holder(), intfStatus->intfId());
-  slot->holderIs(intfStatus->intfId());
+  rescan_.slotTaken(slot->holder(), holder);
+  slot->holderIs(holder);
   slot->valueIs(entry);
-  outputKeySeen(mibKey);
-  intoMibTable(intoByMibKey, mibKey, entry);
+  if (overtaken(*slot, entry, entry->key()))
+    return NotTried();
+  outputKeySeen(entry->key());
+  intoMibTable(intoByMibKey, entry->key(), entry);
   return Added();
+}
+
+// True if and only if the slot is gone or holds another entry, or another one's row has the key
+// meanwhile: then the slot goes.
+bool TunnelInetConfigTableSm::overtaken(Slot const & slot, EntryPtr const & entry,
+                                        TunnelInetConfigTableKey const & key) {
+  auto const * found = localAttrStore_->tunnelInetConfigByIfIndex().find(slot.ifIndex());
+  if (found == nullptr || found->get() != &slot || entryIn(slot) != entry)
+    return true;
+  auto const isHeldByAnother = isHeld(key);
+  if (isHeldByAnother)
+    deleteSlot(slot);
+  return isHeldByAnother;
+}
+
+// True if and only if there is a row under the key that is the one of a slot.
+bool TunnelInetConfigTableSm::isHeld(TunnelInetConfigTableKey const & key) const {
+  EntryPtr const row = output()[key];
+  if (!row)
+    return false;
+  auto const * slot = localAttrStore_->tunnelInetConfigByIfIndex().find(row->ifIndex());
+  return slot != nullptr && entryIn(**slot) == row;
+}
+
+void TunnelInetConfigTableSm::deleteSlot(Slot const & slot) {
+  auto const ifIndex = slot.ifIndex();
+  LUMO_TRACE(trace(), 7, "into( tunnelInetConfigByIfIndex[ ifIndex ] ): deleting k1={}", ifIndex);
+  rescan_.slotGoes(ifIndex, slot.holder());
+  localAttrStore_->tunnelInetConfigByIfIndexDel(ifIndex);
 }
 
 TunnelInetConfigTableKey

@@ -171,11 +171,17 @@ public:
                     EntryPtr const & value);
 
 private:
+  using Slot = FlowaCode::TunnelInetConfigTableSm::LocalAttrStore::Slot;
+
   TunnelMib::TunnelInetConfigTable const & output() const override {
     return mib()->tunnelInetConfigTable();
   }
   void deleteOutputRow(TunnelInetConfigTableKey const & k1) override;
 
+  Outcome addRow(EntryPtr const & entry, Plexa::IntfId holder);
+  bool overtaken(Slot const & slot, EntryPtr const & entry, TunnelInetConfigTableKey const & key);
+  bool isHeld(TunnelInetConfigTableKey const & key) const;
+  void deleteSlot(Slot const & slot);
   Outcome rescanOne(Plexa::IntfId intfId, StatusPtr const & intfStatus,
                     Zel::Optional<StatusPtr> const & processedTisOpt);
 

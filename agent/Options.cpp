@@ -1,6 +1,7 @@
 // The options as CLI11 knows them, their help, and what is checked beyond their form. What can only
 // be known later, such as whether a trace handle exists, Agent.cpp checks.
 #include "agent/Options.h"
+#include "os/CommandLine.h"
 #include "platform/Lumo.h"
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -113,8 +114,6 @@ Options finish(Parser & parser) {
   options.iterator = parser.iterator == "host" ? Iterator::host : Iterator::stock;
   for (auto const & text : parser.traceTexts)
     options.traces.push_back(parseTrace(text));
-  if (options.controlPath.empty())
-    throw std::invalid_argument("--control: the path is empty");
   return options;
 }
 
@@ -126,8 +125,9 @@ ParsedOptions usageError(std::string const & reason) {
 
 ParsedOptions parseOptions(std::vector<std::string> arguments, std::string const & defaultPlugin) {
   Parser parser(defaultPlugin);
-  std::ranges::reverse(arguments); // CLI11 takes them last first
   try {
+    Os::requireValues(parser.app, arguments);
+    std::ranges::reverse(arguments); // CLI11 takes them last first
     parser.app.parse(std::move(arguments));
     return {finish(parser), "", 0};
   } catch (CLI::CallForHelp const &) {

@@ -34,6 +34,8 @@ constexpr int agentxPingSeconds = 5;
 /// Everything else waits while a subagent waits for its master: not long, and not again.
 constexpr int agentxTimeoutSeconds = 1;
 constexpr int agentxRetries = 0;
+/// A connection that there is no descriptor for keeps its listener readable for as long.
+constexpr std::chrono::milliseconds untilAcceptAgain{100};
 
 void setLibraryFlag(int flag) {
   netsnmp_ds_set_boolean(NETSNMP_DS_LIBRARY_ID, flag, 1);
@@ -165,8 +167,7 @@ SnmpEngine::SnmpEngine(Os::Loop & loop, SnmpSettings settings)
 
 SnmpEngine::~SnmpEngine() {
   stopServing();
-  if (endpoint_ != -1)
-    netsnmp_deregister_agent_nsap(endpoint_);
+  endpoint_.reset();
   shutDown();
 }
 
@@ -182,12 +183,13 @@ std::string SnmpEngine::listen(std::string const & address) {
     throw std::runtime_error(
         fmt::format("cannot listen on {}: {}; choose another address with --listen", address,
                     errno != 0 ? std::strerror(errno) : "no address that net-snmp understands"));
-  auto const descriptor = transport->sock; // the transport is net-snmp's from here on
-  endpoint_ = netsnmp_register_agent_nsap(transport);
-  if (endpoint_ < 1)
-    throw std::runtime_error(fmt::format("cannot listen on {}: net-snmp refuses it", address));
+  try {
+    endpoint_ = std::make_unique<SnmpEndpoint>(transport);
+  } catch (std::runtime_error const & error) {
+    throw std::runtime_error(fmt::format("cannot listen on {}: {}", address, error.what()));
+  }
   update();
-  return withRealPort(address, descriptor);
+  return withRealPort(address, endpoint_->descriptor());
 }
 
 void SnmpEngine::stopServing() {
@@ -197,6 +199,7 @@ void SnmpEngine::stopServing() {
         shutdown(descriptor, SHUT_RDWR);
   watched_.clear();
   timer_.reset();
+  acceptAgain_.reset();
 }
 
 void SnmpEngine::reread() {
@@ -270,6 +273,11 @@ void SnmpEngine::read(int descriptor) {
   NETSNMP_LARGE_FD_SET(descriptor, ready.get());
   snmp_read2(ready.get());
   netsnmp_check_outstanding_agent_requests();
+  if (endpoint_ && endpoint_->acceptFailed())
+    acceptAgain_ = loop_.after(untilAcceptAgain, [this] {
+      acceptAgain_.reset();
+      update();
+    });
   update();
 }
 
@@ -291,7 +299,7 @@ void SnmpEngine::update() {
 
   auto before = std::exchange(watched_, {});
   for (int descriptor = 0; descriptor < count; ++descriptor)
-    if (wanted.contains(descriptor))
+    if (wanted.contains(descriptor) && !(acceptAgain_ && descriptor == endpoint_->descriptor()))
       watchDescriptor(descriptor, before);
 
   timer_.reset();

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "agent/HostsFile.h"
+#include "agent/SnmpEndpoint.h"
 #include "os/Loop.h"
 #include <array>
 #include <map>
@@ -69,7 +70,8 @@ private:
   SnmpSettings const settings_;
   std::unique_ptr<Log> log_;
   std::array<HostsFile, 2> hostsFiles_;
-  int endpoint_ = -1; // net-snmp's handle for the transport that it listens on
+  std::unique_ptr<SnmpEndpoint> endpoint_; // where it listens, when stand-alone
+  Os::Loop::Handle acceptAgain_;           // while connections wait there that cannot be accepted
   std::map<int, Watched> watched_;
   Os::Loop::Handle timer_;
 };

@@ -1,6 +1,8 @@
 // tunnelsnmpd: the SNMP agent daemon. Options in, signals out; Agent.h says what happens between.
 #include "agent/Agent.h"
 #include "agent/Report.h"
+#include "os/StandardStreams.h"
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -27,18 +29,19 @@ void serve(Agent::Options options) {
 
   Agent::Agent agent(std::move(options), loop);
   running = &agent;
-  fmt::print("tunnelsnmpd: listening on {}\n", agent.listen());
-  std::fflush(stdout);
+  // For scripts; a daemon whose output was closed serves as well.
+  (void)Os::writeOut(stdout, fmt::format("tunnelsnmpd: listening on {}\n", agent.listen()));
   loop.run([&] { return agent.work(); });
 }
 
 } // namespace
 
 int main(int argc, char ** argv) {
+  Os::secureStandardStreams();
   auto parsed = Agent::parseOptions({argv + 1, argv + argc}, defaultPlugin());
   if (!parsed.options) {
-    fmt::print(parsed.exitStatus == 0 ? stdout : stderr, "{}", parsed.text);
-    return parsed.exitStatus;
+    auto const isWritten = Os::writeOut(parsed.exitStatus == 0 ? stdout : stderr, parsed.text);
+    return isWritten ? parsed.exitStatus : std::max(parsed.exitStatus, failed);
   }
   try {
     serve(*std::move(parsed.options));

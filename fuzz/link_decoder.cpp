@@ -1,7 +1,7 @@
 // Any bytes at all to the decoder of link messages: it must read nothing beyond them, and what it
 // makes of them must be fit to be published.
+#include "fuzz/Require.h"
 #include "sources/linux/LinkDecoder.h"
-#include <cstdlib>
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <vector>
@@ -11,8 +11,7 @@ namespace {
 using namespace Sources::Linux;
 
 void require(bool holds) {
-  if (!holds)
-    std::abort();
+  Fuzz::require(holds, "a link that is not fit to be published");
 }
 
 bool isEndpoint(Plexa::IpGenAddr const & address) {

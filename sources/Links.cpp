@@ -17,7 +17,7 @@ private:
 };
 
 Link const * Links::find(Plexa::IntfId intfId) const {
-  auto const * found = links_.find(intfId);
+  auto const * found = entry(intfId);
   return found == nullptr ? nullptr : &found->link;
 }
 
@@ -39,8 +39,13 @@ void Links::linkIs(Link const & link) {
 
 void Links::linkDel(Plexa::IntfId intfId) {
   heardOf(intfId);
-  if (auto const * found = links_.find(intfId))
+  if (auto const * found = entry(intfId))
     remove(*found);
+}
+
+Links::Entry * Links::entry(Plexa::IntfId intfId) const {
+  auto const * found = links_.find(intfId);
+  return found == nullptr ? nullptr : found->get();
 }
 
 void Links::heardOf(Plexa::IntfId intfId) {
@@ -49,7 +54,7 @@ void Links::heardOf(Plexa::IntfId intfId) {
 }
 
 void Links::store(Link const & link) {
-  auto const * known = links_.find(link.intfId);
+  auto * const known = entry(link.intfId);
   if (known != nullptr)
     noteSeen(*known);
   else
@@ -59,11 +64,11 @@ void Links::store(Link const & link) {
   if (known != nullptr && known->link.name != link.name)
     byName_.erase({known->link.name, link.intfId});
   byName_.insert({link.name, link.intfId});
-  links_.insertOrReplace(link.intfId, {link, reading_});
+  links_.insertOrReplace(link.intfId, std::make_unique<Entry>(Entry{link, reading_}));
   tell(link.intfId);
 }
 
-void Links::noteSeen(Entry const & entry) {
+void Links::noteSeen(Entry & entry) {
   if (std::exchange(entry.reading, reading_) != reading_)
     ++seen_;
 }
@@ -104,7 +109,7 @@ void Links::Reading::linkIs(Link const & link) {
 }
 
 void Links::Reading::linkStays(Plexa::IntfId intfId) {
-  if (auto const * found = links_.links_.find(intfId))
+  if (auto * const found = links_.entry(intfId))
     links_.noteSeen(*found);
 }
 
@@ -115,8 +120,8 @@ bool Links::Reading::endNext() {
   auto next = lookedAt_ ? links.seekBehind(*lookedAt_) : links.begin();
   for (int i = 0; i != linksAStep && links_.seen_ != links.size(); ++i) {
     lookedAt_ = next->first;
-    if (next->second.reading != number_) {
-      links_.remove(next->second);
+    if (next->second->reading != number_) {
+      links_.remove(*next->second);
       return true;
     }
     ++next;

@@ -61,7 +61,7 @@ public:
   template <class Take>
   void forEach(Take take) const {
     for (auto const & [intfId, entry] : links_)
-      take(entry.link);
+      take(entry->link);
   }
   [[nodiscard]] Handle watch(Changed changed);
 
@@ -73,13 +73,15 @@ public:
 private:
   struct Entry {
     Link link;
-    std::uint64_t mutable reading; // the last one in which it was there; nothing of the link's own
+    std::uint64_t reading; // the last one in which it was there
   };
-  using Map = Zel::HashMap2018<Plexa::IntfId, Entry>;
+  // By pointer: with entries of 100 octets in its nodes, the tree would be twice as deep.
+  using Map = Zel::HashMap2018<Plexa::IntfId, std::unique_ptr<Entry>>;
 
+  Entry * entry(Plexa::IntfId intfId) const;
   void heardOf(Plexa::IntfId intfId);
   void store(Link const & link);
-  void noteSeen(Entry const & entry);
+  void noteSeen(Entry & entry);
   void remove(Entry const & entry);
   void tell(Plexa::IntfId intfId);
 

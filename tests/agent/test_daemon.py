@@ -787,13 +787,19 @@ class Memory(DaemonTest):
         self.assertRegex("\n".join(blocks), "HEAP SUMMARY")
 
 
-if __name__ == "__main__":
-    parser = argparse.ArgumentParser(description=__doc__)
+def run():
+    """Runs the tests of the program that calls, with the binaries that its command line names."""
+    parser = argparse.ArgumentParser(description=sys.modules["__main__"].__doc__)
     parser.add_argument("--daemon", required=True)
     parser.add_argument("--ctl", required=True)
     parser.add_argument("--example", required=True, help="the JSON document to serve")
     parser.add_argument("--enterprise", type=int, default=32473, help="the vendor table's number")
     parser.add_argument("--slow", action="store_true",
                         help="the binaries are instrumented: the end may take its time")
+    global PATHS
     PATHS, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
+
+
+if __name__ == "__main__":
+    run()

@@ -254,6 +254,37 @@ TEST_P(IpsecSm, WritesNoRowForAFlagThatWentWhileTheOldRowWasDeleted) {
   EXPECT_THAT(rowsOf(*world_.mib), IsEmpty());
 }
 
+// Whose event it is says the directory, not the record.
+TEST_P(IpsecSm, WritesTheRowOfARecordUnderAnotherIdThoughThatOnesStatusComes) {
+  auto const standsUnder5 = [&] {
+    auto const status = Zel::makePtr<Interface::TunnelIntfStatus>(Plexa::IntfId(2));
+    status->ipsecIs(true);
+    world_.dir->intfStatusIs(Plexa::IntfId(5), status);
+    return status;
+  };
+  world_.addIfIndex(5, 10);
+  standsUnder5();
+  auto const listener =
+      Zel::makePtr<OnChange>(*world_.mib, [&](auto const &) { world_.addStatus(2); });
+  auto const status = standsUnder5();
+  ASSERT_TRUE(world_.mib->ipsecTunnelIfTable(10));
+  EXPECT_EQ(world_.mib->ipsecTunnelIfTable(10)->tunnelIntfStatus(), status);
+}
+
+TEST_P(IpsecSm, WritesNoRowOfARecordUnderAnotherIdThatWentWhileTheOldRowWasDeleted) {
+  auto const standsUnder5 = [&] {
+    auto const status = Zel::makePtr<Interface::TunnelIntfStatus>(Plexa::IntfId(2));
+    status->ipsecIs(true);
+    world_.dir->intfStatusIs(Plexa::IntfId(5), status);
+  };
+  world_.addIfIndex(5, 10);
+  standsUnder5();
+  auto const listener = Zel::makePtr<OnChange>(
+      *world_.mib, [&](auto const &) { world_.dir->intfStatusDel(Plexa::IntfId(5)); });
+  standsUnder5();
+  EXPECT_THAT(rowsOf(*world_.mib), IsEmpty());
+}
+
 TEST_P(IpsecSm, LetsAChildThatIsStillHeldHearNothingOnceItLeft) {
   auto const status = addProtected(1, 10);
   auto const child = machine_->intfStatusSm0()->childSm(Plexa::IntfId(1));

@@ -39,14 +39,16 @@ public:
 
   void start() {
     storeListener_ = nullptr;
+    valueListeners_.clear();
     machine_ = nullptr;
     machine_ = world_.machine();
-    storeListener_ = Zel::makePtr<OnChange>(
-        *machine_->localAttrStore(), [this](Zel::Notification const & notification) {
-          heard_.push_back(fmt::format("slot {}", notification.key<std::uint32_t>()));
-        });
+    if (!machine_)
+      return; // a listener has released it
+    storeListener_ = Zel::makePtr<OnChange>(*machine_->localAttrStore(),
+                                            [this](auto const & slot) { hearSlot(slot); });
   }
-  /// From now on the table's listener does this, at most so many levels deep, to what it hears.
+  /// From now on the listeners of table, store and slots do this to what they hear, at most so many
+  /// levels deep.
   void whenHeardIs(std::function<void(Side &, std::string const &)> call, int depth) {
     whenHeard_ = std::move(call);
     depth_ = depth;
@@ -57,6 +59,9 @@ public:
       last_[id.value()] = *status;
   }
   Zel::Ptr<Interface::TunnelIntfStatus> remembered(Plexa::IntfId id) { return last_[id.value()]; }
+
+  /// One that no tunnel has had before.
+  std::uint32_t freshIfIndex() { return ++freshIfIndex_; }
 
   std::map<std::uint32_t, TunnelInetConfigTableKey> store() const {
     std::map<std::uint32_t, TunnelInetConfigTableKey> slots;
@@ -71,7 +76,19 @@ private:
       return;
     auto const & key = notification.key<TunnelInetConfigTableKey>();
     auto const row = world_.mib->tunnelInetConfigTable()[key];
-    heard_.push_back(Zel::valueToStrep(key) + (row ? std::to_string(row->ifIndex()) : " gone"));
+    answer(Zel::valueToStrep(key) + (row ? std::to_string(row->ifIndex()) : " gone"));
+  }
+  void hearSlot(Zel::Notification const & notification) {
+    auto const ifIndex = notification.key<std::uint32_t>();
+    auto const & slot = **machine_->localAttrStore()->tunnelInetConfigByIfIndex().find(ifIndex);
+    valueListeners_[ifIndex] =
+        Zel::makePtr<OnChange>(slot, [this, ifIndex, &slot](Zel::Notification const &) {
+          answer(fmt::format("slot {} {}", ifIndex, slot.value() ? "valued" : "emptied"));
+        });
+    answer(fmt::format("slot {}", ifIndex));
+  }
+  void answer(std::string const & heard) {
+    heard_.push_back(heard);
     if (!whenHeard_ || answering_ == depth_)
       return;
     ++answering_;
@@ -83,7 +100,9 @@ private:
   std::vector<std::string> heard_;
   std::map<std::uint64_t, Zel::Ptr<Interface::TunnelIntfStatus>> last_;
   Zel::Ptr<OnChange> storeListener_;
+  std::map<std::uint32_t, Zel::Ptr<OnChange>> valueListeners_; // by ifIndex
   std::function<void(Side &, std::string const &)> whenHeard_;
+  std::uint32_t freshIfIndex_ = 1000;
   int depth_ = 0;
   int answering_ = 0;
   OnChange tableListener_{*world_.mib, [this](auto const & notification) { hear(notification); }};
@@ -157,6 +176,23 @@ public:
       return input();
     }
   }
+  /// As input(), but no two tunnels ever have the same ifIndex: no slot is taken over, and its row
+  /// with it.
+  Event inputOfItsOwn() {
+    switch (below(8)) {
+    case 0:
+    case 1:
+      return newStatus();
+    case 2:
+      return removal();
+    case 3:
+      return ifIndexOfItsOwn();
+    case 4:
+      return broughtBack();
+    default:
+      return memberChange();
+    }
+  }
   Event switching() {
     return [on = below(3) != 0](Side & side) {
       if (side.machine())
@@ -202,6 +238,11 @@ private:
       };
     return [id = id(), source = text(), destination = text(), mode = mode()](Side & side) {
       side.world().addEndpoints(id.value(), source, destination, mode);
+    };
+  }
+  Event ifIndexOfItsOwn() {
+    return [id = id()](Side & side) {
+      side.world().ifMib->ifIndexByIntfIdIs(id, side.freshIfIndex());
     };
   }
   Event removal() {
@@ -353,6 +394,27 @@ TEST_P(RescanProperty, MayBeReleasedInAnyNotification) {
     happens(source.input());
     walks_.heard().clear();
     tries_.heard().clear();
+  }
+}
+
+// Each slot has its row and each row its slot, whatever listeners do in the middle of a change, as
+// long as nobody else writes to the table, and no ifIndex passes to another tunnel.
+TEST_P(RescanProperty, KeepsStoreAndTableInStepWhateverListenersChange) {
+  listenersAnswer(3, [](Events & one) { return one.inputOfItsOwn(); });
+  Events source(testSeed() + 5);
+  for (int number = 1; number <= hostileEvents / 20; ++number) {
+    happens(source.inputOfItsOwn());
+    if (number % 50 == 0) // rows under an ifIndex that its tunnel has no more go, too
+      happens([](Side & side) {
+        side.start();
+        side.world().settle();
+      });
+    expectSame(number);
+    for (auto * side : {&walks_, &tries_})
+      if (!side->machine()->mibOutputReconciling())
+        expectStoreAndTableAgree(*side->machine());
+    if (HasFailure())
+      return;
   }
 }
 

@@ -1,0 +1,222 @@
+"""Runs the real tunnelsnmpctl beside daemons that are stopped or none at all, with patches that are
+none, and with an output that takes nothing. Waits are bounded."""
+
+import argparse
+import json
+import os
+import resource
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+PATHS = None  # the binaries, from the command line
+PATIENCE = 60  # seconds; only a broken program needs them
+
+UNUSABLE = 2
+UNWRITTEN = 3
+
+
+class CtlTest(unittest.TestCase):
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="tunnelsnmpctl-")
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.control = self.path("control.sock")
+
+    def path(self, name):
+        return os.path.join(self.folder, name)
+
+    def run_ctl(self, *arguments, shell="exec \"$@\"", **options):
+        """Through a shell, which can close and turn streams as operators do."""
+        return subprocess.run(["bash", "-c", shell, "bash", PATHS.ctl, "--control", self.control,
+                               *arguments], capture_output=True, text=True, check=False,
+                              timeout=PATIENCE, **options)
+
+    def assert_complains(self, status, pattern, done):
+        self.assertEqual(status, done.returncode, done)
+        self.assertRegex(done.stderr, rf"\Atunnelsnmpctl: .*{pattern}.*\n\Z")
+        self.assertEqual(1, done.stderr.count("\n"))
+
+    def start_daemon(self):
+        daemon = subprocess.Popen([PATHS.daemon, "--control", self.control, "--listen",
+                                   "udp:127.0.0.1:0"], stdout=subprocess.DEVNULL)
+        self.addCleanup(daemon.wait)
+        self.addCleanup(daemon.kill)
+        self.wait_ready(daemon)
+        return daemon
+
+    def wait_ready(self, daemon):
+        while self.run_ctl("wait-ready", "--timeout", "0.2").returncode != 0:
+            self.assertIsNone(daemon.poll(), "the daemon has ended")
+
+    def answer(self, text):
+        """Somebody at the control socket who answers each request with this text."""
+        listening = socket.socket(socket.AF_UNIX)
+        self.addCleanup(listening.close)
+        listening.bind(self.control)
+        listening.listen()
+
+        def serve():
+            while True:
+                try:
+                    with listening.accept()[0] as connection:
+                        connection.recv(65536)
+                        connection.sendall(text)
+                except OSError:
+                    return
+        threading.Thread(target=serve, daemon=True).start()
+
+
+class BesideADaemonThatIsNone(CtlTest):
+    def test_waiting_is_over_in_time_beside_a_daemon_that_is_stopped(self):
+        daemon = self.start_daemon()
+        daemon.send_signal(signal.SIGSTOP)
+        for seconds in ("0", "0.5", "1"):
+            began = time.monotonic()
+            done = self.run_ctl("wait-ready", "--timeout", seconds)
+            self.assertLess(time.monotonic() - began, 4)
+            self.assert_complains(1, "not ready: .*is it stopped or stuck", done)
+        daemon.send_signal(signal.SIGCONT)
+        self.assertEqual(0, self.run_ctl("wait-ready", "--timeout", "10").returncode)
+
+    def test_waiting_asks_again_until_the_daemon_is_ready(self):
+        self.answer(b'{"ok": true, "result": {"ready": false}}\n')
+        began = time.monotonic()
+        done = self.run_ctl("wait-ready", "--timeout", "0.3")
+        self.assertGreaterEqual(time.monotonic() - began, 0.3)
+        self.assert_complains(1, "not ready after 0.3 s", done)
+
+    def test_garbage_is_told_and_survived_by_each_command(self):
+        for garbage in (b"\n", b"hello\n", b'{"ok": true, "result": 7}\n',
+                        b'{"ok": true, "result": {"ready": 7, "machines": 7, "version": 7}}\n',
+                        b'{"ok": true, "result": [[7]]}\n', b'{"ok": false, "error": {}}\n', b""):
+            self.answer(garbage)
+            for command in (["status"], ["version"], ["wait-ready", "--timeout", "0"]):
+                with self.subTest(garbage=garbage, command=command):
+                    self.assert_complains(UNUSABLE, "(daemon|version)", self.run_ctl(*command))
+            os.remove(self.control)
+
+    def test_whatever_comes_as_a_result_ends_no_command_by_a_signal(self):
+        for result in (b"7", b"[[7]]", b"[7]", b'{"a": [7]}', b"null", b'"x"', b"[]"):
+            self.answer(b'{"ok": true, "result": ' + result + b"}\n")
+            for command in (["show", "tables"], ["show", "state"], ["show", "tasks"],
+                            ["show", "counters"], ["trace", "list"], ["trace", "set", "A=1"],
+                            ["reread"], ["restart-machines"]):
+                with self.subTest(result=result, command=command):
+                    done = self.run_ctl(*command)
+                    self.assertIn(done.returncode, (0, UNUSABLE), done)
+                    self.assertEqual(done.returncode != 0, done.stderr != "")
+            os.remove(self.control)
+
+
+class Patches(CtlTest):
+    def test_a_patch_that_cannot_be_read_is_told(self):
+        none, folder = self.path("none"), self.folder
+        self.assert_complains(UNUSABLE, f"cannot read {none}: No such file",
+                              self.run_ctl("patch", none))
+        self.assert_complains(UNUSABLE, f"cannot read {folder}: Is a directory",
+                              self.run_ctl("patch", folder))
+        self.assert_complains(UNUSABLE, "cannot read -: Is a directory",
+                              self.run_ctl("patch", "-", shell=f'exec "$@" < {folder}'))
+        self.assert_complains(UNUSABLE, "cannot read -: Bad file descriptor",
+                              self.run_ctl("patch", "-", shell='exec "$@" <&-'))
+
+    def test_a_patch_without_end_is_read_no_further_than_the_daemon_would_take(self):
+        self.assert_complains(UNUSABLE, "/dev/zero is longer than 16777216 bytes",
+                              self.run_ctl("patch", "/dev/zero"))
+
+    def test_a_patch_that_is_no_json_is_told_with_its_place_and_without_names_of_libraries(self):
+        done = self.run_ctl("patch", "-", input='[\n{"op": }]')
+        self.assert_complains(UNUSABLE, "- is no JSON: .*line 2, column 8", done)
+        self.assertNotRegex(done.stderr, r"json\.exception|nlohmann|std::")
+        self.assert_complains(UNUSABLE, "- is no JSON: .*", self.run_ctl("patch", "-", input=""))
+
+    def test_a_patch_goes_to_the_daemon_as_it_is_written(self):
+        self.start_daemon()
+        patch = ('[\n  {"op": "add",\r\n\t"path": "/ikeStatus/ipsecTunnelInfo/7",\n'
+                 '   "value": {"profileName": "a\\nb }]} \\u00e9"}}\n]\n')
+        self.assertEqual(0, self.run_ctl("patch", "-", input=patch).returncode)
+        shown = self.run_ctl("show", "state", "/ikeStatus/ipsecTunnelInfo/7")
+        self.assertEqual({"profileName": "a\nb }]} é"}, json.loads(shown.stdout))
+
+    def test_a_deep_patch_ends_nobody(self):
+        daemon = self.start_daemon()
+        done = self.run_ctl("patch", "-", input="[" * 5000 + "]" * 5000)
+        self.assert_complains(1, "", done)
+        self.assertIsNone(daemon.poll())
+
+
+class AnOutputThatTakesNothing(CtlTest):
+    def test_is_told_and_has_a_status_of_its_own(self):
+        self.start_daemon()
+        for command in (["status"], ["show", "tables"], ["version"], ["--json", "status"],
+                        ["--help"], ["show", "--help"]):
+            for shell, reason in (('exec "$@" > /dev/full', "No space left on device"),
+                                  ('exec "$@" >&-', "Bad file descriptor")):
+                with self.subTest(command=command, shell=shell):
+                    self.assert_complains(UNWRITTEN, reason, self.run_ctl(*command, shell=shell))
+
+    def test_a_pipe_that_nobody_reads_is_told_and_sends_no_signal(self):
+        self.start_daemon()
+        reading, writing = os.pipe()
+        os.close(reading)
+        done = subprocess.run([PATHS.ctl, "--control", self.control, "status"], stdout=writing,
+                              stderr=subprocess.PIPE, text=True, timeout=PATIENCE, check=False)
+        os.close(writing)
+        self.assert_complains(UNWRITTEN, "Broken pipe", done)
+
+    def test_a_file_that_may_grow_no_further_is_told(self):
+        self.start_daemon()
+
+        def no_room():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (10, 10))
+        with open(self.path("out"), "wb") as out:
+            done = subprocess.run([PATHS.ctl, "--control", self.control, "status"], stdout=out,
+                                  stderr=subprocess.PIPE, text=True, timeout=PATIENCE, check=False,
+                                  preexec_fn=no_room)
+        self.assert_complains(UNWRITTEN, "File too large", done)
+
+    def test_changes_no_status_where_there_is_nothing_to_write(self):
+        self.start_daemon()
+        patch = '[{"op": "add", "path": "/ifMib/ifIndexByIntfId/7", "value": 12}]'
+        for shell in ('exec "$@" > /dev/full', 'exec "$@" >&-'):
+            done = self.run_ctl("patch", "-", shell=shell, input=patch)
+            self.assertEqual((0, ""), (done.returncode, done.stderr))
+        self.assertEqual("12\n", self.run_ctl("show", "state", "/ifMib/ifIndexByIntfId/7").stdout)
+
+    def test_an_error_stream_that_takes_nothing_changes_no_status(self):
+        for shell in ('exec "$@" 2> /dev/full', 'exec "$@" 2>&-', 'exec "$@" <&- >&- 2>&-'):
+            self.assertEqual(UNUSABLE, self.run_ctl("status", shell=shell).returncode)
+            self.assertEqual(UNUSABLE, self.run_ctl("dance", shell=shell).returncode)
+
+    def test_of_the_daemon_is_told_by_its_status_too(self):
+        for option in ("--help", "--version"):
+            with open("/dev/full", "wb") as full:
+                done = subprocess.run([PATHS.daemon, option], stdout=full, timeout=PATIENCE,
+                                      stderr=subprocess.PIPE, check=False)
+            self.assertEqual(1, done.returncode, done.stderr)
+
+    def test_does_not_keep_the_daemon_from_serving(self):
+        daemon = subprocess.Popen(["bash", "-c", 'exec "$@" <&- >&- 2>&-', "bash", PATHS.daemon,
+                                   "--control", self.control, "--listen", "udp:127.0.0.1:0"])
+        self.addCleanup(daemon.wait)
+        self.addCleanup(daemon.kill)
+        self.wait_ready(daemon)
+        streams = [os.readlink(f"/proc/{daemon.pid}/fd/{number}") for number in range(3)]
+        self.assertEqual(["/dev/null"] * 3, streams)
+        daemon.terminate()
+        self.assertEqual(0, daemon.wait(PATIENCE))
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--daemon", required=True)
+    parser.add_argument("--ctl", required=True)
+    PATHS, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
