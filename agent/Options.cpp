@@ -43,9 +43,11 @@ struct Parser {
     app.footer(examples);
     app.set_version_flag("--version", TUNNELSNMPD_VERSION);
     addTransport();
-    app.add_option("--source", options.sources,
-                   "Where the tunnels come from: json:FILE, linux. May be given several times, "
-                   "linux once; without any, the state is what \"tunnelsnmpctl patch\" makes it")
+    app.add_option(
+           "--source", options.sources,
+           "Where the tunnels come from: json:FILE (a regular file of at most 256 MiB), linux. "
+           "May be given several times, linux once; without any, the state is what \"tunnelsnmpctl "
+           "patch\" makes it")
         ->type_name("SOURCE")
         ->allow_extra_args(false);
     app.add_option("--config", options.configFile,

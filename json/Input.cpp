@@ -31,6 +31,17 @@ bool keep(int depth, typename AnyJson::parse_event_t event, AnyJson &) {
   return true;
 }
 
+/// Quoted input may be in no encoding at all, and may have been cut in the middle of a character.
+std::string inAscii(std::string_view text) {
+  std::string ascii;
+  for (auto const character : text)
+    if (character >= ' ' && character <= '~')
+      ascii += character;
+    else
+      ascii += fmt::format("<{:02X}>", static_cast<unsigned char>(character));
+  return ascii;
+}
+
 } // namespace
 
 template <class AnyJson>
@@ -60,7 +71,7 @@ std::string plainReason(std::exception const & error) {
   if (auto const place = reason.find(": ");
       reason.starts_with("parse error") && place != reason.npos)
     reason.remove_prefix(place + 2);
-  return std::string(reason.substr(0, longestReason));
+  return inAscii(reason.substr(0, longestReason));
 }
 
 } // namespace JsonInput

@@ -35,8 +35,8 @@ std::string tooDeep();
 /// Said of a NUL octet, which the parser would take for the end of the text.
 inline constexpr std::string_view holdsNul =
     "there is a NUL octet, which JSON text cannot hold; is it UTF-8?";
-/// What an exception of the parser says, without the names, numbers and places that are its own; at
-/// most 200 octets.
+/// What an exception of the parser says, without the names, numbers and places that are its own:
+/// some 200 octets of it, in ASCII.
 std::string plainReason(std::exception const & error);
 
 } // namespace JsonInput

@@ -47,7 +47,13 @@ TEST(JsonInput, NamesTheLineAndWhatIsWrong) {
 }
 
 TEST(JsonInput, KeepsTheReasonShort) {
-  EXPECT_LE(wrong("\"" + std::string(100000, 'x')).size(), 210u);
+  EXPECT_LE(wrong("\"" + std::string(100000, 'x')).size(), 250u);
+}
+
+TEST(JsonInput, QuotesTheTextInAscii) {
+  EXPECT_EQ(wrong("[\"\xff\"]"), "line 1: syntax error while parsing value - invalid string: "
+                                 "ill-formed UTF-8 byte; last read: '\"<FF>'");
+  EXPECT_THAT(wrong("[\"\n\"]"), testing::HasSubstr("<U+000A>"));
 }
 
 TEST(JsonInput, TakesNoNulOctet) {
