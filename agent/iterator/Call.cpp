@@ -85,6 +85,8 @@ int Call::serve(netsnmp_request_info * requests) {
 int Call::serveOne(netsnmp_request_info & request) {
   if (request.processed != 0 || !understand(request))
     return leaveToStock(request);
+  if (MODE_IS_SET(agent_->mode))
+    return set(request);
   return agent_->mode == MODE_GET ? get(request) : walk(request);
 }
 
@@ -98,7 +100,7 @@ bool Call::understand(netsnmp_request_info const & request) {
   asked_.number_indexes = 0;
   asked_.index_oid_len = 0;
   asked_.indexes = table_.asked.emptied();
-  auto const walks = agent_->mode != MODE_GET;
+  auto const walks = agent_->mode == MODE_GETNEXT || agent_->mode == MODE_GETBULK;
   if (walks && beginsWith({request.range_end, request.range_end_len}, root_))
     return false;
   auto const name = nameOf(*request.requestvb);
@@ -141,12 +143,36 @@ bool Call::beforeFirstColumn(SubIds name) const {
 }
 
 int Call::get(netsnmp_request_info & request) {
+  void * dataContext = nullptr;
+  findsRow(dataContext);
+  return askModule(request, dataContext, MODE_GET);
+}
+
+// True if and only if the row that is named exists; makes its data context then.
+bool Call::findsRow(void *& dataContext) {
   Cursor cursor(table_, root_, asked_);
   SubIds const asked{asked_.index_oid, asked_.index_oid_len};
   auto const found = !cursor.atEnd() && std::ranges::equal(cursor.index(), asked);
-  auto * dataContext = found ? cursor.makeDataContext() : nullptr;
-  cursor.leaveRows();
-  return askModule(request, dataContext);
+  if (found)
+    dataContext = cursor.makeDataContext();
+  return found;
+}
+
+// net-snmp's iterator looks for the row in the first phase, through every row when there is none;
+// what it and the table handler found stays with the request for the phases that follow. A row that
+// exists is left to them. For one that does not, the module is asked here, and nothing stays: that
+// tells in the later phases that it was so.
+int Call::set(netsnmp_request_info & request) {
+  auto const isFirst = agent_->mode == MODE_SET_RESERVE1;
+  void * dataContext = nullptr;
+  if (isFirst && findsRow(dataContext)) {
+    if (dataContext != nullptr)
+      table_.info->free_data_context(dataContext, table_.info);
+    return leaveToStock(request);
+  }
+  if (!isFirst && netsnmp_request_get_list_data(&request, TABLE_HANDLER_NAME) != nullptr)
+    return leaveToStock(request);
+  return askModule(request, nullptr, agent_->mode);
 }
 
 int Call::walk(netsnmp_request_info & request) {
@@ -244,23 +270,23 @@ bool Call::answer(netsnmp_request_info & request, Cursor & cursor, bool isLast) 
   auto * dataContext = cursor.makeDataContext();
   if (isLast)
     cursor.leaveRows();
-  return askModule(request, dataContext) == SNMP_ERR_NOERROR && request.status == 0 &&
+  return askModule(request, dataContext, MODE_GET) == SNMP_ERR_NOERROR && request.status == 0 &&
          varbind.type != ASN_NULL && varbind.type != ASN_PRIV_RETRY;
 }
 
-// The module sees every request as a GET, with its records as net-snmp's iterator leaves them: the
-// data context and the table information, found by name in a list. Both entries stand on the
-// stack, in front of what the request has already; when the module returns they are taken out.
+// The module sees every request but a SET as a GET, with its records as net-snmp's iterator leaves
+// them: the data context and the table information, found by name in a list. Both entries stand on
+// the stack, in front of what the request has already; when the module returns they are taken out.
 // They have no function that frees them, so that nothing of ours is freed if the module frees the
 // list.
-int Call::askModule(netsnmp_request_info & request, void * dataContext) {
+int Call::askModule(netsnmp_request_info & request, void * dataContext, int seen) {
   static char tableName[] = TABLE_HANDLER_NAME;
   static char iteratorName[] = TABLE_ITERATOR_NAME;
   netsnmp_data_list context{request.parent_data, iteratorName, dataContext, nullptr};
   netsnmp_data_list table{&context, tableName, &asked_, nullptr};
   request.parent_data = &table;
   request.processed = 0;
-  auto const mode = std::exchange(agent_->mode, MODE_GET);
+  auto const mode = std::exchange(agent_->mode, seen);
   auto const status = netsnmp_call_handler(module_, registration_, agent_, &request);
   agent_->mode = mode;
   request.parent_data = context.next; // a module adds its own behind them, and they stay

@@ -35,13 +35,15 @@ private:
   bool beforeFirstColumn(SubIds name) const;
 
   int get(netsnmp_request_info & request);
+  int set(netsnmp_request_info & request);
+  bool findsRow(void *& dataContext);
   int walk(netsnmp_request_info & request);
   bool answerRepetitions(netsnmp_request_info & request);
   int repetitions(netsnmp_request_info const & request);
   bool seesEnough();
   void skipAsked(Cursor & cursor) const;
   bool answer(netsnmp_request_info & request, Cursor & cursor, bool isLast);
-  int askModule(netsnmp_request_info & request, void * dataContext);
+  int askModule(netsnmp_request_info & request, void * dataContext, int seen);
 
   netsnmp_mib_handler * const self_;
   netsnmp_handler_registration * const registration_;

@@ -26,6 +26,7 @@
 #include "agent/iterator/Call.h"
 #include <array>
 #include <memory>
+#include <new>
 #include <string_view>
 
 namespace Agent {
@@ -54,9 +55,9 @@ namespace {
 
 int handle(netsnmp_mib_handler * self, netsnmp_handler_registration * registration,
            netsnmp_agent_request_info * agent, netsnmp_request_info * requests) {
-  if (agent->mode == MODE_GET || agent->mode == MODE_GETNEXT || agent->mode == MODE_GETBULK)
-    return Call(self, registration, agent).serve(requests);
-  return netsnmp_call_next_handler(self, registration, agent, requests);
+  if (self->myvoid == nullptr) // there was no memory for a copy of ours
+    return netsnmp_call_next_handler(self, registration, agent, requests);
+  return Call(self, registration, agent).serve(requests);
 }
 
 // True if and only if nothing stands above the iterator but what this one replaces.
@@ -90,7 +91,11 @@ netsnmp_mib_handler * makeHandler(netsnmp_iterator_info * info) {
   handler->myvoid = std::make_unique<Table>(info).release();
   // A registration is copied when somebody registers a name within it.
   handler->data_clone = [](void * table) -> void * {
-    return std::make_unique<Table>(static_cast<Table const *>(table)->info).release();
+    try {
+      return std::make_unique<Table>(static_cast<Table const *>(table)->info).release();
+    } catch (std::bad_alloc const &) { // may not pass through net-snmp
+      return nullptr;
+    }
   };
   handler->data_free = [](void * table) { delete static_cast<Table const *>(table); };
   return handler;

@@ -14,13 +14,13 @@
 //   that row when it exists. So a first row with another index says that there is none;
 // - data contexts come from make_data_context alone, and are done with when the handler returns.
 //
-// What stays with net-snmp's handlers beneath: SET; every name that is neither a column nor a
-// complete index of the table; the step that leads out of the table; a row whose index is too long
-// for a name; a cell without an instance where the last answer should be; and all that the module
-// fails at or leaves unanswered: then the answers so far are taken back, so that of several
-// failures the agent reports the same one. Where the agent may refuse answers because the manager
-// sees a part of the MIB only, repetitions are given singly; but not to a GETBULK of one name if
-// the table is in view.
+// What stays with net-snmp's handlers beneath: SET of a row that exists; every name that is neither
+// a column nor a complete index of the table; the step that leads out of the table; a row whose
+// index is too long for a name; a cell without an instance where the last answer should be; and all
+// that the module fails at or leaves unanswered: then the answers so far are taken back, so that of
+// several failures the agent reports the same one. Where the agent may refuse answers because the
+// manager sees a part of the MIB only, repetitions are given singly; but not to a GETBULK of one
+// name if the table is in view.
 //
 // One answer differs: net-snmp's iterator takes an empty octet string in a row's index for any that
 // the request has in its place, and so finds rows that do not exist. This one does not. How a

@@ -351,6 +351,34 @@ TEST(HostIteratorCost, OfAMissingRowIsOneStep) {
   EXPECT_EQ(1, callsFor({Wire::Command::get, {cell(3, 501)}}));
 }
 
+TEST(HostIteratorCost, OfASetOfMissingRowsIsOneStepEach) {
+  Request request{Wire::Command::set, {}};
+  request.community = "write";
+  for (unsigned long row = 101; row != 301; row += 2)
+    request.names.push_back(cell(3, row));
+  EXPECT_EQ(100, callsFor(request));
+}
+
+// A SET has several phases, and what was found in the first is there in the others.
+TEST(HostIteratorSets, ShowTheModuleInEachPhaseWhatNetSnmpsIteratorShows) {
+  Request request{Wire::Command::set, {cell(3, 500), cell(2, 501), cell(4, 502), cell(3, 1)}};
+  request.community = "write";
+  for (auto const writable : {false, true}) {
+    auto shape = withManyRows();
+    shape.writable = writable;
+    ToyTable toy(shape);
+    auto const stockAnswer = ask(request);
+    auto const stock = toy.sets();
+    EXPECT_THAT(stock, testing::SizeIs(testing::Ge(8u)));
+    ASSERT_EQ(1u, Agent::installHostIterator());
+    EXPECT_EQ(stockAnswer, ask(request));
+    auto const both = toy.sets();
+    EXPECT_EQ(stock,
+              std::vector(both.begin() + static_cast<std::ptrdiff_t>(stock.size()), both.end()));
+    EXPECT_EQ(0, toy.contexts());
+  }
+}
+
 TEST(HostIteratorCost, OfRepetitionsIsOneStepEach) {
   EXPECT_EQ(1 + 50 * 2, callsFor({Wire::Command::getBulk, {cell(3, 200)}, 0, 50}));
 }

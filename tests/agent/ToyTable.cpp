@@ -131,14 +131,19 @@ void ToyTable::freeContext(void * context, netsnmp_iterator_info * info) {
   delete static_cast<Context *>(context);
 }
 
-int ToyTable::handle(netsnmp_mib_handler *, netsnmp_handler_registration *,
+int ToyTable::handle(netsnmp_mib_handler *, netsnmp_handler_registration * registration,
                      netsnmp_agent_request_info * agent, netsnmp_request_info * requests) {
+  // A copy of the registration, made when somebody registers within it, does not have it.
+  auto * const self = static_cast<ToyTable *>(registration->my_reg_void);
   for (auto * request = requests; request != nullptr; request = request->next) {
     if (request->processed != 0)
       continue;
     auto const * context = static_cast<Context *>(netsnmp_extract_iterator_context(request));
     if (agent->mode != MODE_GET) {
-      netsnmp_request_set_error(request, SNMP_ERR_NOTWRITABLE);
+      if (self != nullptr)
+        self->noteSet(agent->mode, request, context != nullptr);
+      if (self == nullptr || !self->shape_.writable)
+        netsnmp_request_set_error(request, SNMP_ERR_NOTWRITABLE);
       continue;
     }
     if (context == nullptr)
@@ -148,6 +153,16 @@ int ToyTable::handle(netsnmp_mib_handler *, netsnmp_handler_registration *,
       return status;
   }
   return SNMP_ERR_NOERROR;
+}
+
+void ToyTable::noteSet(int phase, netsnmp_request_info * request, bool hasRow) {
+  auto const * table = netsnmp_extract_table_info(request);
+  auto text =
+      std::to_string(phase) + (table == nullptr ? " nothing" : " " + std::to_string(table->colnum));
+  if (table != nullptr)
+    for (auto const part : subIdentifiers(table->indexes))
+      text += " " + std::to_string(part);
+  sets_.push_back(text + (hasRow ? "" : " missing"));
 }
 
 int ToyTable::answer(netsnmp_request_info * request, Oid const & index) {

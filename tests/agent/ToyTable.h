@@ -41,6 +41,7 @@ struct ToyShape {
   std::function<Cell(unsigned int column, Wire::Oid const & index)> cell =
       [](unsigned int, Wire::Oid const &) { return Cell::value; };
   bool serialized = true;
+  bool writable = false; ///< every SET succeeds, also that of a row that does not exist
   int iteratorFlags = NETSNMP_ITERATOR_FLAG_SORTED;
 };
 
@@ -56,6 +57,9 @@ public:
   int contexts() const { return contexts_; }
   /// Calls of the iterator's callbacks, and of the handler, since the last time it was asked.
   int callsSinceAsked() { return std::exchange(calls_, 0); }
+  /// What the handler was asked by SETs, in order: "PHASE COLUMN INDEX", with "missing" behind
+  /// where it was given no row.
+  std::vector<std::string> const & sets() const { return sets_; }
   netsnmp_handler_registration * registration() const { return registration_; }
 
 private:
@@ -71,12 +75,14 @@ private:
   static void freeContext(void * context, netsnmp_iterator_info * info);
   static int handle(netsnmp_mib_handler *, netsnmp_handler_registration *,
                     netsnmp_agent_request_info * agent, netsnmp_request_info * requests);
+  void noteSet(int phase, netsnmp_request_info * request, bool hasRow);
   netsnmp_variable_list * fill(Context const & context, netsnmp_variable_list * index);
   int answer(netsnmp_request_info * request, Wire::Oid const & index);
   void fillRanges();
   void fillColumns(netsnmp_table_registration_info & table);
 
   ToyShape const shape_;
+  std::vector<std::string> sets_;
   std::vector<netsnmp_column_info> columns_;
   std::vector<unsigned int> columnList_;
   int contexts_ = 0;
