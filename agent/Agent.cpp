@@ -115,6 +115,7 @@ void Agent::restartMachines() {
 
 void Agent::stop() {
   control_.reset(); // an answer under way holds rows
+  patches_.reset();
   done("control socket closed");
   nextLook_.reset();
   sources_.clear();
@@ -218,8 +219,10 @@ void Agent::startSnmp() {
 }
 
 void Agent::startControl() {
+  patches_ = std::make_unique<Patches>(document_);
   CommandHost const host{document_,
                          database_.lookup(mibPath),
+                         *patches_,
                          *scheduler_,
                          [this] { return status(); },
                          [this] { return reread(); },

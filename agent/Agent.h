@@ -10,6 +10,7 @@
 #include "agent/ControlSocket.h"
 #include "agent/EventLoop.h"
 #include "agent/Options.h"
+#include "agent/Patches.h"
 #include "agent/Plugin.h"
 #include "agent/SnmpEngine.h"
 #include "platform/Kiln.h"
@@ -80,6 +81,7 @@ private:
   /// What is being read again, each with the failures until now.
   std::vector<std::pair<std::shared_ptr<RereadOutcome>, std::vector<std::string>>> rereads_;
   Os::Loop::Handle nextLook_; // whether that is over
+  std::unique_ptr<Patches> patches_;
   std::unique_ptr<ControlSocket> control_;
   std::string servedAt_;
   bool ready_ = false; // as last noticed, of the machines that there are
