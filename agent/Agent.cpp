@@ -100,6 +100,7 @@ void Agent::restartMachines() {
 
 void Agent::stop() {
   control_.reset(); // an answer under way holds rows
+  patches_.reset();
   done("control socket closed");
   rereads_.reset();
   sources_.clear();
@@ -207,8 +208,10 @@ void Agent::startSnmp() {
 }
 
 void Agent::startControl() {
+  patches_ = std::make_unique<Patches>(document_);
   CommandHost const host{document_,
                          database_.lookup(mibPath),
+                         *patches_,
                          *scheduler_,
                          [this] { return status(); },
                          [this] { return reread(); },

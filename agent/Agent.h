@@ -10,6 +10,7 @@
 #include "agent/ControlSocket.h"
 #include "agent/EventLoop.h"
 #include "agent/Options.h"
+#include "agent/Patches.h"
 #include "agent/Plugin.h"
 #include "agent/Rereads.h"
 #include "agent/SnmpEngine.h"
@@ -77,6 +78,7 @@ private:
   std::unique_ptr<Plugin> plugin_;
   std::vector<std::unique_ptr<Sources::Source>> sources_;
   std::optional<Rereads> rereads_;
+  std::unique_ptr<Patches> patches_;
   std::unique_ptr<ControlSocket> control_;
   std::string servedAt_;
   bool ready_ = false; // as last noticed, of the machines that there are

@@ -39,6 +39,12 @@ Json const & argument(Json const & arguments, char const * name) {
   return *found;
 }
 
+/// As argument(), for one that is large; it is not there any more then.
+Json takeArgument(Json & arguments, char const * name) {
+  argument(arguments, name);
+  return std::move(arguments[name]);
+}
+
 std::string textArgument(Json const & arguments, char const * name) {
   auto const & value = argument(arguments, name);
   if (!value.is_string())
@@ -46,15 +52,15 @@ std::string textArgument(Json const & arguments, char const * name) {
   return value.get<std::string>();
 }
 
-Answer showVersion(CommandHost const &, Json const &) {
+Answer showVersion(CommandHost const &, Json &) {
   return okAnswer(Json{{"version", TUNNELSNMPD_VERSION}});
 }
 
-Answer showStatus(CommandHost const & host, Json const &) {
+Answer showStatus(CommandHost const & host, Json &) {
   return okAnswer(host.status());
 }
 
-Answer showTables(CommandHost const & host, Json const &) {
+Answer showTables(CommandHost const & host, Json &) {
   // Shared: an Answer can be copied, a walk under way cannot.
   auto const writer = std::make_shared<TablesWriter>(host.mib);
   return [writer, begun = false](std::string & out) mutable {
@@ -67,42 +73,46 @@ Answer showTables(CommandHost const & host, Json const &) {
   };
 }
 
-Answer showTasks(CommandHost const & host, Json const &) {
+Answer showTasks(CommandHost const & host, Json &) {
   return okAnswer(tasksStatus(host.scheduler));
 }
 
-Answer showState(CommandHost const & host, Json const & arguments) {
+Answer showState(CommandHost const & host, Json & arguments) {
   auto const pointer = arguments.contains("pointer") ? textArgument(arguments, "pointer") : "";
   return okAnswer(host.document.read(pointer));
 }
 
-Answer patch(CommandHost const & host, Json const & arguments) {
-  host.document.apply(argument(arguments, "patch"));
-  return okAnswer(Json::object());
+Answer patch(CommandHost const & host, Json & arguments) {
+  return [outcome = host.patches.begin(takeArgument(arguments, "patch"))](std::string & out) {
+    if (!*outcome)
+      return true;
+    auto const & refusal = **outcome;
+    return (refusal.empty() ? okAnswer(Json::object()) : errorAnswer(refusal))(out);
+  };
 }
 
-Answer listTraces(CommandHost const &, Json const &) {
+Answer listTraces(CommandHost const &, Json &) {
   auto levels = OrderedJson::object();
   for (auto const & handler : Lumo::debugHandlers())
     levels[handler->name()] = Lumo::levelsText(handler->levelMask());
   return okAnswer(levels);
 }
 
-Answer setTrace(CommandHost const &, Json const & arguments) {
+Answer setTrace(CommandHost const &, Json & arguments) {
   auto const unit = textArgument(arguments, "unit");
   auto const mask = Lumo::parseLevels(textArgument(arguments, "levels"));
   handleLevelsIs(unit, mask);
   return okAnswer(OrderedJson{{"unit", unit}, {"levels", Lumo::levelsText(mask)}});
 }
 
-Answer showCoverage(CommandHost const &, Json const &) {
+Answer showCoverage(CommandHost const &, Json &) {
   auto counts = OrderedJson::object();
   for (auto const * counter : Lumo::counters())
     counts[counter->name()] = counter->count();
   return okAnswer(counts);
 }
 
-Answer reread(CommandHost const & host, Json const &) {
+Answer reread(CommandHost const & host, Json &) {
   return [outcome = host.reread()](std::string & out) {
     if (!*outcome)
       return true;
@@ -114,7 +124,7 @@ Answer reread(CommandHost const & host, Json const &) {
   };
 }
 
-Answer restartMachines(CommandHost const & host, Json const &) {
+Answer restartMachines(CommandHost const & host, Json &) {
   host.restartMachines();
   return okAnswer(Json::object());
 }
@@ -125,13 +135,13 @@ struct Commands::Command {
   std::string_view name;
   std::string_view arguments;
   std::string_view meaning;
-  Answer (*execute)(CommandHost const & host, Json const & arguments);
+  Answer (*execute)(CommandHost const & host, Json & arguments);
 };
 
 std::vector<Commands::Command> const & Commands::table() {
   static std::vector<Command> const table{
       {"list-commands", "", "what can be asked",
-       [](CommandHost const &, Json const &) {
+       [](CommandHost const &, Json &) {
          auto commands = OrderedJson::array();
          for (auto const & command : Commands::table())
            commands.push_back({{"name", command.name},
@@ -164,11 +174,11 @@ Answer Commands::answer(std::string_view request) {
   }
 }
 
-Answer Commands::execute(Json const & request) {
+Answer Commands::execute(Json request) {
   if (!request.is_object() || !request.contains("command") || !request["command"].is_string())
     throw std::invalid_argument(R"(give {"command": "...", "arguments": {...}})");
   auto const & name = request["command"].get_ref<std::string const &>();
-  auto const arguments = request.value("arguments", Json::object());
+  auto arguments = request.contains("arguments") ? std::move(request["arguments"]) : Json::object();
   if (!arguments.is_object())
     throw std::invalid_argument("\"arguments\" is no object");
   auto const found =

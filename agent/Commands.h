@@ -4,6 +4,7 @@
 //   {"ok": true, "result": ...}      {"ok": false, "error": "one line"}
 #pragma once
 
+#include "agent/Patches.h"
 #include "platform/Kiln.h"
 #include "platform/Zel.h"
 #include "statedb/StateDocument.h"
@@ -30,6 +31,7 @@ using RereadOutcome = std::optional<std::vector<std::string>>;
 struct CommandHost {
   StateDb::StateDocument & document;
   Zel::Ptr<Zel::PtrInterface const> mib; ///< whose tables are shown
+  Patches & patches;
   Kiln::TaskScheduler const & scheduler;
   std::function<nlohmann::ordered_json()> status;
   /// Begins to read sources and configuration again.
@@ -49,7 +51,7 @@ public:
 private:
   struct Command;
   static std::vector<Command> const & table();
-  Answer execute(nlohmann::json const & request);
+  Answer execute(nlohmann::json request);
 
   CommandHost const host_;
 };

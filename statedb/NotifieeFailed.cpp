@@ -6,6 +6,7 @@ namespace StateDb {
 
 namespace {
 Lumo::Counter notifieeExceptions("statedb-notifiee-exceptions");
+Lumo::Counter changes("statedb-changes");
 } // namespace
 
 void notifieeFailed(NotifieeFailed const & report, std::string_view pointer,
@@ -13,6 +14,13 @@ void notifieeFailed(NotifieeFailed const & report, std::string_view pointer,
   notifieeExceptions.inc();
   if (report)
     report(pointer, exception);
+}
+
+std::uint64_t changesMade() {
+  return changes.count();
+}
+void countChange() {
+  changes.inc();
 }
 
 } // namespace StateDb

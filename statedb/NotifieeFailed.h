@@ -1,7 +1,8 @@
-// What becomes of an exception that a notifiee of an input raises: it is counted and reported. The
-// change stands, and further changes follow.
+// How a change of an input is made: it is counted, and so is an exception that a notifiee raises,
+// which is reported as well. The change stands, and further changes follow.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <string>
@@ -17,9 +18,16 @@ using NotifieeFailed = std::function<void(std::string_view pointer, std::excepti
 void notifieeFailed(NotifieeFailed const & report, std::string_view pointer,
                     std::exception const & exception);
 
-/// Makes a change. What notifiees raise is counted and reported with the text that `pointer` gives.
+/// How many changes makeChange() has begun, in whichever database: while it stays the same, nothing
+/// was changed.
+std::uint64_t changesMade();
+void countChange();
+
+/// Makes a change, and counts it ("statedb-changes"). What notifiees raise is counted and reported
+/// with the text that `pointer` gives.
 template <class Change, class Pointer>
 void makeChange(NotifieeFailed const & report, Change const & make, Pointer const & pointer) {
+  countChange();
   try {
     make();
   } catch (std::exception const & exception) {

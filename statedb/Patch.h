@@ -1,10 +1,10 @@
-// A JSON Patch on its way into the database: first every operation is checked and becomes a change,
-// then the changes are made.
+// A JSON Patch as it is checked: every operation becomes a change, on top of those before it.
+// PatchRun.h is what leads it through.
 #pragma once
 
 #include "statedb/View.h"
+#include <deque>
 #include <nlohmann/json_fwd.hpp>
-#include <vector>
 
 namespace StateDb {
 
@@ -27,7 +27,11 @@ public:
   /// Checks one operation on top of those planned before. Raises Unusable with the full pointer;
   /// the patch is of no use after that.
   void plan(nlohmann::json const & operation);
-  std::vector<Change> const & changes() const { return changes_; }
+  /// What is to be made, in order; the caller's to take.
+  std::deque<Change> & changes() { return changes_; }
+  /// Gives back a part of what the plan took in memory, when it is carried out: one record. False
+  /// when nothing is left.
+  bool forgetNext() { return view_.forgetNext(); }
 
 private:
   void add(Location const & where, nlohmann::json const & value);
@@ -40,7 +44,7 @@ private:
   void set(Location const & where, nlohmann::json const & value);
 
   View view_;
-  std::vector<Change> changes_;
+  std::deque<Change> changes_;
 };
 
 } // namespace StateDb

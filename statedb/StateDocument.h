@@ -12,32 +12,14 @@
 // has its default; a member that a record does not have is an error.
 #pragma once
 
+#include "statedb/DocumentError.h"
 #include "statedb/NotifieeFailed.h"
+#include "statedb/PatchRun.h"
 #include "statedb/StateDb.h"
-#include <cstddef>
 #include <nlohmann/json_fwd.hpp>
-#include <stdexcept>
-#include <string>
 #include <string_view>
 
 namespace StateDb {
-
-/// A patch, or a document, that cannot be used. what() is one line with the place and the reason.
-class DocumentError : public std::runtime_error {
-public:
-  /// what() is "operation OPERATION (POINTER): REASON", or "POINTER: REASON" for operation npos.
-  DocumentError(std::size_t operation, std::string pointer, std::string const & reason);
-  static constexpr std::size_t npos = static_cast<std::size_t>(-1);
-
-  /// Which operation of the patch is wrong, counted from 0; npos when it is no patch's.
-  std::size_t operation() const { return operation_; }
-  /// The JSON pointer (RFC 6901) that the error is about.
-  std::string const & pointer() const { return pointer_; }
-
-private:
-  std::size_t operation_;
-  std::string pointer_;
-};
 
 /// A view; holds no state of its own but the report function. The database outlives it.
 class StateDocument {
@@ -50,13 +32,11 @@ public:
   /// is nothing at the pointer or it is malformed.
   nlohmann::json read(std::string_view pointer) const;
 
-  /// Checks the whole patch, then carries it out: operation by operation in order, each
-  /// notification delivered before the next change is made. add and replace at a record's own path
-  /// put a new record object there; replace (and add) of one member changes the record in place;
-  /// remove deletes a record. move, copy and test as in RFC 6902. What costs time is the patch, not
-  /// the size of the document. Raises DocumentError, with nothing changed, when any operation is
-  /// unusable.
-  void apply(nlohmann::json const & patch);
+  /// Checks the whole patch, then carries it out, in one go; PatchRun.h says how, and does the same
+  /// step by step. Raises DocumentError, with nothing changed, when any operation is unusable.
+  void apply(nlohmann::json patch);
+  /// The patch, to be carried out step by step. Raises DocumentError when it is no array.
+  PatchRun begin(nlohmann::json patch);
 
 private:
   StateDb & database_;

@@ -34,6 +34,12 @@ void View::set(Location const & where, Setter const & setter) {
   planned_.insert_or_assign(record.pointer, Planned{copy, true});
 }
 
+bool View::forgetNext() {
+  if (!planned_.empty())
+    planned_.erase(planned_.begin());
+  return !planned_.empty();
+}
+
 Entry View::find(Location const & where, std::size_t depth) const {
   auto const & step = where.steps[depth - 1];
   if (auto const found = planned_.find(step.pointer); found != planned_.end())

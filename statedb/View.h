@@ -30,6 +30,9 @@ public:
   /// Plans a change of the record that find() gives. Requires: it is not null.
   void set(Location const & where, Setter const & setter);
 
+  /// Forgets one of the planned records. False when there are no more.
+  bool forgetNext();
+
 private:
   struct Planned {
     Entry entry;

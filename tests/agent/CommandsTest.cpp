@@ -46,11 +46,12 @@ protected:
 
   StateDb::StateDb database_;
   StateDb::StateDocument document_{database_};
-  Zel::Ptr<Kiln::TaskScheduler> const scheduler_ = Zel::makePtr<Kiln::TaskScheduler>();
+  Zel::Ptr<Kiln::TaskScheduler> const scheduler_ = Kiln::TaskSchedulerRoot::findOrCreateScheduler();
+  Agent::Patches patches_{document_};
   std::shared_ptr<Agent::RereadOutcome> const rereadOutcome_ =
       std::make_shared<Agent::RereadOutcome>(std::vector<std::string>());
   int restarts_ = 0;
-  Agent::Commands commands_{{document_, Zel::makePtr<EmptyMib>(), *scheduler_,
+  Agent::Commands commands_{{document_, Zel::makePtr<EmptyMib>(), patches_, *scheduler_,
                              [] {
                                return nlohmann::ordered_json{{"ready", true}};
                              },
@@ -155,7 +156,9 @@ TEST_F(Commands, StartTheMachinesAnew) {
 TEST_F(Commands, StatusAndTablesAreHandedOn) {
   EXPECT_EQ(Json({{"ready", true}}), result("status"));
   EXPECT_EQ(Json::object(), result("tables/show"));
-  EXPECT_EQ(Json::array(), result("tasks/show"));
+  auto const tasks = result("tasks/show");
+  ASSERT_EQ(1u, tasks.size());
+  EXPECT_EQ("patch", tasks[0].at("name"));
 }
 
 } // namespace
