@@ -3,6 +3,8 @@
 #include "platform/Lumo.h"
 #include "tests/agent/agentx/SessionFixture.h"
 
+namespace Agent::AgentX {
+
 namespace {
 
 using State = SessionStatus::State;
@@ -390,3 +392,5 @@ TEST_F(AgentXSession, IgnoresAnswersInAnotherSession) {
 }
 
 } // namespace
+
+} // namespace Agent::AgentX

@@ -7,7 +7,8 @@
 #include "tests/support/TestLoop.h"
 #include <gmock/gmock.h>
 
-using namespace Agent::AgentX;
+namespace Agent::AgentX {
+
 using std::chrono::milliseconds;
 
 inline constexpr std::uint32_t number = 77; // of the session
@@ -103,3 +104,5 @@ protected:
   std::optional<ScriptedMaster> master;
   Session session{loop, MasterAddress("unix:" + path), host};
 };
+
+} // namespace Agent::AgentX

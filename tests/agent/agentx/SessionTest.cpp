@@ -1,6 +1,8 @@
 // The session as it should be, and with a master that is not there.
 #include "tests/agent/agentx/SessionFixture.h"
 
+namespace Agent::AgentX {
+
 namespace {
 
 using State = SessionStatus::State;
@@ -218,3 +220,5 @@ TEST_F(AgentXSession, ServesATcpMaster) {
 }
 
 } // namespace
+
+} // namespace Agent::AgentX
