@@ -138,8 +138,9 @@ void LinuxSource::beginDump() {
   dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer()); });
 }
 
+// A socket without a watch is none: there was no memory for it.
 void LinuxSource::subscribe() {
-  if (events_)
+  if (eventsReadable_)
     return;
   events_.emplace(receiveBuffer_);
   eventsReadable_ = loop_.readable(events_->descriptor(), [this] { receiveEvents(); });

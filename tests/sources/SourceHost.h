@@ -12,6 +12,9 @@
 #include <string>
 #include <vector>
 
+/// For a source whose start is to read everything, however slow the machine is.
+inline constexpr std::chrono::hours allTheTime{1};
+
 /// Its scheduler is the process's default while it lives.
 class SourceHost {
 public:

@@ -15,7 +15,7 @@ protected:
   BranchOffice() { source->start(); }
 
   std::unique_ptr<Sources::Source> const source =
-      Sources::makeJsonSource(EXAMPLES "/branch-office.json", surroundings());
+      Sources::makeJsonSource(EXAMPLES "/branch-office.json", surroundings(), allTheTime);
 };
 
 TEST_F(BranchOffice, SaysEverythingInTheFormInWhichItIsRead) {

@@ -33,7 +33,7 @@ class JsonTunnels final : public TunnelWorld {
 public:
   std::unique_ptr<Sources::Source> makeSource(Sources::Surroundings const & surroundings) override {
     file_.change([](json &) {});
-    return Sources::makeJsonSource(file_.name(), surroundings);
+    return Sources::makeJsonSource(file_.name(), surroundings, allTheTime);
   }
   void thingIs(int number, int hopLimit) override {
     file_.change([&](json & document) {
@@ -58,7 +58,7 @@ class JsonConnections final : public SourceWorld {
 public:
   std::unique_ptr<Sources::Source> makeSource(Sources::Surroundings const & surroundings) override {
     file_.change([](json & document) { document["ikeStatus"]["appliedProfiles"]["west"]; });
-    return Sources::makeJsonSource(file_.name(), surroundings);
+    return Sources::makeJsonSource(file_.name(), surroundings, allTheTime);
   }
   void thingIs(int number, int value) override {
     file_.change([&](json & document) {
@@ -111,7 +111,7 @@ std::string tunnel(int tos) {
 class JsonSource : public testing::Test, protected SourceHost {
 protected:
   void start() {
-    source = Sources::makeJsonSource(file, surroundings());
+    source = Sources::makeJsonSource(file, surroundings(), allTheTime);
     source->start();
   }
   std::string startError() {
@@ -153,7 +153,7 @@ TEST_F(JsonSource, RaisesAtItsStartWhenThereIsNoFile) {
 }
 
 TEST_F(JsonSource, RaisesAtItsStartWhenThereIsNoFolder) {
-  source = Sources::makeJsonSource(folder.file("no/such.json"), surroundings());
+  source = Sources::makeJsonSource(folder.file("no/such.json"), surroundings(), allTheTime);
   try {
     source->start();
     FAIL();
@@ -287,7 +287,7 @@ TEST_F(JsonSource, ReadsAgainWhenEventsWereLost) {
 TEST_F(JsonSource, FindsItsFolderAgainWhenItIsReplaced) {
   std::filesystem::create_directory(folder.file("etc"));
   folder.write("etc/branch.json", tunnel(1));
-  source = Sources::makeJsonSource(folder.file("etc/branch.json"), surroundings());
+  source = Sources::makeJsonSource(folder.file("etc/branch.json"), surroundings(), allTheTime);
   source->start();
   std::filesystem::remove_all(folder.file("etc"));
   hear();
@@ -307,7 +307,7 @@ TEST_F(JsonSource, FollowsAFolderThatIsSwappedForAnother) {
     std::filesystem::create_directory(folder.file(name));
   folder.write("etc/branch.json", tunnel(1));
   folder.write("new/branch.json", tunnel(2));
-  source = Sources::makeJsonSource(folder.file("etc/branch.json"), surroundings());
+  source = Sources::makeJsonSource(folder.file("etc/branch.json"), surroundings(), allTheTime);
   source->start();
   std::filesystem::rename(folder.file("etc"), folder.file("old"));
   std::filesystem::rename(folder.file("new"), folder.file("etc"));

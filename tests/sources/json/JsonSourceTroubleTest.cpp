@@ -35,7 +35,7 @@ std::string office(int tos) {
 
 class JsonSourceInTrouble : public testing::Test, protected SourceHost {
 protected:
-  void start(std::chrono::milliseconds patience = Sources::startPatience) {
+  void start(std::chrono::milliseconds patience = allTheTime) {
     source = Sources::makeJsonSource(file, surroundings(), patience);
     source->start();
   }
@@ -122,7 +122,7 @@ TEST_F(JsonSourceInTrouble, TriesAgainByItselfWhatCouldNotBeRead) {
   auto const etc = folder.file("etc");
   std::filesystem::create_directory(etc);
   folder.write("etc/branch.json", office(1));
-  source = Sources::makeJsonSource(etc + "/branch.json", surroundings());
+  source = Sources::makeJsonSource(etc + "/branch.json", surroundings(), allTheTime);
   source->start();
   std::filesystem::rename(etc, folder.file("old"));
   hear();
