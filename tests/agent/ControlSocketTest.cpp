@@ -255,16 +255,69 @@ TEST_F(ControlSocket, DropsAClientWhoseAnswerFails) {
   EXPECT_TRUE(peer.ended());
 }
 
-TEST_F(ControlSocket, TakesNoMoreClientsThanItMay) {
+TEST_F(ControlSocket, DropsTheOldestSilentClientForOneTooMany) {
   auto & server = start({.clients = 2});
   Peer first(path_);
   Peer second(path_);
+  turnUntil([&] { return server.clients() == 2; });
+  first.put("half a li"); // heard of later than the second
+  settle();
+  Peer third(path_);
+  turnUntil([&] {
+    second.take();
+    return second.ended();
+  });
+  third.put("three\n");
+  EXPECT_EQ("<three>\n", receiveUntil(third, 1));
+  first.put("ne\n");
+  EXPECT_EQ("<half a line>\n", receiveUntil(first, 1));
+  EXPECT_EQ(2u, server.clients());
+}
+
+TEST_F(ControlSocket, RefusesAClientTooManyWhenEachHasSomethingToDo) {
+  auto & server = start({.clients = 2});
+  answer_ = [](std::string_view) -> Agent::Answer {
+    return [](std::string &) { return true; }; // never known
+  };
+  Peer first(path_);
+  Peer second(path_);
+  first.put("one\n");
+  second.put("two\n");
+  turnUntil([&] { return requests_.size() == 2; });
   Peer third(path_);
   turnUntil([&] {
     third.take();
     return third.ended();
   });
   EXPECT_EQ(2u, server.clients());
+}
+
+TEST_F(ControlSocket, TakesTheClientsThatWaitedForADescriptor) {
+  start();
+  std::vector<int> taken;
+  Peer waiting(path_);
+  for (int next = dup(0); next != -1; next = dup(0))
+    taken.push_back(next);
+  settle();
+  auto const failures = Lumo::counter("agent-control-accept-failures");
+  settle();
+  EXPECT_LE(Lumo::counter("agent-control-accept-failures"), failures + 20) << "it spins";
+  EXPECT_GE(failures, 1u);
+  for (auto const one : taken)
+    close(one);
+  waiting.put("one\n");
+  auto const patience = loop_.after(milliseconds(60'000), [&] { loop_.stop(); });
+  loop_.run([&] { // asleep until something happens
+    if (!requests_.empty())
+      loop_.stop();
+    return false;
+  });
+  EXPECT_EQ(std::vector<std::string>{"one"}, requests_);
+}
+
+TEST_F(ControlSocket, LeavesNoLockBehind) {
+  start();
+  EXPECT_FALSE(std::filesystem::exists(path_ + ".lock"));
 }
 
 TEST_F(ControlSocket, IsRemovedAtItsEnd) {

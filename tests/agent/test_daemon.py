@@ -349,7 +349,8 @@ class Control(DaemonTest):
             self.assertFalse(machine["reconciling"], machine)
             self.assertGreater(len(machine["inputs"]), 0)
         self.assertEqual("inSync", status["sources"][0]["state"])
-        self.assertEqual({"notifiees": 0, "tasks": 0, "callbacks": 0, "last": ""},
+        self.assertEqual({"notifiees": 0, "tasks": 0, "callbacks": 0, "linesLost": 0,
+                          "linesHeldBack": 0, "last": ""},
                          status["failures"])
         self.assertRegex(self.ctl("status"), r"(?m)^ready +yes$")
 
