@@ -797,6 +797,8 @@ def run():
     parser.add_argument("--enterprise", type=int, default=32473, help="the vendor table's number")
     parser.add_argument("--slow", action="store_true",
                         help="the binaries are instrumented: the end may take its time")
+    parser.add_argument("--thorough", action="store_true",
+                        help="with what takes minutes: see tests/attack")
     global PATHS
     PATHS, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], *rest], verbosity=2)

@@ -73,7 +73,7 @@ class SmallAnswers(Strangers):
         self.assert_still_there(manager)
 
     def sizes(self):
-        return range(LEAST, 2001, 97 if self.is_slow() else 1)
+        return range(LEAST, 2001, 1 if test_daemon.PATHS.thorough else 61)
 
     def test_are_shortened_or_too_big_for_every_size(self):
         self.start_with_users()
