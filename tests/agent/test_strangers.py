@@ -223,9 +223,10 @@ class Connections(Strangers):
     def test_connections_without_a_descriptor_wait_for_one(self):
         daemon = self.start_tcp()
         one = self.connect()
+        one.sendall(self.bulk())
+        self.assertNotEqual(b"", one.recv(65536))  # now it has its descriptor
         fill = limit_descriptors(daemon)
         more = [self.connect() for _ in range(fill + 3)]
-        self.wait_until(lambda: cpu_seconds(daemon) is not None)
         time.sleep(0.3)
         before = cpu_seconds(daemon)
         time.sleep(1)
