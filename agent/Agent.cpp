@@ -1,13 +1,14 @@
 // The start and the stop, step by step, and what the daemon does in between.
 #include "agent/Agent.h"
+#include "agent/LineWriter.h"
 #include "agent/Report.h"
 #include "agent/Status.h"
 #include "agent/TraceHandles.h"
 #include "agent/iterator/HostIterator.h"
+#include "os/Text.h"
 #include "platform/Snmp.h"
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
@@ -40,7 +41,7 @@ void done(char const * step) {
 }
 
 void writeTrace(Lumo::TraceMessage const & message) {
-  fmt::print(stderr, "{}\n", Lumo::traceLine(message));
+  errorStream().line(Os::printable(Lumo::traceLine(message)));
 }
 
 } // namespace
@@ -81,13 +82,12 @@ std::string Agent::listen() {
 bool Agent::work() {
   try {
     scheduler_->runOne();
+    if (scheduler_->scheduled() == 0 && !ready_)
+      noticeReady();
   } catch (std::exception const & exception) {
     reportFailure(taskExceptions, "in a task", exception);
   }
-  auto const more = scheduler_->scheduled() != 0;
-  if (!more && !ready_)
-    noticeReady();
-  return more;
+  return scheduler_->scheduled() != 0;
 }
 
 void Agent::restartMachines() {
@@ -267,6 +267,8 @@ nlohmann::ordered_json Agent::status() const {
   out["failures"] = {{"notifiees", notifieeExceptions.count()},
                      {"tasks", taskExceptions.count()},
                      {"callbacks", Lumo::counter("agent-callback-exceptions")},
+                     {"linesLost", errorStream().lost()},
+                     {"linesHeldBack", Lumo::counter("agent-snmp-lines-held-back")},
                      {"last", lastFailure()}};
   return out;
 }

@@ -4,6 +4,7 @@
 #include "agent/JsonText.h"
 #include "agent/Status.h"
 #include "agent/TraceHandles.h"
+#include "os/Text.h"
 #include "platform/Lumo.h"
 #include "json/Input.h"
 #include <algorithm>
@@ -190,7 +191,7 @@ Answer Commands::execute(Json request) {
 
 Answer errorAnswer(std::string_view error) {
   requestsRefused.inc();
-  return inOnePiece(jsonText(OrderedJson{{"ok", false}, {"error", error}}));
+  return inOnePiece(jsonText(OrderedJson{{"ok", false}, {"error", Os::oneLine(error)}}));
 }
 
 } // namespace Agent

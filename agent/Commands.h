@@ -56,7 +56,7 @@ private:
   CommandHost const host_;
 };
 
-/// An answer that says what is wrong.
+/// An answer that says what is wrong, in one line (Os::oneLine).
 Answer errorAnswer(std::string_view error);
 
 } // namespace Agent

@@ -4,6 +4,7 @@
 // waits until the client has read enough of it. Each piece is made in a turn of the loop of its
 // own, so that a long answer takes its place among the requests of SNMP.
 #include "agent/ControlSocket.h"
+#include "agent/EndSignals.h"
 #include "agent/Report.h"
 #include "os/Descriptor.h"
 #include "os/Time.h"
@@ -14,9 +15,12 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <optional>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -27,9 +31,14 @@ namespace {
 Lumo::Counter clientsDropped("agent-control-clients-dropped");
 Lumo::Counter answersFailed("agent-control-answers-failed");
 Lumo::Counter staleSockets("agent-control-stale-sockets");
+Lumo::Counter acceptFailures("agent-control-accept-failures");
 
 /// After an empty piece of an answer, before it is asked for the next one.
 constexpr std::chrono::milliseconds untilKnown{10};
+/// After a client could not be taken, before the next one is looked for: it still waits.
+constexpr std::chrono::milliseconds untilAcceptAgain{100};
+/// How long another daemon's start may hold the lock of the path. It takes no time but its own.
+constexpr std::chrono::seconds longestLock{2};
 
 Os::UnixAddress addressOf(std::string const & path) {
   if (auto const address = Os::UnixAddress::ofPath(path))
@@ -76,8 +85,43 @@ void removeStale(std::string const & path, Os::UnixAddress const & address) {
   unlink(path.c_str());
 }
 
+/// Holds, while it lives, what only one daemon at a time may: to look at what is at a path, and to
+/// listen there. Otherwise of two that find a dead daemon's socket, one would remove the new socket
+/// of the other. The lock is a file beside the socket, there for this moment only.
+class PathLock {
+public:
+  explicit PathLock(std::string const & path) : path_(path + ".lock") {
+    auto const end = std::chrono::steady_clock::now() + longestLock;
+    while (!take(path)) {
+      if (std::chrono::steady_clock::now() > end)
+        throw refusal(path, fmt::format("somebody holds {}", path_));
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  PathLock(PathLock const &) = delete;
+  PathLock & operator=(PathLock const &) = delete;
+  ~PathLock() { unlink(path_.c_str()); }
+
+private:
+  /// True if and only if the file at the path is locked by us: the one before may have removed the
+  /// file that we have opened.
+  bool take(std::string const & path) {
+    file_ = Os::Descriptor(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!file_)
+      throw refusal(path, std::strerror(errno));
+    struct stat ours {};
+    struct stat there {};
+    return flock(file_.get(), LOCK_EX | LOCK_NB) == 0 && fstat(file_.get(), &ours) == 0 &&
+           lstat(path_.c_str(), &there) == 0 && ours.st_ino == there.st_ino;
+  }
+
+  std::string const path_;
+  Os::Descriptor file_;
+};
+
 Os::Descriptor listenAt(std::string const & path) {
   auto const address = addressOf(path);
+  PathLock const lock(path);
   auto descriptor = newSocket(path);
   if (bindPrivately(descriptor.get(), address) != 0) {
     if (errno != EADDRINUSE)
@@ -120,8 +164,16 @@ public:
   Client & operator=(Client const &) = delete;
   ~Client() { bufferevent_free(buffer_); }
 
+  /// True if and only if it has asked for nothing that it has not been sent.
+  bool isIdle() const { return !answer_ && evbuffer_get_length(output()) == 0; }
+  /// When something arrived last.
+  std::chrono::steady_clock::time_point heardAt() const { return heardAt_; }
+
 private:
-  static void readable(bufferevent *, void * self) { static_cast<Client *>(self)->step(); }
+  static void readable(bufferevent *, void * self) {
+    static_cast<Client *>(self)->heardAt_ = std::chrono::steady_clock::now();
+    static_cast<Client *>(self)->step();
+  }
   static void drained(bufferevent *, void * self) { static_cast<Client *>(self)->step(); }
   static void ended(bufferevent *, short what, void * self) {
     static_cast<Client *>(self)->end(what);
@@ -202,7 +254,8 @@ private:
       piece += '\n';
       answer_ = nullptr;
     }
-    evbuffer_add(output(), piece.data(), piece.size());
+    if (evbuffer_add(output(), piece.data(), piece.size()) != 0)
+      throw std::bad_alloc(); // without this piece it would be another answer
     return !piece.empty();
   }
 
@@ -228,6 +281,7 @@ private:
   Os::Loop::Handle next_;    // the next step, in the next turn of the loop
   bool ending_ = false;      // nothing more will arrive
   std::size_t searched_ = 0; // so much of the input is known to hold no line end
+  std::chrono::steady_clock::time_point heardAt_ = std::chrono::steady_clock::now();
 };
 
 ControlSocket::ControlSocket(EventLoop & loop, std::string path, Handler handler,
@@ -238,11 +292,14 @@ ControlSocket::ControlSocket(EventLoop & loop, std::string path, Handler handler
       limits_(limits),
       descriptor_(listenAt(path_)),
       inode_(inodeAt(path_)),
-      watch_(loop.readable(descriptor_.get(), [this] { accept(); })) {}
+      watch_(loop.readable(descriptor_.get(), [this] { accept(); })) {
+  EndSignals::fileIs(path_);
+}
 
 ControlSocket::~ControlSocket() {
   watch_.reset();
   clients_.clear();
+  EndSignals::fileIs({});
   if (inodeAt(path_) == inode_)
     unlink(path_.c_str());
 }
@@ -250,13 +307,38 @@ ControlSocket::~ControlSocket() {
 void ControlSocket::accept() {
   Os::Descriptor connection(
       accept4(descriptor_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  if (!connection)
-    return; // it has gone again
-  if (clients_.size() >= limits_.clients) {
+  if (!connection) {
+    if (errno != EAGAIN && errno != ECONNABORTED && errno != EINTR) // then it has gone again
+      acceptLater();
+    return;
+  }
+  if (clients_.size() >= limits_.clients && !dropOldestIdle()) {
     clientsDropped.inc();
     return;
   }
   clients_.push_back(std::make_unique<Client>(*this, std::move(connection)));
+}
+
+// Out of descriptors, say. The client waits in the socket's queue, so that the socket stays
+// readable.
+void ControlSocket::acceptLater() {
+  acceptFailures.inc();
+  watch_ = loop_.after(untilAcceptAgain, [this] {
+    watch_ = loop_.readable(descriptor_.get(), [this] { accept(); });
+  });
+}
+
+/// Makes room for a new client. False when each has something to do.
+bool ControlSocket::dropOldestIdle() {
+  auto oldest = clients_.end();
+  for (auto one = clients_.begin(); one != clients_.end(); ++one)
+    if ((*one)->isIdle() && (oldest == clients_.end() || (*one)->heardAt() < (*oldest)->heardAt()))
+      oldest = one;
+  if (oldest == clients_.end())
+    return false;
+  clientsDropped.inc();
+  clients_.erase(oldest);
+  return true;
 }
 
 void ControlSocket::drop(Client const & client) {

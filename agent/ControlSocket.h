@@ -2,8 +2,9 @@
 // line, in order.
 //
 // Nobody can hold the daemon up: connections never block, a long answer is made piece by piece in
-// between other work and only as fast as the client reads it, and a client that stops reading,
-// sends a line without end or is one too many is dropped.
+// between other work and only as fast as the client reads it, and a client that stops reading or
+// sends a line without end is dropped. When there are too many, the one that has been silent for
+// longest makes room for the next.
 #pragma once
 
 #include "agent/Commands.h"
@@ -42,6 +43,8 @@ public:
 private:
   class Client;
   void accept();
+  void acceptLater();
+  bool dropOldestIdle();
   void drop(Client const & client);
 
   EventLoop & loop_;

@@ -2,6 +2,7 @@
 // changed. What is not plain is taken for a rule: libwrap reads the file then, as it always did.
 #include "agent/HostsFile.h"
 #include "os/Descriptor.h"
+#include <cerrno>
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -50,7 +51,9 @@ void HostsFile::look(Clock::time_point now) {
 }
 
 bool HostsFile::isWithoutRules(Clock::time_point now) {
+  errno = 0;
   auto const status = statusOf(path_);
+  outOfDescriptors_ = !status && (errno == EMFILE || errno == ENFILE);
   if (!status || !S_ISREG(status->st_mode) || Clock::to_time_t(now) - status->st_ctim.tv_sec < 2)
     return false;
   Stamp const stamp{status->st_dev, status->st_ino, status->st_size, status->st_ctim.tv_sec,

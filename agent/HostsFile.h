@@ -25,6 +25,8 @@ public:
   /// something: a look costs a tenth of what a packet does. A file that has changed within the last
   /// second may do so again and look the same: it is left to libwrap.
   void look(Clock::time_point now);
+  /// True if and only if the last look found no descriptor to look with: libwrap will not either.
+  bool isOutOfDescriptors() const { return outOfDescriptors_; }
 
 private:
   /// What tells a file from another one, and from itself when it has changed.
@@ -44,6 +46,7 @@ private:
   Clock::time_point looked_;
   std::optional<Stamp> known_; // what was read last
   bool hasRules_ = true;       // and what it held
+  bool outOfDescriptors_ = false;
 };
 
 } // namespace Agent

@@ -24,7 +24,8 @@ constexpr char const * examples = R"(Examples:
   Own access rules, and a look at what the interface table's machine does:
     tunnelsnmpd --config tunnelsnmpd.conf --source linux --trace TunnelIfTableSm=6-9
 
-Signals: HUP reads the sources and the configuration again; TERM and INT end the daemon.
+Signals: HUP reads the sources and the configuration again; TERM, INT and QUIT end the daemon, USR1
+and USR2 do nothing.
 Exit status: 0 ended by a signal, 1 failed while running or starting, 2 wrong command line or
 configuration. See also: tunnelsnmpctl --help
 )";

@@ -1,39 +1,40 @@
-// Writes at once and unbuffered, so that an operator's last line is about the last event.
+// One line for each thing that is said, at once, so that an operator's last line is about the last
+// event. Where there is no memory for a text, a line says so in its place.
 #include "agent/Report.h"
-#include <cstdio>
+#include "agent/LineWriter.h"
+#include "os/Text.h"
+#include <new>
 
 namespace Agent {
 
 namespace {
+
+constexpr std::string_view noMemory = "tunnelsnmpd: out of memory";
+
 std::string & keptFailure() {
   static std::string text;
   return text;
 }
 
-std::string oneLine(std::string_view text) {
-  std::string line;
-  for (auto const character : text) {
-    auto const blank = character == '\n' || character == '\r' || character == ' ';
-    if (!blank)
-      line += character;
-    else if (!line.empty() && line.back() != ' ')
-      line += ' ';
-  }
-  while (!line.empty() && line.back() == ' ')
-    line.pop_back();
-  return line;
-}
 } // namespace
 
-void report(std::string_view text) {
-  fmt::print(stderr, "tunnelsnmpd: {}\n", oneLine(text));
-  std::fflush(stderr);
+void report(std::string_view text) noexcept {
+  try {
+    errorStream().line("tunnelsnmpd: " + Os::oneLine(text));
+  } catch (std::bad_alloc const &) {
+    errorStream().line(noMemory);
+  }
 }
 
-void reportFailure(Lumo::Counter & counter, std::string_view where, std::exception const & what) {
+void reportFailure(Lumo::Counter & counter, std::string_view where,
+                   std::exception const & what) noexcept {
   counter.inc();
-  keptFailure() = oneLine(fmt::format("{}: {}", where, what.what()));
-  report(keptFailure());
+  try {
+    keptFailure() = Os::oneLine(fmt::format("{}: {}", where, what.what()));
+    report(keptFailure());
+  } catch (std::bad_alloc const &) {
+    errorStream().line(noMemory);
+  }
 }
 
 std::string const & lastFailure() {

@@ -16,11 +16,13 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-/// Writes "tunnelsnmpd: TEXT" and a newline. Line breaks inside the text become blanks.
-void report(std::string_view text);
+/// Says "tunnelsnmpd: TEXT" in one line (Os::oneLine). What cannot be written is lost and counted
+/// (agent/LineWriter.h); nothing waits for it.
+void report(std::string_view text) noexcept;
 
 /// A failure that the agent survives: counted, reported as "WHERE: WHAT", kept as the last one.
-void reportFailure(Lumo::Counter & counter, std::string_view where, std::exception const & what);
+void reportFailure(Lumo::Counter & counter, std::string_view where,
+                   std::exception const & what) noexcept;
 /// The text of the last reportFailure(), empty when there was none.
 std::string const & lastFailure();
 

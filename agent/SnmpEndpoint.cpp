@@ -11,6 +11,7 @@
 #include "agent/SnmpEndpoint.h"
 #include "platform/Lumo.h"
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <utility>
@@ -71,7 +72,8 @@ bool askForLess(netsnmp_pdu & bulk, std::size_t limit, std::size_t size) {
 int sendOrHangUp(int descriptor, void const * packet, int size) {
   auto const sent =
       ::send(descriptor, packet, static_cast<std::size_t>(size), MSG_DONTWAIT | MSG_NOSIGNAL);
-  if (sent != size) {
+  auto const hasGone = sent < 0 && errno != EAGAIN;
+  if (sent != size && !hasGone) {
     connectionsDropped.inc();
     shutdown(descriptor, SHUT_RDWR); // net-snmp finds its end when it reads, and closes it
   }

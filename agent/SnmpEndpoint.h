@@ -29,6 +29,8 @@ public:
 
   /// The socket of the address.
   int descriptor() const { return descriptor_; }
+  /// True if and only if it takes connections.
+  bool accepts() const { return accept_ != nullptr; }
   /// True if and only if a connection could not be accepted since the last time it was asked: it
   /// still waits, so that the socket stays readable.
   bool acceptFailed();

@@ -9,6 +9,7 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 #include <net-snmp/library/large_fd_set.h>
 
+#include "agent/RateLimit.h"
 #include "agent/Report.h"
 #include "agent/SnmpEngine.h"
 #include "agent/agentx/Subagent.h"
@@ -17,6 +18,8 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <new>
 #include <sys/socket.h>
 #include <tcpd.h>
 #include <unistd.h>
@@ -27,6 +30,7 @@ namespace Agent {
 namespace {
 
 Lumo::Counter configurationFaults("agent-configuration-faults");
+Lumo::Counter linesHeldBack("agent-snmp-lines-held-back");
 
 constexpr char applicationName[] = "tunnelsnmpd";
 /// A connection that there is no descriptor for keeps its listener readable for as long.
@@ -55,6 +59,10 @@ public:
 private:
   netsnmp_large_fd_set set_;
 };
+
+Os::Descriptor spareDescriptor() {
+  return Os::Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
 
 /// The port that a socket is bound to, or 0 when it has none.
 unsigned portOf(int descriptor) {
@@ -108,17 +116,29 @@ public:
     return std::exchange(kept_, {});
   }
 
-  /// Reports a text that is not the last one.
+  /// Reports a text that is not the last one, and not too often: a stranger's packet can have
+  /// net-snmp say something.
   void reportOnce(std::string_view text) {
     if (text == last_)
       return;
+    if (!allowance_.take(RateLimit::Clock::now())) {
+      linesHeldBack.inc();
+      ++heldBack_;
+      return;
+    }
+    if (auto const count = std::exchange(heldBack_, 0); count != 0)
+      report(fmt::format("net-snmp said {} more lines, which were held back", count));
     last_ = text;
     report(text);
   }
 
 private:
   static int logged(int, int, void * message, void * self) {
-    static_cast<Log *>(self)->take(*static_cast<snmp_log_message const *>(message));
+    try {
+      static_cast<Log *>(self)->take(*static_cast<snmp_log_message const *>(message));
+    } catch (std::bad_alloc const &) { // may not pass through net-snmp, which holds a lock now
+      linesHeldBack.inc();
+    }
     return 0;
   }
   void take(snmp_log_message const & message) {
@@ -129,6 +149,8 @@ private:
   }
 
   bool keeping_ = false;
+  RateLimit allowance_{10, std::chrono::seconds(1)};
+  unsigned heldBack_ = 0; // since the last line that was reported
   std::vector<std::string> kept_;
   std::string last_;
 };
@@ -137,7 +159,8 @@ SnmpEngine::SnmpEngine(Os::Loop & loop, SnmpSettings settings)
     : loop_(loop),
       settings_(std::move(settings)),
       log_(std::make_unique<Log>()),
-      hostsFiles_{HostsFile(hosts_allow_table), HostsFile(hosts_deny_table)} {
+      hostsFiles_{HostsFile(hosts_allow_table), HostsFile(hosts_deny_table)},
+      spare_(spareDescriptor()) {
   checkReadable();
   auto master = settings_.agentx ? std::optional(masterAddress(*settings_.agentx)) : std::nullopt;
   setUp();
@@ -251,9 +274,17 @@ void SnmpEngine::shutDown() {
 }
 
 void SnmpEngine::checkReadable() const {
-  if (!settings_.configFile.empty() && access(settings_.configFile.c_str(), R_OK) != 0)
-    throw ConfigurationError(fmt::format("cannot read the configuration {}: {}",
-                                         settings_.configFile, std::strerror(errno)));
+  if (settings_.configFile.empty())
+    return;
+  auto const & path = settings_.configFile;
+  struct stat status {};
+  if (access(path.c_str(), R_OK) != 0 || stat(path.c_str(), &status) != 0)
+    throw ConfigurationError(
+        fmt::format("cannot read the configuration {}: {}", path, std::strerror(errno)));
+  // net-snmp would wait for a pipe's writer, and take a folder for an empty file.
+  if (!S_ISREG(status.st_mode))
+    throw ConfigurationError(
+        fmt::format("cannot read the configuration {}: it is no regular file", path));
 }
 
 void SnmpEngine::requireUnderstood(std::vector<std::string> const & complaints) const {
@@ -273,9 +304,17 @@ void SnmpEngine::read(int descriptor) {
   auto const now = HostsFile::Clock::now();
   for (auto & file : hostsFiles_)
     file.look(now);
+  // libwrap refuses everybody when it cannot open its files. It gets the spare one, but for a
+  // listener, which would only keep it.
+  auto const accepts = endpoint_ && endpoint_->accepts() && descriptor == endpoint_->descriptor();
+  auto const lends = !accepts && std::ranges::any_of(hostsFiles_, &HostsFile::isOutOfDescriptors);
+  if (lends)
+    spare_ = Os::Descriptor();
   DescriptorSet ready;
   NETSNMP_LARGE_FD_SET(descriptor, ready.get());
   snmp_read2(ready.get());
+  if (lends)
+    spare_ = spareDescriptor();
   if (endpoint_ && endpoint_->acceptFailed())
     acceptAgain_ = loop_.after(untilAcceptAgain, [this] {
       acceptAgain_.reset();

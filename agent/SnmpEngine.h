@@ -9,6 +9,7 @@
 #include "agent/HostsFile.h"
 #include "agent/SnmpEndpoint.h"
 #include "agent/agentx/Session.h"
+#include "os/Descriptor.h"
 #include "os/Loop.h"
 #include <array>
 #include <map>
@@ -77,6 +78,7 @@ private:
   SnmpSettings const settings_;
   std::unique_ptr<Log> log_;
   std::array<HostsFile, 2> hostsFiles_;
+  Os::Descriptor spare_;                   // for libwrap, when there is no other
   std::unique_ptr<SnmpEndpoint> endpoint_; // where it listens, when stand-alone
   Os::Loop::Handle acceptAgain_;           // while connections wait there that cannot be accepted
   Watches watched_;

@@ -2,6 +2,7 @@
 // is no error: it is left out.
 #include "agent/Status.h"
 #include "agent/JsonText.h"
+#include "os/Text.h"
 #include <ctime>
 #include <optional>
 #include <utility>
@@ -171,7 +172,7 @@ Json sourceStatus(Sources::Source const & source) {
   return {{"name", source.name()},
           {"state", stateText(status.state)},
           {"reading", status.isReading},
-          {"lastError", status.lastError},
+          {"lastError", Os::oneLine(status.lastError)},
           {"records", recordCounts(status.records)},
           {"fullReads", status.fullReads},
           {"changes", status.changes}};

@@ -1,11 +1,16 @@
 // tunnelsnmpd: the SNMP agent daemon. Options in, signals out; Agent.h says what happens between.
 #include "agent/Agent.h"
+#include "agent/EndSignals.h"
+#include "agent/LineWriter.h"
 #include "agent/Report.h"
 #include "os/StandardStreams.h"
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <new>
+#include <unistd.h>
 
 namespace {
 
@@ -22,30 +27,51 @@ std::string defaultPlugin() {
 void serve(Agent::Options options) {
   Agent::EventLoop loop;
   // From the first moment: a signal during the start takes effect when the loop begins.
-  auto const onTerm = loop.signal(SIGTERM, [&] { loop.stop(); });
-  auto const onInt = loop.signal(SIGINT, [&] { loop.stop(); });
+  Agent::EndSignals const endSignals(loop);
   Agent::Agent * running = nullptr;
   auto const onHup = loop.signal(SIGHUP, [&] { running->reread(); });
 
   Agent::Agent agent(std::move(options), loop);
   running = &agent;
-  // For scripts; a daemon whose output was closed serves as well.
-  (void)Os::writeOut(stdout, fmt::format("tunnelsnmpd: listening on {}\n", agent.listen()));
+  Agent::LineWriter(STDOUT_FILENO)
+      .line(fmt::format("tunnelsnmpd: listening on {}", agent.listen()));
   loop.run([&] { return agent.work(); });
 }
 
-} // namespace
-
-int main(int argc, char ** argv) {
+int run(int argc, char ** argv) {
   Os::secureStandardStreams();
   auto parsed = Agent::parseOptions({argv + 1, argv + argc}, defaultPlugin());
   if (!parsed.options) {
     auto const isWritten = Os::writeOut(parsed.exitStatus == 0 ? stdout : stderr, parsed.text);
     return isWritten ? parsed.exitStatus : std::max(parsed.exitStatus, failed);
   }
+  serve(*std::move(parsed.options));
+  return 0;
+}
+
+/// An exception that nobody can catch, because it left a destructor or the code of another
+/// language: one line, and for want of memory no core file.
+[[noreturn]] void endWithOneLine() {
   try {
-    serve(*std::move(parsed.options));
-    return 0;
+    if (std::current_exception())
+      std::rethrow_exception(std::current_exception());
+  } catch (std::bad_alloc const & error) {
+    Agent::report(error.what());
+    _exit(failed);
+  } catch (std::exception const & error) {
+    Agent::report(error.what());
+  } catch (...) {
+    Agent::report("ended by an exception without a text");
+  }
+  std::abort();
+}
+
+} // namespace
+
+int main(int argc, char ** argv) {
+  std::set_terminate(endWithOneLine);
+  try {
+    return run(argc, argv);
   } catch (Agent::ConfigurationError const & error) {
     Agent::report(error.what());
     return wronglyConfigured;

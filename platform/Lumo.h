@@ -93,6 +93,8 @@ TraceSink traceSinkIs(TraceSink sink);
 /// an object.
 std::string traceLine(TraceMessage const & message);
 
+/// A message for which there is no memory is lost and counted ("lumo-messages-lost"): what traces
+/// goes on.
 void vfmtrace(Tracer const & tracer, int level, std::source_location place, char const * function,
               fmt::string_view format, fmt::format_args arguments);
 

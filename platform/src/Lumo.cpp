@@ -1,12 +1,16 @@
 // Traces, counters and fatal assertions.
 #include "platform/Lumo.h"
 #include <algorithm>
+#include <array>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <new>
+#include <poll.h>
 #include <stdexcept>
+#include <tuple>
+#include <unistd.h>
 #include <utility>
 
 namespace Lumo {
@@ -31,6 +35,8 @@ std::vector<Counter const *> & counterList() {
   static auto & list = *new std::vector<Counter const *>;
   return list;
 }
+
+Counter messagesLost("lumo-messages-lost");
 
 constexpr std::uint32_t allLevels = (1u << levels) - 1;
 
@@ -133,8 +139,12 @@ void vfmtrace(Tracer const & tracer, int level, std::source_location place, char
               fmt::string_view format, fmt::format_args arguments) {
   if (!sink())
     return;
-  auto const text = fmt::vformat(format, arguments);
-  sink()({tracer.handler(), level, place, tracer.object(), function, text});
+  try {
+    auto const text = fmt::vformat(format, arguments);
+    sink()({tracer.handler(), level, place, tracer.object(), function, text});
+  } catch (std::bad_alloc const &) {
+    messagesLost.inc();
+  }
 }
 
 Counter::Counter(char const * name) : name_(name) {
@@ -161,8 +171,14 @@ std::uint64_t counter(std::string_view name) {
 }
 
 void fatal(char const * condition, std::string_view message, char const * file, int line) {
-  fmt::print(stderr, "fatal: {}: {} ({}:{})\n", condition, message, file, line);
-  std::fflush(stderr);
+  // The end must come even where the line cannot be written, and without waiting for a reader.
+  std::array<char, 1024> text{};
+  auto const size = fmt::format_to_n(text.begin(), text.size(), "fatal: {}: {} ({}:{})\n",
+                                     condition, message, file, line)
+                        .size;
+  pollfd stream{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+  if (poll(&stream, 1, 0) == 1)
+    std::ignore = write(STDERR_FILENO, text.data(), std::min(size, text.size()));
   std::abort();
 }
 

@@ -1,12 +1,16 @@
 // The control socket with clients of every kind: slow, greedy, gone.
 #include "agent/ControlSocket.h"
 #include "platform/Lumo.h"
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -255,10 +259,35 @@ TEST_F(ControlSocket, DropsAClientWhoseAnswerFails) {
   EXPECT_TRUE(peer.ended());
 }
 
-TEST_F(ControlSocket, TakesNoMoreClientsThanItMay) {
+TEST_F(ControlSocket, DropsTheOldestSilentClientForOneTooMany) {
   auto & server = start({.clients = 2});
   Peer first(path_);
   Peer second(path_);
+  turnUntil([&] { return server.clients() == 2; });
+  first.put("half a li"); // heard of later than the second
+  settle();
+  Peer third(path_);
+  turnUntil([&] {
+    second.take();
+    return second.ended();
+  });
+  third.put("three\n");
+  EXPECT_EQ("<three>\n", receiveUntil(third, 1));
+  first.put("ne\n");
+  EXPECT_EQ("<half a line>\n", receiveUntil(first, 1));
+  EXPECT_EQ(2u, server.clients());
+}
+
+TEST_F(ControlSocket, RefusesAClientTooManyWhenEachHasSomethingToDo) {
+  auto & server = start({.clients = 2});
+  answer_ = [](std::string_view) -> Agent::Answer {
+    return [](std::string &) { return true; }; // never known
+  };
+  Peer first(path_);
+  Peer second(path_);
+  first.put("one\n");
+  second.put("two\n");
+  turnUntil([&] { return requests_.size() == 2; });
   Peer third(path_);
   turnUntil([&] {
     third.take();
@@ -267,21 +296,110 @@ TEST_F(ControlSocket, TakesNoMoreClientsThanItMay) {
   EXPECT_EQ(2u, server.clients());
 }
 
+TEST_F(ControlSocket, TakesTheClientsThatWaitedForADescriptor) {
+  start();
+  std::vector<int> taken;
+  Peer waiting(path_);
+  for (int next = dup(0); next != -1; next = dup(0))
+    taken.push_back(next);
+  settle();
+  auto const failures = Lumo::counter("agent-control-accept-failures");
+  settle();
+  EXPECT_LE(Lumo::counter("agent-control-accept-failures"), failures + 20) << "it spins";
+  EXPECT_GE(failures, 1u);
+  for (auto const one : taken)
+    close(one);
+  waiting.put("one\n");
+  auto const patience = loop_.after(milliseconds(60'000), [&] { loop_.stop(); });
+  loop_.run([&] { // asleep until something happens
+    if (!requests_.empty())
+      loop_.stop();
+    return false;
+  });
+  EXPECT_EQ(std::vector<std::string>{"one"}, requests_);
+}
+
+TEST_F(ControlSocket, LeavesNoLockBehind) {
+  start();
+  EXPECT_FALSE(std::filesystem::exists(path_ + ".lock"));
+}
+
 TEST_F(ControlSocket, IsRemovedAtItsEnd) {
   start();
   server_.reset();
   EXPECT_FALSE(std::filesystem::exists(path_));
 }
 
-TEST_F(ControlSocket, ReplacesWhatADeadDaemonLeft) {
-  {
-    auto const dead = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path_.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(0, bind(dead, reinterpret_cast<sockaddr *>(&address), sizeof address));
-    close(dead);
+void leaveDeadSocket(std::string const & path) {
+  auto const dead = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  EXPECT_EQ(0, bind(dead, reinterpret_cast<sockaddr *>(&address), sizeof address));
+  close(dead);
+}
+
+struct Channel {
+  Channel() { EXPECT_EQ(0, pipe(ends.data())); }
+  ~Channel() {
+    close(ends[0]);
+    close(ends[1]);
   }
+  std::array<int, 2> ends{};
+};
+
+/// Starts at the path as soon as `begin` is set, says whether it got the socket, and holds it until
+/// `end` has no writer any more.
+[[noreturn]] void startAndHold(std::string const & path, std::atomic<bool> const & begin,
+                               Channel & said, Channel & end) {
+  close(end.ends[1]);
+  Agent::EventLoop loop;
+  while (!begin) {
+  }
+  std::unique_ptr<Agent::ControlSocket> server;
+  char result = 'y';
+  try {
+    server = std::make_unique<Agent::ControlSocket>(
+        loop, path, [](std::string_view) -> Agent::Answer { return {}; });
+  } catch (std::runtime_error const &) {
+    result = 'n';
+  }
+  auto done = write(said.ends[1], &result, 1);
+  done = read(end.ends[0], &result, 1);
+  _exit(static_cast<int>(done));
+}
+
+TEST_F(ControlSocket, IsHadByOneOfThoseThatStartAtOnceInADeadDaemonsPlace) {
+  constexpr int starts = 3;
+  auto * const begin = static_cast<std::atomic<bool> *>(mmap(nullptr, sizeof(std::atomic<bool>),
+                                                             PROT_READ | PROT_WRITE,
+                                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  for (int round = 0; round != 200 && !HasFailure(); ++round) {
+    std::filesystem::remove(path_);
+    leaveDeadSocket(path_);
+    *begin = false;
+    Channel said;
+    std::array<pid_t, starts> children{};
+    {
+      Channel end;
+      for (auto & child : children)
+        if ((child = fork()) == 0)
+          startAndHold(path_, *begin, said, end);
+      std::this_thread::sleep_for(milliseconds(2));
+      *begin = true;
+      std::string results(starts, ' ');
+      for (auto & result : results)
+        EXPECT_EQ(1, read(said.ends[0], &result, 1));
+      EXPECT_EQ(1, std::ranges::count(results, 'y')) << results << " in round " << round;
+    }
+    for (auto const child : children)
+      waitpid(child, nullptr, 0);
+  }
+  munmap(begin, sizeof(std::atomic<bool>));
+}
+
+TEST_F(ControlSocket, ReplacesWhatADeadDaemonLeft) {
+  leaveDeadSocket(path_);
   ASSERT_TRUE(std::filesystem::exists(path_));
   start();
   Peer peer(path_);

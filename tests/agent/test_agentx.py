@@ -1,5 +1,5 @@
 """Runs the real daemon behind a real snmpd as its AgentX master, which comes late, dies, is stopped
-or cannot be reached. With --long each test of time takes longer, as in the promise that it is for;
+or cannot be reached. With --thorough each test of time takes longer, as in the promise that it is for;
 without, all together take some seconds. Times that were measured are printed."""
 
 import os
@@ -206,7 +206,7 @@ class Faults(BehindMaster):
         master = self.start_master()
         self.start_subagent()
         self.wait_until_served()
-        for time_ in range(100 if test_daemon.PATHS.long else 5):
+        for time_ in range(100 if test_daemon.PATHS.thorough else 5):
             master.child.kill()
             master.wait()
             time.sleep(0.1 * (time_ % 7))
@@ -224,7 +224,7 @@ class Faults(BehindMaster):
         self.wait_until_served()
         master.child.send_signal(signal.SIGSTOP)
         try:
-            self.assert_answers_at_once(40 if test_daemon.PATHS.long else 0.5)
+            self.assert_answers_at_once(40 if test_daemon.PATHS.thorough else 0.5)
         finally:
             master.child.send_signal(signal.SIGCONT)
         self.wait_until(self.has_rows)
@@ -275,7 +275,7 @@ class Faults(BehindMaster):
                 self.master_socket = f"tcp:127.0.0.1:{port}"
                 daemon = self.start_subagent()
                 self.assertEqual("connecting", self.master_status()["state"])
-                self.assert_answers_at_once(10 if test_daemon.PATHS.long else 0.5)
+                self.assert_answers_at_once(10 if test_daemon.PATHS.thorough else 0.5)
                 self.assert_ends_within_a_second(daemon)
 
     def test_takes_over_from_another_subagent_with_its_tables(self):

@@ -349,7 +349,8 @@ class Control(DaemonTest):
             self.assertFalse(machine["reconciling"], machine)
             self.assertGreater(len(machine["inputs"]), 0)
         self.assertEqual("inSync", status["sources"][0]["state"])
-        self.assertEqual({"notifiees": 0, "tasks": 0, "callbacks": 0, "last": ""},
+        self.assertEqual({"notifiees": 0, "tasks": 0, "callbacks": 0, "linesLost": 0,
+                          "linesHeldBack": 0, "last": ""},
                          status["failures"])
         self.assertRegex(self.ctl("status"), r"(?m)^ready +yes$")
 
@@ -722,7 +723,8 @@ def main(description):
     parser.add_argument("--enterprise", type=int, default=32473, help="the vendor table's number")
     parser.add_argument("--slow", action="store_true",
                         help="the binaries are instrumented: the end may take its time")
-    parser.add_argument("--long", action="store_true", help="also the tests of some seconds each")
+    parser.add_argument("--thorough", action="store_true",
+                        help="with what takes minutes: see tests/attack")
     PATHS, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], *rest], verbosity=2)
 

@@ -1,6 +1,9 @@
 """What a stranger on the network may send to the real daemon, and what a manager may do that is no
 friend: the daemon goes on, and is there for the others within a second."""
 
+import os
+import resource
+import socket
 import time
 
 import snmpv3
@@ -70,7 +73,7 @@ class SmallAnswers(Strangers):
         self.assert_still_there(manager)
 
     def sizes(self):
-        return range(LEAST, 2001, 97 if self.is_slow() else 1)
+        return range(LEAST, 2001, 1 if test_daemon.PATHS.thorough else 61)
 
     def test_are_shortened_or_too_big_for_every_size(self):
         self.start_with_users()
@@ -127,6 +130,151 @@ class SmallAnswers(Strangers):
                 for name in ({"context": b"c" * length}, {"user": "u" * length}):
                     manager.socket.send(manager.message(bulk, announced, **name))
         self.assert_still_there(self.manager())
+
+
+class Lines(Strangers):
+    def test_packets_that_net_snmp_complains_of_write_no_more_than_a_line_a_second(self):
+        daemon = self.start_with_users()
+        manager = self.manager()
+        began = time.monotonic()
+        for number in range(2000):
+            request = snmpv3.pdu(snmpv3.GET, [f"{CELL}.4.{number}"])
+            manager.socket.send(manager.message(request, number % LEAST, message_id=-1 - number % 2))
+            manager.socket.send(manager.message(request, number % LEAST))
+        self.assert_still_there(self.manager())
+        seconds = time.monotonic() - began
+        held = self.ctl_json("status")["failures"]["linesHeldBack"]
+        self.assertGreater(held, 100)
+        self.assertLess(len(daemon.err), 10 + 2 * (seconds + 2), daemon.err)
+        self.assertGreater(len(daemon.err), 0)
+        time.sleep(1.1)  # so much later one more may be said
+        manager.socket.send(manager.message(request, 1))
+        daemon.wait_for_line(daemon.err, r"net-snmp said \d+ more lines, which were held back$")
+
+    def test_a_stranger_holds_back_no_line_of_the_daemons_own(self):
+        daemon = self.start_with_users()
+        manager = self.manager()
+        for number in range(100):
+            manager.socket.send(manager.message(snmpv3.pdu(snmpv3.GET, []), number))
+        self.assert_still_there(self.manager())
+        self.write("tunnels.json", "{")
+        self.ctl("reread", status=1)
+        daemon.wait_for_line(daemon.err, "^tunnelsnmpd: json:")
+
+
+class Connections(Strangers):
+    """SNMP over TCP."""
+
+    def start_tcp(self, *options):
+        daemon = self.start("--source", "json:" + self.source, *options,
+                            transport=("--listen", "tcp:127.0.0.1:0"))
+        host, port = self.address.removeprefix("tcp:").split(":")
+        self.tcp = (host, int(port))
+        self.address = "tcp:" + ":".join((host, port))
+        return daemon
+
+    def connect(self):
+        connection = socket.create_connection(self.tcp, test_daemon.PATIENCE)
+        self.addCleanup(connection.close)
+        return connection
+
+    @staticmethod
+    def bulk():
+        request = snmpv3.pdu(snmpv3.GETBULK, [f"{CELL}.3"], third=90)
+        return snmpv3.tlv(snmpv3.SEQUENCE, snmpv3.integer(1) + snmpv3.tlv(snmpv3.OCTETS, b"public")
+                          + request)
+
+    def test_a_manager_that_reads_is_answered_all_it_asks_for(self):
+        self.start_tcp()
+        connection = self.connect()
+        connection.sendall(self.bulk() * 50)
+        got = b""
+        for _ in range(50):
+            while len(got) < 4 or len(got) < snmpv3.Element(got[:4] + bytes(70000)).end:
+                part = connection.recv(65536)
+                self.assertNotEqual(b"", part)
+                got += part
+            got = got[snmpv3.Element(got).end:]
+
+    def test_a_manager_that_does_not_read_is_hung_up_on_and_nobody_waits(self):
+        self.start_tcp()
+        stuck = self.connect()
+        stuck.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        stuck.setblocking(False)
+        sent = 0
+        dropped = False
+        end = time.monotonic() + test_daemon.PATIENCE
+        while not dropped and time.monotonic() < end:
+            try:
+                sent += stuck.send(self.bulk())
+            except BlockingIOError:
+                time.sleep(0.01)
+            except OSError:
+                dropped = True
+            if sent % 1000 < 50:
+                began = time.monotonic()
+                self.assertEqual(1, len(self.snmp("snmpget", [f".{CELL}.4.2001"])[0]))
+                self.assertLess(time.monotonic() - began,
+                                test_daemon.PATIENCE if self.is_slow() else 1)
+        self.assertTrue(dropped)
+        counters = self.ctl_json("show", "counters")
+        self.assertEqual(1, counters["agent-snmp-connections-dropped"])
+
+    def test_connections_without_a_descriptor_wait_for_one(self):
+        daemon = self.start_tcp()
+        one = self.connect()
+        one.sendall(self.bulk())
+        self.assertNotEqual(b"", one.recv(65536))  # now it has its descriptor
+        fill = limit_descriptors(daemon)
+        more = [self.connect() for _ in range(fill + 3)]
+        time.sleep(0.3)
+        before = cpu_seconds(daemon)
+        time.sleep(1)
+        self.assertLess(cpu_seconds(daemon) - before, 0.3, "it spins")
+        one.sendall(self.bulk())
+        self.assertNotEqual(b"", one.recv(10))
+        for connection in more[:fill]:
+            connection.close()
+        more[-1].sendall(self.bulk())
+        self.assertNotEqual(b"", more[-1].recv(10))
+
+
+def limit_descriptors(daemon, spare=3):
+    """Leaves the daemon so few descriptors; returns how many."""
+    used = max(int(name) for name in os.listdir(f"/proc/{daemon.child.pid}/fd")) + 1
+    resource.prlimit(daemon.child.pid, resource.RLIMIT_NOFILE, (used + spare, used + spare))
+    free = used - len(os.listdir(f"/proc/{daemon.child.pid}/fd"))
+    return spare + free
+
+
+def cpu_seconds(daemon):
+    with open(f"/proc/{daemon.child.pid}/stat", encoding="ascii") as file:
+        fields = file.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+class Descriptors(Strangers):
+    def test_without_descriptors_snmp_is_answered_and_nothing_spins(self):
+        daemon = self.start_office()
+        fill = limit_descriptors(daemon)
+        clients = []
+        for _ in range(fill + 3):
+            client = socket.socket(socket.AF_UNIX)
+            self.addCleanup(client.close)
+            client.connect(self.control)
+            clients.append(client)
+        time.sleep(0.3)
+        before = cpu_seconds(daemon)
+        time.sleep(1)
+        self.assertLess(cpu_seconds(daemon) - before, 0.3, "it spins")
+        for _ in range(3):
+            self.assertEqual(1, len(self.snmp("snmpget", [f".{CELL}.4.2001"])[0]))
+            time.sleep(0.02)
+        for client in clients[:-1]:
+            client.close()
+        clients[-1].settimeout(test_daemon.PATIENCE)
+        clients[-1].sendall(b'{"command": "version"}\n')
+        self.assertRegex(clients[-1].recv(1000).decode(), '"ok":true')
 
 
 if __name__ == "__main__":

@@ -43,12 +43,13 @@ public:
     machine_ = nullptr;
     machine_ = world_.machine();
     if (!machine_)
-      return; // a listener has released it
-    storeListener_ = Zel::makePtr<OnChange>(*machine_->localAttrStore(),
-                                            [this](auto const & slot) { hearSlot(slot); });
+      return;                                      // a listener has released it
+    auto const store = machine_->localAttrStore(); // a listener may release the machine
+    storeListener_ = Zel::makePtr<OnChange>(
+        *store, [this, &slots = *store](auto const & told) { hearSlot(slots, told); });
   }
-  /// From now on the listeners of table, store and slots do this to what they hear, at most so many
-  /// levels deep.
+  /// From now on the listener of the table does this to what it hears, at most so many levels deep.
+  /// Those of store and slots only listen.
   void whenHeardIs(std::function<void(Side &, std::string const &)> call, int depth) {
     whenHeard_ = std::move(call);
     depth_ = depth;
@@ -78,14 +79,15 @@ private:
     auto const row = world_.mib->tunnelInetConfigTable()[key];
     answer(Zel::valueToStrep(key) + (row ? std::to_string(row->ifIndex()) : " gone"));
   }
-  void hearSlot(Zel::Notification const & notification) {
+  void hearSlot(FlowaCode::TunnelInetConfigTableSm::LocalAttrStore const & store,
+                Zel::Notification const & notification) {
     auto const ifIndex = notification.key<std::uint32_t>();
-    auto const & slot = **machine_->localAttrStore()->tunnelInetConfigByIfIndex().find(ifIndex);
+    auto const & slot = **store.tunnelInetConfigByIfIndex().find(ifIndex);
     valueListeners_[ifIndex] =
         Zel::makePtr<OnChange>(slot, [this, ifIndex, &slot](Zel::Notification const &) {
-          answer(fmt::format("slot {} {}", ifIndex, slot.value() ? "valued" : "emptied"));
+          heard_.push_back(fmt::format("slot {} {}", ifIndex, slot.value() ? "valued" : "emptied"));
         });
-    answer(fmt::format("slot {}", ifIndex));
+    heard_.push_back(fmt::format("slot {}", ifIndex));
   }
   void answer(std::string const & heard) {
     heard_.push_back(heard);
