@@ -7,7 +7,7 @@
 #pragma once
 
 #include "agent/HostsFile.h"
-#include "agent/agentx/Session.h"
+#include "agent/agentx/SessionStatus.h"
 #include "os/Loop.h"
 #include <array>
 #include <map>
