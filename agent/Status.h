@@ -12,7 +12,7 @@
 //   a row are its attributes that are no objects themselves.
 #pragma once
 
-#include "agent/agentx/Session.h"
+#include "agent/agentx/SessionStatus.h"
 #include "platform/Kiln.h"
 #include "platform/Zel.h"
 #include "sources/Source.h"

@@ -47,38 +47,6 @@ std::string_view reasonText(CloseReason reason) {
 
 } // namespace
 
-std::string_view stateText(SessionStatus::State state) {
-  switch (state) {
-  case SessionStatus::State::closed:
-    return "closed";
-  case SessionStatus::State::waiting:
-    return "waiting to try again";
-  case SessionStatus::State::connecting:
-    return "connecting";
-  case SessionStatus::State::opening:
-    return "opening";
-  case SessionStatus::State::registering:
-    return "registering";
-  case SessionStatus::State::serving:
-    return "serving";
-  }
-  return "unknown";
-}
-
-std::string_view stateText(RegionStatus::State state) {
-  switch (state) {
-  case RegionStatus::State::unasked:
-    return "not asked for";
-  case RegionStatus::State::asked:
-    return "asked for";
-  case RegionStatus::State::registered:
-    return "registered";
-  case RegionStatus::State::refused:
-    return "refused";
-  }
-  return "unknown";
-}
-
 Session::Session(Os::Loop & loop, MasterAddress address, Host & host)
     : loop_(loop),
       address_(std::move(address)),

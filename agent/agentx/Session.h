@@ -5,29 +5,29 @@
 //
 // States:
 //
-// | state       | what holds                                                              | goes on
-// to |
-// |-------------|-------------------------------------------------------------------------|------------|
-// | closed      | nothing is tried: before start() and after close()                      |
-// connecting | | waiting     | no connection; a timer runs until the next try | connecting | |
-// connecting  | the system connects the socket; connectPatience runs                    | opening |
-// | opening     | connected; the Open is sent; exchangePatience runs                      |
-// registering, serving | | registering | the master has opened the session; a region is not
-// registered, or not yet; what is registered is served | serving | | serving     | every region is
-// registered                                              | registering (a region was added) |
+// | state       | what holds                                          | goes on to            |
+// |-------------|-----------------------------------------------------|-----------------------|
+// | closed      | nothing is tried: before start() and after close()  | connecting            |
+// | waiting     | no connection; a timer runs until the next try      | connecting            |
+// | connecting  | the system connects; connectPatience runs           | opening               |
+// | opening     | the Open is sent; exchangePatience runs             | registering, serving  |
+// | registering | the session is open; some region is not registered; | serving               |
+// |             | requests for the others are answered                |                       |
+// | serving     | every region is registered                          | registering, when one |
+// |             |                                                     | is added              |
 //
 // From each of the last four a fault leads to waiting, and from all of them close() to closed.
 #pragma once
 
 #include "agent/agentx/MasterAddress.h"
 #include "agent/agentx/Pdu.h"
+#include "agent/agentx/SessionStatus.h"
 #include "agent/agentx/Stream.h"
 #include "os/Loop.h"
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,26 +50,6 @@ inline constexpr std::chrono::milliseconds pingPeriod{15000};
 inline constexpr std::size_t mostUnsent = 2 * largestPayload;
 /// Messages that are served in one turn of the loop.
 inline constexpr int messagesInTurn = 16;
-
-struct RegionStatus {
-  enum class State : std::uint8_t { unasked, asked, registered, refused };
-  Region region;
-  State state = State::unasked;
-  Error reason = Error::none; ///< of the last refusal
-};
-
-struct SessionStatus {
-  enum class State : std::uint8_t { closed, waiting, connecting, opening, registering, serving };
-  std::string address; ///< the master's, as it was given
-  State state = State::closed;
-  std::chrono::system_clock::time_point since; ///< when it began to serve, or ceased to
-  std::uint32_t session = 0;                   ///< the master's number, in the last two states
-  std::uint64_t sessions = 0;                  ///< that were opened up to now
-  std::string lastError;                       ///< one line; empty when there was none
-  std::vector<RegionStatus> regions;
-};
-std::string_view stateText(SessionStatus::State state);
-std::string_view stateText(RegionStatus::State state);
 
 class Session {
 public:

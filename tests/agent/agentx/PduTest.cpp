@@ -1,6 +1,7 @@
 // The messages of AgentX against octets that were written down by hand from the layouts of RFC 2741
 // sections 5 and 6, in both byte orders, and against octets that are no message.
 #include "agent/agentx/Pdu.h"
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <sstream>
 
