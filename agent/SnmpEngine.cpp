@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <new>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <tcpd.h>
 #include <unistd.h>
 #include <utility>

@@ -297,4 +297,4 @@ class Clients(Faults):
 
 
 if __name__ == "__main__":
-    test_daemon.run()
+    test_daemon.main(__doc__)
