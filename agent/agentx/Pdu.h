@@ -5,7 +5,6 @@
 // subagent that has none of them is never sent one.
 #pragma once
 
-#include <absl/container/inlined_vector.h>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -17,7 +16,7 @@
 namespace Agent::AgentX {
 
 /// Sub-identifiers, at most longestOid of them. As the end of a search range, none: no end.
-using Oid = absl::InlinedVector<std::uint32_t, 24>;
+using Oid = std::vector<std::uint32_t>;
 inline constexpr std::size_t longestOid = 128;
 /// "1.3.6.1.2.1.10.131"; of none, "".
 std::string oidText(Oid const & oid);

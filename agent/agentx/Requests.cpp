@@ -181,10 +181,12 @@ std::vector<std::size_t> Requests::Walk::open(Wanted wanted) const {
 template <class Take>
 void Requests::Walk::ask(Question question, std::vector<std::size_t> asked, Take take) {
   std::vector<VarBind> names;
+  names.reserve(asked.size());
   for (auto const i : asked)
     names.push_back({ranges_[i].start, ValueType::null, {}});
   agent_.ask(question, context_, 0, names,
-             [self = shared_from_this(), asked = std::move(asked), take](Response response) {
+             [self = shared_from_this(), asked = std::move(asked),
+              take = std::move(take)](Response response) {
                if (response.error == Error::none && response.varBinds.size() == asked.size()) {
                  take(response.varBinds);
                  return;
