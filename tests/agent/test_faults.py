@@ -176,8 +176,8 @@ class Memory(Faults):
     def test_a_file_that_there_is_no_memory_for_leaves_what_was_there(self):
         daemon = self.start_office()
         served = self.walk()
-        self.limit(daemon, 32 << 20)
-        self.write("tunnels.json", json.dumps(many_tunnels(150_000)))
+        self.limit(daemon, 0)
+        self.write("tunnels.json", json.dumps(many_tunnels(400_000)))
         errors = []
 
         def has_given_up():
