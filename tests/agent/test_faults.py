@@ -190,7 +190,7 @@ class Memory(Faults):
 
         self.wait_until(has_given_up)
         self.assertEqual(served, self.walk())
-        self.assertIn("out of memory", errors[-1])
+        self.assertIn("there is not enough memory", errors[-1])
         self.assertEqual(0, daemon.end()[0], daemon.err)
 
     def test_a_start_without_memory_ends_with_one_line(self):
