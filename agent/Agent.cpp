@@ -227,7 +227,7 @@ std::vector<std::string> Agent::rereadConfiguration() {
   try {
     snmp_->reread();
     return {};
-  } catch (ConfigurationError const & error) {
+  } catch (std::exception const & error) {
     return {error.what()};
   }
 }

@@ -299,9 +299,9 @@ ControlSocket::ControlSocket(EventLoop & loop, std::string path, Handler handler
 ControlSocket::~ControlSocket() {
   watch_.reset();
   clients_.clear();
-  EndSignals::fileIs({});
   if (inodeAt(path_) == inode_)
     unlink(path_.c_str());
+  EndSignals::fileIs({});
 }
 
 void ControlSocket::accept() {

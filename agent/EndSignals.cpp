@@ -31,13 +31,15 @@ std::atomic<int> eventDescriptor = Os::Descriptor::none;
 timer_t deadline;
 std::array<char, Os::UnixAddress::longestPath + 1> file{};
 std::atomic<bool> hasFile = false;
+std::atomic<bool> isAsked = false;
 std::atomic<bool> undoing = false; // what is left to do only gives memory back
 
 void asked(int) {
   auto const error = errno;
   std::uint64_t const one = 1;
   std::ignore = write(eventDescriptor, &one, sizeof one);
-  timer_settime(deadline, 0, &patience, nullptr);
+  if (!isAsked.exchange(true)) // who asks again waits no longer for it
+    timer_settime(deadline, 0, &patience, nullptr);
   errno = error;
 }
 
@@ -81,6 +83,7 @@ EndSignals::EndSignals(EventLoop & loop)
       watch_(loop.readable(event_.get(), [this] { noticed(); })) {
   eventDescriptor = event_.get();
   deadline = timer_;
+  isAsked = false;
   undoing = false;
   handle(SIGALRM, &endNow);
   for (auto const number : ending)

@@ -40,10 +40,15 @@ std::shared_ptr<RereadOutcome const> Rereads::wish() {
 
 void Rereads::begin() {
   failures_ = readConfiguration_();
-  for (auto const & source : sources_)
-    source->reread();
-  patienceEnds_ = loop_.after(patience, [this] { end(); });
-  look();
+  try {
+    for (auto const & source : sources_)
+      source->reread();
+    patienceEnds_ = loop_.after(patience, [this] { end(); });
+    look();
+  } catch (std::exception const & error) { // else nobody would ever end it
+    failures_.emplace_back(error.what());
+    end();
+  }
 }
 
 void Rereads::look() {

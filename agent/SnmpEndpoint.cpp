@@ -31,6 +31,8 @@ constexpr std::size_t largestMessage = 65507;
 constexpr long roomForAny = long{4} << 20;
 /// The longest name makes a varbind of some 640 octets: with fewer of them an answer fits.
 constexpr std::size_t fewNames = 90;
+/// More than a datagram can hold. A stream can, and each takes net-snmp a kilobyte and some time.
+constexpr std::size_t manyNames = 6000;
 /// Of a connection, in octets: a whole answer fits while the manager reads the one before.
 constexpr int sendBuffer = 200'000;
 
@@ -42,12 +44,12 @@ bool isRequest(int operation, netsnmp_pdu const & pdu) {
           pdu.command == SNMP_MSG_GETBULK || pdu.command == SNMP_MSG_SET);
 }
 
-bool hasFewNames(netsnmp_pdu const & pdu) {
+/// Looks no further than it must.
+bool hasMoreNamesThan(std::size_t limit, netsnmp_pdu const & pdu) {
   std::size_t count = 0;
-  for (auto const * one = pdu.variables; one != nullptr && count <= fewNames;
-       one = one->next_variable)
+  for (auto const * one = pdu.variables; one != nullptr && count <= limit; one = one->next_variable)
     ++count;
-  return count <= fewNames;
+  return count > limit;
 }
 
 /// What the manager takes. An SNMPv2c message announces nothing, and RFC 3412 section 6 allows to
@@ -114,13 +116,18 @@ bool SnmpEndpoint::acceptFailed() {
 
 int SnmpEndpoint::received(int operation, netsnmp_session * session, int id, netsnmp_pdu * pdu,
                            void * self) {
-  if (isRequest(operation, *pdu) && (announcedBy(*pdu) < largestMessage || !hasFewNames(*pdu)))
+  if (isRequest(operation, *pdu) &&
+      (announcedBy(*pdu) < largestMessage || hasMoreNamesThan(fewNames, *pdu)))
     return static_cast<SnmpEndpoint *>(self)->answer(session, id, *pdu);
   return handle_snmp_packet(operation, session, id, pdu, nullptr);
 }
 
 // The agent works on a copy of the request and leaves the request as it was.
 int SnmpEndpoint::answer(netsnmp_session * session, int id, netsnmp_pdu & request) {
+  if (hasMoreNamesThan(manyNames, request)) {
+    sayTooBig(session, request);
+    return 1;
+  }
   limit_ = announcedBy(request);
   request.msgMaxSize = roomForAny;
   while (!fits(session, id, request))

@@ -120,8 +120,10 @@ public:
   /// Reports a text that is not the last one, and not too often: a stranger's packet can have
   /// net-snmp say something.
   void reportOnce(std::string_view text) {
-    if (text == last_)
+    if (text == last_) {
+      linesHeldBack.inc();
       return;
+    }
     if (!allowance_.take(RateLimit::Clock::now())) {
       linesHeldBack.inc();
       ++heldBack_;

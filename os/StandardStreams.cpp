@@ -23,6 +23,7 @@ void secureStandardStreams() {
   for (auto const stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
     occupy(stream);
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool writeOut(std::FILE * stream, std::string_view text) {

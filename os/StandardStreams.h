@@ -9,7 +9,8 @@ namespace Os {
 
 /// Sees to it that no file or socket that is opened later becomes a standard stream because that
 /// one was closed: reading and writing at a closed one go on to fail. From now on a write to a pipe
-/// without a reader fails with EPIPE and sends no signal. To be called first of all.
+/// without a reader fails with EPIPE, one to a file that may not grow with EFBIG, and neither sends
+/// a signal. To be called first of all.
 void secureStandardStreams();
 
 /// Writes all of the text to where the stream leads. True if and only if it is there; else errno

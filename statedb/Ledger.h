@@ -196,18 +196,7 @@ private:
   template <class Make>
   void change(Key const & key, Make const & make) {
     ++changes_;
-    auto isOutOfMemory = false;
-    auto const makeOrNote = [&] {
-      try {
-        make();
-      } catch (std::bad_alloc const &) {
-        isOutOfMemory = true;
-        throw;
-      }
-    };
-    makeChange(notifieeFailed_, makeOrNote, [&] { return place_.pointer(key); });
-    if (isOutOfMemory)
-      throw std::bad_alloc();
+    makeChange(notifieeFailed_, make, [&] { return place_.pointer(key); });
   }
   template <class Map, class IsLost>
   static void forgetIn(Map & map, Key const & first, IsLost const & isLost) {

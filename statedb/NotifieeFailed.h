@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -24,12 +25,16 @@ std::uint64_t changesMade();
 void countChange();
 
 /// Makes a change, and counts it ("statedb-changes"). What notifiees raise is counted and reported
-/// with the text that `pointer` gives.
+/// with the text that `pointer` gives. Raises std::bad_alloc, since nobody knows whether the change
+/// was made then.
 template <class Change, class Pointer>
 void makeChange(NotifieeFailed const & report, Change const & make, Pointer const & pointer) {
   countChange();
   try {
     make();
+  } catch (std::bad_alloc const & exception) {
+    notifieeFailed(report, pointer(), exception);
+    throw;
   } catch (std::exception const & exception) {
     notifieeFailed(report, pointer(), exception);
   }

@@ -18,6 +18,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fmt/format.h>
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -35,12 +37,13 @@ int commandOf(Question question);
 /// A list of varbinds that grows at its end.
 class VarBindList {
 public:
+  /// The varbinds are the PDU's. Requires: it has none.
+  explicit VarBindList(netsnmp_pdu & pdu) : end_(&pdu.variables) {}
+  /// Leaves out what net-snmp cannot hold.
   void append(VarBind const & varBind);
-  netsnmp_variable_list * release() { return std::exchange(first_, nullptr); }
 
 private:
-  netsnmp_variable_list * first_ = nullptr;
-  netsnmp_variable_list ** end_ = &first_;
+  netsnmp_variable_list ** end_;
 };
 
 VarBind toVarBind(netsnmp_variable_list const & from);
@@ -65,23 +68,26 @@ LocalAgent::~LocalAgent() {
 
 void LocalAgent::ask(Question question, std::string const & context, std::uint32_t transaction,
                      std::vector<VarBind> const & varBinds, Done done) {
+  std::unique_ptr<netsnmp_pdu, decltype(&snmp_free_pdu)> const pdu( // net-snmp works with a copy
+      snmp_pdu_create(commandOf(question)), &snmp_free_pdu);
+  if (!pdu)
+    throw std::bad_alloc();
   auto const request = ++lastRequest_;
-  asked_[request].done = std::move(done);
-  auto * const pdu = snmp_pdu_create(commandOf(question));
   pdu->version = SNMP_VERSION_2c;
   pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
   pdu->reqid = request;
   pdu->transid = static_cast<long>(transaction);
   if (!context.empty()) { // the default one has no name
     pdu->contextName = strdup(context.c_str());
+    if (pdu->contextName == nullptr)
+      throw std::bad_alloc();
     pdu->contextNameLen = context.size();
   }
-  VarBindList list;
+  VarBindList list(*pdu);
   for (auto const & varBind : varBinds)
     list.append(varBind);
-  pdu->variables = list.release();
-  handle_snmp_packet(NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE, session_, 0, pdu, nullptr);
-  snmp_free_pdu(pdu); // net-snmp works with a copy
+  asked_[request].done = std::move(done);
+  handle_snmp_packet(NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE, session_, 0, pdu.get(), nullptr);
 }
 
 void LocalAgent::deliver() {

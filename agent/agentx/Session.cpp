@@ -134,8 +134,10 @@ void Session::connected() {
   writing_.reset();
   timer_.reset();
   stateIs(State::opening);
-  ask(Type::open, Open{0, {}, description});
-  send();
+  guarded([this] {
+    ask(Type::open, Open{0, {}, description});
+    send();
+  });
 }
 
 void Session::opened(Header const & header, Response const & response) {
@@ -230,8 +232,8 @@ void Session::refuse(Header const & header, Error error) {
 void Session::registerRegions() {
   for (auto & one : status_.regions)
     if (one.state == RegionStatus::State::unasked) {
-      one.state = RegionStatus::State::asked;
       ask(Type::registration, Registration{0, one.region}, one.region);
+      one.state = RegionStatus::State::asked;
     }
 }
 
@@ -262,8 +264,10 @@ void Session::tryRefusedLater() {
     for (auto & one : status_.regions)
       if (one.state == RegionStatus::State::refused)
         one.state = RegionStatus::State::unasked;
-    registerRegions();
-    send();
+    guarded([this] {
+      registerRegions();
+      send();
+    });
   });
   refusalPause_ = std::min(2 * refusalPause_, longestRefusalPause);
 }
@@ -281,8 +285,10 @@ void Session::lookAtRegions() {
 }
 
 void Session::ping() {
-  ask(Type::ping, Ping{});
-  send();
+  guarded([this] {
+    ask(Type::ping, Ping{});
+    send();
+  });
 }
 
 void Session::ask(Type type, Body const & body, Region const & region) {

@@ -72,6 +72,12 @@ class ErrorStream(Faults):
         with open("/dev/full", "w", encoding="ascii") as full:
             self.work_through(self.launch_raw(err=full))
 
+    def test_in_a_file_that_may_not_grow_lines_are_lost_and_nothing_else(self):
+        with open(self.path("log"), "w", encoding="ascii") as log:
+            child = self.launch_raw(err=log)
+        resource.prlimit(child.pid, resource.RLIMIT_FSIZE, (10, 10))
+        self.work_through(child)
+
     def test_without_a_reader_lines_are_lost_and_nothing_else(self):
         reader, writer = os.pipe()
         child = self.launch_raw(err=writer)

@@ -220,6 +220,16 @@ class Connections(Strangers):
         counters = self.ctl_json("show", "counters")
         self.assertEqual(1, counters["agent-snmp-connections-dropped"])
 
+    def test_a_request_of_very_many_names_is_too_big_and_soon_refused(self):
+        self.start_tcp()
+        request = snmpv3.pdu(snmpv3.GET, [f"{CELL}.3"] * 100_000)
+        manager = self.connect()
+        manager.sendall(snmpv3.tlv(snmpv3.SEQUENCE, snmpv3.integer(1) +
+                                   snmpv3.tlv(snmpv3.OCTETS, b"public") + request))
+        answer = manager.recv(65536)
+        too_big = snmpv3.integer(1) + snmpv3.integer(0) + snmpv3.tlv(snmpv3.SEQUENCE, b"")
+        self.assertTrue(answer.endswith(too_big), answer)
+
     def test_connections_without_a_descriptor_wait_for_one(self):
         daemon = self.start_tcp()
         one = self.connect()

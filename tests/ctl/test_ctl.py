@@ -174,7 +174,6 @@ class AnOutputThatTakesNothing(CtlTest):
         self.start_daemon()
 
         def no_room():
-            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (10, 10))
         with open(self.path("out"), "wb") as out:
             done = subprocess.run([PATHS.ctl, "--control", self.control, "status"], stdout=out,
