@@ -38,8 +38,8 @@ constexpr int sendBuffer = 200'000;
 
 SnmpEndpoint * current = nullptr;
 
-bool isRequest(int operation, netsnmp_pdu const & pdu) {
-  return operation == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE && pdu.version != SNMP_VERSION_1 &&
+bool isRequest(netsnmp_pdu const & pdu) {
+  return pdu.version != SNMP_VERSION_1 &&
          (pdu.command == SNMP_MSG_GET || pdu.command == SNMP_MSG_GETNEXT ||
           pdu.command == SNMP_MSG_GETBULK || pdu.command == SNMP_MSG_SET);
 }
@@ -116,7 +116,8 @@ bool SnmpEndpoint::acceptFailed() {
 
 int SnmpEndpoint::received(int operation, netsnmp_session * session, int id, netsnmp_pdu * pdu,
                            void * self) {
-  if (isRequest(operation, *pdu) &&
+  auto const isMessage = operation == NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE; // else there is no PDU
+  if (isMessage && isRequest(*pdu) &&
       (announcedBy(*pdu) < largestMessage || hasMoreNamesThan(fewNames, *pdu)))
     return static_cast<SnmpEndpoint *>(self)->answer(session, id, *pdu);
   return handle_snmp_packet(operation, session, id, pdu, nullptr);

@@ -1,4 +1,4 @@
-// Bounds are checked while nlohmann's parser works, or before.
+// Bounds are checked before nlohmann's parser works.
 #include "json/Input.h"
 #include <algorithm>
 #include <fmt/format.h>
@@ -21,14 +21,22 @@ void requireNoNul(std::string_view text) {
     throw Wrong(fmt::format("line {}: {}", lineAt(text, place), holdsNul));
 }
 
-/// Asked by the parser at each step. Never leaves anything out.
-template <class AnyJson>
-bool keep(int depth, typename AnyJson::parse_event_t event, AnyJson &) {
-  using Event = typename AnyJson::parse_event_t;
-  auto const opens = event == Event::object_start || event == Event::array_start;
-  if (opens && static_cast<std::size_t>(depth) >= deepest)
-    throw Wrong(tooDeep());
-  return true;
+/// The parser itself could be asked at each step, but then it goes through an array or object again
+/// behind each of its elements. Brackets inside strings do not count.
+void requireNotDeep(std::string_view text) {
+  std::size_t depth = 0;
+  bool isInString = false;
+  for (std::size_t i = 0; i != text.size(); ++i) {
+    auto const character = text[i];
+    if (character == '"')
+      isInString = !isInString;
+    else if (isInString && character == '\\' && i + 1 != text.size())
+      ++i;
+    else if (!isInString && (character == '[' || character == '{') && ++depth > deepest)
+      throw Wrong(tooDeep());
+    else if (!isInString && (character == ']' || character == '}') && depth != 0)
+      --depth;
+  }
 }
 
 /// Quoted input may be in no encoding at all, and may have been cut in the middle of a character.
@@ -47,8 +55,9 @@ std::string inAscii(std::string_view text) {
 template <class AnyJson>
 AnyJson parse(std::string_view text) {
   requireNoNul(text);
+  requireNotDeep(text);
   try {
-    return AnyJson::parse(text, keep<AnyJson>);
+    return AnyJson::parse(text);
   } catch (typename AnyJson::parse_error const & error) {
     auto const place = std::min(error.byte == 0 ? 0 : error.byte - 1, text.size());
     throw Wrong(fmt::format("line {}: {}", lineAt(text, place), plainReason(error)));

@@ -5,7 +5,6 @@
 #include "sources/json/DocumentLevels.h"
 #include "statedb/Codec.h"
 #include "json/Input.h"
-#include <absl/container/btree_set.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -17,6 +16,7 @@
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -136,7 +136,9 @@ public:
 private:
   struct OneLevel {
     std::string key{}; // the last one
-    absl::btree_set<std::string> keys{};
+    // Of the standard library: the B-tree's loses memory when it gets none in the middle of
+    // growing.
+    std::set<std::string> keys{};
     std::unique_ptr<DocumentLevel> content{}; // null where nothing is read any more
     std::optional<std::size_t> elements{};    // of an array: how many have begun
   };
@@ -145,7 +147,7 @@ private:
   bool value(Value && value);
   void valueBegins();
   bool mayOpen();
-  void forget(absl::btree_set<std::string> & keys) const;
+  void forget(std::set<std::string> & keys) const;
   template <class Tell>
   void tell(Tell tell);
   void doesNotFit(std::string_view reason);
@@ -365,7 +367,7 @@ bool Listener::mayOpen() {
 }
 
 // Not all at once: to forget a hundred thousand keys takes a millisecond.
-void Listener::forget(absl::btree_set<std::string> & keys) const {
+void Listener::forget(std::set<std::string> & keys) const {
   for (; keys.size() > keysAPiece; text_.betweenPieces())
     keys.erase(keys.begin(), std::next(keys.begin(), keysAPiece));
 }

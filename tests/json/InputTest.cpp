@@ -80,6 +80,13 @@ TEST(JsonInput, CountsDepthAndNotArrays) {
   EXPECT_EQ(wrong(wide + "[]]"), "");
 }
 
+TEST(JsonInput, CountsNoBracketsInsideStrings) {
+  std::string const brackets(100, '[');
+  auto const text = R"(["\\", "a\"{)" + brackets + R"(", "\u005b)" + brackets + R"("])";
+  EXPECT_EQ(JsonInput::parse<nlohmann::json>(text).size(), 3u);
+  EXPECT_THROW(JsonInput::parse<nlohmann::json>(R"(["\\", )" + brackets), JsonInput::Wrong);
+}
+
 TEST(JsonInput, NamesNothingOfTheLibrary) {
   for (std::string const text : {"", "{", "[1e999]", "nul", "\"\xff\"", "{\"a\" 1}", "\"\\ud800\""})
     EXPECT_THAT(wrong(text), testing::Not(testing::ContainsRegex("json\\.|exception|parse_error")))
