@@ -53,7 +53,7 @@ void operator delete(void * memory, std::size_t) noexcept {
 
 // Abseil's B-tree loses a node when it gets no memory in the middle of its growth; nothing else
 // may.
-extern "C" char const * __lsan_default_suppressions();
+extern "C" [[gnu::visibility("default")]] char const * __lsan_default_suppressions();
 extern "C" char const * __lsan_default_suppressions() {
   return "leak:container_internal::btree\n";
 }
