@@ -17,7 +17,7 @@
 namespace Agent {
 
 /// What came of a patch: the reason why nothing was changed, empty when all is; nothing while it is
-/// under way.
+/// under way. When memory ran out in the middle, what came before is changed.
 using PatchOutcome = std::optional<std::string>;
 
 /// Life cycle: the document outlives it. Its end leaves what was changed until then.

@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
-#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -191,8 +190,6 @@ private:
     if (place_.isThere(key))
       change(key, [&] { place_.remove(key); });
   }
-  // When memory runs out the change may not have been made, or may not have been heard of: that is
-  // no notifiee's own affair.
   template <class Make>
   void change(Key const & key, Make const & make) {
     ++changes_;

@@ -25,8 +25,8 @@ std::uint64_t changesMade();
 void countChange();
 
 /// Makes a change, and counts it ("statedb-changes"). What notifiees raise is counted and reported
-/// with the text that `pointer` gives. Raises std::bad_alloc, since nobody knows whether the change
-/// was made then.
+/// with the text that `pointer` gives. Raises std::bad_alloc, which is no
+/// notifiee's own affair: nobody knows whether the change was made or heard of.
 template <class Change, class Pointer>
 void makeChange(NotifieeFailed const & report, Change const & make, Pointer const & pointer) {
   countChange();
