@@ -169,7 +169,7 @@ void Agent::requireTraceHandles() const {
 
 void Agent::startSources() {
   Sources::Surroundings const surroundings{
-      loop_, publishers_, links_,
+      loop_, publishers_, links_, boundLinks_,
       [this](Sources::Source const & source) { sourceHasChanged(source); }};
   rereads_.emplace(loop_, sources_, [this] { return rereadConfiguration(); });
   for (auto const & text : options_.sources) {

@@ -74,6 +74,7 @@ private:
   StateDb::StateDocument document_;
   StateDb::Publishers publishers_;
   Sources::Links links_;
+  Sources::Ike::BoundLinks boundLinks_;
   std::unique_ptr<SnmpEngine> snmp_;
   std::unique_ptr<Plugin> plugin_;
   std::vector<std::unique_ptr<Sources::Source>> sources_;

@@ -253,7 +253,9 @@ Json json(std::string const & file) {
   StateDb::StateDb database;
   StateDb::Publishers publishers(database);
   Links links;
-  auto const source = makeJsonSource(file, {loop, publishers, links}, std::chrono::minutes(1));
+  Ike::BoundLinks boundLinks;
+  auto const source =
+      makeJsonSource(file, {loop, publishers, links, boundLinks}, std::chrono::minutes(1));
   auto const before = ownMemory("VmHWM:");
   auto const cpu = cpuNow();
   source->start();

@@ -29,6 +29,15 @@ struct Link {
   std::optional<std::uint32_t> outputKey = {};
   /// The index of the link that it is bound to; nothing when it is bound to none.
   std::optional<std::uint32_t> lower = {};
+  /// Where the outer packets come from and go to, as the link itself says; the empty address where
+  /// it does not.
+  Plexa::IpGenAddr local = {};
+  Plexa::IpGenAddr remote = {};
+  /// The UDP port that the outer packets go to; kinds "vxlan" and "geneve" have it.
+  std::optional<std::uint16_t> port = {};
+  /// True if and only if the outer packets leave in another network namespace, whose policies
+  /// cannot be seen from here.
+  bool isCarriedElsewhere = false;
 
   bool operator==(Link const &) const = default;
 };

@@ -10,10 +10,14 @@
 
 #include "os/Loop.h"
 #include "sources/Links.h"
+#include "sources/ike/Binding.h"
+#include "sources/ike/BoundLinks.h"
 #include "statedb/Publisher.h"
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Sources {
 
@@ -24,6 +28,7 @@ struct Surroundings {
   Os::Loop & loop;
   StateDb::Publishers & publishers; ///< a source makes a Publisher of its own from it
   Links & links;
+  Ike::BoundLinks & boundLinks;
   /// Called after a source has become degraded, or in sync again. May ask for its status; must not
   /// change it.
   std::function<void(Source const &)> stateChanged = {};
@@ -42,6 +47,8 @@ struct SourceStatus {
   StateDb::Publisher::Counts records; ///< published now
   std::uint64_t fullReads = 0;        ///< complete reads done
   std::uint64_t changes = 0;          ///< records inserted, changed or removed
+  /// What else there is to say, by name, each one line: {"daemon", "strongSwan 5.9.8"}.
+  std::vector<std::pair<std::string, std::string>> details = {};
 };
 
 /// Lives from its creation to the end of the agent. Destruction leaves what was published in place.
@@ -58,6 +65,8 @@ public:
   /// status().isReading is false again. Raises nothing: a failure shows in status().
   virtual void reread() = 0;
   virtual SourceStatus status() const = 0;
+  /// What it knows of IPsec connections, for people; empty when it knows of none.
+  virtual std::vector<Ike::ConnectionReport> connections() const { return {}; }
 };
 
 } // namespace Sources

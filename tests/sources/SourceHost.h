@@ -27,7 +27,7 @@ public:
   ~SourceHost() { Kiln::TaskSchedulerRoot::schedulerIs(nullptr); }
 
   Sources::Surroundings surroundings() {
-    return {loop, publishers, links,
+    return {loop, publishers, links, boundLinks,
             [this](Sources::Source const & source) { told.push_back(source.status().state); }};
   }
 
@@ -55,6 +55,7 @@ public:
   StateDb::StateDocument document{database};
   StateDb::Publishers publishers{database};
   Sources::Links links;
+  Sources::Ike::BoundLinks boundLinks;
   /// The states that the sources have come to.
   std::vector<Sources::SourceStatus::State> told;
 };
