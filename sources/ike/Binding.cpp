@@ -449,8 +449,7 @@ void Binding::State::report(std::string const & connection, Known const & known)
 }
 
 ConnectionReport Binding::State::reportOf(std::string const & connection, Line const & line) const {
-  ConnectionReport report{
-      .connection = connection, .child = line.child, .interface = {}, .reason = line.reason};
+  ConnectionReport report{.connection = connection, .child = line.child, .reason = line.reason};
   if (!line.intfId)
     return report;
   auto const & owner = *owners.at(*line.intfId).connection;
