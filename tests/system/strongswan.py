@@ -1,6 +1,5 @@
 """Two real strongSwan daemons on this machine, each in a network namespace of its own, for tests and
-recordings: Debian's packages, unpacked beside the build and never installed, so that nothing is
-started on the machine itself.
+recordings: Debian's packages, unpacked beside the build.
 
 Everything hangs on the process that makes it: when that ends, in whatever way, its daemons are killed
 and its namespaces vanish with the last process in them.
@@ -16,6 +15,7 @@ import subprocess
 import tempfile
 import time
 
+import packages
 import vici_client
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
@@ -45,39 +45,20 @@ CHARON_CONF = """charon {{
 SWANCTL_CONF = "swanctl {\n  load =\n}\n"
 
 
-class Unavailable(Exception):
-    """What is missing on this machine, in one line."""
-
-
-def unpack():
-    """Fetches the packages and unpacks them, once; installs nothing."""
-    if (UNPACKED / "usr/sbin/swanctl").exists():
-        return
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o777)  # apt fetches as a user of its own
-        done = subprocess.run(["apt-get", "download", "-qq", *PACKAGES], cwd=folder,
-                              capture_output=True, text=True, check=False)
-        if done.returncode != 0:
-            raise Unavailable("cannot fetch strongSwan's packages: "
-                              + done.stderr.strip().splitlines()[-1])
-        for package in pathlib.Path(folder).glob("*.deb"):
-            subprocess.run(["dpkg-deb", "-x", package, UNPACKED], check=True)
-
-
 def probe():
-    """Raises Unavailable when this machine cannot have the two daemons."""
+    """Raises packages.Unavailable when this machine cannot have the two daemons."""
     if os.geteuid() != 0:
-        raise Unavailable("network namespaces need root")
+        raise packages.Unavailable("network namespaces need root")
     if not os.path.exists("/dev/net/tun"):
-        raise Unavailable("ESP in user space needs /dev/net/tun")
+        raise packages.Unavailable("ESP in user space needs /dev/net/tun")
     for program in ("unshare", "nsenter", "setpriv", "chroot", "ip"):
         if shutil.which(program) is None:
-            raise Unavailable(f"there is no program {program}")
+            raise packages.Unavailable(f"there is no program {program}")
     done = subprocess.run(["unshare", "--net", "--mount", "true"], capture_output=True, text=True,
                           check=False)
     if done.returncode != 0:
-        raise Unavailable("no namespaces here: " + done.stderr.strip())
-    unpack()
+        raise packages.Unavailable("no namespaces here: " + done.stderr.strip())
+    packages.unpack(UNPACKED, *PACKAGES)
 
 
 def until(holds, what):

@@ -9,6 +9,7 @@ import time
 import unittest
 
 import ipsec_world
+import packages
 import strongswan
 import test_daemon
 from ipsec_world import IPSEC, NO_IPSEC, IpsecTest
@@ -28,7 +29,7 @@ def site(own, peer, more=""):
 def setUpModule():  # pylint: disable=invalid-name
     try:
         strongswan.probe()
-    except strongswan.Unavailable as reason:
+    except packages.Unavailable as reason:
         raise unittest.SkipTest(str(reason)) from reason
 
 

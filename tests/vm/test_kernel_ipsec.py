@@ -10,6 +10,7 @@ sys.path.insert(0, str(HERE.parent / "system"))
 
 # pylint: disable=wrong-import-position
 from ipsec_world import IPSEC, NO_IPSEC, TUNNEL_IF_SECURITY, IpsecTest
+import libreswan
 import strongswan
 import swanctl_raw
 import test_daemon
@@ -230,6 +231,24 @@ class KernelStates(KernelTest):
             self.a.initiate(kind)
             self.assert_seen(UP, kind)
             self.assertEqual({UP}, self.states_during(lambda: self.a.rekey("child", kind), kind))  # pylint: disable=cell-var-from-loop
+
+    def test_what_libreswan_negotiated_is_seen_in_the_kernel(self):
+        self.pair_is(every_kind, esp=strongswan.KERNEL)
+        self.links_are(LINKS["gre"])
+        self.pair.b.start()
+        daemon = libreswan.Daemon(self.namespace, self.path("libreswan"))
+        self.addCleanup(daemon.end)
+        daemon.start()
+        self.start_states()
+        self.assertEqual(NO_IPSEC, self.security("gre"))
+        daemon.whack("--initiate", "--name", "gre")
+        self.assert_seen(UP, "gre")
+        daemon.whack("--rekey-ipsec", "--name", "gre")
+        self.assert_seen(UP, "gre")
+        daemon.whack("--terminate", "--name", "gre")  # its outbound policy stays
+        self.assert_seen(DOWN, "gre")
+        daemon.whack("--delete", "--name", "gre")
+        self.assert_comes(NO_IPSEC, lambda: self.security("gre"))
 
 
 if __name__ == "__main__":
