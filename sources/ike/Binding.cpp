@@ -82,7 +82,7 @@ struct Binding::State {
   Connections connections;
   std::map<IntfId, Owner> owners;
   Bindings bindings;
-  enum class Pass : std::uint8_t { claims, reports, done } pass = Pass::claims;
+  enum class Pass : std::uint8_t { claims, owners, reports, done } pass = Pass::claims;
   std::optional<Connections::iterator> next = {};
 
   void childIs(Known & known, Endpoints const & own, ChildSa const & child, ConnState state);
@@ -162,17 +162,17 @@ bool Binding::prepareNext() {
     next = connections.begin();
   for (int i = 0; i != connectionsAStep && *next != connections.end(); ++i, ++*next) {
     auto & [name, known] = **next;
-    if (pass == State::Pass::claims) {
+    if (pass == State::Pass::claims)
       state_->claimRest(known);
+    else if (pass == State::Pass::owners)
       state_->decideOwners(name, known);
-    } else {
+    else
       state_->report(name, known);
-    }
   }
   if (*next != connections.end())
     return true;
   next = connections.begin();
-  pass = pass == State::Pass::claims ? State::Pass::reports : State::Pass::done;
+  pass = static_cast<State::Pass>(static_cast<int>(pass) + 1);
   return pass != State::Pass::done;
 }
 
@@ -449,8 +449,7 @@ void Binding::State::report(std::string const & connection, Known const & known)
 }
 
 ConnectionReport Binding::State::reportOf(std::string const & connection, Line const & line) const {
-  ConnectionReport report{
-      .connection = connection, .child = line.child, .interface = {}, .reason = line.reason};
+  ConnectionReport report{.connection = connection, .child = line.child, .reason = line.reason};
   if (!line.intfId)
     return report;
   auto const & owner = *owners.at(*line.intfId).connection;

@@ -61,10 +61,10 @@ struct Bound {
 /// belongs.
 struct ConnectionReport {
   std::string connection;
-  std::string child; ///< empty when there is none
+  std::string child = {}; ///< empty when there is none
   ::Ipsec::Ike::ConnState state = ::Ipsec::Ike::ConnState::down;
-  std::string interface; ///< empty when it is bound to none
-  std::string reason;    ///< the rule that bound it, or why it is bound to none
+  std::string interface = {}; ///< empty when it is bound to none
+  std::string reason = {};    ///< the rule that bound it, or why it is bound to none
   bool operator==(ConnectionReport const &) const = default;
 };
 

@@ -1,6 +1,5 @@
 """Two real strongSwan daemons on this machine, each in a network namespace of its own, for tests and
-recordings: Debian's packages, unpacked beside the build and never installed, so that nothing is
-started on the machine itself.
+recordings: Debian's packages, unpacked beside the build.
 
 Everything hangs on the process that makes it: when that ends, in whatever way, its daemons are killed
 and its namespaces vanish with the last process in them.
@@ -16,6 +15,7 @@ import subprocess
 import tempfile
 import time
 
+import packages
 import vici_client
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
@@ -25,6 +25,7 @@ PACKAGES = ("libstrongswan", "strongswan-libcharon", "strongswan-charon", "stron
 PATIENCE = 20  # seconds for a daemon to come or go, and for one command
 LIBRARIES = "x86_64-linux-gnu", "aarch64-linux-gnu", "i386-linux-gnu"
 PLUGINS = "random nonce aes sha1 sha2 hmac kdf gmp {esp} kernel-netlink socket-default vici"
+USER_SPACE, KERNEL = "kernel-libipsec", ""  # whose ESP it is
 CHARON_CONF = """charon {{
   load = {plugins}
   install_routes = no
@@ -44,39 +45,20 @@ CHARON_CONF = """charon {{
 SWANCTL_CONF = "swanctl {\n  load =\n}\n"
 
 
-class Unavailable(Exception):
-    """What is missing on this machine, in one line."""
-
-
-def unpack():
-    """Fetches the packages and unpacks them, once; installs nothing."""
-    if (UNPACKED / "usr/sbin/swanctl").exists():
-        return
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o777)  # apt fetches as a user of its own
-        done = subprocess.run(["apt-get", "download", "-qq", *PACKAGES], cwd=folder,
-                              capture_output=True, text=True, check=False)
-        if done.returncode != 0:
-            raise Unavailable("cannot fetch strongSwan's packages: "
-                              + done.stderr.strip().splitlines()[-1])
-        for package in pathlib.Path(folder).glob("*.deb"):
-            subprocess.run(["dpkg-deb", "-x", package, UNPACKED], check=True)
-
-
 def probe():
-    """Raises Unavailable when this machine cannot have the two daemons."""
+    """Raises packages.Unavailable when this machine cannot have the two daemons."""
     if os.geteuid() != 0:
-        raise Unavailable("network namespaces need root")
+        raise packages.Unavailable("network namespaces need root")
     if not os.path.exists("/dev/net/tun"):
-        raise Unavailable("ESP in user space needs /dev/net/tun")
+        raise packages.Unavailable("ESP in user space needs /dev/net/tun")
     for program in ("unshare", "nsenter", "setpriv", "chroot", "ip"):
         if shutil.which(program) is None:
-            raise Unavailable(f"there is no program {program}")
+            raise packages.Unavailable(f"there is no program {program}")
     done = subprocess.run(["unshare", "--net", "--mount", "true"], capture_output=True, text=True,
                           check=False)
     if done.returncode != 0:
-        raise Unavailable("no namespaces here: " + done.stderr.strip())
-    unpack()
+        raise packages.Unavailable("no namespaces here: " + done.stderr.strip())
+    packages.unpack(UNPACKED, *PACKAGES)
 
 
 def until(holds, what):
@@ -138,9 +120,10 @@ exec cat
         return self.first.pid
 
     def inside(self, *command, chroot=False):
-        """The command that runs there; it ends with us."""
-        entry = ["nsenter", f"--target={self.pid}", "--net", "--mount", "--"]
-        return _ends_with_us([*entry, *(["chroot", self.root] if chroot else []), *command])
+        """The command that runs there, among this machine's files or strongSwan's; it ends with us."""
+        enter = ["nsenter", f"--target={self.pid}", "--net"]
+        way = ["--mount", "chroot", self.root] if chroot else []
+        return _ends_with_us([*enter, *way, *command])
 
     def run(self, *command, **options):
         done = subprocess.run(self.inside(*command), capture_output=True, text=True, check=False,
@@ -149,9 +132,11 @@ exec cat
             raise AssertionError(f"{command}: {done.stdout}{done.stderr}")
         return done.stdout
 
-    def ip(self, text):
-        """Runs ip with these words."""
-        return self.run("ip", *text.split())
+    def ip(self, *lines):
+        """Runs ip with the words of each line."""
+        if len(lines) == 1:
+            return self.run("ip", *lines[0].split())
+        return self.run("ip", "-batch", "-", input="\n".join(lines))
 
     def end(self):
         self.first.kill()
@@ -161,7 +146,7 @@ exec cat
 class Daemon:
     """charon in a namespace, with its own socket, log and configuration in a folder."""
 
-    def __init__(self, namespace, folder, connections, esp="kernel-libipsec", tries=60):
+    def __init__(self, namespace, folder, connections, esp=USER_SPACE, tries=60):
         """`connections` is the text of swanctl.conf; `tries` how often it asks a silent peer, once a
         second."""
         self.namespace = namespace
@@ -229,8 +214,12 @@ class Daemon:
 
     def begin_to_initiate(self, child):
         """As initiate(), without waiting for what comes of it."""
+        self.ask("initiate", child=child, timeout="-1")
+
+    def ask(self, command, **message):
+        """Its answer to a command of vici."""
         with vici_client.Vici(self.socket) as vici:
-            vici.request("initiate", {"child": child, "timeout": "-1"})
+            return vici.request(command, message)[0]
 
     def rekey(self, what, name):
         """`what` is "ike" or "child"."""
@@ -272,10 +261,10 @@ class Daemon:
 
 
 class Pair:
-    """Daemons `a` and `b` whose namespaces a veth joins: IKE between 10.9.0.1 and .2, tunnels between
-    10.8.0.1 and .2 and further such addresses, each on its lo."""
+    """Daemons `a` and `b` whose namespaces a veth, `v`, joins: IKE between 10.9.0.1 and .2 and further
+    such addresses, tunnels between 10.8.0.1 and .2 and further such, each on its lo."""
 
-    def __init__(self, folder, connections, esp="kernel-libipsec", tries=60):
+    def __init__(self, folder, connections, esp=USER_SPACE, tries=60):
         """`connections(own, peer)` gives the text of swanctl.conf of the side of that number."""
         os.chmod(folder, 0o755)
         self.folder = pathlib.Path(folder)
@@ -295,10 +284,9 @@ class Pair:
         left, right = self.namespaces
         left.ip(f"link add v type veth peer name v netns {right.pid}")
         for own, namespace in ((1, left), (2, right)):
-            namespace.ip(f"address add 10.9.0.{own}/24 dev v")
-            namespace.ip("link set v up")
-            for network in range(8):
-                namespace.ip(f"address add 10.8.{network}.{own}/32 dev lo")
+            namespace.ip("link set v up",
+                         *(f"address add 10.9.{network}.{own}/24 dev v" for network in range(3)),
+                         *(f"address add 10.8.{network}.{own}/32 dev lo" for network in range(8)))
 
     @property
     def a(self):
@@ -320,13 +308,13 @@ class Pair:
 SECRETS = 'secrets { ike-all { secret = "test-only" } }\n'
 
 
-def connection(name, own, peer, children, more=""):
-    """The text of one connection: between 10.9.0.OWN and .PEER."""
+def connection(name, own, peer, children, more="", network=0):  # pylint: disable=too-many-arguments
+    """The text of one connection: between 10.9.NETWORK.OWN and .PEER."""
     return f"""connections {{ {name} {{
   version = 2
   mobike = no
-  local_addrs = 10.9.0.{own}
-  remote_addrs = 10.9.0.{peer}
+  local_addrs = 10.9.{network}.{own}
+  remote_addrs = 10.9.{network}.{peer}
   proposals = aes128-sha256-modp2048
   {more}
   local {{
@@ -346,9 +334,10 @@ def connection(name, own, peer, children, more=""):
 
 def tunnel_child(name, own, peer, network):
     """A child in tunnel mode between 10.8.NETWORK.OWN and .PEER."""
-    return f"""    {name} {{
-      esp_proposals = aes128-sha256
-      local_ts = 10.8.{network}.{own}/32
-      remote_ts = 10.8.{network}.{peer}/32
-    }}
-"""
+    return child_of(name, f"local_ts = 10.8.{network}.{own}/32",
+                    f"remote_ts = 10.8.{network}.{peer}/32")
+
+
+def child_of(name, *lines):
+    return "\n".join([f"    {name} {{", *("      " + line for line in
+                                         ("esp_proposals = aes128-sha256", *lines)), "    }", ""])

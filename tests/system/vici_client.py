@@ -20,7 +20,11 @@ class Vici:
         self.exchange = []  # (">" to the daemon or "<" from it, the packet without its length)
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.socket.settimeout(PATIENCE)
-        self.socket.connect(path)
+        try:
+            self.socket.connect(path)
+        except OSError:
+            self.socket.close()
+            raise
 
     def close(self):
         self.socket.close()
