@@ -218,26 +218,24 @@ void ViciSource::listingIsOver() {
 
 // The connections may have been lost meanwhile, or the listing spoiled.
 void ViciSource::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
+  if (phase_ != Phase::binding)
+    return;
   try {
-    if (phase_ == Phase::binding)
-      bind();
-    else if (phase_ == Phase::publishing)
-      binding_.reset();
+    bind();
   } catch (std::exception const & reason) {
     lost(reason);
   }
 }
 
-// Of ten thousand connections, to hand over the result and to forget the rest takes milliseconds
-// each: they have runs of their own.
 void ViciSource::bind() {
   if (!binding_)
     return rest();
-  task_->scheduleTask();
-  if (!binding_->prepareNext())
-    return publish(std::move(*binding_).result());
-  while (!task_->taskShouldYield() && binding_->prepareNext()) {
-  }
+  while (binding_->prepareNext())
+    if (task_->taskShouldYield())
+      return task_->scheduleTask();
+  auto bindings = std::move(*binding_).result();
+  binding_.reset();
+  publish(std::move(bindings));
 }
 
 void ViciSource::publish(Ike::Bindings bindings) {
@@ -299,7 +297,7 @@ void ViciSource::eventIs(std::string_view event) {
 
 // What binds refers to links as they were.
 void ViciSource::linkHasChanged() {
-  if (binding_ && phase_ != Phase::publishing) {
+  if (binding_) {
     binding_.reset();
     isSpoiled_ = true;
     spoiledListings.inc();

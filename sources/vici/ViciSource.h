@@ -116,7 +116,7 @@ private:
   std::string daemon_; // its version; empty while it has never been heard of
   std::optional<std::chrono::system_clock::time_point> lastListing_;
   std::uint64_t fullReads_ = 0;
-  std::optional<Ike::Binding> binding_; // since the listing, unless it is spoiled
+  std::optional<Ike::Binding> binding_; // while listing and binding, unless it is spoiled
   Zel::Ptr<Kiln::Task> const task_;     // binds
   Zel::Ptr<Run> const run_;
   std::optional<Vici::Conversation> requests_;
