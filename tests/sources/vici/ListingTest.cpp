@@ -223,7 +223,7 @@ TEST(ViciSa, OfARealDaemonCanBeReadInEveryField) {
   for (auto const & file : std::filesystem::directory_iterator(RECORDINGS)) {
     if (file.path().extension() != ".txt")
       continue;
-    for (auto const & message : ViciBytes::recordedEvents(file.path().stem(), "list-sa"))
+    for (auto const & message : ViciBytes::recordedEvents(file.path(), "list-sa"))
       for (auto const & one : sas(message)) {
         EXPECT_EQ(one.local, address("10.9.0.1"));
         EXPECT_NE(one.state, Ike::IkeState::unknown);
@@ -242,7 +242,7 @@ TEST(ViciSa, OfARealDaemonCanBeReadInEveryField) {
 }
 
 TEST(ViciConnection, OfARealDaemonHasItsAddressesAndChildren) {
-  auto const messages = ViciBytes::recordedEvents("list-conns", "list-conn");
+  auto const messages = ViciBytes::recordedEvents(RECORDINGS "/list-conns.txt", "list-conn");
   ASSERT_THAT(messages, SizeIs(1));
   EXPECT_EQ(connection(messages[0]),
             (Ike::Connection{.name = "site",

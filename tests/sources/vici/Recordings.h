@@ -38,10 +38,11 @@ inline std::vector<Recorded> recording(std::filesystem::path const & path) {
   return packets;
 }
 
-/// The messages of those events that the daemon sent in the recording of that name.
-inline std::vector<std::string> recordedEvents(std::string const & name, std::string_view event) {
+/// The messages of those events that the daemon sent in the recording.
+inline std::vector<std::string> recordedEvents(std::filesystem::path const & path,
+                                               std::string_view event) {
   std::vector<std::string> messages;
-  for (auto const & one : recording(std::filesystem::path(RECORDINGS) / (name + ".txt"))) {
+  for (auto const & one : recording(path)) {
     if (!one.isFromDaemon || one.packet.empty())
       continue;
     auto const packet = Sources::Vici::decodePacket(octets(one.packet));
