@@ -225,6 +225,57 @@ TEST_F(ViciTrouble, BeginsAnewWhenOneOfItsConnectionsIsLost) {
   }
 }
 
+TEST_F(ViciTrouble, PublishesWhatWasListedThoughTheDaemonEndsMeanwhile) {
+  startUp();
+  saIs("office", 42, "CONNECTING");
+  scheduler->yieldIs(Yield::always);
+  source->reread();
+  while (loop.runOnce()) {
+  }
+  while (source->connections().at(0).state != Ipsec::Ike::ConnState::connecting)
+    ASSERT_TRUE(scheduler->runOne()); // until it is handed over to be published
+  EXPECT_EQ(state(7), "up");
+  peer.end();
+  while (loop.runOnce()) {
+  }
+  expectDegraded("it has closed the connection");
+  settle();
+  EXPECT_EQ(state(7), "connecting");
+  expectDegraded("it has closed the connection");
+  pass(3s);
+  EXPECT_EQ(state(7), "unknown");
+}
+
+TEST_F(ViciTrouble, ForgetsAListingThatHasNotFoundItsLinksWhenTheDaemonEnds) {
+  startUp();
+  saIs("office", 42, "CONNECTING");
+  source->reread();
+  while (loop.runOnce()) {
+  }
+  peer.end();
+  while (loop.runOnce()) {
+  }
+  settle();
+  EXPECT_EQ(state(7), "up");
+  expectDegraded("it has closed the connection");
+}
+
+TEST_F(ViciTrouble, LetsAListingOvertakeTheUnknown) {
+  startUp();
+  peer.end();
+  settle();
+  pass(2950ms);
+  peer.listen();
+  loop.advance(50ms); // when it becomes unknown, and is tried again
+  while (loop.runOnce()) {
+  }
+  EXPECT_EQ(state(7), "up") << "the tasks have not run yet";
+  settle();
+  expectUp();
+  pass(5s);
+  expectUp();
+}
+
 // A daemon that is stopped
 
 TEST_F(ViciTrouble, GivesUpADaemonThatDoesNotAnswer) {
