@@ -185,6 +185,19 @@ TEST_F(ViciTrouble, SaysUnknownThreeSecondsAfterTheDaemonHasEnded) {
   expectUp();
 }
 
+TEST_F(ViciTrouble, SaysUnknownEachTimeTheDaemonEnds) {
+  startUp();
+  for (int times = 0; times != 3; ++times) {
+    peer.end();
+    settle();
+    pass(3s);
+    EXPECT_EQ(state(7), "unknown");
+    peer.listen();
+    pass(4s);
+    expectUp();
+  }
+}
+
 TEST_F(ViciTrouble, NeverSaysUnknownOfADaemonThatIsBackInTime) {
   startUp();
   peer.end();
@@ -452,15 +465,34 @@ TEST_F(ViciTrouble, EndsAListingWithoutAnEnd) {
   std::string many;
   for (int i = 0; i != 1000; ++i)
     many += encodeSegment(Type::event, "list-sa");
+  int thousands = 150;
   peer.instead = [&](auto & session, auto const & packet) {
-    for (int i = 0; packet.name == "list-sas" && i != 201; ++i)
+    for (int i = 0; packet.name == "list-sas" && i != thousands; ++i)
       peer.send(session, many);
-    return packet.name == "list-sas";
+    return false;
   };
+  for (int listings = 0; listings != 2; ++listings) {
+    source->reread();
+    settle();
+    expectInSync();
+  }
+  thousands = 201;
   source->reread();
   settle();
   expectDegraded("it sends more than 200000 events before an answer");
   EXPECT_EQ(state(7), "up");
+}
+
+TEST_F(ViciTrouble, TakesNoMoreThan64KiBATurn) {
+  startUp();
+  auto const stray = encodeSegment(Type::event, "no-such", std::string(1000, 'x'));
+  for (int i = 0; i != 150; ++i)
+    peer.sendTo("ike-updown", stray);
+  auto const taken = [] { return Lumo::counter("vici-events-unexpected"); };
+  auto const first = taken();
+  for (auto before = first; loop.runOnce(); before = taken())
+    EXPECT_LE((taken() - before) * stray.size(), 65536 + stray.size());
+  EXPECT_EQ(taken(), first + 150);
 }
 
 TEST_F(ViciTrouble, TakesNamesOfAnyOctetsAndDeepSections) {
