@@ -1,7 +1,7 @@
 // The layout of each kind's attributes, and the reading of them.
 //
-// Byte orders are the kernel's: addresses and flow information big-endian, flags and the header in
-// the order of this machine.
+// Byte orders are the kernel's: addresses, flow information and ports big-endian, flags and the
+// header in the order of this machine.
 #include "sources/linux/LinkDecoder.h"
 #include "platform/Lumo.h"
 #include <algorithm>
@@ -79,6 +79,7 @@ struct Layout {
   std::uint16_t outputKey = 0;
   std::uint16_t ifId = 0;
   std::uint16_t lower = 0; // of kinds that say it here and not with the link
+  std::uint16_t port = 0;
 };
 
 constexpr Layout greV4(TunnelKind kind, TunnelIntfMode mode, std::string_view fallbackName) {
@@ -164,7 +165,8 @@ constexpr std::array<Layout, tunnelKinds> layouts{
            .ttl = IFLA_VXLAN_TTL,
            .ttlInherit = IFLA_VXLAN_TTL_INHERIT,
            .tos = IFLA_VXLAN_TOS,
-           .lower = IFLA_VXLAN_LINK},
+           .lower = IFLA_VXLAN_LINK,
+           .port = IFLA_VXLAN_PORT},
     Layout{.kind = TunnelKind::geneve,
            .mode = TunnelIntfMode::geneve,
            .metadata = IFLA_GENEVE_COLLECT_METADATA,
@@ -172,7 +174,8 @@ constexpr std::array<Layout, tunnelKinds> layouts{
            .remote6 = IFLA_GENEVE_REMOTE6,
            .ttl = IFLA_GENEVE_TTL,
            .ttlInherit = IFLA_GENEVE_TTL_INHERIT,
-           .tos = IFLA_GENEVE_TOS},
+           .tos = IFLA_GENEVE_TOS,
+           .port = IFLA_GENEVE_PORT},
     Layout{.kind = TunnelKind::wireguard, .mode = TunnelIntfMode::wireguard},
 };
 
@@ -245,6 +248,7 @@ std::uint8_t tos(Layout const & layout, Attributes const & data);
 void decodeKeys(Layout const & layout, Attributes const & data, TunnelLink & tunnel);
 std::optional<std::uint32_t> lower(Layout const & layout, Attributes const & link,
                                    Attributes const & data);
+std::optional<std::uint16_t> port(Layout const & layout, Attributes const & data);
 bool overIpv6(TunnelLink const & link);
 
 std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits const & defaults) {
@@ -270,6 +274,8 @@ std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits
   tunnel.status.tos = tos(*layout, data);
   decodeKeys(*layout, data, tunnel);
   tunnel.lower = lower(*layout, link, data);
+  tunnel.port = port(*layout, data);
+  tunnel.isCarriedElsewhere = link.find(IFLA_LINK_NETNSID) != nullptr;
   tunnel.status.ipsec =
       tunnel.status.mode == TunnelIntfMode::vti || tunnel.status.mode == TunnelIntfMode::xfrm;
   return tunnel;
@@ -334,6 +340,11 @@ std::optional<std::uint32_t> lower(Layout const & layout, Attributes const & lin
     return std::nullopt;
   auto const index = link.find(IFLA_LINK) != nullptr ? link.u32(IFLA_LINK) : data.u32(layout.lower);
   return index == 0 ? std::nullopt : std::optional(index);
+}
+
+std::optional<std::uint16_t> port(Layout const & layout, Attributes const & data) {
+  auto const value = ntohs(data.u16(layout.port));
+  return value == 0 ? std::nullopt : std::optional(value);
 }
 
 bool overIpv6(TunnelLink const & link) {

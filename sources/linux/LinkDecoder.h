@@ -31,6 +31,9 @@ struct TunnelLink {
   std::optional<std::uint32_t> outputKey = {}; ///< of the same kinds
   /// The index of the link of the same namespace that carries the outer packets.
   std::optional<std::uint32_t> lower = {};
+  std::optional<std::uint16_t> port = {}; ///< of vxlan and geneve
+  /// True if and only if the outer packets leave in another namespace.
+  bool isCarriedElsewhere = false;
 
   bool operator==(TunnelLink const &) const = default;
 };

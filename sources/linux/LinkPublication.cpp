@@ -17,7 +17,11 @@ Link linkOf(TunnelLink const & link) {
           .ifId = link.ifId,
           .inputKey = link.inputKey,
           .outputKey = link.outputKey,
-          .lower = link.lower};
+          .lower = link.lower,
+          .local = link.status.srcAddr,
+          .remote = link.status.dstAddr,
+          .port = link.port,
+          .isCarriedElsewhere = link.isCarriedElsewhere};
 }
 
 StateDb::Publisher::Kind kindOf(TunnelLink const & link) {

@@ -14,9 +14,9 @@ void PrintTo(TunnelLink const & link, std::ostream * out) {
        << link.status.srcAddr.stringValue() << " -> " << link.status.dstAddr.stringValue() << " "
        << valueToStrep(link.status.mode) << " hop limit " << +link.status.hopLimit << " tos "
        << +link.status.tos << (link.status.ipsec ? " ipsec" : "")
-       << fmt::format(" if_id {} keys {} {} lower {}", link.ifId.value_or(0),
-                      link.inputKey.value_or(0), link.outputKey.value_or(0),
-                      link.lower.value_or(0));
+       << fmt::format(" if_id {} keys {} {} lower {} port {} {}", link.ifId.value_or(0),
+                      link.inputKey.value_or(0), link.outputKey.value_or(0), link.lower.value_or(0),
+                      link.port.value_or(0), link.isCarriedElsewhere ? "elsewhere" : "here");
 }
 
 namespace {
@@ -257,6 +257,24 @@ TEST(LinkDecoder, ReadsWhichLinkCarriesTheOuterPackets) {
       << "this kind says it among its own data";
 }
 
+TEST(LinkDecoder, SaysWhenTheOuterPacketsLeaveInAnotherNamespace) {
+  auto const isElsewhere = [](Octets const & attributes) {
+    auto const decoded =
+        decode(message(newLink, unspecified, index, joined({attributes, link("t1", "gre", {})})));
+    return std::get<LinkState>(decoded).tunnel->isCarriedElsewhere;
+  };
+  EXPECT_TRUE(isElsewhere(attribute(37, native<std::int32_t>(0))));
+  EXPECT_FALSE(isElsewhere(attribute(5, native<std::uint32_t>(7))));
+}
+
+TEST(LinkDecoder, ReadsTheBigEndianPortOfTheKindsOverUdp) {
+  EXPECT_EQ(tunnel("vxlan", attribute(15, {0x12, 0xb5}))->port, 4789);
+  EXPECT_EQ(tunnel("geneve", attribute(5, {0x17, 0xc1}))->port, 6081);
+  EXPECT_EQ(tunnel("vxlan", {})->port, std::nullopt);
+  EXPECT_EQ(tunnel("gre", attribute(5, {0, 0, 0, 9}))->port, std::nullopt)
+      << "which is its output key";
+}
+
 /// The attributes of vxlan that do not depend on the version of IP: id, ttl, tos, external, ttl
 /// inherit.
 Octets vxlanData(std::uint8_t ttl, bool external, bool inherit) {
@@ -443,6 +461,7 @@ TEST(LinkDecoder, FindsValuesMalformedThatAreTooShort) {
   EXPECT_TRUE(malformed("gre", attribute(2, {0x20}))) << "input flags";
   EXPECT_TRUE(malformed("gre", joined({attribute(3, {0x20, 0}), attribute(5, {1})}))) << "a key";
   EXPECT_TRUE(malformed("xfrm", attribute(2, {42, 0}))) << "if_id";
+  EXPECT_TRUE(malformed("vxlan", attribute(15, {0x12}))) << "a port";
   EXPECT_FALSE(malformed("gre", {}));
 }
 

@@ -27,7 +27,9 @@ LinkState tunnel(std::uint32_t index, std::uint8_t hopLimit, TunnelKind kind = T
             .ifId = {},
             .inputKey = 9,
             .outputKey = {},
-            .lower = 2}}};
+            .lower = 2,
+            .port = 4789,
+            .isCarriedElsewhere = true}}};
 }
 LinkState gone(std::uint32_t index) {
   return {index, {}};
@@ -73,6 +75,10 @@ TEST_F(LinkPublicationTest, PublishesAnEventAtOnce) {
   EXPECT_EQ(link.inputKey, 9u);
   EXPECT_EQ(link.outputKey, std::nullopt);
   EXPECT_EQ(link.lower, 2u);
+  EXPECT_EQ(link.local.stringValue(), "192.0.2.1");
+  EXPECT_EQ(link.remote.stringValue(), "192.0.2.2");
+  EXPECT_EQ(link.port, 4789);
+  EXPECT_TRUE(link.isCarriedElsewhere);
   EXPECT_FALSE(publication.linkIs(tunnel(5, 64))) << "nothing new";
   EXPECT_TRUE(publication.linkIs(gone(5)));
   EXPECT_TRUE(isGone(5));

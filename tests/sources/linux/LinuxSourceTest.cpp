@@ -211,6 +211,20 @@ TEST_F(LinuxSource, LosesALinkThatMovesToAnotherNamespace) {
   }
 }
 
+TEST_F(LinuxSource, SaysOfALinkThatItsOuterPacketsLeaveInAnotherNamespace) {
+  OtherNamespace const other;
+  addVxlan("vx1");
+  start();
+  auto const command =
+      fmt::format("nsenter --net=/proc/{}/ns/net ip link add vx2 netns {} type vxlan id 2 local "
+                  "10.0.0.1 remote 10.0.0.2 dstport 4789",
+                  other.process(), getpid());
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  settle();
+  EXPECT_FALSE(links.findByName("vx1")->isCarriedElsewhere);
+  EXPECT_TRUE(links.findByName("vx2")->isCarriedElsewhere);
+}
+
 TEST_F(LinuxSource, ForgetsATunnelWhoseIndexNowBelongsToAnotherLink) {
   addVxlan("vx1");
   start();
@@ -348,6 +362,10 @@ TEST_F(LinuxSource, TellsOthersWhatItKnowsOfALink) {
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(first->intfId.stringValue(), idOf("vx1"));
   EXPECT_EQ(second->kind, "vxlan");
+  EXPECT_EQ(second->local.stringValue(), "10.0.0.1");
+  EXPECT_EQ(second->remote.stringValue(), "10.0.0.2");
+  EXPECT_EQ(second->port, 4789);
+  EXPECT_FALSE(second->isCarriedElsewhere);
   ip("link set vx1 name vx3");
   ip("link del vx2");
   settle();

@@ -1,0 +1,42 @@
+"""Debian packages, fetched and unpacked in a folder and not installed: what would be a service is not
+started, and the machine stays as it was.
+
+    packages.py FOLDER PACKAGE..."""
+
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+
+class Unavailable(Exception):
+    """What is missing on this machine, in one line."""
+
+
+def unpack(folder, *packages):
+    """Makes the folder with what the packages contain; does nothing when it is there."""
+    folder = pathlib.Path(folder)
+    if folder.exists():
+        return
+    with tempfile.TemporaryDirectory(prefix="packages-") as fetched:
+        os.chmod(fetched, 0o777)  # apt fetches as a user of its own
+        done = subprocess.run(["apt-get", "download", "-qq", *packages], cwd=fetched,
+                              capture_output=True, text=True, check=False)
+        if done.returncode != 0:
+            raise Unavailable(f"cannot fetch {packages[0]} and more: "
+                              + (done.stderr.strip() or "no reason given").splitlines()[-1])
+        folder.parent.mkdir(parents=True, exist_ok=True)
+        with tempfile.TemporaryDirectory(prefix=folder.name, dir=folder.parent) as unpacked:
+            for package in pathlib.Path(fetched).glob("*.deb"):
+                subprocess.run(["dpkg-deb", "-x", package, unpacked], check=True)
+            os.chmod(unpacked, 0o755)
+            os.rename(unpacked, folder)
+            os.mkdir(unpacked)  # for who would remove it
+
+
+if __name__ == "__main__":
+    try:
+        unpack(*sys.argv[1:])
+    except Unavailable as reason:
+        sys.exit(str(reason))
