@@ -113,9 +113,7 @@ SourceStatus ViciSource::status() const {
   details.emplace_back("SAs",
                        fmt::format("{} bound, {} not", bindings.boundSas, bindings.unboundSas));
   if (bindings.conflicts != 0)
-    details.emplace_back(
-        "conflicts",
-        fmt::format("{} interfaces are claimed by several connections", bindings.conflicts));
+    details.emplace_back("contested interfaces", std::to_string(bindings.conflicts));
   return status;
 }
 

@@ -101,8 +101,8 @@ TEST(Render, ACutLeavesCharactersWhole) {
 }
 
 TEST(Render, ConnectionsSayWhenNoSourceTellsOfAny) {
-  EXPECT_EQ("no source tells of IPsec connections: start tunnelsnmpd with --source vici, or "
-            "linux:ipsec=states\n",
+  EXPECT_EQ("no source tells of IPsec connections; \"tunnelsnmpctl status\" shows the sources, "
+            "\"tunnelsnmpd --help\" which there can be\n",
             Ctl::connectionsText(Json::array()));
 }
 

@@ -1,5 +1,6 @@
 // The source, with a strongSwan that does what it should.
 #include "platform/Lumo.h"
+#include "tests/sources/vici/Recordings.h"
 #include "tests/sources/vici/ViciHost.h"
 #include "tests/support/TraceRecorder.h"
 #include <gmock/gmock.h>
@@ -14,6 +15,11 @@ using testing::IsEmpty;
 using testing::Pair;
 
 using ViciSource = ViciHost;
+
+/// Of the recording of that name.
+std::vector<std::string> recordedEvents(std::string const & name, std::string_view event) {
+  return ViciBytes::recordedEvents(RECORDINGS "/" + name + ".txt", event);
+}
 
 TEST_F(ViciSource, PublishesWhatIsBoundWhenItHasStarted) {
   officeIsUp();
@@ -311,9 +317,7 @@ TEST_F(ViciSource, CountsAndTellsOfInterfacesThatSeveralConnectionsClaim) {
   start();
   EXPECT_EQ(profile(7), "another") << "both are up; it has the lower name";
   EXPECT_EQ(Lumo::counter("vici-conflicts"), before + 1);
-  EXPECT_THAT(
-      source->status().details,
-      testing::Contains(Pair("conflicts", "1 interfaces are claimed by several connections")));
+  EXPECT_THAT(source->status().details, testing::Contains(Pair("contested interfaces", "1")));
 }
 
 TEST_F(ViciSource, LeavesWhatItPublishedAtItsEnd) {
@@ -366,10 +370,10 @@ TEST_F(ViciSource, TracesWhatItDoes) {
 TEST_F(ViciSource, ReadsWhatARealDaemonLists) {
   linkIs(7, 0);
   linkIs(8, 0);
-  for (auto const & message : ViciBytes::recordedEvents("list-conns-several", "list-conn"))
+  for (auto const & message : recordedEvents("list-conns-several", "list-conn"))
     peer.connections.push_back(message);
   auto number = 0;
-  for (auto const & message : ViciBytes::recordedEvents("sas-several", "list-sa"))
+  for (auto const & message : recordedEvents("sas-several", "list-sa"))
     peer.sas[fmt::format("{}", ++number)] = message;
   peer.listen();
   start(",bind=site/vx1@xfrm7,bind=second@xfrm8");
@@ -382,7 +386,7 @@ TEST_F(ViciSource, ReadsWhatARealDaemonLists) {
 
 TEST_F(ViciSource, SaysOfEachRecordedHappeningWhatItIs) {
   linkIs(7, 0);
-  peer.connections = ViciBytes::recordedEvents("list-conns", "list-conn");
+  peer.connections = recordedEvents("list-conns", "list-conn");
   peer.listen();
   start(",bind=site/vx@xfrm7");
   std::pair<char const *, char const *> const happenings[] = {
@@ -394,7 +398,7 @@ TEST_F(ViciSource, SaysOfEachRecordedHappeningWhatItIs) {
       {"sas-ike-deleted", "down"}};
   for (auto const & [name, shown] : happenings) {
     peer.sas.clear();
-    for (auto const & message : ViciBytes::recordedEvents(name, "list-sa"))
+    for (auto const & message : recordedEvents(name, "list-sa"))
       peer.sas[fmt::format("{}", peer.sas.size())] = message;
     source->reread();
     settle();

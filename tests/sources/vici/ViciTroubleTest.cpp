@@ -359,10 +359,10 @@ TEST_F(ViciTrouble, RecoversFromAnythingThatTheDaemonMaySay) {
   peer.listen();
   for (auto const & [name, octets, error] : hostile) {
     SCOPED_TRACE(error);
-    peer.instead = [&, name = name, octets = octets](auto & session, auto const & packet) {
-      if (packet.name == name)
-        peer.send(session, octets);
-      return packet.name == name;
+    peer.instead = [&, at = name, said = octets](auto & session, auto const & packet) {
+      if (packet.name == at)
+        peer.send(session, said);
+      return packet.name == at;
     };
     start();
     expectDegraded(error);
