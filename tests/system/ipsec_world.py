@@ -72,7 +72,7 @@ class IpsecTest(test_daemon.DaemonTest):
         while (value := actual()) != expected:
             if time.monotonic() > began + limit:
                 self.fail(f"{what}: {value}, not {expected}, after {limit} s\n"
-                          + self.ctl("status") + self.ctl("show", "ike") + self.pair.a.log())
+                          + self.ctl("status") + self.ctl("show", "ike") + self.pair.a.log()[-1000:])
             time.sleep(0.02)
 
     def assert_seen(self, state, name="vx", seconds=PROMISE):
