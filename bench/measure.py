@@ -214,7 +214,19 @@ class Measure:
         return figures
 
     def _bench_sources(self, *arguments):
-        done = subprocess.run([self.workshop.program("benchSources"), *map(str, arguments)],
+        return self._figures("benchSources", *arguments)
+
+    def ike(self):
+        """{"vici": {SAs: [figures of each round]}}"""
+        figures = {"vici": {sas: [] for sas in (10, 1000, 10000)}}
+        for sas, rounds in figures["vici"].items():
+            for _ in range(self.rounds):
+                progress(f"ike, {sas} SAs")
+                rounds.append(self._figures("benchIke", "vici", sas))
+        return figures
+
+    def _figures(self, program, *arguments):
+        done = subprocess.run([self.workshop.program(program), *map(str, arguments)],
                               check=True, stdout=subprocess.PIPE, text=True)
         return json.loads(done.stdout)
 

@@ -118,15 +118,17 @@ def changes(figures):
     return table(["µs per change", *(f"{rows:,} tunnels" for rows in sizes)], lines)
 
 
-def sources(figures):
-    def column(runs, *path):
-        values = []
-        for run in runs:
-            for key in path:
-                run = run[key]
-            values.append(run)
-        return values
+def column(runs, *path):
+    """What stands at the path, of each run."""
+    values = []
+    for run in runs:
+        for key in path:
+            run = run[key]
+        values.append(run)
+    return values
 
+
+def sources(figures):
     sizes = [f"{rows:,}" for rows in figures["change"]]
     of = {name: list(by_rows.values()) for name, by_rows in figures.items()}
     lines = [["a link's change beyond the machines' own, µs"]
@@ -180,6 +182,21 @@ def first_line(command):
                           text=True).stdout.splitlines()[0]
 
 
+def ike(figures):
+    by_sas = figures["vici"]
+    lines = []
+    for title, path, scale in (
+            ("an event, µs", ("eventNs",), 1000),
+            ("the first listing: CPU, ms", ("first", "cpuMs"), 1),
+            ("the longest step, ms", ("first", "longestStepMs"), 1),
+            ("another listing, nothing new: CPU, ms", ("next", "cpuMs"), 1),
+            ("99 of 100 steps within, ms", ("next", "p99StepMs"), 1),
+            ("the longest step, ms", ("next", "longestStepMs"), 1)):
+        lines.append([title] + [reach([value / scale for value in column(runs, *path)])
+                                for runs in by_sas.values()])
+    return table(["strongSwan", *(f"{sas:,} SAs" for sas in by_sas)], lines)
+
+
 SECTIONS = {
     "if": None, "inet": None, "ipsec": None,  # together, see text()
     "steps": ("Does the size matter?", steps),
@@ -187,6 +204,7 @@ SECTIONS = {
     "start": ("From nothing to complete tables", start),
     "changes": ("One change", changes),
     "sources": ("What the sources cost", sources),
+    "ike": ("What IKE daemons cost", ike),
     "memory": ("Memory", memory),
 }
 
@@ -226,6 +244,9 @@ NOTES = {
     "sources": "Of {turns} runs, the lowest and the highest in brackets, each a process of its own. Links come as the messages "
                "that the kernel would send, made in memory; the kernel's own time is not in the figures. "
                "The memory is what the start adds to the process's resident set, the records included.",
+    "ike": "Of {turns} runs, the lowest and the highest in brackets, each a process of its own. The daemon is a thread beside it whose "
+           "CPU is not in the figures; each of its connections is up, with one child, bound to an xfrm link by its if_id. An event is a hint: what "
+           "follows it is a listing.",
     "memory": "One run. Every allocation counted, with all the room that the daemon's `malloc` "
               "gives it.",
 }

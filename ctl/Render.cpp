@@ -178,8 +178,7 @@ std::string cutName(Json const & connection, char const * member) {
 
 std::string connectionsText(Json const & connections) {
   if (connections.empty())
-    return "no source tells of IPsec connections: start tunnelsnmpd with --source vici, or "
-           "linux:ipsec=states\n";
+    return "no source tells of IPsec connections; see the sources in tunnelsnmpd --help\n";
   auto rows = Json::array();
   for (auto const & one : connections)
     rows.push_back({{"connection", cutName(one, "connection")},

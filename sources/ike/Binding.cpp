@@ -82,9 +82,11 @@ struct Binding::State {
   Connections connections;
   std::map<IntfId, Owner> owners;
   Bindings bindings;
-  enum class Pass : std::uint8_t { claims, owners, reports, done } pass = Pass::claims;
+  enum class Pass : std::uint8_t { claims, owners, reports, forget, done } pass = Pass::claims;
   std::optional<Connections::iterator> next = {};
 
+  /// Does its part of the pass. Returns the next one.
+  Connections::iterator prepare(Connections::iterator at);
   void childIs(Known & known, Endpoints const & own, ChildSa const & child, ConnState state);
   Found find(Known const & known, Endpoints const & own, ChildSa const & child) const;
   LinkIndex::Found explicitLinks(Known const & known, std::string const & child) const;
@@ -160,20 +162,27 @@ bool Binding::prepareNext() {
     return false;
   if (!next)
     next = connections.begin();
-  for (int i = 0; i != connectionsAStep && *next != connections.end(); ++i, ++*next) {
-    auto & [name, known] = **next;
-    if (pass == State::Pass::claims)
-      state_->claimRest(known);
-    else if (pass == State::Pass::owners)
-      state_->decideOwners(name, known);
-    else
-      state_->report(name, known);
-  }
+  for (int i = 0; i != connectionsAStep && *next != connections.end(); ++i)
+    *next = state_->prepare(*next);
   if (*next != connections.end())
     return true;
   next = connections.begin();
   pass = static_cast<State::Pass>(static_cast<int>(pass) + 1);
   return pass != State::Pass::done;
+}
+
+// What is forgotten here is not forgotten in one step by whoever ends the binding.
+Connections::iterator Binding::State::prepare(Connections::iterator at) {
+  auto & [name, known] = *at;
+  if (pass == Pass::claims)
+    claimRest(known);
+  else if (pass == Pass::owners)
+    decideOwners(name, known);
+  else if (pass == Pass::reports)
+    report(name, known);
+  else
+    return connections.erase(at);
+  return std::next(at);
 }
 
 Bindings Binding::result() && {

@@ -101,8 +101,7 @@ TEST(Render, ACutLeavesCharactersWhole) {
 }
 
 TEST(Render, ConnectionsSayWhenNoSourceTellsOfAny) {
-  EXPECT_EQ("no source tells of IPsec connections: start tunnelsnmpd with --source vici, or "
-            "linux:ipsec=states\n",
+  EXPECT_EQ("no source tells of IPsec connections; see the sources in tunnelsnmpd --help\n",
             Ctl::connectionsText(Json::array()));
 }
 

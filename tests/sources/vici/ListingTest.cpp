@@ -1,6 +1,7 @@
-// What strongSwan lists, as values. Recordings of a real one are among it.
+// What strongSwan lists, as values. Some of it a real one said.
 #include "sources/vici/Listing.h"
 #include "platform/Lumo.h"
+#include "tests/sources/vici/Recordings.h"
 #include "tests/sources/vici/ViciBytes.h"
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -213,6 +214,44 @@ TEST(ViciSa, HasNamesThatCanBeShown) {
 TEST(ViciSa, IsRefusedWhenTheMessageIsMalformed) {
   auto const whole = ViciBytes::sa("c", "ESTABLISHED", {{"k"}});
   EXPECT_THROW(sas(whole.substr(0, whole.size() - 1)), Vici::Malformed);
+}
+
+TEST(ViciSa, OfARealDaemonCanBeReadInEveryField) {
+  auto const unreadable = Lumo::counter("vici-fields-unreadable");
+  auto const leftOut = Lumo::counter("vici-selectors-left-out");
+  std::size_t children = 0;
+  for (auto const & file : std::filesystem::directory_iterator(RECORDINGS)) {
+    if (file.path().extension() != ".txt")
+      continue;
+    for (auto const & message : ViciBytes::recordedEvents(file.path().stem(), "list-sa"))
+      for (auto const & one : sas(message)) {
+        EXPECT_EQ(one.local, address("10.9.0.1"));
+        EXPECT_NE(one.state, Ike::IkeState::unknown);
+        for (auto const & each : one.children) {
+          EXPECT_NE(each.state, Ike::ChildState::unknown);
+          EXPECT_EQ(each.mode, Ike::Mode::tunnel);
+          EXPECT_THAT(each.local, SizeIs(1));
+          EXPECT_THAT(each.remote, SizeIs(1));
+          ++children;
+        }
+      }
+  }
+  EXPECT_GE(children, 10u);
+  EXPECT_EQ(Lumo::counter("vici-fields-unreadable"), unreadable);
+  EXPECT_EQ(Lumo::counter("vici-selectors-left-out"), leftOut);
+}
+
+TEST(ViciConnection, OfARealDaemonHasItsAddressesAndChildren) {
+  auto const messages = ViciBytes::recordedEvents("list-conns", "list-conn");
+  ASSERT_THAT(messages, SizeIs(1));
+  EXPECT_EQ(connection(messages[0]),
+            (Ike::Connection{.name = "site",
+                             .local = {address("10.9.0.1")},
+                             .remote = {address("10.9.0.2")},
+                             .children = {{.name = "vx",
+                                           .mode = Ike::Mode::tunnel,
+                                           .local = {selector("10.8.0.1/32")},
+                                           .remote = {selector("10.8.0.2/32")}}}}));
 }
 
 TEST(ViciConnection, HasWhatTheDaemonSays) {

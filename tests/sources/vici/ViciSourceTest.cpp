@@ -1,5 +1,6 @@
 // The source, with a strongSwan that does what it should.
 #include "platform/Lumo.h"
+#include "tests/sources/vici/Recordings.h"
 #include "tests/sources/vici/ViciHost.h"
 #include "tests/support/TraceRecorder.h"
 #include <gmock/gmock.h>
