@@ -178,7 +178,8 @@ std::string cutName(Json const & connection, char const * member) {
 
 std::string connectionsText(Json const & connections) {
   if (connections.empty())
-    return "no source tells of IPsec connections; see the sources in tunnelsnmpd --help\n";
+    return "no source tells of IPsec connections; \"tunnelsnmpctl status\" shows the sources, "
+           "\"tunnelsnmpd --help\" which there can be\n";
   auto rows = Json::array();
   for (auto const & one : connections)
     rows.push_back({{"connection", cutName(one, "connection")},

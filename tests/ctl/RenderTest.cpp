@@ -101,7 +101,8 @@ TEST(Render, ACutLeavesCharactersWhole) {
 }
 
 TEST(Render, ConnectionsSayWhenNoSourceTellsOfAny) {
-  EXPECT_EQ("no source tells of IPsec connections; see the sources in tunnelsnmpd --help\n",
+  EXPECT_EQ("no source tells of IPsec connections; \"tunnelsnmpctl status\" shows the sources, "
+            "\"tunnelsnmpd --help\" which there can be\n",
             Ctl::connectionsText(Json::array()));
 }
 

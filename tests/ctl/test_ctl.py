@@ -129,7 +129,7 @@ class Connections(CtlTest):
         self.start_daemon()
         done = self.run_ctl("show", "ike")
         self.assertEqual(0, done.returncode, done)
-        self.assertRegex(done.stdout, r"\Ano source tells of IPsec connections; .* --help\n\Z")
+        self.assertRegex(done.stdout, r"\Ano source tells of IPsec connections; .* --help.*\n\Z")
         self.assertEqual([], json.loads(self.run_ctl("--json", "show", "ike").stdout))
 
 
