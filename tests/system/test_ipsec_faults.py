@@ -13,7 +13,7 @@ import test_daemon
 from ipsec_world import NO_IPSEC, Site
 from swanctl_raw import DOWN, UNKNOWN, UP
 
-UNANSWERED = 12  # seconds until a daemon that hangs is taken for unknown: docs/ipsec.md
+UNANSWERED = 9  # seconds; one that hangs is unknown after 8 at most, says docs/ipsec.md
 
 
 def setUpModule():  # pylint: disable=invalid-name
