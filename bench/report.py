@@ -83,12 +83,16 @@ def steps(figures):
                   f"{sizes[1]:,} rows against {sizes[0]:,}"], lines)
 
 
-def latency(figures):
+def waits(figures):
     lines = []
     for mode, phases in figures.items():
         for phase, repetitions in phases.items():
+            if not repetitions:
+                continue  # no right to make links
             columns = ([run[key] / 1000 for run in repetitions]
                        for key in ("p50Us", "p99Us", "maxUs"))
+            if "disturbances" in repetitions[0]:
+                phase += f", {statistics.median(run['disturbances'] for run in repetitions):,.0f} a second"
             lines.append([f"{mode}, {phase}", *(reach(column) for column in columns),
                           reach([run["seconds"] for run in repetitions]),
                           str(sum(run["count"] for run in repetitions))])
@@ -196,7 +200,7 @@ def ike(figures):
 SECTIONS = {
     "if": None, "inet": None, "ipsec": None,  # together, see text()
     "steps": ("Does the size matter?", steps),
-    "latency": ("How long a manager waits", latency),
+    "waits": ("How long a manager waits", waits),
     "start": ("From nothing to complete tables", start),
     "changes": ("One change", changes),
     "sources": ("What the sources cost", sources),
@@ -226,10 +230,10 @@ NOTES = {
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
     "steps": "A small and a large agent side by side, {turns} turns each, on one core as above.",
-    "latency": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
+    "waits": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
-               "until the daemon is ready again; while the daemon reads its JSON file again. The daemon has the largest number of tunnels that is measured.",
+               "until the daemon is ready again; while the daemon reads its JSON file again; while another client sends it random datagrams, 64 and then a request, as soon as that is answered; while links come and go in its network namespace. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
              "with the real scheduler; of {turns} rounds. Each is the one start of a process of its own, "
              "as the maps are filled in one of their own, in the order of the machines' scans "

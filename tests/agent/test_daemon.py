@@ -32,9 +32,9 @@ V3_CONFIG = ("createUser reader SHA-256 the-auth-pass AES the-priv-pass\n"
 class Process:
     """A child process whose output is collected while it runs."""
 
-    def __init__(self, command, environment=None):
+    def __init__(self, command, environment=None, **options):
         self.child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                      text=True, env=environment)
+                                      text=True, env=environment, **options)
         self.out, self.err = [], []
         self.changed = threading.Condition()
         self.readers = [threading.Thread(target=self._collect, args=(pipe, lines), daemon=True)

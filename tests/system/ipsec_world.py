@@ -6,18 +6,40 @@ import os
 import pathlib
 import sys
 import time
+import unittest
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / "agent"))
 
-import strongswan  # pylint: disable=wrong-import-position
-import swanctl_raw  # pylint: disable=wrong-import-position
-import test_daemon  # pylint: disable=wrong-import-position
+# pylint: disable=wrong-import-position
+import packages
+import strongswan
+import swanctl_raw
+import test_daemon
+from strongswan import SECRETS, connection, tunnel_child
+from swanctl_raw import UP
 
 TUNNEL_IF_SECURITY = test_daemon.TUNNEL_IF_TABLE + ".1.5"
 PROMISE = 6  # seconds from a happening to its being seen
 SLOW_FACTOR = 4  # what instrumented programs may take instead
+NOBODY = 65534  # user and group
 NO_IPSEC, IPSEC = 1, 2  # tunnelIfSecurity
+
+VX = "vx type vxlan id 1 local 10.8.0.1 remote 10.8.0.2 dstport 4789"
+VX1 = "vx1 type vxlan id 2 local 10.8.1.1 remote 10.8.1.2 dstport 4789"
+PLAIN = "plain type vxlan id 3 local 10.8.5.1 remote 10.8.5.2 dstport 4789"
+
+
+def skip_where_it_cannot_be():
+    """For the setUpModule of what runs on this machine."""
+    try:
+        strongswan.probe()
+    except packages.Unavailable as reason:
+        raise unittest.SkipTest(str(reason)) from reason
+
+
+def site(own, peer, more=""):
+    return connection("site", own, peer, tunnel_child("vx", own, peer, 0), more) + SECRETS
 
 
 class IpsecTest(test_daemon.DaemonTest):
@@ -35,6 +57,15 @@ class IpsecTest(test_daemon.DaemonTest):
         self.namespace.ip(*("link add " + text for text in texts))
         links = json.loads(self.namespace.ip("-j link"))
         self.if_indexes_by_name = {link["ifname"]: link["ifindex"] for link in links}
+
+    def as_nobody(self):
+        """The daemon is to run as a user without any right."""
+        own = self.path("own")
+        os.mkdir(own)
+        os.chown(own, NOBODY, NOBODY)
+        self.control = os.path.join(own, "control.sock")
+        self.place += ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",
+                       "--inh-caps=-all", "--bounding-set=-all")
 
     def start_vici(self, *binds, links="linux:kinds=+vxlan"):
         """The daemon with both sources; each of `binds` is CONNECTION[/CHILD]@INTERFACE."""
@@ -72,7 +103,7 @@ class IpsecTest(test_daemon.DaemonTest):
         while (value := actual()) != expected:
             if time.monotonic() > began + limit:
                 self.fail(f"{what}: {value}, not {expected}, after {limit} s\n"
-                          + self.ctl("status") + self.ctl("show", "ike") + self.pair.a.log())
+                          + self.ctl("status") + self.ctl("show", "ike") + self.pair.a.log()[-1000:])
             time.sleep(0.02)
 
     def assert_seen(self, state, name="vx", seconds=PROMISE):
@@ -95,3 +126,21 @@ class IpsecTest(test_daemon.DaemonTest):
         while time.monotonic() < end:
             states.add(self.conn_state(name))
         return states
+
+
+class Site(IpsecTest):
+    """One connection, whose child protects the tunnel vx."""
+
+    def setUp(self):
+        super().setUp()
+        self.pair_is(site)
+        self.links_are(VX, PLAIN)
+        self.a, self.b = self.pair.a, self.pair.b
+
+    def start_up(self):
+        """Both daemons, the tunnel up, and managers that see it."""
+        self.pair.start()
+        self.a.initiate("vx")
+        daemon = self.start_vici()
+        self.assert_agrees(UP)
+        return daemon

@@ -26,13 +26,23 @@ def unpack(folder, *packages):
         if done.returncode != 0:
             raise Unavailable(f"cannot fetch {packages[0]} and more: "
                               + (done.stderr.strip() or "no reason given").splitlines()[-1])
-        folder.parent.mkdir(parents=True, exist_ok=True)
-        with tempfile.TemporaryDirectory(prefix=folder.name, dir=folder.parent) as unpacked:
-            for package in pathlib.Path(fetched).glob("*.deb"):
-                subprocess.run(["dpkg-deb", "-x", package, unpacked], check=True)
-            os.chmod(unpacked, 0o755)
+        _place(folder, pathlib.Path(fetched).glob("*.deb"))
+
+
+def _place(folder, files):
+    """All of it at once: several tests may find that it is missing."""
+    folder.parent.mkdir(parents=True, exist_ok=True)
+    with tempfile.TemporaryDirectory(prefix=folder.name, dir=folder.parent,
+                                     ignore_cleanup_errors=True) as unpacked:
+        for file in files:
+            subprocess.run(["dpkg-deb", "-x", file, unpacked], check=True)
+        os.chmod(unpacked, 0o755)
+        try:
             os.rename(unpacked, folder)
-            os.mkdir(unpacked)  # for who would remove it
+        except OSError:
+            if not folder.exists():
+                raise
+
 
 
 if __name__ == "__main__":
