@@ -244,7 +244,10 @@ class Daemon:
         self.wait()
 
     def freeze(self):
+        """Returns when none of its threads goes on: each stops in its own time."""
         self.signal(signal.SIGSTOP)
+        threads = pathlib.Path(f"/proc/{self.child.pid}/task")
+        until(lambda: all(_is_still(thread) for thread in threads.iterdir()), "all stop")
 
     def thaw(self):
         self.signal(signal.SIGCONT)
@@ -258,6 +261,14 @@ class Daemon:
     def end(self):
         if self.child is not None and self.child.poll() is None:
             self.kill()
+
+
+def _is_still(thread):
+    """Whether it is stopped, or gone. The name before its state may have blanks and parentheses."""
+    try:
+        return (thread / "stat").read_text(encoding="utf-8").rpartition(") ")[2][0] == "T"
+    except (FileNotFoundError, ProcessLookupError):
+        return True
 
 
 class Pair:
