@@ -21,12 +21,18 @@ def unpack(folder, *packages):
         return
     with tempfile.TemporaryDirectory(prefix="packages-") as fetched:
         os.chmod(fetched, 0o777)  # apt fetches as a user of its own
-        done = subprocess.run(["apt-get", "download", "-qq", *packages], cwd=fetched,
-                              capture_output=True, text=True, check=False)
-        if done.returncode != 0:
-            raise Unavailable(f"cannot fetch {packages[0]} and more: "
-                              + (done.stderr.strip() or "no reason given").splitlines()[-1])
+        if _download(fetched, packages):  # the lists may be old, or not be there
+            subprocess.run(["apt-get", "update", "-qq"], capture_output=True, check=False)
+            if reason := _download(fetched, packages):
+                raise Unavailable(f"cannot fetch {packages[0]} and more: {reason}")
         _place(folder, pathlib.Path(fetched).glob("*.deb"))
+
+
+def _download(folder, packages):
+    """Why it failed, one line, or nothing."""
+    done = subprocess.run(["apt-get", "download", "-qq", *packages], cwd=folder,
+                          capture_output=True, text=True, check=False)
+    return (done.stderr.strip() or "no reason given").splitlines()[-1] if done.returncode else ""
 
 
 def _place(folder, files):

@@ -45,19 +45,30 @@ CHARON_CONF = """charon {{
 SWANCTL_CONF = "swanctl {\n  load =\n}\n"
 
 
+TRIED = """
+set -e
+mount --make-rprivate /
+mount -t tmpfs none /tmp
+ip link add veth1 type veth peer name veth2
+ip link add vxlan1 type vxlan id 1 dstport 4789
+ip tuntap add tun1 mode tun
+ip xfrm policy
+"""
+
+
 def probe():
     """Raises packages.Unavailable when this machine cannot have the two daemons."""
     if os.geteuid() != 0:
         raise packages.Unavailable("network namespaces need root")
-    if not os.path.exists("/dev/net/tun"):
-        raise packages.Unavailable("ESP in user space needs /dev/net/tun")
     for program in ("unshare", "nsenter", "setpriv", "chroot", "ip"):
         if shutil.which(program) is None:
             raise packages.Unavailable(f"there is no program {program}")
-    done = subprocess.run(["unshare", "--net", "--mount", "true"], capture_output=True, text=True,
-                          check=False)
+    done = subprocess.run(["unshare", "--net", "--mount", "sh", "-c", TRIED], capture_output=True,
+                          text=True, check=False)
     if done.returncode != 0:
-        raise packages.Unavailable("no namespaces here: " + done.stderr.strip())
+        raise packages.Unavailable(
+            "network namespaces, their links or /dev/net/tun cannot be had: "
+            + (done.stderr.strip() or "no reason given").splitlines()[-1])
     packages.unpack(UNPACKED, *PACKAGES)
 
 
