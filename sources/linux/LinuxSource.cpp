@@ -4,6 +4,7 @@
 // that change nothing.
 #include "sources/linux/LinuxSource.h"
 #include "platform/Lumo.h"
+#include "sources/linux/LinuxOptions.h"
 #include <fmt/format.h>
 #include <fstream>
 #include <linux/netlink.h>
@@ -68,7 +69,7 @@ LinuxSource::LinuxSource(std::string_view options, Surroundings const & surround
         if (changed)
           changed(*this);
       }),
-      publication_(Linux::TunnelKindSet::fromOptions(options), surroundings.publishers,
+      publication_(Linux::linuxOptionsFromText(options).kinds, surroundings.publishers,
                    surroundings.links),
       reader_({.subject = subject(),
                .loop = surroundings.loop,
@@ -77,7 +78,16 @@ LinuxSource::LinuxSource(std::string_view options, Surroundings const & surround
                .kernelBuffer = receiveBuffer,
                .period = fullReadPeriod,
                .ask = std::move(ask)},
-              *this) {}
+              *this),
+      policies_(
+          surroundings, [this] { tellHealth(); },
+          [this](Plexa::IntfId intfId) {
+            if (states_)
+              states_->lookAgain(intfId);
+          }) {
+  if (Linux::linuxOptionsFromText(options).hasStates)
+    states_.emplace(surroundings, policies_, [this] { tellHealth(); });
+}
 
 std::string LinuxSource::name() const {
   return options_.empty() ? "linux" : "linux:" + options_;
@@ -85,19 +95,43 @@ std::string LinuxSource::name() const {
 
 void LinuxSource::start() {
   reader_.readNow();
+  policies_.start();
+  if (states_)
+    states_->start();
 }
 
 void LinuxSource::reread() {
   reader_.read();
+  policies_.reread();
+  if (states_)
+    states_->reread();
 }
 
 SourceStatus LinuxSource::status() const {
-  return {.state = health_.state(),
-          .isReading = reader_.isReading(),
-          .lastError = health_.lastError(),
-          .records = publication_.publisher().counts(),
-          .fullReads = reader_.fullReads(),
-          .changes = publication_.publisher().changes()};
+  auto const & links = publication_.publisher();
+  auto const & policies = policies_.publisher();
+  SourceStatus status{.state = health_.state(),
+                      .isReading = reader_.isReading() || policies_.isReading() ||
+                                   (states_ && states_->isReading()),
+                      .lastError = health_.lastError(),
+                      .records = links.counts(),
+                      .fullReads = reader_.fullReads(),
+                      .changes = links.changes() + policies.changes(),
+                      .details = {{"policies", policies_.summary()}}};
+  status.records.statusClaims = policies.counts().statusClaims;
+  if (states_) {
+    auto const records = states_->publisher().counts();
+    status.records.tunnelInfos = records.tunnelInfos;
+    status.records.profiles = records.profiles;
+    status.records.connections = records.connections;
+    status.changes += states_->publisher().changes();
+    status.details.emplace_back("states", states_->summary());
+  }
+  return status;
+}
+
+std::vector<Ike::ConnectionReport> LinuxSource::connections() const {
+  return states_ ? states_->connections() : std::vector<Ike::ConnectionReport>();
 }
 
 void LinuxSource::dumpBegins() {
@@ -143,16 +177,31 @@ bool LinuxSource::heard(Linux::Bytes bytes) {
 }
 
 void LinuxSource::isInSync() {
-  health_.inSyncIs();
+  linksError_.clear();
+  tellHealth();
 }
 
 void LinuxSource::isDegraded(std::string_view error) {
   LUMO_TRACE(traceHandler(), fault, "{}", error);
-  health_.degradedIs(error);
+  errorIs(linksError_, error);
+  tellHealth();
 }
 
 std::chrono::milliseconds LinuxSource::retryAfter(std::exception const &) {
   return retryPeriod;
+}
+
+// The links come first: without them the rest means little.
+void LinuxSource::tellHealth() {
+  auto const * error = &linksError_;
+  if (error->empty())
+    error = &policies_.lastError();
+  if (error->empty() && states_)
+    error = &states_->lastError();
+  if (!error->empty())
+    health_.degradedIs(*error);
+  else if (reader_.fullReads() != 0)
+    health_.inSyncIs();
 }
 
 } // namespace Sources

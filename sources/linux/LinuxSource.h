@@ -4,19 +4,25 @@
 // Most changes are announced by the kernel, and published as they come. It keeps silent about those
 // to a link that is down, so everything is read again from time to time, one part of the kernel's
 // answer in a turn of the event loop. Reading everything is also the answer to every loss.
+//
+// It owns what follows the kernel's IPsec policies, and, where that is asked for, its states.
 #pragma once
 
 #include "sources/Health.h"
 #include "sources/Source.h"
+#include "sources/linux/IpsecPolicies.h"
 #include "sources/linux/KernelReader.h"
+#include "sources/linux/KernelStates.h"
 #include "sources/linux/LinkDecoder.h"
 #include "sources/linux/LinkPublication.h"
 #include <chrono>
 #include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Sources {
 
@@ -33,7 +39,7 @@ public:
 
   /// `ask` asks for all links, as Linux::askForAll() does; empty: that.
   ///
-  /// Raises std::invalid_argument as Linux::TunnelKindSet::fromOptions does, and when there is such
+  /// Raises std::invalid_argument as Linux::linuxOptionsFromText does, and when there is such
   /// a source already: one can have all kinds.
   LinuxSource(std::string_view options, Surroundings const & surroundings,
               int receiveBuffer = defaultReceiveBuffer, std::function<Os::Descriptor()> ask = {});
@@ -42,6 +48,7 @@ public:
   void start() override;
   void reread() override;
   SourceStatus status() const override;
+  std::vector<Ike::ConnectionReport> connections() const override;
 
 private:
   void dumpBegins() override;
@@ -51,13 +58,17 @@ private:
   void isInSync() override;
   void isDegraded(std::string_view error) override;
   std::chrono::milliseconds retryAfter(std::exception const & reason) override;
+  void tellHealth();
 
   std::string const options_;
   Health health_;
   Linux::LinkPublication publication_;
   Linux::DefaultHopLimits defaults_;
+  std::string linksError_; // what is wrong with the links; empty when nothing is
   Linux::ReceiveBuffer const buffer_{Linux::ReceiveBuffer::Contents::plain};
   Linux::KernelReader reader_;
+  Linux::IpsecPolicies policies_;
+  std::optional<Linux::KernelStates> states_; // where they are asked for
 };
 
 /// `options` is what follows "linux:" on the command line, or empty.
