@@ -11,11 +11,7 @@ void Health::inSyncIs() {
 }
 
 void Health::degradedIs(std::string_view error) {
-  try {
-    lastError_ = error;
-  } catch (std::bad_alloc const &) {
-    lastError_ = "out of memory"; // fits into the string itself
-  }
+  errorIs(lastError_, error);
   stateIs(State::degraded);
 }
 
@@ -27,6 +23,14 @@ void Health::stateIs(State state) {
     changed_();
   } catch (std::exception const &) {
     // A line that cannot be told is not worth a source.
+  }
+}
+
+void errorIs(std::string & kept, std::string_view error) {
+  try {
+    kept = error;
+  } catch (std::bad_alloc const &) {
+    kept = "out of memory"; // fits into the string itself
   }
 }
 

@@ -35,6 +35,8 @@ private:
   std::string lastError_;
 };
 
+/// Keeps the error, one line; where there is no memory for it another one, shorter.
+void errorIs(std::string & kept, std::string_view error);
 /// What the exception says, in words for an operator.
 std::string_view reasonOf(std::exception const & exception);
 

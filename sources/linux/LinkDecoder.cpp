@@ -3,11 +3,9 @@
 // Byte orders are the kernel's: addresses, flow information and ports big-endian, flags and the
 // header in the order of this machine.
 #include "sources/linux/LinkDecoder.h"
-#include "platform/Lumo.h"
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
-#include <cstring>
 #include <fmt/format.h>
 #include <linux/if_link.h>
 #include <linux/if_tunnel.h>
@@ -18,45 +16,7 @@
 namespace Sources::Linux {
 namespace {
 
-using Bytes = std::span<std::byte const>;
 using Plexa::TunnelIntfMode;
-
-constexpr std::size_t attributeHeader = NLA_HDRLEN;
-
-/// What is in an attribute. Not by libnl's accessors: a reading of all links would call those some
-/// eighty times for each link.
-Bytes valueOf(nlattr const & attribute) {
-  auto const all = Bytes(reinterpret_cast<std::byte const *>(&attribute), attribute.nla_len);
-  return all.subspan(attributeHeader);
-}
-
-/// One level of attributes by type; the later one of a type counts, as for the kernel.
-class Attributes {
-public:
-  Attributes() = default;
-  /// Raises MalformedMessage when an attribute does not fit. Refers to the bytes.
-  explicit Attributes(Bytes bytes);
-
-  /// The attribute, or null; null for type 0.
-  nlattr const * find(std::uint16_t type) const { return byType_.at(type); }
-  /// True if and only if the flag is there: some kinds send it empty, some with 0 or 1.
-  bool flag(std::uint16_t type) const;
-  /// The value; 0 when the attribute is missing. Raises MalformedMessage when it is too short.
-  std::uint8_t u8(std::uint16_t type) const { return number<std::uint8_t>(type); }
-  std::uint16_t u16(std::uint16_t type) const { return number<std::uint16_t>(type); }
-  std::uint32_t u32(std::uint16_t type) const { return number<std::uint32_t>(type); }
-  /// The text up to its end or the first zero byte; empty when the attribute is missing. Refers to
-  /// the bytes.
-  std::string_view text(std::uint16_t type) const;
-  /// The attributes inside this one; none when it is missing.
-  Attributes nested(std::uint16_t type) const;
-
-private:
-  template <class T>
-  T number(std::uint16_t type) const;
-
-  std::array<nlattr const *, 40> byType_{}; // as far as anything here looks
-};
 
 /// Where the attributes of a kind are, and what follows from the kind alone. 0: it has none.
 struct Layout {
@@ -189,33 +149,20 @@ Layout const * findLayout(std::string_view name) {
   return found == layouts.end() ? nullptr : &*found;
 }
 
-/// The header of the message and what follows it. Raises MalformedMessage when that is not all
-/// there.
-nlmsghdr const & header(Bytes message) {
-  LUMO_ASSERT(reinterpret_cast<std::uintptr_t>(message.data()) % NLMSG_ALIGNTO == 0,
-              "a netlink message lies at an odd address");
-  auto const * const head = reinterpret_cast<nlmsghdr const *>(message.data());
-  if (message.size() < sizeof *head || head->nlmsg_len > message.size())
-    throw MalformedMessage{fmt::format("it is cut off after {} bytes", message.size())};
-  return *head;
-}
-
 LinkState decodeState(Bytes message, bool gone, DefaultHopLimits const & defaults);
 std::optional<TunnelLink> decodeTunnel(Attributes const & link, DefaultHopLimits const & defaults);
 
 } // namespace
 
 LinkMessage decodeLink(Bytes message, DefaultHopLimits const & defaults) try {
-  auto const & head = header(message);
-  if (head.nlmsg_type != RTM_NEWLINK && head.nlmsg_type != RTM_DELLINK)
+  auto const type = messageHeader(message).nlmsg_type;
+  if (type != RTM_NEWLINK && type != RTM_DELLINK)
     return OtherMessage();
-  if (head.nlmsg_len < NLMSG_LENGTH(sizeof(ifinfomsg)))
-    throw MalformedMessage{fmt::format("its {} bytes are too few for a link", head.nlmsg_len)};
-  auto const payload = message.subspan(NLMSG_HDRLEN, head.nlmsg_len - NLMSG_HDRLEN);
+  auto const payload = messagePayload(message, sizeof(ifinfomsg), "a link");
   // A link that leaves a bridge is told with the bridge's family, and looks like a deletion.
   if (reinterpret_cast<ifinfomsg const *>(payload.data())->ifi_family != AF_UNSPEC)
     return OtherMessage();
-  return decodeState(payload, head.nlmsg_type == RTM_DELLINK, defaults);
+  return decodeState(payload, type == RTM_DELLINK, defaults);
 } catch (MalformedMessage const & malformed) {
   return malformed;
 }
@@ -353,70 +300,22 @@ bool overIpv6(TunnelLink const & link) {
          link.status.dstAddr.family() == Plexa::AddressFamily::ipv6;
 }
 
-/// The address; the empty one when the attribute is missing or the address is zero.
-template <class Address>
-Plexa::IpGenAddr address(Attributes const & data, std::uint16_t type) {
+/// The address of so many bytes; the empty one when the attribute is missing or the address is
+/// zero.
+Plexa::IpGenAddr address(Attributes const & data, std::uint16_t type, std::size_t size) {
   auto const * const found = data.find(type);
   if (found == nullptr)
     return {};
-  Address result;
   auto const octets = valueOf(*found);
-  if (octets.size() != result.bytes.size())
+  if (octets.size() != size)
     throw MalformedMessage{fmt::format("attribute {} is no address: it has {} bytes instead of {}",
-                                       type, octets.size(), result.bytes.size())};
-  std::memcpy(result.bytes.data(), octets.data(), result.bytes.size());
-  return result == Address() ? Plexa::IpGenAddr() : Plexa::IpGenAddr(result);
+                                       type, octets.size(), size)};
+  return addressOf(octets);
 }
 
 Plexa::IpGenAddr endpoint(Attributes const & data, std::uint16_t type4, std::uint16_t type6) {
-  auto const v4 = address<Plexa::Ip4Addr>(data, type4);
-  return v4.isAddrZero() ? address<Plexa::Ip6Addr>(data, type6) : v4;
-}
-
-Attributes::Attributes(Bytes bytes) {
-  while (!bytes.empty()) {
-    auto const * const one = reinterpret_cast<nlattr const *>(bytes.data());
-    if (bytes.size() < attributeHeader || one->nla_len < attributeHeader ||
-        one->nla_len > bytes.size())
-      throw MalformedMessage{fmt::format("an attribute does not fit into {} bytes", bytes.size())};
-    auto const type = static_cast<std::size_t>(one->nla_type & NLA_TYPE_MASK);
-    if (type != 0 && type < byType_.size())
-      byType_[type] = one;
-    bytes = bytes.subspan(std::min<std::size_t>(bytes.size(), NLA_ALIGN(one->nla_len)));
-  }
-}
-
-bool Attributes::flag(std::uint16_t type) const {
-  auto const * const found = find(type);
-  return found != nullptr && (valueOf(*found).empty() || u8(type) != 0);
-}
-
-std::string_view Attributes::text(std::uint16_t type) const {
-  auto const * const found = find(type);
-  if (found == nullptr)
-    return {};
-  auto const value = valueOf(*found);
-  auto const * const begin = reinterpret_cast<char const *>(value.data());
-  return {begin, strnlen(begin, value.size())};
-}
-
-Attributes Attributes::nested(std::uint16_t type) const {
-  auto const * const found = find(type);
-  return found == nullptr ? Attributes() : Attributes(valueOf(*found));
-}
-
-template <class T>
-T Attributes::number(std::uint16_t type) const {
-  T value = 0;
-  auto const * const found = find(type);
-  if (found == nullptr)
-    return value;
-  auto const octets = valueOf(*found);
-  if (octets.size() < sizeof value)
-    throw MalformedMessage{fmt::format("attribute {} is too short: it has {} bytes instead of {}",
-                                       type, octets.size(), sizeof value)};
-  std::memcpy(&value, octets.data(), sizeof value);
-  return value;
+  auto const v4 = address(data, type4, sizeof(Plexa::Ip4Addr));
+  return v4.isAddrZero() ? address(data, type6, sizeof(Plexa::Ip6Addr)) : v4;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "platform/Interface.h"
+#include "sources/linux/NetlinkMessage.h"
 #include "sources/linux/TunnelKind.h"
 #include <cstddef>
 #include <cstdint>
@@ -44,12 +45,7 @@ struct LinkState {
   std::uint32_t index = 0;
   std::optional<TunnelLink> tunnel;
 };
-/// Not about a link, or only about its place in a bridge.
-struct OtherMessage {};
-struct MalformedMessage {
-  std::string reason;
-  std::uint32_t index = 0; ///< which link it is about; 0: unknown
-};
+/// An OtherMessage is one that is not about a link, or only about its place in a bridge.
 using LinkMessage = std::variant<LinkState, OtherMessage, MalformedMessage>;
 
 /// What the kernel puts into the outer packet of tunnels that have no value of their own.
@@ -60,6 +56,6 @@ struct DefaultHopLimits {
 
 /// Decodes one message, from its nlmsghdr on; bytes beyond its length are ignored. Any bytes will
 /// do. Requires: they begin at an address that is a multiple of 4, as in every netlink buffer.
-LinkMessage decodeLink(std::span<std::byte const> message, DefaultHopLimits const & defaults);
+LinkMessage decodeLink(Bytes message, DefaultHopLimits const & defaults);
 
 } // namespace Sources::Linux

@@ -1,37 +1,24 @@
-// Subscribes, reads everything, applies events; and begins again whenever something may be missing.
+// Decodes the kernel's messages and publishes what they say.
 //
 // Traces under "LinuxSource": 0 faults and losses, 7 what is published, 8 full reads, 9 messages
 // that change nothing.
 #include "sources/linux/LinuxSource.h"
 #include "platform/Lumo.h"
+#include "sources/linux/LinuxOptions.h"
 #include <fmt/format.h>
 #include <fstream>
-#include <new>
-#include <poll.h>
-#include <stdexcept>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <utility>
-#include <vector>
 
 namespace Sources {
 namespace {
 
 constexpr int fault = 0;
 constexpr int output = 7;
-constexpr int entry = 8;
 constexpr int detail = 9;
 
-/// How often a dump is taken again at once when links come and go meanwhile.
-constexpr int dumpAttempts = 5;
-std::runtime_error noAnswer() {
-  return std::runtime_error("source linux: cannot read the links: the kernel does not answer");
-}
-/// Receptions in a row before others on the thread have their turn.
-constexpr int receptionsPerTurn = 64;
-
-Lumo::Counter overflows("linux-overflows");
-Lumo::Counter interruptedDumps("linux-dumps-interrupted");
 Lumo::Counter malformedMessages("linux-messages-malformed");
-Lumo::Counter resyncs("linux-resyncs");
 
 // Known by its name before it has traced anything, so that it can be switched on.
 auto const debugHandler = Lumo::Platform::getDebugHandler("LinuxSource", false);
@@ -43,6 +30,16 @@ void traceMalformed(Linux::MalformedMessage const & malformed) {
   malformedMessages.inc();
   LUMO_TRACE(traceHandler(), fault, "message about link {} is malformed: {}", malformed.index,
              malformed.reason);
+}
+
+Linux::NetlinkSubject const & subject() {
+  static Linux::NetlinkSubject const links{.protocol = NETLINK_ROUTE,
+                                           .family = "a route",
+                                           .things = "links",
+                                           .groups = {RTNLGRP_LINK},
+                                           .request = RTM_GETLINK,
+                                           .requestZeros = sizeof(ifinfomsg)};
+  return links;
 }
 
 std::uint8_t hopLimitSetting(char const * path) {
@@ -68,229 +65,104 @@ std::unique_ptr<Source> makeLinuxSource(std::string_view options,
 LinuxSource::LinuxSource(std::string_view options, Surroundings const & surroundings,
                          int receiveBuffer, std::function<Os::Descriptor()> ask)
     : options_(options),
-      loop_(surroundings.loop),
-      receiveBuffer_(receiveBuffer),
-      ask_(std::move(ask)),
       health_([this, changed = surroundings.stateChanged] {
         if (changed)
           changed(*this);
       }),
-      publication_(Linux::TunnelKindSet::fromOptions(options), surroundings.publishers,
-                   surroundings.links) {}
+      publication_(Linux::linuxOptionsFromText(options).kinds, surroundings.publishers,
+                   surroundings.links),
+      reader_({.subject = subject(),
+               .loop = surroundings.loop,
+               .trace = traceHandler(),
+               .buffer = buffer_,
+               .kernelBuffer = receiveBuffer,
+               .period = fullReadPeriod,
+               .ask = std::move(ask)},
+              *this),
+      policies_(
+          surroundings, [this] { tellHealth(); },
+          [this](Plexa::IntfId intfId) {
+            if (states_)
+              states_->lookAgain(intfId);
+          }) {
+  if (Linux::linuxOptionsFromText(options).hasStates)
+    states_.emplace(surroundings, policies_, [this] { tellHealth(); });
+}
 
 std::string LinuxSource::name() const {
   return options_.empty() ? "linux" : "linux:" + options_;
 }
 
 void LinuxSource::start() {
-  beginReading(Pace::atOnce);
-  while (dump_) {
-    waitForDump();
-    receiveDumpOrRaise();
-  }
+  reader_.readNow();
+  policies_.start();
+  if (states_)
+    states_->start();
 }
 
 void LinuxSource::reread() {
-  readOrDegrade();
+  reader_.read();
+  policies_.reread();
+  if (states_)
+    states_->reread();
 }
 
 SourceStatus LinuxSource::status() const {
-  return {.state = health_.state(),
-          .isReading = isReading_,
-          .lastError = health_.lastError(),
-          .records = publication_.publisher().counts(),
-          .fullReads = fullReads_,
-          .changes = publication_.publisher().changes()};
+  auto const & links = publication_.publisher();
+  auto const & policies = policies_.publisher();
+  SourceStatus status{.state = health_.state(),
+                      .isReading = reader_.isReading() || policies_.isReading() ||
+                                   (states_ && states_->isReading()),
+                      .lastError = health_.lastError(),
+                      .records = links.counts(),
+                      .fullReads = reader_.fullReads(),
+                      .changes = links.changes() + policies.changes(),
+                      .details = {{"policies", policies_.summary()}}};
+  status.records.statusClaims = policies.counts().statusClaims;
+  if (states_) {
+    auto const records = states_->publisher().counts();
+    status.records.tunnelInfos = records.tunnelInfos;
+    status.records.profiles = records.profiles;
+    status.records.connections = records.connections;
+    status.changes += states_->publisher().changes();
+    status.details.emplace_back("states", states_->summary());
+  }
+  return status;
 }
 
-// A read that is under way may have passed what is to be read: it ends, since it would never end if
-// each wish began it anew, and then another one begins.
-void LinuxSource::readOrDegrade() {
-  if (isReading_) {
-    readAgain_ = true;
-    return;
-  }
-  try {
-    beginReading(Pace::inRuns);
-  } catch (std::exception const & exception) {
-    readingFailed(exception);
-  }
+std::vector<Ike::ConnectionReport> LinuxSource::connections() const {
+  return states_ ? states_->connections() : std::vector<Ike::ConnectionReport>();
 }
 
-void LinuxSource::beginReading(Pace pace) {
-  LUMO_TRACE(traceHandler(), entry, "reading all links");
-  isReading_ = true;
-  pace_ = pace;
-  dumps_ = 0;
-  nextFullRead_.reset();
+void LinuxSource::dumpBegins() {
   defaults_ = defaultHopLimits();
-  subscribe();
-  forgetEvents();
-  beginDump();
-}
-
-void LinuxSource::beginDump() {
-  ++dumps_;
-  malformed_ = 0;
   publication_.beginReading();
-  dump_.emplace(ask_());
-  dumpReadable_ = loop_.readable(dump_->descriptor(), [this] { receiveDump(); });
-  dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer()); });
 }
 
-// A socket without a watch is none: there was no memory for it.
-void LinuxSource::subscribe() {
-  if (eventsReadable_)
-    return;
-  events_.emplace(receiveBuffer_);
-  eventsReadable_ = loop_.readable(events_->descriptor(), [this] { receiveEvents(); });
-}
-
-// What has come until now is older than the dump that follows. All of it must go: while any is left
-// after an overflow, the kernel drops further events without saying so again. This ends, since the
-// kernel needs longer to make an event than we to drop it.
-void LinuxSource::forgetEvents() {
-  for (;;) {
-    auto const received = receiveOrUnsubscribe([](std::span<std::byte const>) {});
-    if (received == Linux::LinkEvents::Received::nothing)
-      return;
-    if (received == Linux::LinkEvents::Received::overflow)
-      overflows.inc();
-  }
-}
-
-// After an exception nobody knows what the socket still has: the next full read takes a new one.
-Linux::LinkEvents::Received LinuxSource::receiveOrUnsubscribe(Linux::TakeMessage const & take) {
-  try {
-    return events_->receive(take);
-  } catch (...) {
-    eventsReadable_.reset();
-    events_.reset();
-    throw;
-  }
-}
-
-void LinuxSource::receiveDump() {
-  try {
-    receiveDumpOrRaise();
-  } catch (std::exception const & exception) {
-    readingFailed(exception);
-  }
-}
-
-void LinuxSource::receiveDumpOrRaise() {
-  using Received = Linux::LinkDump::Received;
-  auto const received =
-      dump_->receive([this](std::span<std::byte const> message) { found(message); });
-  if (received == Received::messages)
-    dumpIsLate_ = loop_.after(patience, [this] { readingFailed(noAnswer()); });
-  if (received == Received::whole || received == Received::interrupted)
-    dumpIsOver(received == Received::whole);
-}
-
-// Only at the start, when there is nothing else to do.
-void LinuxSource::waitForDump() const {
-  pollfd answer{dump_->descriptor(), POLLIN, 0};
-  if (::poll(&answer, 1, static_cast<int>(std::chrono::milliseconds(patience).count())) == 0)
-    throw noAnswer();
-}
-
-void LinuxSource::found(std::span<std::byte const> bytes) {
+bool LinuxSource::found(Linux::Bytes bytes) {
   auto const message = Linux::decodeLink(bytes, defaults_);
   if (auto const * state = std::get_if<Linux::LinkState>(&message))
     publication_.found(*state);
-  if (auto const * malformed = std::get_if<Linux::MalformedMessage>(&message)) {
+  auto const * const malformed = std::get_if<Linux::MalformedMessage>(&message);
+  if (malformed != nullptr) {
     traceMalformed(*malformed);
-    ++malformed_;
     publication_.foundUnreadable(malformed->index); // what is known of it is better than nothing
   }
+  return malformed == nullptr;
 }
 
-void LinuxSource::dumpIsOver(bool whole) {
-  stopDump();
-  if (!whole)
-    interruptedDumps.inc();
-  if (!whole && dumps_ != dumpAttempts)
-    return beginDump();
-  auto const done = [this, whole, before = publication_.publisher().changes()] {
+void LinuxSource::dumpEnds(bool whole, Linux::KernelReader::Pace pace) {
+  auto const done = [this, before = publication_.publisher().changes()] {
     if (auto const changes = publication_.publisher().changes() - before; changes != 0)
       LUMO_TRACE(traceHandler(), output, "published {} changes", changes);
-    readingIsOver(whole);
+    reader_.published();
   };
-  publication_.endReading(whole, pace_, done,
-                          [this](std::exception const & reason) { readingFailed(reason); });
+  publication_.endReading(whole, pace, done,
+                          [this](std::exception const & reason) { reader_.failed(reason); });
 }
 
-void LinuxSource::readingIsOver(bool whole) {
-  try {
-    readIn(whole ? fullReadPeriod : retryPeriod);
-    isReading_ = false;
-    ++fullReads_;
-    tellHealth(whole);
-  } catch (std::bad_alloc const & shortage) {
-    return readingFailed(shortage);
-  }
-  if (std::exchange(readAgain_, false))
-    readOrDegrade();
-}
-
-void LinuxSource::tellHealth(bool whole) {
-  if (!whole)
-    degrade("source linux: links come and go too fast to read them all: trying again");
-  else if (malformed_ != 0)
-    degrade(fmt::format("source linux: {} links cannot be understood: trace LinuxSource:0 says why",
-                        malformed_));
-  else
-    health_.inSyncIs();
-}
-
-void LinuxSource::readingFailed(std::exception const & reason) {
-  isReading_ = false;
-  readAgain_ = false; // which the next one does
-  stopDump();
-  degrade(reasonOf(reason));
-  readIn(retryPeriod);
-}
-
-void LinuxSource::readIn(std::chrono::milliseconds time) {
-  nextFullRead_ = loop_.after(time, [this] { readOrDegrade(); });
-}
-
-void LinuxSource::stopDump() {
-  dumpIsLate_.reset();
-  dumpReadable_.reset();
-  dump_.reset();
-}
-
-void LinuxSource::receiveEvents() {
-  try {
-    receiveEventsOrRaise();
-  } catch (std::exception const & exception) {
-    eventsFailed(exception);
-  }
-}
-
-void LinuxSource::receiveEventsOrRaise() {
-  using Received = Linux::LinkEvents::Received;
-  std::vector<Linux::LinkMessage> messages;
-  for (int i = 0; i != receptionsPerTurn; ++i) {
-    messages.clear();
-    auto const received = receiveOrUnsubscribe([&](std::span<std::byte const> bytes) {
-      messages.push_back(Linux::decodeLink(bytes, defaults_));
-    });
-    if (received == Received::nothing)
-      return;
-    if (received == Received::overflow) {
-      overflows.inc();
-      return recover("the kernel has dropped events");
-    }
-    for (auto const & message : messages)
-      if (!take(message))
-        return recover("an event cannot be understood");
-  }
-}
-
-bool LinuxSource::take(Linux::LinkMessage const & message) {
+bool LinuxSource::heard(Linux::Bytes bytes) {
+  auto const message = Linux::decodeLink(bytes, defaults_);
   if (auto const * malformed = std::get_if<Linux::MalformedMessage>(&message)) {
     traceMalformed(*malformed);
     return false;
@@ -304,23 +176,32 @@ bool LinuxSource::take(Linux::LinkMessage const & message) {
   return true;
 }
 
-void LinuxSource::recover(std::string_view reason) {
-  LUMO_TRACE(traceHandler(), fault, "{}, reading all links again", reason);
-  resyncs.inc();
-  readOrDegrade();
+void LinuxSource::isInSync() {
+  linksError_.clear();
+  tellHealth();
 }
 
-// One that is under way has subscribed already, so another one follows it.
-void LinuxSource::eventsFailed(std::exception const & reason) {
-  degrade(reasonOf(reason));
-  readAgain_ = isReading_;
-  if (!isReading_)
-    readIn(retryPeriod);
-}
-
-void LinuxSource::degrade(std::string_view error) {
+void LinuxSource::isDegraded(std::string_view error) {
   LUMO_TRACE(traceHandler(), fault, "{}", error);
-  health_.degradedIs(error);
+  errorIs(linksError_, error);
+  tellHealth();
+}
+
+std::chrono::milliseconds LinuxSource::retryAfter(std::exception const &) {
+  return retryPeriod;
+}
+
+// The links come first: without them the rest means little.
+void LinuxSource::tellHealth() {
+  auto const * error = &linksError_;
+  if (error->empty())
+    error = &policies_.lastError();
+  if (error->empty() && states_)
+    error = &states_->lastError();
+  if (!error->empty())
+    health_.degradedIs(*error);
+  else if (reader_.fullReads() != 0)
+    health_.inSyncIs();
 }
 
 } // namespace Sources

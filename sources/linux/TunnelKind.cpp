@@ -53,9 +53,10 @@ TunnelKindSet TunnelKindSet::fromOptions(std::string_view options) {
   if (options.empty())
     return kinds;
   if (!options.starts_with(kindsOption))
-    throw std::invalid_argument(fmt::format(
-        "source linux: unknown option \"{}\": write kinds=+KIND,-KIND,... with KIND one of {}",
-        options, fmt::join(names, " ")));
+    throw std::invalid_argument(fmt::format("source linux: unknown option \"{}\": write "
+                                            "ipsec=states, or kinds=+KIND,-KIND,... with KIND "
+                                            "one of {}",
+                                            options, fmt::join(names, " ")));
   auto choices = options.substr(kindsOption.size());
   for (;;) {
     auto const comma = choices.find(',');

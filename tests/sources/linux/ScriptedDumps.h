@@ -25,7 +25,7 @@ public:
   /// How often links were asked for.
   int asked() const { return asked_; }
 
-  /// For the source: as Linux::askForLinks.
+  /// For the source: as Linux::askForAll.
   Os::Descriptor ask();
 
   // Messages of a dump.

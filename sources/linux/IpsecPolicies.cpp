@@ -1,0 +1,283 @@
+// An event changes the table of policies, which says whose flag may be another one now; those links
+// are looked at anew. A full read ends with a look at every link.
+//
+// Traces under "IpsecPolicies": 0 faults, losses and what is not permitted, 7 what is claimed, 8
+// full reads.
+#include "sources/linux/IpsecPolicies.h"
+#include "platform/Lumo.h"
+#include <algorithm>
+#include <fmt/format.h>
+#include <linux/netlink.h>
+#include <linux/xfrm.h>
+#include <utility>
+
+namespace Sources::Linux {
+namespace {
+
+using Status = StateDb::Publisher::Status;
+
+constexpr int fault = 0;
+constexpr int output = 7;
+
+auto const debugHandler = Lumo::Platform::getDebugHandler("IpsecPolicies", false);
+Lumo::DebugHandler const & traceHandler() {
+  return *debugHandler;
+}
+
+Lumo::Counter malformedPolicies("linux-policies-malformed");
+
+/// Events of policies, and of those that end because their time is over.
+NetlinkSubject policySubject(int protocol) {
+  return {.protocol = protocol,
+          .family = "an xfrm",
+          .things = "IPsec policies",
+          .groups = {XFRMNLGRP_POLICY, XFRMNLGRP_EXPIRE},
+          .request = XFRM_MSG_GETPOLICY,
+          .requestZeros = sizeof(xfrm_userpolicy_id)};
+}
+
+/// True if and only if each tunnel that the policy asks for is the one between the link's
+/// endpoints, as the kernel demands of a vti link. What either does not say is no difference.
+bool mayUse(Link const & link, Policy const & policy) {
+  auto const agree = [](Plexa::IpGenAddr const & one, Plexa::IpGenAddr const & other) {
+    return one.isAddrZero() || other.isAddrZero() || one == other;
+  };
+  return std::ranges::all_of(policy.templates, [&](PolicyTemplate const & one) {
+    return agree(one.source, link.local) && agree(one.destination, link.remote);
+  });
+}
+
+/// Takes the endpoints of the first tunnel that the policy asks for into the claim.
+StateDb::Claim<Status> withEndpoints(StateDb::Claim<Status> claim, Policy const & policy) {
+  for (auto const & one : policy.templates) {
+    if (one.mode != XfrmMode::tunnel || !one.demandsIpsec())
+      continue;
+    if (!one.source.isAddrZero())
+      claim = claim.with<&Status::srcAddr>(one.source);
+    if (!one.destination.isAddrZero())
+      claim = claim.with<&Status::dstAddr>(one.destination);
+    return claim;
+  }
+  return claim;
+}
+
+} // namespace
+
+IpsecPolicies::Options::Options() : protocol(NETLINK_XFRM) {}
+
+IpsecPolicies::IpsecPolicies(Surroundings const & surroundings, std::function<void()> changed,
+                             std::function<void(Plexa::IntfId)> looked, Options options)
+    : subject_(policySubject(options.protocol)),
+      allLinks_(surroundings.links),
+      health_(subject_, traceHandler(), "the ipsec flag follows the kind of the link",
+              std::move(changed)),
+      looked_(std::move(looked)),
+      publisher_(surroundings.publishers),
+      runs_(
+          "Linux::IpsecPolicies-linksTask", [this] { return step(); },
+          [this](std::exception const & reason) { giveUp(reason); }),
+      reader_({.subject = subject_,
+               .loop = surroundings.loop,
+               .trace = traceHandler(),
+               .buffer = buffer_,
+               .kernelBuffer = options.kernelBuffer,
+               .period = fullReadPeriod,
+               .ask = std::move(options.ask)},
+              *this),
+      linksWatch_(surroundings.links.watch([this](Plexa::IntfId intfId) { linkChanged(intfId); })) {
+  allLinks_.forEach([this](Link const & link) { links_.linkIs(link); });
+}
+
+IpsecPolicies::~IpsecPolicies() = default;
+
+void IpsecPolicies::start() {
+  try {
+    reader_.readNow();
+  } catch (std::exception const & exception) {
+    giveUp(exception);
+  }
+}
+
+std::string IpsecPolicies::summary() const {
+  return health_.refusal().empty() ? std::to_string(policies_.size()) : health_.refusal();
+}
+
+std::vector<IpsecPolicies::OfLink> IpsecPolicies::policiesOf(Plexa::IntfId intfId) const {
+  std::vector<OfLink> result;
+  auto const * const entry = links_.find(intfId);
+  if (entry == nullptr)
+    return result;
+  auto const take = [&](Policy const * policy, Flow const * flow) {
+    if (policy != nullptr && policy->demandsIpsec())
+      result.push_back({policy, flow});
+  };
+  for (auto const & flow : entry->flows)
+    take(policies_.effective(flow), &flow);
+  for (auto const * policy : policies_.ofInterface(entry->ifId.value_or(0)))
+    take(policy, nullptr);
+  if (auto const * link = allLinks_.find(intfId); entry->mark && link != nullptr)
+    for (auto const * policy : policies_.ofMark(*entry->mark))
+      if (mayUse(*link, *policy))
+        take(policy, nullptr);
+  return result;
+}
+
+void IpsecPolicies::dumpBegins() {
+  isEnding_ = false;
+  isPublishing_ = false;
+  policies_.beginReading();
+}
+
+bool IpsecPolicies::found(Bytes bytes) {
+  auto const message = decodePolicy(bytes);
+  if (auto const * malformed = std::get_if<MalformedMessage>(&message)) {
+    noteMalformed(*malformed);
+    policies_.stays(malformed->index); // what is known of it is better than nothing
+    return false;
+  }
+  auto const * const is = std::get_if<PolicyIs>(&message);
+  if (is == nullptr || is->policy.direction != Policy::Direction::out)
+    return true;
+  if (auto const before = policies_.found(is->policy); before != is->policy)
+    concern(is->policy, before);
+  return true;
+}
+
+void IpsecPolicies::dumpEnds(bool whole, KernelReader::Pace pace) {
+  health_.isAnswered();
+  isEnding_ = whole;
+  if (!whole)
+    policies_.endReading();
+  isLookingAtAll_ = true;
+  lookedAt_.reset();
+  isPublishing_ = true;
+  if (pace == KernelReader::Pace::atOnce)
+    runs_.finish();
+  else
+    runs_.beginLater();
+}
+
+bool IpsecPolicies::heard(Bytes bytes) {
+  auto const message = decodePolicy(bytes);
+  if (auto const * malformed = std::get_if<MalformedMessage>(&message))
+    noteMalformed(*malformed);
+  if (auto const * is = std::get_if<PolicyIs>(&message)) {
+    if (is->policy.direction == Policy::Direction::out)
+      concern(is->policy, policies_.policyIs(is->policy));
+  }
+  if (auto const * gone = std::get_if<PolicyGone>(&message))
+    concern(policies_.policyDel(gone->index));
+  runs_.begin();
+  return !std::holds_alternative<MalformedMessage>(message) &&
+         !std::holds_alternative<PoliciesFlushed>(message);
+}
+
+void IpsecPolicies::isInSync() {
+  health_.isInSync();
+}
+
+void IpsecPolicies::isDegraded(std::string_view error) {
+  health_.isDegraded(error);
+}
+
+std::chrono::milliseconds IpsecPolicies::retryAfter(std::exception const & reason) {
+  return health_.retryAfter(reason, fullReadPeriod);
+}
+
+// The watch must not raise: what there is no memory for now is seen by a reading.
+void IpsecPolicies::linkChanged(Plexa::IntfId intfId) {
+  try {
+    auto const * const link = allLinks_.find(intfId);
+    if (link != nullptr && link->isCarriedElsewhere)
+      noteElsewhere(*link);
+    else
+      elsewhere_.erase(intfId);
+    if (link != nullptr ? links_.linkIs(*link) : links_.linkDel(intfId))
+      look(intfId);
+  } catch (std::exception const & exception) {
+    giveUp(exception);
+  }
+}
+
+void IpsecPolicies::concern(std::optional<Policy> const & policy) {
+  if (policy)
+    links_.findConcerned(*policy, concerned_);
+}
+
+void IpsecPolicies::concern(Policy const & after, std::optional<Policy> const & before) {
+  concern(before);
+  concern(after);
+}
+
+// What is left to do is left to the next reading, which looks at everything.
+void IpsecPolicies::giveUp(std::exception const & reason) {
+  isEnding_ = false;
+  isPublishing_ = false;
+  reader_.failed(reason);
+}
+
+bool IpsecPolicies::step() {
+  if (isEnding_) {
+    auto const gone = policies_.takeUnseen();
+    isEnding_ = gone.has_value();
+    concern(gone);
+    return true;
+  }
+  if (!concerned_.empty()) {
+    auto const intfId = *concerned_.begin();
+    look(intfId);
+    concerned_.erase(intfId);
+    return true;
+  }
+  if (isLookingAtAll_) {
+    lookedAt_ = links_.next(lookedAt_);
+    isLookingAtAll_ = lookedAt_.has_value();
+    if (lookedAt_)
+      look(*lookedAt_);
+    return true;
+  }
+  if (std::exchange(isPublishing_, false))
+    reader_.published();
+  return false;
+}
+
+void IpsecPolicies::look(Plexa::IntfId intfId) {
+  auto const before = publisher_.changes();
+  auto const claim = claimOf(intfId);
+  if (claim.fields() == 0)
+    publisher_.statusClaimDel(intfId);
+  else
+    publisher_.statusClaimIs(intfId, claim);
+  if (publisher_.changes() != before)
+    LUMO_TRACE(traceHandler(), output, "link {}: {}", intfId,
+               claim.fields() == 0 ? "no policy demands IPsec" : "a policy demands IPsec");
+  looked_(intfId);
+}
+
+StateDb::Claim<Status> IpsecPolicies::claimOf(Plexa::IntfId intfId) const {
+  StateDb::Claim<Status> claim;
+  for (auto const & [policy, flow] : policiesOf(intfId)) {
+    auto const isOfXfrm = policy->ifId != 0;
+    if (flow != nullptr)
+      return claim.with<&Status::ipsec>(true);
+    if (isOfXfrm && claim.fields() == 0)
+      claim = withEndpoints(claim, *policy);
+  }
+  return claim;
+}
+
+void IpsecPolicies::noteElsewhere(Link const & link) {
+  if (elsewhere_.insert(link.intfId).second)
+    LUMO_TRACE(traceHandler(), output,
+               "link {}: its outer packets leave in another network namespace, whose policies "
+               "cannot be seen",
+               link.intfId);
+}
+
+void IpsecPolicies::noteMalformed(MalformedMessage const & malformed) const {
+  malformedPolicies.inc();
+  LUMO_TRACE(traceHandler(), fault, "message about policy {} is malformed: {}", malformed.index,
+             malformed.reason);
+}
+
+} // namespace Sources::Linux

@@ -1,0 +1,45 @@
+// The list of kinds has commas within: an item with '=' begins an option, one without continues it.
+#include "sources/linux/LinuxOptions.h"
+#include <fmt/format.h>
+#include <stdexcept>
+
+namespace Sources::Linux {
+namespace {
+
+constexpr std::string_view ipsecOption = "ipsec=";
+
+/// Where the first option ends: at a comma before an item that begins another one, or with all.
+std::size_t endOfFirst(std::string_view text) {
+  for (auto comma = text.find(','); comma != std::string_view::npos;
+       comma = text.find(',', comma + 1)) {
+    auto const item = text.substr(comma + 1);
+    if (item.substr(0, item.find(',')).find('=') != std::string_view::npos)
+      return comma;
+  }
+  return text.size();
+}
+
+void apply(LinuxOptions & options, std::string_view option) {
+  if (!option.starts_with(ipsecOption)) {
+    options.kinds = TunnelKindSet::fromOptions(option);
+    return;
+  }
+  if (option.substr(ipsecOption.size()) != "states")
+    throw std::invalid_argument(
+        fmt::format("source linux: unknown option \"{}\": write ipsec=states", option));
+  options.hasStates = true;
+}
+
+} // namespace
+
+LinuxOptions linuxOptionsFromText(std::string_view text) {
+  LinuxOptions options;
+  while (!text.empty()) {
+    auto const end = endOfFirst(text);
+    apply(options, text.substr(0, end));
+    text.remove_prefix(end == text.size() ? end : end + 1);
+  }
+  return options;
+}
+
+} // namespace Sources::Linux
