@@ -37,7 +37,7 @@ auto HintReader::component(Convert convert, Print print)
   if (part == nullptr)
     return std::nullopt;
   try {
-    auto const value = convert(*part);
+    auto value = convert(*part);
     LUMO_TRACE(snmpTrace(), 2, "hint component {} is '{}'", index.name, print(value));
     ++found_;
     return value;

@@ -215,7 +215,8 @@ void Agent::startControl() {
                          *scheduler_,
                          [this] { return status(); },
                          [this] { return reread(); },
-                         [this] { restartMachines(); }};
+                         [this] { restartMachines(); },
+                         [this] { return connections(); }};
   auto const commands = std::make_shared<Commands>(host);
   control_ = std::make_unique<ControlSocket>(
       loop_, options_.controlPath,
@@ -271,6 +272,13 @@ nlohmann::ordered_json Agent::status() const {
                      {"linesHeldBack", Lumo::counter("agent-snmp-lines-held-back")},
                      {"last", lastFailure()}};
   return out;
+}
+
+std::vector<SourceConnections> Agent::connections() const {
+  std::vector<SourceConnections> all;
+  for (auto const & source : sources_)
+    all.push_back({source->name(), source->connections()});
+  return all;
 }
 
 } // namespace Agent

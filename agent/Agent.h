@@ -65,6 +65,7 @@ private:
   void sourceHasChanged(Sources::Source const & source) const;
   bool isReady(nlohmann::ordered_json const & machines) const;
   nlohmann::ordered_json status() const;
+  std::vector<SourceConnections> connections() const;
 
   Options const options_;
   EventLoop & loop_;

@@ -61,9 +61,11 @@ Answer showStatus(CommandHost const & host, Json &) {
   return okAnswer(host.status());
 }
 
-Answer showTables(CommandHost const & host, Json &) {
+/// An answer whose result the writer writes piece by piece.
+template <class Writer, class From>
+Answer inPieces(From from) {
   // Shared: an Answer can be copied, a walk under way cannot.
-  auto const writer = std::make_shared<TablesWriter>(host.mib);
+  auto const writer = std::make_shared<Writer>(std::move(from));
   return [writer, begun = false](std::string & out) mutable {
     if (!std::exchange(begun, true))
       out += R"({"ok":true,"result":)";
@@ -72,6 +74,14 @@ Answer showTables(CommandHost const & host, Json &) {
     out += '}';
     return false;
   };
+}
+
+Answer showTables(CommandHost const & host, Json &) {
+  return inPieces<TablesWriter>(host.mib);
+}
+
+Answer showConnections(CommandHost const & host, Json &) {
+  return inPieces<ConnectionsWriter>(host.connections());
 }
 
 Answer showTasks(CommandHost const & host, Json &) {
@@ -153,6 +163,7 @@ std::vector<Commands::Command> const & Commands::table() {
       {"version", "", "the version of the daemon", showVersion},
       {"status", "", "readiness, scans, tasks, sources and failures", showStatus},
       {"tables/show", "", "the rows that are served", showTables},
+      {"ike/show", "", "each IPsec connection, and which interface it protects", showConnections},
       {"tasks/show", "", "every task of the scheduler", showTasks},
       {"statedb/show", "pointer", "the input state below a JSON pointer", showState},
       {"patch", "patch", "changes the input state by a JSON Patch (RFC 6902)", patch},

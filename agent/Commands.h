@@ -5,6 +5,7 @@
 #pragma once
 
 #include "agent/Patches.h"
+#include "agent/Status.h"
 #include "platform/Kiln.h"
 #include "platform/Zel.h"
 #include "statedb/StateDocument.h"
@@ -38,6 +39,8 @@ struct CommandHost {
   std::function<std::shared_ptr<RereadOutcome const>()> reread;
   /// Starts the plug-in's machines anew.
   std::function<void()> restartMachines;
+  /// What each source knows of IPsec connections.
+  std::function<std::vector<SourceConnections>()> connections;
 };
 
 class Commands {

@@ -18,7 +18,7 @@ namespace Agent {
 namespace {
 
 // With what the system takes to end a process, it is over within a second.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef SANITIZED
 constexpr itimerspec patience{.it_interval = {}, .it_value = {.tv_sec = 60, .tv_nsec = 0}};
 #else
 constexpr itimerspec patience{.it_interval = {}, .it_value = {.tv_sec = 0, .tv_nsec = 700'000'000}};
@@ -49,7 +49,10 @@ void say(std::string_view line) {
     std::ignore = write(STDERR_FILENO, line.data(), line.size());
 }
 
-[[noreturn]] void endNow(int) {
+/// Only the timer ends the daemon: an alarm that somebody sends does nothing.
+void deadlineIsOver(int, siginfo_t * information, void *) {
+  if (information->si_code != SI_TIMER)
+    return;
   if (hasFile)
     unlink(file.data());
   if (!undoing)
@@ -62,6 +65,23 @@ void handle(int number, void (*handler)(int)) {
   action.sa_handler = handler;
   action.sa_flags = SA_RESTART;
   sigaction(number, &action, nullptr);
+}
+
+void handleDeadline() {
+  struct sigaction action {};
+  action.sa_sigaction = &deadlineIsOver;
+  action.sa_flags = SA_RESTART | SA_SIGINFO;
+  sigaction(SIGALRM, &action, nullptr);
+}
+
+/// The process that started this one may have blocked them, which is inherited.
+void unblock() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGALRM);
+  for (auto const number : ending)
+    sigaddset(&signals, number);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 timer_t newTimer() {
@@ -85,11 +105,12 @@ EndSignals::EndSignals(EventLoop & loop)
   deadline = timer_;
   isAsked = false;
   undoing = false;
-  handle(SIGALRM, &endNow);
+  handleDeadline();
   for (auto const number : ending)
     handle(number, &asked);
   for (auto const number : ignored)
     handle(number, SIG_IGN);
+  unblock();
 }
 
 EndSignals::~EndSignals() {

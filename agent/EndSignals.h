@@ -4,7 +4,7 @@
 // work that keeps the loop from turning, such as the reading of a huge file at the start, nor the
 // undoing of 100,000 tunnels keeps the daemon from ending: after 0.7 s it ends there and then, in
 // the signal's handler, and leaves no socket behind. USR1 and USR2, which would end a process that
-// does not know them, do nothing.
+// does not know them, do nothing, and ALRM does nothing when somebody sends it.
 #pragma once
 
 #include "agent/EventLoop.h"
@@ -14,7 +14,7 @@
 
 namespace Agent {
 
-/// There is one at a time. The signals do again what they did before when it goes.
+/// There is one at a time. When it goes, the signals end the process again, as they do by default.
 class EndSignals {
 public:
   /// Stops the loop after each of the signals, also after one that came before the loop ran. Raises

@@ -14,9 +14,23 @@ namespace {
 
 constexpr char const * defaultAgentxSocket = "/var/agentx/master";
 
-constexpr char const * examples = R"(Examples:
+constexpr char const * explanations = R"(Sources:
+  json:FILE                 what a regular file of at most 256 MiB says
+  linux[:OPTIONS]           the tunnel links of this machine; OPTIONS, with commas between them:
+                              kinds=+KIND,-KIND,...  more or fewer kinds of link
+                              ipsec=states           IPsec connections by the kernel's security
+                                                     associations, whichever IKE daemon made them
+  vici[:SOCKET][,bind=CONNECTION[/CHILD]@INTERFACE]...
+                            the connections of strongSwan at SOCKET (/run/charon.vici), and which
+                            interface they protect where neither links nor selectors tell it
+
+Examples:
   Serve the tunnels of this machine on loopback, to community "public":
     tunnelsnmpd --source linux
+  The same, and whether strongSwan has them up, one of them named by its connection:
+    tunnelsnmpd --source linux --source vici:bind=headquarters@ipsec0
+  The same with any other IKE daemon, or keys set by hand:
+    tunnelsnmpd --source linux:ipsec=states
   Serve what a file says, on a free port, with the control socket beside it:
     tunnelsnmpd --listen udp:127.0.0.1:0 --source json:office.json --control ./ctl.sock
   Join a running snmpd (which needs "master agentx" in its configuration):
@@ -41,13 +55,13 @@ struct Parser {
 
   explicit Parser(std::string const & defaultPlugin) {
     options.pluginFile = defaultPlugin;
-    app.footer(examples);
+    app.footer(explanations);
     app.set_version_flag("--version", TUNNELSNMPD_VERSION);
     addTransport();
     app.add_option(
            "--source", options.sources,
-           "Where the tunnels come from: json:FILE (a regular file of at most 256 MiB), linux. "
-           "May be given several times, linux once; without any, the state is what \"tunnelsnmpctl "
+           "Where the tunnels, and what protects them, come from: one of the sources below. May be "
+           "given several times, linux once; without any, the state is what \"tunnelsnmpctl "
            "patch\" makes it")
         ->type_name("SOURCE")
         ->allow_extra_args(false);

@@ -110,12 +110,22 @@ public:
     snmp_unregister_callback(SNMP_CALLBACK_LIBRARY, SNMP_CALLBACK_LOGGING, &Log::logged, this, 1);
   }
 
-  void keep() { keeping_ = true; }
-  /// Ends keep(). The kept warnings and errors, each once: the configuration is read in two passes.
-  std::vector<std::string> kept() {
-    keeping_ = false;
-    return std::exchange(kept_, {});
-  }
+  /// While it lives, warnings and errors are kept and not reported.
+  class Keeping {
+  public:
+    explicit Keeping(Log & log) : log_(log) { log_.keeping_ = true; }
+    Keeping(Keeping const &) = delete;
+    Keeping & operator=(Keeping const &) = delete;
+    ~Keeping() {
+      log_.keeping_ = false;
+      log_.kept_.clear();
+    }
+    /// Each once: the configuration is read in two passes.
+    std::vector<std::string> const & kept() const { return log_.kept_; }
+
+  private:
+    Log & log_;
+  };
 
   /// Reports a text that is not the last one, and not too often: a stranger's packet can have
   /// net-snmp say something.
@@ -169,10 +179,8 @@ SnmpEngine::SnmpEngine(Os::Loop & loop, SnmpSettings settings)
   setUp();
   init_agent(applicationName);
   configure();
-  log_->keep();
-  init_snmp(applicationName);
   try {
-    requireUnderstood(log_->kept());
+    begin();
     if (master)
       subagent_ =
           std::make_unique<AgentX::Subagent>(loop_, *std::move(master), [this] { settle(); });
@@ -180,6 +188,12 @@ SnmpEngine::SnmpEngine(Os::Loop & loop, SnmpSettings settings)
     shutDown();
     throw;
   }
+}
+
+void SnmpEngine::begin() {
+  Log::Keeping const keeping(*log_);
+  init_snmp(applicationName);
+  requireUnderstood(keeping.kept());
 }
 
 SnmpEngine::~SnmpEngine() {
@@ -227,14 +241,14 @@ void SnmpEngine::reread() {
   if (settings_.configFile.empty())
     return;
   checkReadable();
-  log_->keep();
+  Log::Keeping const keeping(*log_);
   watched_.clear(); // what the configuration named is closed and opened anew, with the same numbers
   free_config();
   configure();
   read_premib_configs();
   read_configs();
   update();
-  requireUnderstood(log_->kept());
+  requireUnderstood(keeping.kept());
 }
 
 void SnmpEngine::setUp() {

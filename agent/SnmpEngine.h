@@ -65,6 +65,7 @@ private:
 
   void setUp();
   void configure();
+  void begin();
   void shutDown();
   void checkReadable() const;
   void requireUnderstood(std::vector<std::string> const & complaints) const;

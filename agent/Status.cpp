@@ -115,6 +115,14 @@ Json recordCounts(StateDb::Publisher::Counts const & counts) {
   return shown;
 }
 
+/// What the world told, fit to be shown.
+Json detailsOf(Sources::SourceStatus const & status) {
+  auto shown = Json::object();
+  for (auto const & [name, line] : status.details)
+    shown[Os::oneLine(name)] = Os::oneLine(line);
+  return shown;
+}
+
 std::string utc(std::chrono::system_clock::time_point time) {
   auto const seconds = std::chrono::system_clock::to_time_t(time);
   std::tm parts{};
@@ -169,13 +177,16 @@ bool allReady(Json const & machines) {
 
 Json sourceStatus(Sources::Source const & source) {
   auto const status = source.status();
-  return {{"name", source.name()},
-          {"state", stateText(status.state)},
-          {"reading", status.isReading},
-          {"lastError", Os::oneLine(status.lastError)},
-          {"records", recordCounts(status.records)},
-          {"fullReads", status.fullReads},
-          {"changes", status.changes}};
+  Json out{{"name", source.name()},
+           {"state", stateText(status.state)},
+           {"reading", status.isReading},
+           {"lastError", Os::oneLine(status.lastError)},
+           {"records", recordCounts(status.records)},
+           {"fullReads", status.fullReads},
+           {"changes", status.changes}};
+  if (!status.details.empty())
+    out["details"] = detailsOf(status);
+  return out;
 }
 
 Json masterStatus(AgentX::SessionStatus const & session) {
@@ -268,6 +279,39 @@ void TablesWriter::writeRow(std::string & out) {
     out += jsonText(*value);
   }
   out += '}';
+}
+
+namespace {
+
+std::string connectionText(Sources::Ike::ConnectionReport const & report,
+                           std::string const & source) {
+  return jsonText(Json{{"connection", Os::oneLine(report.connection)},
+                       {"child", Os::oneLine(report.child)},
+                       {"state", valueToStrep(report.state)},
+                       {"interface", Os::oneLine(report.interface)},
+                       {"reason", Os::oneLine(report.reason)},
+                       {"source", source}});
+}
+
+} // namespace
+
+bool ConnectionsWriter::next(std::string & out) {
+  out += std::exchange(begun_, true) ? "" : "[";
+  for (std::size_t rows = 0; source_ != sources_.size() && rows != rowsInPiece;) {
+    auto const & [source, reports] = sources_[source_];
+    if (report_ == reports.size()) {
+      ++source_;
+      report_ = 0;
+      continue;
+    }
+    out += std::exchange(anyReport_, true) ? "," : "";
+    out += connectionText(reports[report_++], source);
+    ++rows;
+  }
+  if (source_ != sources_.size())
+    return true;
+  out += ']';
+  return false;
 }
 
 } // namespace Agent

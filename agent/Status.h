@@ -21,6 +21,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Agent {
@@ -33,7 +34,8 @@ nlohmann::ordered_json machinesStatus(Zel::PtrInterface const & root);
 /// True if and only if there are machines and all of them are ready.
 bool allReady(nlohmann::ordered_json const & machines);
 
-/// {name, state, reading, lastError, records: {collection: count}, fullReads, changes}.
+/// {name, state, reading, lastError, records: {collection: count}, fullReads, changes, details:
+/// {name: line} where the source has any}.
 nlohmann::ordered_json sourceStatus(Sources::Source const & source);
 
 /// {address, state, since, session while there is one, sessions, lastError, registrations: [{oid,
@@ -66,6 +68,30 @@ private:
   bool anyTable_ = false;
   std::vector<Zel::Ptr<Zel::PtrInterface const>> rows_;
   std::size_t row_ = 0;
+};
+
+/// What one source knows of IPsec connections.
+struct SourceConnections {
+  std::string source;
+  std::vector<Sources::Ike::ConnectionReport> reports;
+};
+
+/// Writes the reports of all sources piece by piece, as [{connection, child, state, interface,
+/// reason, source}, ...] in JSON. No text has a control character in it.
+class ConnectionsWriter {
+public:
+  explicit ConnectionsWriter(std::vector<SourceConnections> sources)
+      : sources_(std::move(sources)) {}
+
+  /// Appends the next piece, some hundred rows at most. True if and only if there is more.
+  bool next(std::string & out);
+
+private:
+  std::vector<SourceConnections> const sources_;
+  std::size_t source_ = 0;
+  std::size_t report_ = 0;
+  bool begun_ = false;
+  bool anyReport_ = false;
 };
 
 } // namespace Agent

@@ -18,8 +18,29 @@ MODES = (*PEERS, *OURS)
 PATIENCE = 600  # seconds; only a broken agent needs them
 
 
+def within(namespace):
+    """What runs a command there."""
+    return ["ip", "netns", "exec", namespace] if namespace else []
+
+
+@contextlib.contextmanager
+def network_namespace():
+    """A namespace with nothing but its loopback, or None where none may be made."""
+    name = f"bench-{os.getpid()}"
+    made = subprocess.run(["ip", "netns", "add", name], stderr=subprocess.DEVNULL).returncode == 0
+    try:
+        if made:
+            subprocess.run([*within(name), "ip", "link", "set", "lo", "up"], check=True)
+        yield name if made else None
+    finally:
+        if made:
+            subprocess.run(["ip", "netns", "del", name], check=True)
+
+
 class Agent:
     """A running agent. `end()` it."""
+
+    namespace = None
 
     def __init__(self, command, environment=None):
         self.child = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env=environment)
@@ -89,12 +110,15 @@ class Workshop:
         return Agent([self.program("benchPeer"), "--table", table, "--rows", str(rows),
                       "--mode", PEERS[mode]])
 
-    def daemon(self, mode, rows):
-        """The daemon, listening; not yet ready."""
+    def daemon(self, mode, rows, *, namespace=None, sources=()):
+        """The daemon, listening; not yet ready. In a network namespace if one is named."""
         chosen = ["--iterator", mode] if self.has_host_iterator() else []
         control = self.path(f"{mode}-{rows}.sock")
-        agent = Agent([self.program("tunnelsnmpd"), "--listen", "udp:127.0.0.1:0",
-                       "--source", "json:" + self.document(rows), "--control", control, *chosen])
+        documents = ["json:" + self.document(rows), *sources]
+        agent = Agent([*within(namespace), self.program("tunnelsnmpd"), "--listen",
+                       "udp:127.0.0.1:0", "--control", control, *chosen,
+                       *(word for source in documents for word in ("--source", source))])
+        agent.namespace = namespace
         agent.control = Control(control)
         return agent
 
@@ -115,7 +139,7 @@ class Workshop:
                 agent.end()
 
     def manager(self, agent, table, rows, operation, *arguments):
-        return [self.program("benchManager"), "--address", agent.address,
+        return [*within(agent.namespace), self.program("benchManager"), "--address", agent.address,
                 "--pid", str(agent.child.pid), "--table", table, "--rows", str(rows),
                 "--operation", operation, *map(str, arguments)]
 

@@ -29,8 +29,9 @@ def measure(options):
     with tempfile.TemporaryDirectory(prefix="bench-") as folder:
         work = Measure(Workshop(str(options.binaries), folder), 3 if options.quick else 5,
                        options.quick)
-        make = {"steps": work.steps, "latency": work.latency, "memory": work.memory,
-                "start": work.start, "changes": work.changes, "sources": work.sources}
+        make = {"steps": work.steps, "waits": work.waits, "memory": work.memory,
+                "start": work.start, "changes": work.changes, "sources": work.sources,
+                "ike": work.ike}
         for section in options.only or report.SECTIONS:
             results[section] = work.table(section) if section in TABLES else make[section]()
             options.binaries.with_name("results.json").write_text(json.dumps(results),

@@ -9,7 +9,7 @@ import signal
 import subprocess
 import sys
 
-from agents import MODES, OURS, PATIENCE
+from agents import MODES, OURS, PATIENCE, network_namespace, within
 
 TABLES = {"if": "tunnelIfTable", "inet": "tunnelInetConfigTable",
           "ipsec": "velmoraIpsecTunnelIfTable"}
@@ -107,26 +107,29 @@ class Measure:
                         figures[rows].append(figure)
         return figures
 
-    # Latency
+    # How long a manager waits
 
-    def latency(self):
+    def waits(self):
         """{mode: {phase: [what benchManager says, of each repetition]}}"""
-        return {mode: self._latency(mode, self.sizes[-1]) for mode in self.ours}
+        return {mode: self._waits(mode, self.sizes[-1]) for mode in self.ours}
 
-    def _latency(self, mode, rows):
+    def _waits(self, mode, rows):
         figures = {"idle": [], "start": [], "scan and reconciliation": [], "restart-machines": [],
-                   "reread": []}
+                   "reread": [], "garbage": [], "links come and go": []}
         *others, last = sorted(os.sched_getaffinity(0))
         # A manager on the busy daemon's core would wait for the kernel to give it a turn.
         with on(others or {last}):
             for number in range(1 if self.quick else 9):
-                progress(f"latency of {mode}, {rows} rows, repetition {number}")
-                with on({last}):
-                    agent = self.workshop.daemon(mode, rows)
-                try:
-                    self._wait_for(agent, rows, figures)
-                finally:
-                    agent.end()
+                progress(f"waits of {mode}, {rows} rows, repetition {number}")
+                with network_namespace() as namespace:
+                    sources = ["linux:kinds=+vxlan"] if namespace else []
+                    with on({last}):
+                        agent = self.workshop.daemon(mode, rows, namespace=namespace,
+                                                     sources=sources)
+                    try:
+                        self._wait_for(agent, rows, figures)
+                    finally:
+                        agent.end()
         return figures
 
     def _wait_for(self, agent, rows, figures):
@@ -141,6 +144,14 @@ class Measure:
         agent.control.ask("restart-machines")
         with self.polling(agent, rows, figures["scan and reconciliation"]):
             agent.control.wait_ready()
+        self._disturb(agent, rows, figures["garbage"], "garbage", agent.address)
+        if agent.namespace:
+            self._disturb(agent, rows, figures["links come and go"], "links")
+
+    def _disturb(self, agent, rows, figures, *what):
+        with Disturbance(agent, *what) as disturbance:
+            answer = self.workshop.ask(agent, "if", rows, "latency", "--seconds", 3)
+        figures.append({**answer, "disturbances": disturbance.per_second})
 
     def polling(self, agent, rows, figures):
         return Polling(self.workshop.manager(agent, "if", rows, "latency", "--seconds", PATIENCE),
@@ -203,7 +214,19 @@ class Measure:
         return figures
 
     def _bench_sources(self, *arguments):
-        done = subprocess.run([self.workshop.program("benchSources"), *map(str, arguments)],
+        return self._figures("benchSources", *arguments)
+
+    def ike(self):
+        """{"vici": {SAs: [figures of each round]}}"""
+        figures = {"vici": {sas: [] for sas in (10, 1000, 10000)}}
+        for sas, rounds in figures["vici"].items():
+            for _ in range(self.rounds):
+                progress(f"ike, {sas} SAs")
+                rounds.append(self._figures("benchIke", "vici", sas))
+        return figures
+
+    def _figures(self, program, *arguments):
+        done = subprocess.run([self.workshop.program(program), *map(str, arguments)],
                               check=True, stdout=subprocess.PIPE, text=True)
         return json.loads(done.stdout)
 
@@ -226,6 +249,25 @@ class Measure:
             agent.end()
         return {name: 1024 * int(fields[field].split()[0])
                 for name, field in (("ready", "VmRSS"), ("most", "VmHWM"))}
+
+
+class Disturbance:
+    """bench/disturb.py works while the block runs. Then `per_second` says how hard."""
+
+    def __init__(self, agent, *what):
+        self.command = [*within(agent.namespace), sys.executable,
+                        os.path.join(os.path.dirname(__file__), "disturb.py"), *what]
+
+    def __enter__(self):
+        self.child = subprocess.Popen(self.command, stdout=subprocess.PIPE, text=True)
+        return self
+
+    def __exit__(self, *_):
+        self.child.send_signal(signal.SIGTERM)
+        out, _ = self.child.communicate()
+        if self.child.returncode != 0:
+            raise SystemExit("bench: nothing disturbed the daemon")
+        self.per_second = json.loads(out)["perSecond"]
 
 
 class Polling:

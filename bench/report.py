@@ -83,12 +83,16 @@ def steps(figures):
                   f"{sizes[1]:,} rows against {sizes[0]:,}"], lines)
 
 
-def latency(figures):
+def waits(figures):
     lines = []
     for mode, phases in figures.items():
         for phase, repetitions in phases.items():
+            if not repetitions:
+                continue  # no right to make links
             columns = ([run[key] / 1000 for run in repetitions]
                        for key in ("p50Us", "p99Us", "maxUs"))
+            if "disturbances" in repetitions[0]:
+                phase += f", {statistics.median(run['disturbances'] for run in repetitions):,.0f} a second"
             lines.append([f"{mode}, {phase}", *(reach(column) for column in columns),
                           reach([run["seconds"] for run in repetitions]),
                           str(sum(run["count"] for run in repetitions))])
@@ -114,15 +118,17 @@ def changes(figures):
     return table(["µs per change", *(f"{rows:,} tunnels" for rows in sizes)], lines)
 
 
-def sources(figures):
-    def column(runs, *path):
-        values = []
-        for run in runs:
-            for key in path:
-                run = run[key]
-            values.append(run)
-        return values
+def column(runs, *path):
+    """What stands at the path, of each run."""
+    values = []
+    for run in runs:
+        for key in path:
+            run = run[key]
+        values.append(run)
+    return values
 
+
+def sources(figures):
     sizes = [f"{rows:,}" for rows in figures["change"]]
     of = {name: list(by_rows.values()) for name, by_rows in figures.items()}
     lines = [["a link's change beyond the machines' own, µs"]
@@ -176,13 +182,29 @@ def first_line(command):
                           text=True).stdout.splitlines()[0]
 
 
+def ike(figures):
+    by_sas = figures["vici"]
+    lines = []
+    for title, path, scale in (
+            ("an event, µs", ("eventNs",), 1000),
+            ("the first listing: CPU, ms", ("first", "cpuMs"), 1),
+            ("the longest step, ms", ("first", "longestStepMs"), 1),
+            ("another listing, nothing new: CPU, ms", ("next", "cpuMs"), 1),
+            ("99 of 100 steps within, ms", ("next", "p99StepMs"), 1),
+            ("the longest step, ms", ("next", "longestStepMs"), 1)):
+        lines.append([title] + [reach([value / scale for value in column(runs, *path)])
+                                for runs in by_sas.values()])
+    return table(["strongSwan", *(f"{sas:,} SAs" for sas in by_sas)], lines)
+
+
 SECTIONS = {
     "if": None, "inet": None, "ipsec": None,  # together, see text()
     "steps": ("Does the size matter?", steps),
-    "latency": ("How long a manager waits", latency),
+    "waits": ("How long a manager waits", waits),
     "start": ("From nothing to complete tables", start),
     "changes": ("One change", changes),
     "sources": ("What the sources cost", sources),
+    "ike": ("What IKE daemons cost", ike),
     "memory": ("Memory", memory),
 }
 
@@ -208,10 +230,10 @@ NOTES = {
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
     "steps": "A small and a large agent side by side, {turns} turns each, on one core as above.",
-    "latency": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
+    "waits": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
-               "until the daemon is ready again; while the daemon reads its JSON file again. The daemon has the largest number of tunnels that is measured.",
+               "until the daemon is ready again; while the daemon reads its JSON file again; while another client sends it random datagrams, 64 and then a request, as soon as that is answered; while links come and go in its network namespace. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
              "with the real scheduler; of {turns} rounds. Each is the one start of a process of its own, "
              "as the maps are filled in one of their own, in the order of the machines' scans "
@@ -222,6 +244,9 @@ NOTES = {
     "sources": "Of {turns} runs, the lowest and the highest in brackets, each a process of its own. Links come as the messages "
                "that the kernel would send, made in memory; the kernel's own time is not in the figures. "
                "The memory is what the start adds to the process's resident set, the records included.",
+    "ike": "Of {turns} runs, the lowest and the highest in brackets, each a process of its own. The daemon is a thread beside it whose "
+           "CPU is not in the figures; each of its connections is up, with one child, bound to an xfrm link by its if_id. An event is a hint: what "
+           "follows it is a listing.",
     "memory": "One run. Every allocation counted, with all the room that the daemon's `malloc` "
               "gives it.",
 }

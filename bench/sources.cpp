@@ -4,6 +4,7 @@
 // Links come as the messages that the kernel would send, made in memory: few machines may have
 // 100 000 links.
 #include "bench/MachineInputs.h"
+#include "bench/Steps.h"
 #include "bench/Tunnels.h"
 #include "sources/json/JsonSource.h"
 #include "sources/linux/LinkPublication.h"
@@ -24,47 +25,11 @@ namespace {
 
 using namespace Bench;
 using namespace Sources;
-using Json = nlohmann::ordered_json;
 
 constexpr Linux::DefaultHopLimits defaults;
 /// As the daemon has it.
 constexpr std::chrono::milliseconds share{2};
 constexpr std::uint8_t usualHopLimit = 64;
-
-void require(bool holds, char const * what) {
-  if (!holds)
-    throw std::runtime_error(what);
-}
-
-/// Nanoseconds of CPU of this process.
-std::int64_t cpuNow() {
-  timespec now{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-  return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
-}
-
-/// What a series of steps took of the CPU. By the clock, what else the machine does would be in the
-/// longest one.
-class Steps {
-public:
-  template <class Step>
-  void run(Step step) {
-    auto const began = cpuNow();
-    step();
-    took_.push_back(cpuNow() - began);
-  }
-  Json figures() {
-    std::ranges::sort(took_);
-    auto const milliseconds = [](std::int64_t time) { return static_cast<double>(time) / 1e6; };
-    return {{"cpuMs", milliseconds(std::accumulate(took_.begin(), took_.end(), std::int64_t{0}))},
-            {"steps", took_.size()},
-            {"p99StepMs", milliseconds(took_[took_.size() * 99 / 100])},
-            {"longestStepMs", milliseconds(took_.back())}};
-  }
-
-private:
-  std::vector<std::int64_t> took_;
-};
 
 /// One line of `/proc/self/status`, in bytes.
 std::int64_t ownMemory(std::string_view field) {

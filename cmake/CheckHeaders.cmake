@@ -19,5 +19,5 @@ foreach(header ${headers})
 endforeach()
 add_library(checkHeaders OBJECT ${units})
 # Nothing of it is run or looked into.
-target_compile_options(checkHeaders PRIVATE -O0 -g0)
+target_compile_options(checkHeaders PRIVATE -O0 -g0 $<$<BOOL:${SANITIZE}>:-fno-sanitize=all>)
 target_link_libraries(checkHeaders PRIVATE PkgConfig::NETSNMP absl::btree fmt::fmt)

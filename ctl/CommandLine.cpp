@@ -19,6 +19,7 @@ constexpr char const * examples = R"(Examples:
   tunnelsnmpctl wait-ready --timeout 10      for scripts: 0 when ready, 1 when not in time
   tunnelsnmpctl show tables                  the rows that managers see
   tunnelsnmpctl show state /ifMib            a part of the input state, as JSON
+  tunnelsnmpctl show ike                     which IPsec connection protects which interface?
   tunnelsnmpctl trace set Snmp=2             request traces on; "none" turns them off
   echo '[{"op":"add","path":"/ifMib/ifIndexByIntfId/7","value":12}]' | tunnelsnmpctl patch -
 
@@ -80,6 +81,8 @@ private:
     add(*show, "tables", "The rows of the tables that are served", showTables);
     add(*show, "state", "The input state", showState)
         ->add_option("POINTER", arguments_.pointer, "A JSON pointer, for example /ifMib");
+    add(*show, "ike", "Each IPsec connection: its state, which interface it protects, and why",
+        showIke);
     add(*show, "tasks", "The scheduler's tasks", showTasks);
     add(*show, "counters", "The counts of rare events", showCounters);
   }

@@ -63,6 +63,11 @@ void showState(Arguments const & arguments) {
   printResult(arguments, result, result.dump(2) + '\n');
 }
 
+void showIke(Arguments const & arguments) {
+  auto const result = ask(arguments, "ike/show");
+  printResult(arguments, result, connectionsText(result));
+}
+
 void showTasks(Arguments const & arguments) {
   auto const result = ask(arguments, "tasks/show");
   printResult(arguments, result, result.empty() ? "no tasks\n" : tableText(result));

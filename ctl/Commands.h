@@ -37,6 +37,7 @@ constexpr double longestTimeoutSeconds = 1'000'000;
 void status(Arguments const & arguments);
 void showTables(Arguments const & arguments);
 void showState(Arguments const & arguments);
+void showIke(Arguments const & arguments);
 void showTasks(Arguments const & arguments);
 void showCounters(Arguments const & arguments);
 void patch(Arguments const & arguments);

@@ -33,14 +33,20 @@ Json const & cellOf(Json const & row, std::string const & column) {
   return found == row.end() ? none : *found;
 }
 
+/// How many columns of a terminal the text takes, which is UTF-8.
+std::size_t widthOf(std::string_view text) {
+  auto const continues = [](char octet) { return (octet & 0xC0) == 0x80; };
+  return text.size() - static_cast<std::size_t>(std::ranges::count_if(text, continues));
+}
+
 std::vector<Column> columnsOf(Json const & rows) {
   std::vector<Column> columns;
   for (auto const & row : rows)
     for (auto const & [name, cell] : row.items()) {
       auto column = std::ranges::find(columns, name, &Column::name);
       if (column == columns.end())
-        column = columns.insert(columns.end(), {name, name.size()});
-      column->width = std::max(column->width, cellText(cell).size());
+        column = columns.insert(columns.end(), {name, widthOf(name)});
+      column->width = std::max(column->width, widthOf(cellText(cell)));
       column->numbers = column->numbers && cell.is_number();
     }
   return columns;
@@ -80,6 +86,10 @@ Json machineRows(Json const & machines) {
     rows.push_back(without(machine, "inputs"));
   return rows;
 }
+
+/// What the sources say of themselves, each under its name.
+std::string detailSections(Json const & sources);
+Json sourceRows(Json const & sources);
 
 std::string section(std::string_view title, std::string const & text) {
   return text.empty() ? "" : fmt::format("\n{}\n{}", title, text);
@@ -122,6 +132,7 @@ std::string pairsText(Json const & object) {
 
 std::string statusText(Json const & status) {
   auto const machines = status.value("machines", Json::array());
+  auto const sources = status.value("sources", Json::array());
   auto const top = Json{{"ready", status.value("ready", false)},
                         {"version", status.value("version", "")},
                         {"served at", status.value("servedAt", "")},
@@ -131,7 +142,7 @@ std::string statusText(Json const & status) {
          section("Registrations", tableText(master.value("registrations", Json::array()))) +
          section("Machines", tableText(machineRows(machines))) +
          section("Inputs", tableText(inputRows(machines))) +
-         section("Sources", tableText(status.value("sources", Json::array()))) +
+         section("Sources", tableText(sourceRows(sources))) + detailSections(sources) +
          section("Tasks", pairsText(status.value("tasks", Json::object()))) +
          section("Failures survived", pairsText(status.value("failures", Json::object())));
 }
@@ -143,5 +154,64 @@ std::string tablesText(Json const & tables) {
                        tableText(rows));
   return out;
 }
+
+namespace {
+
+constexpr std::size_t longestLine = 100;
+constexpr std::size_t longestName = 20;
+
+/// The text, or as much of its beginning as leaves room for a mark.
+std::string cutTo(std::size_t width, std::string text) {
+  constexpr std::string_view mark = "...";
+  if (widthOf(text) <= width)
+    return text;
+  while (widthOf(text) > width - mark.size())
+    text.pop_back();
+  return text.append(mark);
+}
+
+std::string cutName(Json const & connection, char const * member) {
+  return cutTo(longestName, connection.value(member, ""));
+}
+
+} // namespace
+
+std::string connectionsText(Json const & connections) {
+  if (connections.empty())
+    return "no source tells of IPsec connections; \"tunnelsnmpctl status\" shows the sources, "
+           "\"tunnelsnmpd --help\" which there can be\n";
+  auto rows = Json::array();
+  for (auto const & one : connections)
+    rows.push_back({{"connection", cutName(one, "connection")},
+                    {"child", cutName(one, "child")},
+                    {"state", cutName(one, "state")},
+                    {"interface", cutName(one, "interface")},
+                    {"rule or reason", one.value("reason", "")}});
+  std::size_t before = 0;
+  for (auto const & column : columnsOf(rows))
+    before += column.name == "rule or reason" ? 0 : column.width + 2;
+  for (auto & row : rows)
+    row["rule or reason"] = cutTo(longestLine - before, row["rule or reason"]);
+  return tableText(rows);
+}
+
+namespace {
+
+std::string detailSections(Json const & sources) {
+  std::string out;
+  for (auto const & source : sources)
+    out += section(fmt::format("Source {}", source.value("name", "")),
+                   pairsText(source.value("details", Json::object())));
+  return out;
+}
+
+Json sourceRows(Json const & sources) {
+  auto rows = Json::array();
+  for (auto const & source : sources)
+    rows.push_back(without(source, "details"));
+  return rows;
+}
+
+} // namespace
 
 } // namespace Ctl

@@ -17,4 +17,8 @@ std::string statusText(nlohmann::ordered_json const & status);
 /// Each table under its name and its number of rows.
 std::string tablesText(nlohmann::ordered_json const & tables);
 
+/// IPsec connections, one line each of at most 100 columns; "..." stands for what is cut off. One
+/// line that says so when there are none.
+std::string connectionsText(nlohmann::ordered_json const & connections);
+
 } // namespace Ctl

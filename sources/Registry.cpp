@@ -2,6 +2,7 @@
 #include "sources/Registry.h"
 #include "sources/json/JsonSource.h"
 #include "sources/linux/LinuxSource.h"
+#include "sources/vici/ViciSource.h"
 #include <fmt/format.h>
 #include <stdexcept>
 #include <string>
@@ -16,9 +17,12 @@ std::unique_ptr<Source> makeSource(std::string_view text, Surroundings const & s
     return makeJsonSource(std::string(rest), surroundings);
   if (kind == "linux")
     return makeLinuxSource(rest, surroundings);
-  throw std::invalid_argument(fmt::format(
-      "\"{}\" is no source; use json:FILE, linux, or linux:kinds=..., like json:/etc/tunnels.json",
-      text));
+  if (kind == "vici" || text.starts_with("vici,"))
+    return makeViciSource(text.substr(std::string_view("vici").size()), surroundings);
+  throw std::invalid_argument(fmt::format("\"{}\" is no source; use json:FILE, linux, "
+                                          "linux:kinds=..., vici, or vici:SOCKET, like "
+                                          "json:/etc/tunnels.json",
+                                          text));
 }
 
 } // namespace Sources

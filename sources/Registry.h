@@ -7,8 +7,9 @@
 
 namespace Sources {
 
-/// Makes the source that `text` names: "json:FILE", "linux", "linux:kinds=+vxlan,-vti". Raises
-/// std::invalid_argument, one line that lists what is possible, when it names none.
+/// Makes the source that `text` names: "json:FILE", "linux", "linux:kinds=+vxlan,-vti", "vici",
+/// "vici:/run/charon.vici,bind=office@gre1". Raises std::invalid_argument, one line that lists what
+/// is possible, when it names none.
 std::unique_ptr<Source> makeSource(std::string_view text, Surroundings const & surroundings);
 
 } // namespace Sources

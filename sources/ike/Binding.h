@@ -9,10 +9,15 @@
 //   explicitly  the operator said so: bind=CONNECTION[/CHILD]@INTERFACE
 //   ifId        if_id_out, else if_id_in, is the if_id of an xfrm link; 0 never is
 //   mark        mark_out is the output key of a vti link whose endpoints are the IKE_SA's
-//   selectors   transport mode, or host selectors: they cover the link's endpoints and demand its
-//               protocol, or any
-//   configured  no SA: the connection's addresses, or the selectors of a child of its
-//               configuration, are the link's endpoints
+//   selectors   neither if_id nor mark, which other links' packets do not have; transport mode, or
+//               host selectors: they cover the link's endpoints and demand its protocol, or any
+//   configured  no SA of it between those addresses: the selectors of the child as it is
+//               configured are for the link, or the link is a vti link between the connection's
+//               addresses, or those of its IKE_SA; of a connection without children, any link is
+//
+// One child may have several links, and one link several children. An explicit binding of a child
+// comes before one of its whole connection. What is configured and has no SA keeps its links, with
+// the state of the connection's IKE_SA, or down: no interface vanishes because its tunnel does.
 #pragma once
 
 #include "platform/Ipsec.h"
@@ -56,10 +61,10 @@ struct Bound {
 /// belongs.
 struct ConnectionReport {
   std::string connection;
-  std::string child; ///< empty when there is none
+  std::string child = {}; ///< empty when there is none
   ::Ipsec::Ike::ConnState state = ::Ipsec::Ike::ConnState::down;
-  std::string interface; ///< empty when it is bound to none
-  std::string reason;    ///< the rule that bound it, or why it is bound to none
+  std::string interface = {}; ///< empty when it is bound to none
+  std::string reason = {};    ///< the rule that bound it, or why it is bound to none
   bool operator==(ConnectionReport const &) const = default;
 };
 
@@ -88,6 +93,9 @@ public:
 
   void connectionIs(Connection const & connection);
   void saIs(IkeSa const & sa);
+  /// Does a part of the work of result(), some hundred microseconds of it; false when none is left.
+  /// Requires: nothing is handed over afterwards.
+  [[nodiscard]] bool prepareNext();
   /// All of it. Requires: nothing is handed over afterwards.
   Bindings result() &&;
 

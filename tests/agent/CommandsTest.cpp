@@ -51,21 +51,23 @@ protected:
   std::shared_ptr<Agent::RereadOutcome> const rereadOutcome_ =
       std::make_shared<Agent::RereadOutcome>(std::vector<std::string>());
   int restarts_ = 0;
+  std::vector<Agent::SourceConnections> connections_;
   Agent::Commands commands_{{document_, Zel::makePtr<EmptyMib>(), patches_, *scheduler_,
                              [] {
                                return nlohmann::ordered_json{{"ready", true}};
                              },
-                             [this] { return rereadOutcome_; }, [this] { ++restarts_; }}};
+                             [this] { return rereadOutcome_; }, [this] { ++restarts_; },
+                             [this] { return connections_; }}};
 };
 
 TEST_F(Commands, ListsItselfAndEveryNameThatAnOperatorNeeds) {
   std::vector<std::string> names;
   for (auto const & command : result("list-commands"))
     names.push_back(command.at("name"));
-  EXPECT_THAT(names, testing::UnorderedElementsAre("list-commands", "version", "status",
-                                                   "tables/show", "tasks/show", "statedb/show",
-                                                   "patch", "trace/list", "trace/set",
-                                                   "coverage/show", "reread", "restart-machines"));
+  EXPECT_THAT(names, testing::UnorderedElementsAre(
+                         "list-commands", "version", "status", "tables/show", "ike/show",
+                         "tasks/show", "statedb/show", "patch", "trace/list", "trace/set",
+                         "coverage/show", "reread", "restart-machines"));
 }
 
 TEST_F(Commands, RefuseWhatIsNoRequest) {
@@ -87,6 +89,15 @@ TEST_F(Commands, CountWhatTheyRefuse) {
   error("dance");
   EXPECT_EQ(before + 1, Lumo::counter("agent-control-requests-refused"));
   EXPECT_EQ(before + 1, result("coverage/show").at("agent-control-requests-refused"));
+}
+
+TEST_F(Commands, IkeShowsTheConnectionsOfEachSource) {
+  EXPECT_EQ(Json::array(), result("ike/show"));
+  connections_ = {{"linux", {}},
+                  {"vici", {{"hq", "net", Ipsec::Ike::ConnState::ikeUp, "ipsec0", "if_id"}}}};
+  EXPECT_EQ(Json::parse(R"([{"connection": "hq", "child": "net", "state": "ikeUp",
+                             "interface": "ipsec0", "reason": "if_id", "source": "vici"}])"),
+            result("ike/show"));
 }
 
 TEST_F(Commands, PatchChangesWhatStateShows) {

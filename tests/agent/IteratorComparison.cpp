@@ -51,6 +51,14 @@ view only included .1.3.6.1.4.1.32473.9.1.1.4
 view only included .1.3.6.1.2.1.10.131.1.1.1.1.4
 view only included .1.3.6.1.2.1.10.131.1.1.3.1.8
 )";
+// Whether the answers are alike is found out without a sanitizer, which looks at how they come
+// about and takes a multiple of the time: of all names, and of random requests, it gets a share.
+#ifdef SANITIZED
+constexpr std::size_t share = 7;
+#else
+constexpr std::size_t share = 1;
+#endif
+
 std::vector<std::string> const communities{"public", "write", "cell",  "row",
                                            "column", "range", "table", "only"};
 
@@ -154,13 +162,13 @@ Names namesAround(Oid const & root, std::vector<unsigned long> const & columns,
 std::vector<Request> everyRequest(Names const & names) {
   constexpr std::size_t bulkStride = 29; // no multiple of anything that names come in
   std::vector<Request> requests;
-  std::size_t place = 0;
-  for (auto at = names.begin(); at != names.end(); ++at) {
+  for (std::size_t place = 0; place < names.size(); place += share) {
+    auto const at = names.begin() + static_cast<std::ptrdiff_t>(place);
     addSingles(requests, *at, communities[place % communities.size()]);
     auto const left = std::min<std::ptrdiff_t>(4, names.end() - at);
     for (auto const command : {Command::get, Command::getNext, Command::set})
       requests.push_back({command, Names(at, at + left), 0, 0, "write", 1});
-    if (place++ % bulkStride == 0)
+    if (place / share % bulkStride == 0)
       for (std::ptrdiff_t count = 1; count <= left; ++count)
         addBulks(requests, Names(at, at + count));
   }
@@ -171,7 +179,7 @@ std::vector<Request> randomRequests(Names const & names, std::size_t count, std:
   auto const below = [&](std::size_t limit) { return random() % limit; };
   constexpr Command commands[] = {Command::get, Command::getNext, Command::getBulk,
                                   Command::getBulk, Command::set};
-  std::vector<Request> requests(count);
+  std::vector<Request> requests(count / share);
   for (auto & request : requests) {
     request.command = commands[below(std::size(commands))];
     for (auto left = below(4) + 1; left != 0; --left)

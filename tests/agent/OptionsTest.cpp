@@ -90,6 +90,14 @@ TEST(Options, HelpTeachesAndSucceeds) {
     EXPECT_THAT(parsed.text, HasSubstr(text));
 }
 
+TEST(Options, HelpNamesEverySource) {
+  auto const help = parse({"--help"}).text;
+  for (auto const * text :
+       {"json:FILE", "linux[:OPTIONS]", "kinds=+KIND,-KIND", "ipsec=states",
+        "vici[:SOCKET][,bind=CONNECTION[/CHILD]@INTERFACE]", "/run/charon.vici"})
+    EXPECT_THAT(help, HasSubstr(text));
+}
+
 TEST(Options, VersionIsShownAndSucceeds) {
   auto const parsed = parse({"--version"});
   EXPECT_EQ(0, parsed.exitStatus);

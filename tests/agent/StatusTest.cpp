@@ -241,6 +241,51 @@ TEST(SourceStatus, CountsRecordsByCollection) {
             Agent::sourceStatus(source));
 }
 
+TEST(SourceStatus, HasTheSourcesOwnWordsInTheirOrder) {
+  ScriptedSource source;
+  EXPECT_FALSE(Agent::sourceStatus(source).contains("details"));
+  source.says.details = {{"daemon", "strongSwan 5.9.8"}, {"SAs", "4 bound,\n1 not\x1b[31m"}};
+  EXPECT_EQ(R"({"daemon":"strongSwan 5.9.8","SAs":"4 bound, 1 not\\x1B[31m"})",
+            Agent::sourceStatus(source)["details"].dump());
+}
+
+TEST(ConnectionsWriter, WritesAnEmptyListForNoSourceAndForSourcesWithoutConnections) {
+  for (auto const & sources :
+       {std::vector<Agent::SourceConnections>{}, {{"a", {}}}, {{"a", {}}, {"b", {}}}}) {
+    Agent::ConnectionsWriter writer(sources);
+    std::string out;
+    EXPECT_FALSE(writer.next(out));
+    EXPECT_EQ("[]", out);
+  }
+}
+
+TEST(ConnectionsWriter, CutsManyReportsIntoPiecesWithoutLosingAny) {
+  std::vector<Agent::SourceConnections> sources{{"none", {}}, {"a", {}}, {"none", {}}, {"b", {}}};
+  for (int i = 0; i != 1001; ++i)
+    sources[i < 400 ? 1 : 3].reports.push_back({.connection = std::to_string(i)});
+  Agent::ConnectionsWriter writer(sources);
+  std::string out;
+  std::size_t pieces = 1;
+  for (; writer.next(out); ++pieces) {
+  }
+  EXPECT_GE(pieces, 5u);
+  auto const rows = Json::parse(out);
+  ASSERT_EQ(1001u, rows.size());
+  for (int i = 0; i != 1001; ++i) {
+    EXPECT_EQ(std::to_string(i), rows[i]["connection"]);
+    EXPECT_EQ(i < 400 ? "a" : "b", rows[i]["source"]);
+  }
+}
+
+TEST(ConnectionsWriter, LetsNoTextOfThePeerReachATerminalAsItIs) {
+  Agent::ConnectionsWriter writer({{"a", {{.connection = "x\x1b[2J", .reason = "y\nz"}}}});
+  std::string out;
+  writer.next(out);
+  auto const row = Json::parse(out).at(0);
+  EXPECT_EQ("x\\x1B[2J", row["connection"]);
+  EXPECT_EQ("y z", row["reason"]);
+}
+
 TEST(MasterStatus, TellsOfTheSessionAndItsRegistrations) {
   using namespace Agent::AgentX;
   SessionStatus session;

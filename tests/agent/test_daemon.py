@@ -32,9 +32,9 @@ V3_CONFIG = ("createUser reader SHA-256 the-auth-pass AES the-priv-pass\n"
 class Process:
     """A child process whose output is collected while it runs."""
 
-    def __init__(self, command, environment=None):
+    def __init__(self, command, environment=None, **options):
         self.child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                      text=True, env=environment)
+                                      text=True, env=environment, **options)
         self.out, self.err = [], []
         self.changed = threading.Condition()
         self.readers = [threading.Thread(target=self._collect, args=(pipe, lines), daemon=True)
@@ -93,6 +93,8 @@ def document(name):
 
 
 class DaemonTest(unittest.TestCase):
+    place = ()  # what the daemon and the managers are started through, where that is elsewhere
+
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="tunnelsnmpd-")
         self.addCleanup(shutil.rmtree, self.folder)
@@ -113,8 +115,8 @@ class DaemonTest(unittest.TestCase):
     # The daemon
 
     def launch(self, *options, control=None):
-        daemon = Process([PATHS.daemon, "--control", control or self.control, *options],
-                         environment(self.folder))
+        daemon = Process([*self.place, PATHS.daemon, "--control", control or self.control,
+                          *options], environment(self.folder))
         self.addCleanup(daemon.kill)
         return daemon
 
@@ -151,9 +153,10 @@ class DaemonTest(unittest.TestCase):
 
     def snmp(self, command, oids, access=("-v2c", "-c", "public"), address=None, check=True):
         """Runs a net-snmp client; returns {numeric oid: value} and what it complained of."""
-        done = subprocess.run([command, "-On", "-Oe", "-OU", "-t", "5", "-r", "1", *access,
-                               address or self.address, *oids], env=environment(self.folder),
-                              capture_output=True, text=True, timeout=PATIENCE, check=False)
+        done = subprocess.run([*self.place, command, "-On", "-Oe", "-OU", "-t", "5", "-r", "1",
+                               *access, address or self.address, *oids],
+                              env=environment(self.folder), capture_output=True, text=True,
+                              timeout=PATIENCE, check=False)
         if check:
             self.assertEqual("", done.stderr.replace("Created directory: "
                              + self.path("cert_indexes"), "").strip())

@@ -247,7 +247,7 @@ class Ends(Faults):
             caught = int(re.search(r"SigCgt:\s+(\S+)", file.read()).group(1), 16)
         return caught >> (signal.SIGTERM - 1) & 1
 
-    def test_term_ends_it_in_the_middle_of_a_long_step(self):
+    def test_term_ends_it_in_the_middle_of_a_patch(self):
         daemon = self.start_office()
         with socket.socket(socket.AF_UNIX) as client:
             client.connect(self.control)

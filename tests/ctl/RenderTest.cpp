@@ -52,6 +52,60 @@ TEST(Render, StatusShowsMachinesAndTheirInputsApart) {
             text.find("\nInputs\nmachine  name  scanned\nm        i           3\n"));
 }
 
+TEST(Render, StatusShowsWhatASourceSaysOfItselfBelowTheSources) {
+  auto const text = Ctl::statusText(Json::parse(R"({"sources": [
+      {"name": "linux", "state": "inSync"},
+      {"name": "vici", "state": "inSync",
+       "details": {"daemon": "strongSwan 5.9.8", "SAs": "4 bound, 1 not"}}]})"));
+  EXPECT_NE(std::string::npos,
+            text.find("\nSources\nname   state\nlinux  inSync\nvici   inSync\n"
+                      "\nSource vici\ndaemon  strongSwan 5.9.8\nSAs     4 bound, 1 not\n"));
+  EXPECT_EQ(std::string::npos, text.find("Source linux"));
+}
+
+TEST(Render, ConnectionsStandOneALine) {
+  auto const text = Ctl::connectionsText(Json::parse(R"([
+      {"connection": "hq", "child": "net", "state": "up", "interface": "ipsec0",
+       "reason": "if_id", "source": "vici"},
+      {"connection": "branch", "child": "", "state": "down", "interface": "",
+       "reason": "no link has if_id 42", "source": "vici"}])"));
+  EXPECT_EQ("connection  child  state  interface  rule or reason\n"
+            "hq          net    up     ipsec0     if_id\n"
+            "branch             down              no link has if_id 42\n",
+            text);
+}
+
+TEST(Render, ALineOfAConnectionHasAHundredColumnsAtMost) {
+  auto const longest = std::string(40, 'n') + "x";
+  Json const row{{"connection", longest},
+                 {"child", longest},
+                 {"state", "connecting"},
+                 {"interface", longest},
+                 {"reason", std::string(200, 'r')}};
+  auto const text = Ctl::connectionsText(Json::array({row}));
+  EXPECT_EQ(text.substr(text.find('\n') + 1),
+            std::string(17, 'n') + "...  " + std::string(17, 'n') + "...  connecting  " +
+                std::string(17, 'n') + "...  " + std::string(19, 'r') + "...\n");
+  EXPECT_EQ(text.size() - text.find('\n') - 2, 100u);
+}
+
+TEST(Render, ACutLeavesCharactersWhole) {
+  Json const row{{"connection", "Zweigstelle 12345\u00fc678"},
+                 {"child", "\u00e4"},
+                 {"state", "up"},
+                 {"interface", "x"},
+                 {"reason", "if_id"}};
+  EXPECT_EQ(Ctl::connectionsText(Json::array({row})),
+            "connection            child  state  interface  rule or reason\n"
+            "Zweigstelle 12345...  \u00e4      up     x          if_id\n");
+}
+
+TEST(Render, ConnectionsSayWhenNoSourceTellsOfAny) {
+  EXPECT_EQ("no source tells of IPsec connections; \"tunnelsnmpctl status\" shows the sources, "
+            "\"tunnelsnmpd --help\" which there can be\n",
+            Ctl::connectionsText(Json::array()));
+}
+
 TEST(Render, StatusShowsTheMasterAndTheRegistrationsApart) {
   auto const text = Ctl::statusText(Json::parse(R"({"ready": true,
       "agentx": {"address": "unix:m", "session": 7,

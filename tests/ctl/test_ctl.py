@@ -104,14 +104,33 @@ class BesideADaemonThatIsNone(CtlTest):
     def test_whatever_comes_as_a_result_ends_no_command_by_a_signal(self):
         for result in (b"7", b"[[7]]", b"[7]", b'{"a": [7]}', b"null", b'"x"', b"[]"):
             self.answer(b'{"ok": true, "result": ' + result + b"}\n")
-            for command in (["show", "tables"], ["show", "state"], ["show", "tasks"],
-                            ["show", "counters"], ["trace", "list"], ["trace", "set", "A=1"],
-                            ["reread"], ["restart-machines"]):
+            for command in (["show", "tables"], ["show", "state"], ["show", "ike"],
+                            ["show", "tasks"], ["show", "counters"], ["trace", "list"],
+                            ["trace", "set", "A=1"], ["reread"], ["restart-machines"]):
                 with self.subTest(result=result, command=command):
                     done = self.run_ctl(*command)
                     self.assertIn(done.returncode, (0, UNUSABLE), done)
                     self.assertEqual(done.returncode != 0, done.stderr != "")
             os.remove(self.control)
+
+
+class Connections(CtlTest):
+    def test_are_a_line_each_whatever_their_names(self):
+        long = "n" * 200
+        rows = [{"connection": long, "child": long, "state": "up", "interface": long,
+                 "reason": long, "source": "vici"}]
+        self.answer(json.dumps({"ok": True, "result": rows}).encode() + b"\n")
+        header, line = self.run_ctl("show", "ike").stdout.splitlines()
+        self.assertRegex(header, r"\Aconnection +child +state +interface +rule or reason\Z")
+        self.assertEqual(100, len(line))
+        self.assertEqual(rows, json.loads(self.run_ctl("--json", "show", "ike").stdout))
+
+    def test_of_a_daemon_without_such_a_source_are_none_and_told_how_to_come_by(self):
+        self.start_daemon()
+        done = self.run_ctl("show", "ike")
+        self.assertEqual(0, done.returncode, done)
+        self.assertRegex(done.stdout, r"\Ano source tells of IPsec connections; .* --help.*\n\Z")
+        self.assertEqual([], json.loads(self.run_ctl("--json", "show", "ike").stdout))
 
 
 class Patches(CtlTest):

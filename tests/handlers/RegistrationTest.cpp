@@ -107,19 +107,29 @@ TEST_F(Registration, GivesNetSnmpTheColumnsAndTheIndex) {
   EXPECT_EQ(info->table_reginfo->indexes->type, ASN_INTEGER);
 }
 
-TEST_F(Registration, AnnouncesTheModuleWhenItsTablesAreThere) {
+// The texts of the tables that `init` makes; while they come, the module is not announced.
+std::vector<std::string> tablesBeforeAnnouncement(std::string const & module,
+                                                  void (*init)(Zel::String)) {
   std::vector<std::string> tables;
   auto const before = Lumo::traceSinkIs([&](Lumo::TraceMessage const & message) {
     tables.emplace_back(message.text);
-    EXPECT_THAT(Snmp::mibContexts(), Not(Contains(Pair("tunnelMIB", "")))) << message.text;
+    EXPECT_THAT(Snmp::mibContexts(), Not(Contains(Pair(module, "")))) << message.text;
   });
   Lumo::traceLevelsIs("Snmp", Lumo::parseLevels("8"));
-  init_tunnelMIB("");
+  init("");
   Lumo::traceLevelsIs("Snmp", 0);
   Lumo::traceSinkIs(before);
-  EXPECT_THAT(tables, ElementsAre("Initialized table tunnelIfTable in context \"\"",
-                                  "Initialized table tunnelInetConfigTable in context \"\""));
-  EXPECT_THAT(Snmp::mibContexts(), Contains(Pair("tunnelMIB", "")));
+  EXPECT_THAT(Snmp::mibContexts(), Contains(Pair(module, "")));
+  return tables;
+}
+
+TEST_F(Registration, AnnouncesAModuleWhenItsTablesAreThere) {
+  EXPECT_THAT(tablesBeforeAnnouncement("tunnelMIB", &init_tunnelMIB),
+              ElementsAre("Initialized table tunnelIfTable in context \"\"",
+                          "Initialized table tunnelInetConfigTable in context \"\""));
+  EXPECT_THAT(tablesBeforeAnnouncement("velmoraTunnelMIB", &init_velmoraTunnelMIB),
+              ElementsAre("Initialized table velmoraIpsecTunnelIfTable in context \"\""));
+  unregister_velmoraTunnelMIB("");
 }
 
 TEST_F(Registration, RefusesANamedContextButAnnouncesIt) {

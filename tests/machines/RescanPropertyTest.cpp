@@ -13,7 +13,7 @@ namespace TunnelIntfSnmp {
 namespace {
 
 // In each of four modes: together a million events.
-#ifdef __SANITIZE_ADDRESS__
+#ifdef SANITIZED
 constexpr int events = 12'500;
 #else
 constexpr int events = 125'000;

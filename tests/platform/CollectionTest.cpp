@@ -338,7 +338,7 @@ TEST(HashMap, LetsAVisitorChangeIt) {
 
 // A sanitizer has nothing to find in eight million equal steps, and takes half a minute for them.
 TEST(HashMapStamp, ComesRoundAfterTwentyThreeBits) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef SANITIZED
   GTEST_SKIP() << "checked without a sanitizer";
 #endif
   Zel::HashMap2018<Narrow, int> map;

@@ -17,21 +17,27 @@ TEST_F(MakeSource, NamesSourcesAsTheyWereAskedFor) {
   EXPECT_EQ(make("json:/etc/tunnels.json")->name(), "json:/etc/tunnels.json");
   EXPECT_EQ(make("json:tunnels:1.json")->name(), "json:tunnels:1.json");
   EXPECT_EQ(make("linux")->name(), "linux");
+  for (auto const * text : {"vici", "vici:/run/a:b", "vici,bind=office@gre1",
+                            "vici:/run/x,bind=office/gre@gre1,bind=office/x@gre2"})
+    EXPECT_EQ(make(text)->name(), text);
 }
 
 TEST_F(MakeSource, OpensNothing) {
-  EXPECT_EQ(make("json:/no/such/file")->status().state, Sources::SourceStatus::State::stopped);
+  for (auto const * text : {"json:/no/such/file", "vici:/no/such/socket"})
+    EXPECT_EQ(make(text)->status().state, Sources::SourceStatus::State::stopped);
 }
 
 TEST_F(MakeSource, SaysWhatIsPossibleWhenItKnowsNoSuchSource) {
-  for (auto const * text : {"", "json", "json:", "json:/etc/", "xml:/etc/tunnels", "linuxes"}) {
+  for (auto const * text :
+       {"", "json", "json:", "json:/etc/", "xml:/etc/tunnels", "linuxes", "vicious"}) {
     try {
       make(text);
       ADD_FAILURE() << text;
     } catch (std::invalid_argument const & error) {
-      EXPECT_EQ(error.what(), "\"" + std::string(text) +
-                                  "\" is no source; use json:FILE, linux, or linux:kinds=..., like "
-                                  "json:/etc/tunnels.json");
+      EXPECT_EQ(error.what(),
+                "\"" + std::string(text) +
+                    "\" is no source; use json:FILE, linux, linux:kinds=..., vici, or "
+                    "vici:SOCKET, like json:/etc/tunnels.json");
     }
   }
 }

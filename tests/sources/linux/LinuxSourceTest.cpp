@@ -474,7 +474,7 @@ TEST_F(LinuxSource, GivesTheIfIndexBeforeTheStatusAndTakesItAfterwards) {
 
 // To check an object's type the sanitizer opens descriptors of its own, and takes the object for
 // broken when there is none.
-#ifdef __SANITIZE_ADDRESS__
+#ifdef SANITIZED
 constexpr bool sanitizerNeedsDescriptors = true;
 #else
 constexpr bool sanitizerNeedsDescriptors = false;
