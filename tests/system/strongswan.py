@@ -72,9 +72,9 @@ def probe():
     packages.unpack(UNPACKED, *PACKAGES)
 
 
-def until(holds, what):
+def until(holds, what, seconds=PATIENCE):
     """Waits for it to hold."""
-    end = time.monotonic() + PATIENCE
+    end = time.monotonic() + seconds
     while not holds():
         if time.monotonic() > end:
             raise AssertionError("never happened: " + what)
