@@ -73,9 +73,7 @@ IpsecPolicies::IpsecPolicies(Surroundings const & surroundings, std::function<vo
               std::move(changed)),
       looked_(std::move(looked)),
       publisher_(surroundings.publishers),
-      runs_(
-          "Linux::IpsecPolicies-linksTask", [this] { return step(); },
-          [this](std::exception const & reason) { giveUp(reason); }),
+      work_("Linux::IpsecPolicies-linksTask", *this),
       reader_({.subject = subject_,
                .loop = surroundings.loop,
                .trace = traceHandler(),
@@ -94,7 +92,7 @@ void IpsecPolicies::start() {
   try {
     reader_.readNow();
   } catch (std::exception const & exception) {
-    giveUp(exception);
+    workFailed(exception);
   }
 }
 
@@ -123,8 +121,7 @@ std::vector<IpsecPolicies::OfLink> IpsecPolicies::policiesOf(Plexa::IntfId intfI
 }
 
 void IpsecPolicies::dumpBegins() {
-  isEnding_ = false;
-  isPublishing_ = false;
+  work_.readingIsVoid();
   policies_.beginReading();
 }
 
@@ -138,36 +135,32 @@ bool IpsecPolicies::found(Bytes bytes) {
   auto const * const is = std::get_if<PolicyIs>(&message);
   if (is == nullptr || is->policy.direction != Policy::Direction::out)
     return true;
-  if (auto const before = policies_.found(is->policy); before != is->policy)
-    concern(is->policy, before);
+  if (auto const before = policies_.found(is->policy); before != is->policy) {
+    concern(before);
+    concern(is->policy);
+  }
   return true;
 }
 
 void IpsecPolicies::dumpEnds(bool whole, KernelReader::Pace pace) {
   health_.isAnswered();
-  isEnding_ = whole;
   if (!whole)
     policies_.endReading();
-  isLookingAtAll_ = true;
-  lookedAt_.reset();
-  isPublishing_ = true;
-  if (pace == KernelReader::Pace::atOnce)
-    runs_.finish();
-  else
-    runs_.beginLater();
+  work_.readingEnds(whole, pace);
 }
 
 bool IpsecPolicies::heard(Bytes bytes) {
   auto const message = decodePolicy(bytes);
   if (auto const * malformed = std::get_if<MalformedMessage>(&message))
     noteMalformed(*malformed);
-  if (auto const * is = std::get_if<PolicyIs>(&message)) {
-    if (is->policy.direction == Policy::Direction::out)
-      concern(is->policy, policies_.policyIs(is->policy));
+  auto const * const is = std::get_if<PolicyIs>(&message);
+  if (is != nullptr && is->policy.direction == Policy::Direction::out) {
+    concern(policies_.policyIs(is->policy));
+    concern(is->policy);
   }
   if (auto const * gone = std::get_if<PolicyGone>(&message))
     concern(policies_.policyDel(gone->index));
-  runs_.begin();
+  work_.begin();
   return !std::holds_alternative<MalformedMessage>(message) &&
          !std::holds_alternative<PoliciesFlushed>(message);
 }
@@ -184,61 +177,10 @@ std::chrono::milliseconds IpsecPolicies::retryAfter(std::exception const & reaso
   return health_.retryAfter(reason, fullReadPeriod);
 }
 
-// The watch must not raise: what there is no memory for now is seen by a reading.
-void IpsecPolicies::linkChanged(Plexa::IntfId intfId) {
-  try {
-    auto const * const link = allLinks_.find(intfId);
-    if (link != nullptr && link->isCarriedElsewhere)
-      noteElsewhere(*link);
-    else
-      elsewhere_.erase(intfId);
-    if (link != nullptr ? links_.linkIs(*link) : links_.linkDel(intfId))
-      look(intfId);
-  } catch (std::exception const & exception) {
-    giveUp(exception);
-  }
-}
-
-void IpsecPolicies::concern(std::optional<Policy> const & policy) {
-  if (policy)
-    links_.findConcerned(*policy, concerned_);
-}
-
-void IpsecPolicies::concern(Policy const & after, std::optional<Policy> const & before) {
-  concern(before);
-  concern(after);
-}
-
-// What is left to do is left to the next reading, which looks at everything.
-void IpsecPolicies::giveUp(std::exception const & reason) {
-  isEnding_ = false;
-  isPublishing_ = false;
-  reader_.failed(reason);
-}
-
-bool IpsecPolicies::step() {
-  if (isEnding_) {
-    auto const gone = policies_.takeUnseen();
-    isEnding_ = gone.has_value();
-    concern(gone);
-    return true;
-  }
-  if (!concerned_.empty()) {
-    auto const intfId = *concerned_.begin();
-    look(intfId);
-    concerned_.erase(intfId);
-    return true;
-  }
-  if (isLookingAtAll_) {
-    lookedAt_ = links_.next(lookedAt_);
-    isLookingAtAll_ = lookedAt_.has_value();
-    if (lookedAt_)
-      look(*lookedAt_);
-    return true;
-  }
-  if (std::exchange(isPublishing_, false))
-    reader_.published();
-  return false;
+bool IpsecPolicies::forgetOne() {
+  auto const gone = policies_.takeUnseen();
+  concern(gone);
+  return gone.has_value();
 }
 
 void IpsecPolicies::look(Plexa::IntfId intfId) {
@@ -252,6 +194,32 @@ void IpsecPolicies::look(Plexa::IntfId intfId) {
     LUMO_TRACE(traceHandler(), output, "link {}: {}", intfId,
                claim.fields() == 0 ? "no policy demands IPsec" : "a policy demands IPsec");
   looked_(intfId);
+}
+
+// The next reading looks at everything.
+void IpsecPolicies::workFailed(std::exception const & reason) {
+  work_.readingIsVoid();
+  reader_.failed(reason);
+}
+
+// The watch must not raise: what there is no memory for now is seen by a reading.
+void IpsecPolicies::linkChanged(Plexa::IntfId intfId) {
+  try {
+    auto const * const link = allLinks_.find(intfId);
+    if (link != nullptr && link->isCarriedElsewhere)
+      noteElsewhere(*link);
+    else
+      elsewhere_.erase(intfId);
+    if (link != nullptr ? links_.linkIs(*link) : links_.linkDel(intfId))
+      look(intfId);
+  } catch (std::exception const & exception) {
+    workFailed(exception);
+  }
+}
+
+void IpsecPolicies::concern(std::optional<Policy> const & policy) {
+  if (policy)
+    links_.findConcerned(*policy, work_.concerned());
 }
 
 StateDb::Claim<Status> IpsecPolicies::claimOf(Plexa::IntfId intfId) const {

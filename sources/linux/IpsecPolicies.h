@@ -9,9 +9,9 @@
 #include "sources/Source.h"
 #include "sources/linux/KernelReader.h"
 #include "sources/linux/LinkFlows.h"
+#include "sources/linux/LinkWork.h"
 #include "sources/linux/Policies.h"
 #include "sources/linux/ReaderHealth.h"
-#include "sources/linux/Runs.h"
 #include "statedb/Publisher.h"
 #include <absl/container/btree_set.h>
 #include <chrono>
@@ -24,7 +24,7 @@
 
 namespace Sources::Linux {
 
-class IpsecPolicies final : private KernelReader::User {
+class IpsecPolicies final : private KernelReader::User, private LinkWork::Owner {
 public:
   /// About a thousand events.
   static constexpr int defaultKernelBuffer = 1 << 20;
@@ -67,7 +67,7 @@ public:
   std::vector<OfLink> policiesOf(Plexa::IntfId intfId) const;
 
   /// The first link behind that one, or behind none, of which policies may speak.
-  std::optional<Plexa::IntfId> nextLink(std::optional<Plexa::IntfId> behind) const {
+  std::optional<Plexa::IntfId> nextLink(std::optional<Plexa::IntfId> behind) const override {
     return links_.next(behind);
   }
 
@@ -83,12 +83,13 @@ private:
   void isDegraded(std::string_view error) override;
   std::chrono::milliseconds retryAfter(std::exception const & reason) override;
 
+  bool forgetOne() override;
+  void look(Plexa::IntfId intfId) override;
+  void workIsDone() override { reader_.published(); }
+  void workFailed(std::exception const & reason) override;
+
   void linkChanged(Plexa::IntfId intfId);
   void concern(std::optional<Policy> const & policy);
-  void concern(Policy const & after, std::optional<Policy> const & before);
-  void giveUp(std::exception const & reason);
-  bool step();
-  void look(Plexa::IntfId intfId);
   StateDb::Claim<StateDb::Publisher::Status> claimOf(Plexa::IntfId intfId) const;
   void noteElsewhere(Link const & link);
   void noteMalformed(MalformedMessage const & malformed) const;
@@ -101,14 +102,7 @@ private:
   Policies policies_;
   LinkFlows links_;
   absl::btree_set<Plexa::IntfId> elsewhere_; // links that are carried there, which was traced
-
-  // What is left to do, in this order.
-  bool isEnding_ = false; // policies that the reading did not find go
-  absl::btree_set<Plexa::IntfId> concerned_;
-  bool isLookingAtAll_ = false; // at the end of a reading
-  std::optional<Plexa::IntfId> lookedAt_;
-  bool isPublishing_ = false; // the reading is over when all this is done
-  Runs runs_;
+  LinkWork work_;
 
   ReceiveBuffer const buffer_{ReceiveBuffer::Contents::plain};
   KernelReader reader_;

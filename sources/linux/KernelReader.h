@@ -39,7 +39,8 @@ public:
     /// The dump is over: calls published() or failed() when it has taken effect, now or later. When
     /// it is not `whole`, what was not found may be there all the same.
     virtual void dumpEnds(bool whole, Pace pace) = 0;
-    /// One message of an event. False if and only if it shows that something may have been missed.
+    /// One message of an event; must neither begin nor end a reading. False if and only if it shows
+    /// that something may have been missed.
     [[nodiscard]] virtual bool heard(Bytes message) = 0;
     virtual void isInSync() = 0;
     /// `error` is one line. Requires: raises nothing.
@@ -48,8 +49,7 @@ public:
     virtual std::chrono::milliseconds retryAfter(std::exception const & reason) = 0;
   };
 
-  /// From its first asking to the end of the kernel's patience with us. All of it outlives the
-  /// reader.
+  /// What it reads, by what, and how often. What is referred to outlives the reader.
   struct Settings {
     NetlinkSubject const & subject;
     Os::Loop & loop;

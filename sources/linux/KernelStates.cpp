@@ -69,9 +69,7 @@ KernelStates::KernelStates(Surroundings const & surroundings, IpsecPolicies cons
       health_(subject(), traceHandler(), "no connection is told by the kernel's states",
               std::move(changed)),
       publisher_(surroundings.publishers),
-      runs_(
-          "Linux::KernelStates-linksTask", [this] { return step(); },
-          [this](std::exception const & reason) { giveUp(reason); }),
+      work_("Linux::KernelStates-linksTask", *this),
       reader_({.subject = subject(),
                .loop = surroundings.loop,
                .trace = traceHandler(),
@@ -97,7 +95,7 @@ void KernelStates::lookAgain(Plexa::IntfId intfId) {
   try {
     look(intfId);
   } catch (std::exception const & exception) {
-    giveUp(exception);
+    workFailed(exception);
   }
 }
 
@@ -119,8 +117,7 @@ std::vector<Ike::ConnectionReport> KernelStates::connections() const {
 }
 
 void KernelStates::dumpBegins() {
-  isEnding_ = false;
-  isPublishing_ = false;
+  work_.readingIsVoid();
   hasMalformed_ = false;
   states_.beginReading();
 }
@@ -140,17 +137,11 @@ bool KernelStates::found(Bytes bytes) {
 // Which states were malformed nobody knows, so none that was not found goes then.
 void KernelStates::dumpEnds(bool whole, KernelReader::Pace pace) {
   health_.isAnswered();
-  isEnding_ = whole && !hasMalformed_;
-  if (!isEnding_)
-    states_.endReading();
   isKnown_ = true;
-  isLookingAtAll_ = true;
-  lookedAt_.reset();
-  isPublishing_ = true;
-  if (pace == KernelReader::Pace::atOnce)
-    runs_.finish();
-  else
-    runs_.beginLater();
+  auto const isComplete = whole && !hasMalformed_;
+  if (!isComplete)
+    states_.endReading();
+  work_.readingEnds(isComplete, pace);
 }
 
 bool KernelStates::heard(Bytes bytes) {
@@ -162,7 +153,7 @@ bool KernelStates::heard(Bytes bytes) {
   if (auto const * gone = std::get_if<StateGone>(&message);
       gone != nullptr && states_.stateDel(gone->id))
     concern(gone->id);
-  runs_.begin();
+  work_.begin();
   return !std::holds_alternative<MalformedMessage>(message) &&
          !std::holds_alternative<StatesFlushed>(message);
 }
@@ -179,44 +170,11 @@ std::chrono::milliseconds KernelStates::retryAfter(std::exception const & reason
   return health_.retryAfter(reason, fullReadPeriod);
 }
 
-void KernelStates::concern(StateId const & id) {
-  auto const place = States::placeOf(id);
-  for (auto next = byPlace_.lower_bound({place, Plexa::IntfId()});
-       next != byPlace_.end() && next->first == place; ++next)
-    concerned_.insert(next->second);
-}
-
-// What is left to do is left to the next reading, which looks at everything.
-void KernelStates::giveUp(std::exception const & reason) {
-  isEnding_ = false;
-  isPublishing_ = false;
-  reader_.failed(reason);
-}
-
-bool KernelStates::step() {
-  if (isEnding_) {
-    auto const gone = states_.takeUnseen();
-    isEnding_ = gone.has_value();
-    if (gone)
-      concern(*gone);
-    return true;
-  }
-  if (!concerned_.empty()) {
-    auto const intfId = *concerned_.begin();
-    look(intfId);
-    concerned_.erase(intfId);
-    return true;
-  }
-  if (isLookingAtAll_) {
-    lookedAt_ = policies_.nextLink(lookedAt_);
-    isLookingAtAll_ = lookedAt_.has_value();
-    if (lookedAt_)
-      look(*lookedAt_);
-    return true;
-  }
-  if (std::exchange(isPublishing_, false))
-    reader_.published();
-  return false;
+bool KernelStates::forgetOne() {
+  auto const gone = states_.takeUnseen();
+  if (gone)
+    concern(*gone);
+  return gone.has_value();
 }
 
 void KernelStates::look(Plexa::IntfId intfId) {
@@ -227,6 +185,19 @@ void KernelStates::look(Plexa::IntfId intfId) {
     publish(intfId, std::move(*entry));
   else
     withdraw(intfId);
+}
+
+// The next reading looks at everything.
+void KernelStates::workFailed(std::exception const & reason) {
+  work_.readingIsVoid();
+  reader_.failed(reason);
+}
+
+void KernelStates::concern(StateId const & id) {
+  auto const place = States::placeOf(id);
+  for (auto next = byPlace_.lower_bound({place, Plexa::IntfId()});
+       next != byPlace_.end() && next->first == place; ++next)
+    work_.concerned().insert(next->second);
 }
 
 std::optional<KernelStates::Entry> KernelStates::entryOf(Plexa::IntfId intfId) const {

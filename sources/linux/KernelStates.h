@@ -15,8 +15,8 @@
 #include "sources/Source.h"
 #include "sources/linux/IpsecPolicies.h"
 #include "sources/linux/KernelReader.h"
+#include "sources/linux/LinkWork.h"
 #include "sources/linux/ReaderHealth.h"
-#include "sources/linux/Runs.h"
 #include "sources/linux/States.h"
 #include "statedb/Publisher.h"
 #include <absl/container/btree_map.h>
@@ -31,7 +31,7 @@
 
 namespace Sources::Linux {
 
-class KernelStates final : private KernelReader::User {
+class KernelStates final : private KernelReader::User, private LinkWork::Owner {
 public:
   /// The one profile under which all this is published.
   static constexpr std::string_view profile = "(kernel)";
@@ -76,10 +76,15 @@ private:
   void isDegraded(std::string_view error) override;
   std::chrono::milliseconds retryAfter(std::exception const & reason) override;
 
+  bool forgetOne() override;
+  std::optional<Plexa::IntfId> nextLink(std::optional<Plexa::IntfId> behind) const override {
+    return policies_.nextLink(behind);
+  }
+  void look(Plexa::IntfId intfId) override;
+  void workIsDone() override { reader_.published(); }
+  void workFailed(std::exception const & reason) override;
+
   void concern(StateId const & id);
-  void giveUp(std::exception const & reason);
-  bool step();
-  void look(Plexa::IntfId intfId);
   std::optional<Entry> entryOf(Plexa::IntfId intfId) const;
   States::Progress progress(IpsecPolicies::OfLink const & one,
                             std::vector<States::Place> & places) const;
@@ -97,14 +102,7 @@ private:
   absl::btree_set<std::pair<States::Place, Plexa::IntfId>> byPlace_;
   bool isKnown_ = false;      // until all states have been read once, nothing is said of any
   bool hasMalformed_ = false; // this dump
-
-  // What is left to do, in this order.
-  bool isEnding_ = false; // states that the reading did not find go
-  absl::btree_set<Plexa::IntfId> concerned_;
-  bool isLookingAtAll_ = false; // at the end of a reading
-  std::optional<Plexa::IntfId> lookedAt_;
-  bool isPublishing_ = false; // the reading is over when all this is done
-  Runs runs_;
+  LinkWork work_;
 
   ReceiveBuffer const buffer_{ReceiveBuffer::Contents::secret};
   KernelReader reader_;

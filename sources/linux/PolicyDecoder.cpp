@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <linux/netlink.h>
 #include <netinet/in.h>
 
 namespace Sources::Linux {
@@ -21,12 +20,6 @@ Policy policyOf(xfrm_userpolicy_info const & info, Attributes const & attributes
 PolicySelector selectorOf(xfrm_selector const & selector);
 std::vector<PolicyTemplate> templatesOf(Attributes const & attributes);
 PolicyTemplate templateOf(xfrm_user_tmpl const & one);
-
-/// What follows the structure at the beginning, attributes.
-template <class T>
-Attributes attributesBehind(Bytes payload) {
-  return Attributes(payload.subspan(std::min<std::size_t>(payload.size(), NLMSG_ALIGN(sizeof(T)))));
-}
 
 } // namespace
 
@@ -155,7 +148,7 @@ PolicyTemplate templateOf(xfrm_user_tmpl const & one) {
                         .isOptional = one.optional != 0,
                         .reqid = one.reqid,
                         .spi = ntohl(one.id.spi)};
-  if (result.mode != XfrmMode::tunnel && result.mode != XfrmMode::beet)
+  if (!hasEndpoints(result.mode))
     return result;
   auto const family = familyOf(one.family);
   result.source = endpointOf(one.saddr, family);

@@ -1,8 +1,6 @@
 // The kernel's structures, copied out of the message: its alignment is less than theirs.
 #include "sources/linux/StateDecoder.h"
-#include <algorithm>
 #include <arpa/inet.h>
-#include <linux/netlink.h>
 
 namespace Sources::Linux {
 namespace {
@@ -12,12 +10,6 @@ StateMessage decodeGone(Bytes payload);
 StateMessage decodeExpired(Bytes payload);
 StateId idOf(xfrm_usersa_info const & info, Attributes const & attributes);
 bool isUsable(xfrm_usersa_info const & info, Attributes const & attributes);
-
-/// What follows the structure at the beginning, attributes.
-template <class T>
-Attributes attributesBehind(Bytes payload) {
-  return Attributes(payload.subspan(std::min<std::size_t>(payload.size(), NLMSG_ALIGN(sizeof(T)))));
-}
 
 } // namespace
 

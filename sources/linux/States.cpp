@@ -12,26 +12,22 @@ std::array<std::uint8_t, 16> octetsOf(Plexa::IpGenAddr const & address) {
   return octets;
 }
 
-bool isTunnel(XfrmMode mode) {
-  return mode == XfrmMode::tunnel || mode == XfrmMode::beet;
-}
-
 } // namespace
 
 // As the kernel looks for them: in transport mode by the addresses of the packets themselves.
 std::optional<States::Wanted> States::wanted(Policy const & policy, PolicyTemplate const & one,
                                              Flow const * flow) {
-  auto const isOfTunnel = isTunnel(one.mode);
-  if (!isOfTunnel && flow == nullptr)
+  auto const hasItsOwn = hasEndpoints(one.mode);
+  if (!hasItsOwn && flow == nullptr)
     return std::nullopt;
-  auto const & destination = isOfTunnel ? one.destination : flow->remote;
+  auto const & destination = hasItsOwn ? one.destination : flow->remote;
   return Wanted{.place = {.family = destination.family(),
                           .destination = octetsOf(destination),
                           .protocol = one.protocol,
                           .mode = one.mode,
                           .reqid = one.reqid,
                           .ifId = policy.ifId},
-                .source = isOfTunnel ? one.source : flow->local,
+                .source = hasItsOwn ? one.source : flow->local,
                 .spi = one.spi,
                 .mark = policy.mark.value & policy.mark.mask};
 }

@@ -8,13 +8,6 @@ namespace Sources::Linux {
 namespace {
 
 template <class Address>
-Plexa::IpGenAddr addressOf(Bytes octets) {
-  Address result;
-  std::memcpy(result.bytes.data(), octets.data(), result.bytes.size());
-  return Plexa::IpGenAddr(result);
-}
-
-template <class Address>
 Plexa::IpGenAddr masked(Address address, std::size_t length) {
   constexpr std::size_t bits = 8;
   for (auto & octet : address.bytes) {
@@ -39,14 +32,13 @@ Plexa::AddressFamily familyOf(std::uint16_t number) {
 }
 
 Plexa::IpGenAddr addressOf(xfrm_address_t const & address, Plexa::AddressFamily family) {
-  auto const octets = std::as_bytes(std::span(&address, 1));
-  return family == Plexa::AddressFamily::ipv4 ? addressOf<Plexa::Ip4Addr>(octets)
-                                              : addressOf<Plexa::Ip6Addr>(octets);
+  auto const result = endpointOf(address, family);
+  return result.isAddrZero() ? Plexa::IpGenAddr(family) : result;
 }
 
 Plexa::IpGenAddr endpointOf(xfrm_address_t const & address, Plexa::AddressFamily family) {
-  auto const result = addressOf(address, family);
-  return result.isAddrZero() ? Plexa::IpGenAddr() : result;
+  auto const octets = std::as_bytes(std::span(&address, 1));
+  return addressOf(octets.first(Plexa::IpGenAddr(family).octets().size()));
 }
 
 Plexa::IpGenAddr maskedAddress(Plexa::IpGenAddr const & address, std::uint8_t length) {

@@ -4,8 +4,11 @@
 
 #include "platform/Plexa.h"
 #include "sources/linux/NetlinkMessage.h"
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <linux/netlink.h>
 #include <linux/xfrm.h>
 
 namespace Sources::Linux {
@@ -27,6 +30,11 @@ enum class XfrmMode : std::uint8_t {
   beet = XFRM_MODE_BEET,
 };
 
+/// True if and only if the mode makes a new outer header, with addresses of its own.
+inline bool hasEndpoints(XfrmMode mode) {
+  return mode == XfrmMode::tunnel || mode == XfrmMode::beet;
+}
+
 /// The family of the system's number, AF_INET or AF_INET6. Raises MalformedMessage for another.
 Plexa::AddressFamily familyOf(std::uint16_t number);
 /// The address, also when it is zero.
@@ -45,6 +53,12 @@ T structureOf(Bytes bytes) {
   T structure;
   std::memcpy(&structure, bytes.data(), sizeof structure);
   return structure;
+}
+
+/// The attributes that follow such a structure.
+template <class T>
+Attributes attributesBehind(Bytes payload) {
+  return Attributes(payload.subspan(std::min<std::size_t>(payload.size(), NLMSG_ALIGN(sizeof(T)))));
 }
 
 } // namespace Sources::Linux

@@ -440,6 +440,22 @@ TEST_F(ScriptedPolicies, KeepWhatIsKnownOfOneThatCannotBeRead) {
   EXPECT_EQ(policies->lastError(), "");
 }
 
+// The end may begin the next reading, which drops events: not while one is being received.
+TEST_F(ScriptedPolicies, DoNotEndAReadingInsideAnEvent) {
+  dumps.answerIs({ScriptedDumps::done()});
+  startPolicies();
+  dumps.answerIs({ScriptedDumps::done()});
+  policies->reread();
+  loop.runOnce(); // what follows from the dump waits for its turn
+  ip("xfrm policy add src 10.0.0.1/32 dst 10.0.0.2/32 dir out");
+  loop.runOnce();
+  EXPECT_EQ(policies->summary(), "1");
+  EXPECT_TRUE(policies->isReading());
+  settle();
+  EXPECT_FALSE(policies->isReading());
+  EXPECT_EQ(policies->summary(), "1") << "the event is newer";
+}
+
 // One policy for all: the links are looked at in runs.
 TEST_F(ScriptedPolicies, ReachManyLinksInRuns) {
   using namespace XfrmBytes;
