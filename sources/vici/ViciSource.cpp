@@ -34,7 +34,6 @@ constexpr std::string_view hintEvents[] = {"ike-updown", "ike-rekey", "ike-updat
 Lumo::Counter losses("vici-losses");
 Lumo::Counter unknownEvents("vici-events-unknown");
 Lumo::Counter unexpectedEvents("vici-events-unexpected");
-Lumo::Counter spoiledListings("vici-listings-spoiled");
 Lumo::Counter conflicts("vici-conflicts");
 
 // Known by its name before it has traced anything, so that it can be switched on.
@@ -72,6 +71,7 @@ ViciSource::ViciSource(std::string_view options, Surroundings const & surroundin
       options_(Vici::Options::fromText(options)),
       loop_(surroundings.loop),
       links_(surroundings.links),
+      index_(surroundings.links),
       health_([this, changed = surroundings.stateChanged] {
         if (changed)
           changed(*this);
@@ -180,9 +180,8 @@ void ViciSource::list() {
   phase_ = Phase::listing;
   again_ = Again::asUsual;
   isHinted_ = false;
-  isSpoiled_ = false;
   next_.reset();
-  binding_.emplace(links_, options_.bindings);
+  binding_.emplace(index_, options_.bindings);
   requests_->call("list-conns", requireSuccess);
   requests_->call("list-sas", [this](Octets answer) {
     requireSuccess(answer);
@@ -193,8 +192,6 @@ void ViciSource::list() {
 void ViciSource::takeListed(std::string_view event, Octets message) {
   if (phase_ != Phase::listing)
     return unexpectedEvents.inc();
-  if (!binding_)
-    return; // it is spoiled
   if (event == "list-sa")
     for (auto const & sa : Vici::decodeSas(message))
       binding_->saIs(sa);
@@ -208,13 +205,11 @@ void ViciSource::takeListed(std::string_view event, Octets message) {
 void ViciSource::listingIsOver() {
   becomesUnknown_.reset();
   pause_ = shortestPause;
-  if (!binding_)
-    return rest();
   task_->scheduleTask();
   phase_ = Phase::binding;
 }
 
-// The connections may have been lost meanwhile, or the listing spoiled.
+// The connections may have been lost meanwhile.
 void ViciSource::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
   if (phase_ != Phase::binding)
     return;
@@ -226,8 +221,6 @@ void ViciSource::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
 }
 
 void ViciSource::bind() {
-  if (!binding_)
-    return rest();
   while (binding_->prepareNext())
     if (task_->taskShouldYield())
       return task_->scheduleTask();
@@ -293,13 +286,7 @@ void ViciSource::eventIs(std::string_view event) {
   hint();
 }
 
-// What binds refers to links as they were.
 void ViciSource::linkHasChanged() {
-  if (binding_) {
-    binding_.reset();
-    isSpoiled_ = true;
-    spoiledListings.inc();
-  }
   try {
     hint();
   } catch (std::bad_alloc const &) {
@@ -360,9 +347,7 @@ void ViciSource::degrade(std::string_view error) {
 }
 
 bool ViciSource::isReading() const {
-  if (phase_ == Phase::resting)
-    return isSpoiled_;
-  return phase_ != Phase::stopped && phase_ != Phase::away;
+  return phase_ != Phase::stopped && phase_ != Phase::away && phase_ != Phase::resting;
 }
 
 } // namespace Sources
