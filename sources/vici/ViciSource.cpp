@@ -83,6 +83,7 @@ ViciSource::ViciSource(std::string_view options, Surroundings const & surroundin
 
 void ViciSource::start() {
   linksWatch_ = links_.watch([this](Plexa::IntfId) { linkHasChanged(); });
+  look_ = loop_.every(listingPeriod, [this] { lookAfterItself(); });
   connect();
 }
 
@@ -310,21 +311,42 @@ void ViciSource::lost(std::exception const & reason) {
   requests_.reset();
   events_.reset();
   binding_.reset();
+  next_.reset();
   phase_ = Phase::away;
-  next_ = loop_.after(pause_, [this] { connect(); });
-  pause_ = std::min<std::chrono::milliseconds>(2 * pause_, longestPause);
   auto const isSilent = dynamic_cast<Vici::Silent const *>(&reason) != nullptr;
-  if (lastListing_ && !isUnknown_ && !becomesUnknown_)
-    expectUnknown(isSilent ? unknownAfter - Vici::Conversation::patience : unknownAfter);
+  expectNext(isSilent ? unknownAfter - Vici::Conversation::patience : unknownAfter);
+  try {
+    awayFor(reason);
+  } catch (std::bad_alloc const & shortage) {
+    health_.degradedIs(reasonOf(shortage));
+  }
+}
+
+void ViciSource::awayFor(std::exception const & reason) {
   auto const isWrong = dynamic_cast<Vici::Malformed const *>(&reason) != nullptr;
   degrade(fmt::format("source vici: {}: {}{}", options_.socket, isWrong ? "it sends " : "",
                       reasonOf(reason)));
 }
 
-void ViciSource::expectUnknown(std::chrono::milliseconds time) {
-  becomesUnknown_ = loop_.after(time, [this] { becomeUnknown(); });
+void ViciSource::lookAfterItself() {
+  if (phase_ == Phase::away)
+    expectNext(unknownAfter);
 }
 
+void ViciSource::expectNext(std::chrono::milliseconds unknownIn) {
+  try {
+    if (!next_) {
+      next_ = loop_.after(pause_, [this] { connect(); });
+      pause_ = std::min<std::chrono::milliseconds>(2 * pause_, longestPause);
+    }
+    if (lastListing_ && !isUnknown_ && !becomesUnknown_)
+      becomesUnknown_ = loop_.after(unknownIn, [this] { becomeUnknown(); });
+  } catch (std::exception const &) {
+    // The next look finds what is missing.
+  }
+}
+
+// As far as there is memory for it: else at the next look.
 void ViciSource::becomeUnknown() {
   becomesUnknown_.reset();
   try {
@@ -334,10 +356,10 @@ void ViciSource::becomeUnknown() {
     for (auto & report : bindings.reports)
       report.state = ::Ipsec::Ike::ConnState::unknown;
     publication_.bindingsAre(std::move(bindings), {},
-                             [this](std::exception const &) { expectUnknown(shortestPause); });
+                             [this](std::exception const &) { isUnknown_ = false; });
     isUnknown_ = true;
   } catch (std::bad_alloc const &) {
-    expectUnknown(shortestPause);
+    isUnknown_ = false;
   }
 }
 

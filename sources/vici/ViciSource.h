@@ -17,7 +17,8 @@
 //   publishing  both; the listing goes into the database     resting, listing, away
 //
 // What was published stays while the daemon is away. After a while its state becomes "unknown",
-// until a listing tells it again.
+// until a listing tells it again. A timer for that, or for the next attempt, that could not be had
+// for want of memory is set when the source next looks after itself.
 #pragma once
 
 #include "platform/Flowa.h"
@@ -96,7 +97,9 @@ private:
   void hint();
 
   void lost(std::exception const & reason);
-  void expectUnknown(std::chrono::milliseconds time);
+  void awayFor(std::exception const & reason);
+  void lookAfterItself();
+  void expectNext(std::chrono::milliseconds unknownIn);
   void becomeUnknown();
   void degrade(std::string_view error);
   bool isReading() const;
@@ -122,6 +125,7 @@ private:
   Zel::Ptr<Run> const run_;
   std::optional<Vici::Conversation> requests_;
   std::optional<Vici::Conversation> events_;
+  Os::Loop::Handle look_;
   Os::Loop::Handle next_;
   Os::Loop::Handle becomesUnknown_; // while the daemon was lost a short time ago
   bool isUnknown_ = false;          // which is published
