@@ -12,8 +12,8 @@
 //   away        no connection; another attempt at `next_`    greeting
 //   greeting    one connection or both; what is asked first  listing, away
 //   resting     both; another listing at `next_`             listing, away
-//   listing     both; `binding_` takes what is listed        binding, resting, away
-//   binding     both; what was listed finds its links        publishing, resting, away
+//   listing     both; `binding_` takes what is listed        binding, away
+//   binding     both; what was listed finds its links        publishing, away
 //   publishing  both; the listing goes into the database     resting, listing, away
 //
 // What was published stays while the daemon is away. After a while its state becomes "unknown",
