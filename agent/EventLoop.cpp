@@ -80,6 +80,11 @@ Os::Loop::Handle EventLoop::after(std::chrono::milliseconds time, std::function<
   return begun(std::make_unique<EventWatch>(base(), -1, 0, std::move(due)), &wait);
 }
 
+Os::Loop::Handle EventLoop::every(std::chrono::milliseconds time, std::function<void()> due) {
+  auto const period = Os::toTimeval(time);
+  return begun(std::make_unique<EventWatch>(base(), -1, EV_PERSIST, std::move(due)), &period);
+}
+
 Os::Loop::Handle EventLoop::signal(int number, std::function<void()> caught) {
   return begun(
       std::make_unique<EventWatch>(base(), number, EV_SIGNAL | EV_PERSIST, std::move(caught)));

@@ -23,6 +23,7 @@ public:
   [[nodiscard]] Handle readable(int descriptor, std::function<void()> ready) override;
   [[nodiscard]] Handle writable(int descriptor, std::function<void()> ready) override;
   [[nodiscard]] Handle after(std::chrono::milliseconds time, std::function<void()> due) override;
+  [[nodiscard]] Handle every(std::chrono::milliseconds time, std::function<void()> due) override;
   /// Calls `caught` after each arrival of the signal, from the loop.
   [[nodiscard]] Handle signal(int number, std::function<void()> caught);
 

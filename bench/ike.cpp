@@ -1,5 +1,5 @@
 // What following strongSwan costs: the first listing of so many SAs, another one in which nothing
-// has changed, and an event. Prints JSON.
+// has changed, an event, and a link that comes or goes. Prints JSON.
 //
 // The daemon is a thread that says what it has to say; its CPU is not counted.
 #include "bench/Steps.h"
@@ -153,17 +153,19 @@ void Peer::send(int socket, std::string const & octets) {
   }
 }
 
-/// The source on so many xfrm links, each with a connection of its own.
+/// The source on so many xfrm links, each with a connection of its own, among further links.
 class Followed {
 public:
-  explicit Followed(std::uint32_t sas);
+  Followed(std::uint32_t sas, std::uint32_t furtherLinks);
 
   Json firstListing();
   Json nextListing();
   /// Nanoseconds for each.
   double event();
+  double linkChange();
 
 private:
+  void linkIs(std::uint32_t number);
   /// Runs whatever there is to do until the source has listed so often.
   Json runUntilListed(std::uint64_t times);
 
@@ -181,14 +183,14 @@ private:
   std::unique_ptr<Sources::Source> source_; // goes first, which ends the peer
 };
 
-Followed::Followed(std::uint32_t sas) : sas_(sas), peer_(folder_.file("charon.vici"), sas) {
+Followed::Followed(std::uint32_t sas, std::uint32_t furtherLinks)
+    : sas_(sas),
+      peer_(folder_.file("charon.vici"), sas) {
   Kiln::TaskSchedulerRoot::schedulerIs(scheduler_);
-  for (std::uint32_t number = 1; number <= sas; ++number) {
-    Plexa::IntfId const intfId(number);
-    links_.linkIs(
-        {.intfId = intfId, .name = fmt::format("xfrm{}", number), .kind = "xfrm", .ifId = number});
-    tunnels_.tunnelIs(intfId, number, {});
-  }
+  for (std::uint32_t number = 1; number <= sas + furtherLinks; ++number)
+    linkIs(number);
+  for (std::uint32_t number = 1; number <= sas; ++number)
+    tunnels_.tunnelIs(Plexa::IntfId(number), number, {});
   source_ = Sources::makeViciSource(":" + folder_.file("charon.vici"),
                                     {loop_, publishers_, links_, boundLinks_});
 }
@@ -233,11 +235,33 @@ double Followed::event() {
   return static_cast<double>(all) / (rounds * eventsOfARound);
 }
 
-Json vici(std::uint32_t sas) {
-  Followed followed(sas);
+void Followed::linkIs(std::uint32_t number) {
+  links_.linkIs({.intfId = Plexa::IntfId(number),
+                 .name = fmt::format("xfrm{}", number),
+                 .kind = "xfrm",
+                 .ifId = number});
+}
+
+// The hint included, and what the links themselves take.
+double Followed::linkChange() {
+  constexpr std::uint32_t changes = 1000;
+  auto const began = cpuNow();
+  for (std::uint32_t i = 0; i != changes / 2; ++i) {
+    auto const number = 1 + i % sas_;
+    links_.linkDel(Plexa::IntfId(number));
+    linkIs(number);
+  }
+  return static_cast<double>(cpuNow() - began) / changes;
+}
+
+Json vici(std::uint32_t sas, std::uint32_t furtherLinks) {
+  Followed followed(sas, furtherLinks);
   auto first = followed.firstListing();
   auto next = followed.nextListing();
-  return {{"first", std::move(first)}, {"next", std::move(next)}, {"eventNs", followed.event()}};
+  return {{"first", std::move(first)},
+          {"next", std::move(next)},
+          {"eventNs", followed.event()},
+          {"linkNs", followed.linkChange()}};
 }
 
 } // namespace
@@ -245,12 +269,14 @@ Json vici(std::uint32_t sas) {
 int main(int argc, char ** argv) {
   CLI::App app("What following an IKE daemon costs.");
   std::uint32_t sas = 0;
+  std::uint32_t links = 0;
   app.require_subcommand(1);
   auto * const viciCommand = app.add_subcommand("vici", "strongSwan with N connections");
   viciCommand->add_option("sas", sas)->required();
+  viciCommand->add_option("--links", links, "that no connection is for");
   CLI11_PARSE(app, argc, argv);
   try {
-    std::printf("%s\n", vici(sas).dump(2).c_str());
+    std::printf("%s\n", vici(sas, links).dump(2).c_str());
     return 0;
   } catch (std::exception const & error) {
     std::fprintf(stderr, "benchIke: %s\n", error.what());

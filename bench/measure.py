@@ -217,12 +217,14 @@ class Measure:
         return self._figures("benchSources", *arguments)
 
     def ike(self):
-        """{"vici": {SAs: [figures of each round]}}"""
-        figures = {"vici": {sas: [] for sas in (10, 1000, 10000)}}
-        for sas, rounds in figures["vici"].items():
+        """{"vici": {what there is: [figures of each round]}}"""
+        figures = {"vici": {}}
+        for sas, links in (10, 0), (1000, 0), (10000, 0), (1000, 100000):
+            name = f"{sas:,} SAs" + (f", {links:,} further links" if links else "")
+            rounds = figures["vici"][name] = []
             for _ in range(self.rounds):
-                progress(f"ike, {sas} SAs")
-                rounds.append(self._figures("benchIke", "vici", sas))
+                progress(f"ike, {name}")
+                rounds.append(self._figures("benchIke", "vici", sas, "--links", links))
         return figures
 
     def policies(self):

@@ -183,18 +183,19 @@ def first_line(command):
 
 
 def ike(figures):
-    by_sas = figures["vici"]
+    by_size = figures["vici"]
     lines = []
     for title, path, scale in (
             ("an event, µs", ("eventNs",), 1000),
+            ("a link that comes or goes, µs", ("linkNs",), 1000),
             ("the first listing: CPU, ms", ("first", "cpuMs"), 1),
             ("the longest step, ms", ("first", "longestStepMs"), 1),
             ("another listing, nothing new: CPU, ms", ("next", "cpuMs"), 1),
             ("99 of 100 steps within, ms", ("next", "p99StepMs"), 1),
             ("the longest step, ms", ("next", "longestStepMs"), 1)):
         lines.append([title] + [reach([value / scale for value in column(runs, *path)])
-                                for runs in by_sas.values()])
-    return table(["strongSwan", *(f"{sas:,} SAs" for sas in by_sas)], lines)
+                                for runs in by_size.values()])
+    return table(["strongSwan", *by_size], lines)
 
 
 def policies(figures):

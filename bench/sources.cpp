@@ -208,6 +208,7 @@ public:
   Handle readable(int, std::function<void()>) override { return nullptr; }
   Handle writable(int, std::function<void()>) override { return nullptr; }
   Handle after(std::chrono::milliseconds, std::function<void()>) override { return nullptr; }
+  Handle every(std::chrono::milliseconds, std::function<void()>) override { return nullptr; }
 };
 
 /// The start, which reads all at once, and a reading in runs.

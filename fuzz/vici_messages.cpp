@@ -3,6 +3,7 @@
 #include "fuzz/Require.h"
 #include "os/Text.h"
 #include "sources/ike/Binding.h"
+#include "sources/ike/LinkIndex.h"
 #include "sources/vici/Listing.h"
 #include <memory>
 #include <vector>
@@ -31,6 +32,7 @@ struct FewLinks {
     }
   }
   Links links;
+  Ike::LinkIndex const index{links};
 };
 
 void requireShown(std::string const & text) {
@@ -103,7 +105,7 @@ std::size_t takeStream(Octets stream, std::size_t piece, Take take) {
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const * data, std::size_t size) {
   static FewLinks const few;
   Octets const all(data, size);
-  Ike::Binding binding(few.links, {{"site", "", "gre"}});
+  Ike::Binding binding(few.index, {{"site", "", "gre"}});
   auto const packets = takeStream(all, 65536, [&](Octets message) {
     takeListed(binding, message);
     takeAnswer(message);

@@ -26,6 +26,8 @@ public:
   [[nodiscard]] virtual Handle writable(int descriptor, std::function<void()> ready) = 0;
   /// Calls `due` once, when the time is over.
   [[nodiscard]] virtual Handle after(std::chrono::milliseconds time, std::function<void()> due) = 0;
+  /// Calls `due` each time that so much time is over, and needs no memory for it any more.
+  [[nodiscard]] virtual Handle every(std::chrono::milliseconds time, std::function<void()> due) = 0;
 };
 
 } // namespace Os

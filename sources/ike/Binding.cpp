@@ -1,7 +1,8 @@
 // Three passes. As SAs come, each child claims its links for its connection. Then each connection
 // claims what it is configured for and no child of it has claimed. At last each link goes to one of
 // the connections that claim it, and the reports say so. LinkIndex finds links, SelectedLinks those
-// that selectors are for, ConnectionState says how far it all has come.
+// that selectors are for, ConnectionState says how far it all has come. From one call to the next,
+// links are known by their ids.
 #include "sources/ike/Binding.h"
 #include "platform/Lumo.h"
 #include "sources/ike/ConnectionState.h"
@@ -75,10 +76,10 @@ bool isOwnerBefore(Owner const & one, Owner const & other);
 } // namespace
 
 struct Binding::State {
-  explicit State(Links const & of) : links(of), index(of) {}
+  explicit State(LinkIndex const & of) : links(of.links()), index(of) {}
 
   Links const & links;
-  LinkIndex const index;
+  LinkIndex const & index;
   Connections connections;
   std::map<IntfId, Owner> owners;
   Bindings bindings;
@@ -103,6 +104,7 @@ struct Binding::State {
   void reportExplicit(Known & known) const;
 
   void decideOwners(std::string const & connection, Known const & known);
+  Owner const * ownerOf(IntfId intfId) const;
   void report(std::string const & connection, Known const & known);
   ConnectionReport reportOf(std::string const & connection, Line const & line) const;
   std::string nameOf(IntfId intfId) const;
@@ -127,8 +129,8 @@ ExplicitBinding explicitBindingFromText(std::string_view text) {
           std::string(text.substr(at + 1))};
 }
 
-Binding::Binding(Links const & links, std::vector<ExplicitBinding> bindings)
-    : state_(std::make_unique<State>(links)) {
+Binding::Binding(LinkIndex const & index, std::vector<ExplicitBinding> bindings)
+    : state_(std::make_unique<State>(index)) {
   for (auto & one : bindings) {
     auto & known = state_->connections[one.connection];
     known.explicitly.push_back(std::move(one));
@@ -433,6 +435,8 @@ void Binding::State::reportExplicit(Known & known) const {
 
 void Binding::State::decideOwners(std::string const & connection, Known const & known) {
   for (auto const & [intfId, claim] : known.claims) {
+    if (links.find(intfId) == nullptr)
+      continue;
     Owner const owner{&connection, claim, false};
     auto const [place, isNew] = owners.try_emplace(intfId, owner);
     if (isNew)
@@ -444,8 +448,17 @@ void Binding::State::decideOwners(std::string const & connection, Known const & 
   }
 }
 
+// Nobody has a link that has gone.
+Owner const * Binding::State::ownerOf(IntfId intfId) const {
+  auto const found = owners.find(intfId);
+  return found == owners.end() || links.find(intfId) == nullptr ? nullptr : &found->second;
+}
+
 void Binding::State::report(std::string const & connection, Known const & known) {
-  auto const isOurs = [&](IntfId intfId) { return owners.at(intfId).connection == &connection; };
+  auto const isOurs = [&](IntfId intfId) {
+    auto const * owner = ownerOf(intfId);
+    return owner != nullptr && owner->connection == &connection;
+  };
   for (auto const & [intfId, claim] : known.claims)
     if (isOurs(intfId))
       bindings.interfaces[intfId] = {connection, claim.state, claim.rule};
@@ -461,11 +474,14 @@ ConnectionReport Binding::State::reportOf(std::string const & connection, Line c
   ConnectionReport report{.connection = connection, .child = line.child, .reason = line.reason};
   if (!line.intfId)
     return report;
-  auto const & owner = *owners.at(*line.intfId).connection;
-  if (owner == connection)
+  auto const * owner = ownerOf(*line.intfId);
+  if (owner == nullptr)
+    report.reason = fmt::format("link {} has gone", line.intfId->stringValue());
+  else if (*owner->connection == connection)
     report.interface = nameOf(*line.intfId);
   else
-    report.reason = fmt::format("{} belongs to connection {}", nameOf(*line.intfId), owner);
+    report.reason =
+        fmt::format("{} belongs to connection {}", nameOf(*line.intfId), *owner->connection);
   return report;
 }
 

@@ -22,7 +22,6 @@
 
 #include "platform/Ipsec.h"
 #include "platform/Plexa.h"
-#include "sources/Links.h"
 #include "sources/ike/Ike.h"
 #include <cstddef>
 #include <cstdint>
@@ -33,6 +32,8 @@
 #include <vector>
 
 namespace Sources::Ike {
+
+class LinkIndex;
 
 enum class Rule : std::uint8_t { explicitly, ifId, mark, selectors, configured };
 /// "explicit", "if_id", "mark", "selectors", "configured".
@@ -84,9 +85,10 @@ struct Bindings {
 /// with the number of links; keeps what it must know of them and not them.
 class Binding {
 public:
-  /// Reads `links`, which must not change before result() has returned: who uses it watches them,
-  /// and begins anew. `links` outlives it.
-  Binding(Links const & links, std::vector<ExplicitBinding> bindings);
+  /// `index` outlives it. Links may change between the calls: what is found is right for the moment
+  /// in which it is sought, so who uses it follows a change by another one. A link that has gone by
+  /// the end is bound to nothing.
+  Binding(LinkIndex const & index, std::vector<ExplicitBinding> bindings);
   Binding(Binding const &) = delete;
   Binding & operator=(Binding const &) = delete;
   ~Binding();

@@ -1,15 +1,46 @@
-// Chains of links through one array, so that ten thousand links take few allocations.
+// One tree for all that links are found by. Of addresses and keys it has hashes, which are small
+// and quickly compared; what is found under one is compared with the link itself.
 #include "sources/ike/LinkIndex.h"
 #include "platform/zel/Hash.h"
 #include <algorithm>
+#include <new>
 
 namespace Sources::Ike {
 
 namespace {
 
-/// Of a key between endpoints; equal for others too, once in a while.
-std::uint64_t keyMark(std::uint32_t key, Endpoints const & endpoints) {
-  return std::uint64_t{key} << 32 | static_cast<std::uint32_t>(EndpointsHash()(endpoints));
+bool hasIfId(Link const & link) {
+  return link.kind == "xfrm" && link.ifId.value_or(0) != 0;
+}
+
+bool hasEndpoints(Link const & link) {
+  return !link.remote.isAddrZero();
+}
+
+bool hasKey(Link const & link) {
+  return isVti(link) && link.outputKey && hasEndpoints(link);
+}
+
+/// By what a link is found.
+enum class By : std::uint32_t { ifId, endpoints, key };
+
+Zel::Hash markOf(By by) {
+  return Zel::Hash(static_cast<std::uint32_t>(by));
+}
+
+std::uint32_t ifIdMark(std::uint32_t ifId) {
+  return markOf(By::ifId).mix(ifId).result();
+}
+
+std::uint32_t endpointsMark(Endpoints const & endpoints) {
+  return markOf(By::endpoints)
+      .mix(endpoints.local.octets())
+      .mix(endpoints.remote.octets())
+      .result();
+}
+
+std::uint32_t keyMark(std::uint32_t key, Endpoints const & endpoints) {
+  return markOf(By::key).mix(key).mix(endpointsMark(endpoints)).result();
 }
 
 } // namespace
@@ -42,47 +73,88 @@ std::vector<std::uint8_t> const & protocolsOf(std::string_view kind) {
   return found == all.end() ? unknown : found->protocols;
 }
 
-LinkIndex::LinkIndex(Links const & links) {
-  entries_.reserve(2 * links.size());
-  links.forEach([this](Link const & link) {
-    if (link.kind == "xfrm" && link.ifId.value_or(0) != 0)
-      add(byIfId_, *link.ifId, link);
-    if (link.remote.isAddrZero())
-      return;
-    add(byEndpoints_, endpointsOf(link), link);
-    if (isVti(link) && link.outputKey)
-      add(byKey_, keyMark(*link.outputKey, endpointsOf(link)), link);
-  });
+LinkIndex::LinkIndex(Links & links)
+    : links_(links),
+      watch_(links.watch([this](Plexa::IntfId intfId) { linkHasChanged(intfId); })) {
+  build();
 }
 
 LinkIndex::Found LinkIndex::withIfId(std::uint32_t ifId) const {
-  return collect(byIfId_, ifId, [](Link const &) { return true; });
+  return collect(ifIdMark(ifId),
+                 [&](Link const & link) { return hasIfId(link) && link.ifId == ifId; });
 }
 
 LinkIndex::Found LinkIndex::withKey(std::uint32_t key, Endpoints const & endpoints) const {
-  return collect(byKey_, keyMark(key, endpoints), [&](Link const & link) {
-    return link.outputKey == key && endpointsOf(link) == endpoints;
+  return collect(keyMark(key, endpoints), [&](Link const & link) {
+    return hasKey(link) && link.outputKey == key && endpointsOf(link) == endpoints;
   });
 }
 
 LinkIndex::Found LinkIndex::between(Endpoints const & endpoints) const {
-  return collect(byEndpoints_, endpoints, [](Link const &) { return true; });
+  return collect(endpointsMark(endpoints), [&](Link const & link) {
+    return hasEndpoints(link) && endpointsOf(link) == endpoints;
+  });
 }
 
-template <class Heads, class Key>
-void LinkIndex::add(Heads & heads, Key const & key, Link const & link) {
-  auto const [head, isNew] = heads.try_emplace(key, entries_.size());
-  entries_.push_back({&link, isNew ? none : head->second});
-  head->second = entries_.size() - 1;
+LinkIndex::Marks LinkIndex::marksOf(Link const & link) {
+  Marks marks;
+  auto & [byIfId, byEndpoints, byKey] = marks;
+  if (hasIfId(link))
+    byIfId = ifIdMark(*link.ifId);
+  if (hasEndpoints(link))
+    byEndpoints = endpointsMark(endpointsOf(link));
+  if (hasKey(link))
+    byKey = keyMark(*link.outputKey, endpointsOf(link));
+  return marks;
 }
 
-template <class Heads, class Key, class Is>
-LinkIndex::Found LinkIndex::collect(Heads const & heads, Key const & key, Is is) const {
+// What is not whole is not worth its memory, which is short.
+void LinkIndex::linkHasChanged(Plexa::IntfId intfId) {
+  if (!isWhole_)
+    return;
+  auto const * link = links_.find(intfId);
+  try {
+    marksAre(intfId, link == nullptr ? Marks() : marksOf(*link));
+  } catch (std::bad_alloc const &) {
+    isWhole_ = false;
+    marks_.clear();
+    byMark_.clear();
+  }
+}
+
+void LinkIndex::marksAre(Plexa::IntfId intfId, Marks const & marks) const {
+  auto const known = marks_.find(intfId);
+  auto const before = known == marks_.end() ? Marks() : known->second;
+  if (marks == before)
+    return;
+  for (auto const & mark : before)
+    if (mark)
+      byMark_.erase({*mark, intfId});
+  for (auto const & mark : marks)
+    if (mark)
+      byMark_.insert({*mark, intfId});
+  if (marks == Marks())
+    marks_.erase(known);
+  else
+    marks_[intfId] = marks;
+}
+
+void LinkIndex::build() const {
+  marks_.clear();
+  byMark_.clear();
+  links_.forEach([this](Link const & link) { marksAre(link.intfId, marksOf(link)); });
+  isWhole_ = true;
+}
+
+template <class Is>
+LinkIndex::Found LinkIndex::collect(Mark mark, Is is) const {
+  if (!isWhole_)
+    build();
   Found found;
-  auto const head = heads.find(key);
-  for (auto at = head == heads.end() ? none : head->second; at != none; at = entries_[at].next)
-    if (is(*entries_[at].link))
-      found.push_back(entries_[at].link);
+  for (auto at = byMark_.lower_bound({mark, Plexa::IntfId()});
+       at != byMark_.end() && at->first == mark; ++at)
+    if (auto const & link = *links_.find(at->second); is(link))
+      found.push_back(&link);
   return found;
 }
 

@@ -2,10 +2,14 @@
 #pragma once
 
 #include "sources/Links.h"
+#include <absl/container/btree_map.h>
+#include <absl/container/btree_set.h>
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Sources::Ike {
@@ -31,14 +35,22 @@ bool isVti(Link const & link);
 /// own, or whose packets go to no one place.
 std::vector<std::uint8_t> const & protocolsOf(std::string_view kind);
 
-/// Good until a link changes. What is found comes in no particular order.
+/// Follows the links: a change of one costs the same, but for the depth of a tree, however many
+/// there are. Where memory was too short to follow one, all are read again when the next is sought.
+///
+/// Requires: nothing is sought from inside a call that changes a link.
 class LinkIndex {
 public:
+  /// Good until a link changes. In no particular order.
   using Found = std::vector<Link const *>;
 
-  explicit LinkIndex(Links const & links);
+  /// Reads all links. They outlive it.
+  explicit LinkIndex(Links & links);
+  LinkIndex(LinkIndex const &) = delete;
+  LinkIndex & operator=(LinkIndex const &) = delete;
 
-  /// The xfrm links of that id.
+  Links const & links() const { return links_; }
+  /// The xfrm links of that id; none of id 0.
   Found withIfId(std::uint32_t ifId) const;
   /// The vti links of that output key whose endpoints these are.
   Found withKey(std::uint32_t key, Endpoints const & endpoints) const;
@@ -46,22 +58,23 @@ public:
   Found between(Endpoints const & endpoints) const;
 
 private:
-  static constexpr std::size_t none = SIZE_MAX;
-  struct Entry {
-    Link const * link;
-    std::size_t next; // among those of the same endpoints, or of the same id
-  };
+  /// A hash of what a link is found by; once in a while another link's as well.
+  using Mark = std::uint32_t;
+  using Marks = std::array<std::optional<Mark>, 3>;
 
-  template <class Heads, class Key>
-  void add(Heads & heads, Key const & key, Link const & link);
-  template <class Heads, class Key, class Is>
-  Found collect(Heads const & heads, Key const & key, Is is) const;
+  static Marks marksOf(Link const & link);
+  void linkHasChanged(Plexa::IntfId intfId);
+  void marksAre(Plexa::IntfId intfId, Marks const & marks) const;
+  void build() const;
+  template <class Is>
+  Found collect(Mark mark, Is is) const;
 
-  std::vector<Entry> entries_;
-  std::unordered_map<std::uint32_t, std::size_t> byIfId_;
-  std::unordered_map<Endpoints, std::size_t, EndpointsHash> byEndpoints_;
-  // Many vti links may have the same endpoints, and keys of their own.
-  std::unordered_map<std::uint64_t, std::size_t> byKey_;
+  Links & links_;
+  // Made again by whoever seeks, when they are not whole.
+  bool mutable isWhole_ = false;
+  absl::btree_map<Plexa::IntfId, Marks> mutable marks_; // of each link that has any
+  absl::btree_set<std::pair<Mark, Plexa::IntfId>> mutable byMark_;
+  Links::Handle const watch_;
 };
 
 } // namespace Sources::Ike

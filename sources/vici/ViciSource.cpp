@@ -34,7 +34,6 @@ constexpr std::string_view hintEvents[] = {"ike-updown", "ike-rekey", "ike-updat
 Lumo::Counter losses("vici-losses");
 Lumo::Counter unknownEvents("vici-events-unknown");
 Lumo::Counter unexpectedEvents("vici-events-unexpected");
-Lumo::Counter spoiledListings("vici-listings-spoiled");
 Lumo::Counter conflicts("vici-conflicts");
 
 // Known by its name before it has traced anything, so that it can be switched on.
@@ -72,6 +71,7 @@ ViciSource::ViciSource(std::string_view options, Surroundings const & surroundin
       options_(Vici::Options::fromText(options)),
       loop_(surroundings.loop),
       links_(surroundings.links),
+      index_(surroundings.links),
       health_([this, changed = surroundings.stateChanged] {
         if (changed)
           changed(*this);
@@ -83,6 +83,7 @@ ViciSource::ViciSource(std::string_view options, Surroundings const & surroundin
 
 void ViciSource::start() {
   linksWatch_ = links_.watch([this](Plexa::IntfId) { linkHasChanged(); });
+  look_ = loop_.every(listingPeriod, [this] { lookAfterItself(); });
   connect();
 }
 
@@ -180,9 +181,8 @@ void ViciSource::list() {
   phase_ = Phase::listing;
   again_ = Again::asUsual;
   isHinted_ = false;
-  isSpoiled_ = false;
   next_.reset();
-  binding_.emplace(links_, options_.bindings);
+  binding_.emplace(index_, options_.bindings);
   requests_->call("list-conns", requireSuccess);
   requests_->call("list-sas", [this](Octets answer) {
     requireSuccess(answer);
@@ -193,8 +193,6 @@ void ViciSource::list() {
 void ViciSource::takeListed(std::string_view event, Octets message) {
   if (phase_ != Phase::listing)
     return unexpectedEvents.inc();
-  if (!binding_)
-    return; // it is spoiled
   if (event == "list-sa")
     for (auto const & sa : Vici::decodeSas(message))
       binding_->saIs(sa);
@@ -208,13 +206,11 @@ void ViciSource::takeListed(std::string_view event, Octets message) {
 void ViciSource::listingIsOver() {
   becomesUnknown_.reset();
   pause_ = shortestPause;
-  if (!binding_)
-    return rest();
   task_->scheduleTask();
   phase_ = Phase::binding;
 }
 
-// The connections may have been lost meanwhile, or the listing spoiled.
+// The connections may have been lost meanwhile.
 void ViciSource::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
   if (phase_ != Phase::binding)
     return;
@@ -226,8 +222,6 @@ void ViciSource::run(Zel::Attribute const &, Flowa::Gen::NoKey const &) {
 }
 
 void ViciSource::bind() {
-  if (!binding_)
-    return rest();
   while (binding_->prepareNext())
     if (task_->taskShouldYield())
       return task_->scheduleTask();
@@ -293,13 +287,7 @@ void ViciSource::eventIs(std::string_view event) {
   hint();
 }
 
-// What binds refers to links as they were.
 void ViciSource::linkHasChanged() {
-  if (binding_) {
-    binding_.reset();
-    isSpoiled_ = true;
-    spoiledListings.inc();
-  }
   try {
     hint();
   } catch (std::bad_alloc const &) {
@@ -323,21 +311,42 @@ void ViciSource::lost(std::exception const & reason) {
   requests_.reset();
   events_.reset();
   binding_.reset();
+  next_.reset();
   phase_ = Phase::away;
-  next_ = loop_.after(pause_, [this] { connect(); });
-  pause_ = std::min<std::chrono::milliseconds>(2 * pause_, longestPause);
   auto const isSilent = dynamic_cast<Vici::Silent const *>(&reason) != nullptr;
-  if (lastListing_ && !isUnknown_ && !becomesUnknown_)
-    expectUnknown(isSilent ? unknownAfter - Vici::Conversation::patience : unknownAfter);
+  expectNext(isSilent ? unknownAfter - Vici::Conversation::patience : unknownAfter);
+  try {
+    awayFor(reason);
+  } catch (std::bad_alloc const & shortage) {
+    health_.degradedIs(reasonOf(shortage));
+  }
+}
+
+void ViciSource::awayFor(std::exception const & reason) {
   auto const isWrong = dynamic_cast<Vici::Malformed const *>(&reason) != nullptr;
   degrade(fmt::format("source vici: {}: {}{}", options_.socket, isWrong ? "it sends " : "",
                       reasonOf(reason)));
 }
 
-void ViciSource::expectUnknown(std::chrono::milliseconds time) {
-  becomesUnknown_ = loop_.after(time, [this] { becomeUnknown(); });
+void ViciSource::lookAfterItself() {
+  if (phase_ == Phase::away)
+    expectNext(unknownAfter);
 }
 
+void ViciSource::expectNext(std::chrono::milliseconds unknownIn) {
+  try {
+    if (!next_) {
+      next_ = loop_.after(pause_, [this] { connect(); });
+      pause_ = std::min<std::chrono::milliseconds>(2 * pause_, longestPause);
+    }
+    if (lastListing_ && !isUnknown_ && !becomesUnknown_)
+      becomesUnknown_ = loop_.after(unknownIn, [this] { becomeUnknown(); });
+  } catch (std::exception const &) {
+    // The next look finds what is missing.
+  }
+}
+
+// As far as there is memory for it: else at the next look.
 void ViciSource::becomeUnknown() {
   becomesUnknown_.reset();
   try {
@@ -347,10 +356,10 @@ void ViciSource::becomeUnknown() {
     for (auto & report : bindings.reports)
       report.state = ::Ipsec::Ike::ConnState::unknown;
     publication_.bindingsAre(std::move(bindings), {},
-                             [this](std::exception const &) { expectUnknown(shortestPause); });
+                             [this](std::exception const &) { isUnknown_ = false; });
     isUnknown_ = true;
   } catch (std::bad_alloc const &) {
-    expectUnknown(shortestPause);
+    isUnknown_ = false;
   }
 }
 
@@ -360,9 +369,7 @@ void ViciSource::degrade(std::string_view error) {
 }
 
 bool ViciSource::isReading() const {
-  if (phase_ == Phase::resting)
-    return isSpoiled_;
-  return phase_ != Phase::stopped && phase_ != Phase::away;
+  return phase_ != Phase::stopped && phase_ != Phase::away && phase_ != Phase::resting;
 }
 
 } // namespace Sources

@@ -3,27 +3,29 @@
 // One connection is for requests, one for events. An event is a hint that something has changed:
 // what, a listing of all connections and security associations tells, since not everything has an
 // event and what an event says is not always so. A listing is read and bound as it comes, one piece
-// in a turn of the event loop. A change of a link is such a hint as well.
+// in a turn of the event loop. A change of a link is such a hint as well: what was bound before it
+// is published nevertheless, and put right by the listing that follows, so that links which come
+// and go without end hold nothing up.
 //
 //   phase       what holds                                   leads to
 //   stopped     not started                                  away
 //   away        no connection; another attempt at `next_`    greeting
 //   greeting    one connection or both; what is asked first  listing, away
 //   resting     both; another listing at `next_`             listing, away
-//   listing     both; `binding_` takes what is listed        binding, resting, away
-//   binding     both; what was listed finds its links        publishing, resting, away
+//   listing     both; `binding_` takes what is listed        binding, away
+//   binding     both; what was listed finds its links        publishing, away
 //   publishing  both; the listing goes into the database     resting, listing, away
 //
-// A change of a link spoils what is listed until it has found its links: another listing follows.
-//
 // What was published stays while the daemon is away. After a while its state becomes "unknown",
-// until a listing tells it again.
+// until a listing tells it again. A timer for that, or for the next attempt, that could not be had
+// for want of memory is set when the source next looks after itself.
 #pragma once
 
 #include "platform/Flowa.h"
 #include "platform/Kiln.h"
 #include "sources/Health.h"
 #include "sources/Source.h"
+#include "sources/ike/LinkIndex.h"
 #include "sources/vici/Conversation.h"
 #include "sources/vici/Options.h"
 #include "sources/vici/Publication.h"
@@ -95,7 +97,9 @@ private:
   void hint();
 
   void lost(std::exception const & reason);
-  void expectUnknown(std::chrono::milliseconds time);
+  void awayFor(std::exception const & reason);
+  void lookAfterItself();
+  void expectNext(std::chrono::milliseconds unknownIn);
   void becomeUnknown();
   void degrade(std::string_view error);
   bool isReading() const;
@@ -104,23 +108,24 @@ private:
   Vici::Options const options_;
   Os::Loop & loop_;
   Links & links_;
+  Ike::LinkIndex const index_;
   Health health_;
   Vici::Publication publication_;
   Links::Handle linksWatch_;
 
   Phase phase_ = Phase::stopped;
   Again again_ = Again::asUsual;
-  bool isHinted_ = false;  // `next_` is for a hint
-  bool isSpoiled_ = false; // a link changed during the last listing
+  bool isHinted_ = false; // `next_` is for a hint
   std::chrono::milliseconds pause_ = shortestPause;
   std::string daemon_; // its version; empty while it has never been heard of
   std::optional<std::chrono::system_clock::time_point> lastListing_;
   std::uint64_t fullReads_ = 0;
-  std::optional<Ike::Binding> binding_; // while listing and binding, unless it is spoiled
+  std::optional<Ike::Binding> binding_; // while listing and binding
   Zel::Ptr<Kiln::Task> const task_;     // binds
   Zel::Ptr<Run> const run_;
   std::optional<Vici::Conversation> requests_;
   std::optional<Vici::Conversation> events_;
+  Os::Loop::Handle look_;
   Os::Loop::Handle next_;
   Os::Loop::Handle becomesUnknown_; // while the daemon was lost a short time ago
   bool isUnknown_ = false;          // which is published

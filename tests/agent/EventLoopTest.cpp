@@ -71,6 +71,19 @@ TEST(EventLoop, CallsATimerOnce) {
   EXPECT_EQ(1, calls);
 }
 
+TEST(EventLoop, CallsATimerAgainAndAgain) {
+  Agent::EventLoop loop;
+  int calls = 0;
+  Os::Loop::Handle watch;
+  watch = loop.every(milliseconds(1), [&] {
+    if (++calls == 3)
+      watch.reset();
+  });
+  auto const later = loop.after(milliseconds(40), [&] { loop.stop(); });
+  loop.run(noWork);
+  EXPECT_EQ(3, calls);
+}
+
 TEST(EventLoop, AWatchMayEndItselfInItsOwnCall) {
   Agent::EventLoop loop;
   std::string const text = "a text too long to be kept inside the function object itself";

@@ -5,15 +5,19 @@
 #include <vector>
 
 struct TestLoop::Timer final : Watch {
-  Timer(TestLoop & owner, std::chrono::milliseconds when, std::function<void()> call)
+  /// Again and again after each `period`, unless that is 0.
+  Timer(TestLoop & owner, std::chrono::milliseconds when, std::chrono::milliseconds period,
+        std::function<void()> call)
       : loop(owner),
         at(when),
+        again(period),
         due(std::move(call)) {
     loop.timers_.push_back(this);
   }
   ~Timer() override { loop.timers_.remove(this); }
   TestLoop & loop;
   std::chrono::milliseconds at;
+  std::chrono::milliseconds const again;
   std::function<void()> due;
 };
 
@@ -39,7 +43,11 @@ Os::Loop::Handle TestLoop::writable(int descriptor, std::function<void()> ready)
 }
 
 Os::Loop::Handle TestLoop::after(std::chrono::milliseconds time, std::function<void()> due) {
-  return std::make_unique<Timer>(*this, now_ + time, std::move(due));
+  return std::make_unique<Timer>(*this, now_ + time, std::chrono::milliseconds(0), std::move(due));
+}
+
+Os::Loop::Handle TestLoop::every(std::chrono::milliseconds time, std::function<void()> due) {
+  return std::make_unique<Timer>(*this, now_ + time, time, std::move(due));
 }
 
 void TestLoop::advance(std::chrono::milliseconds time) {
@@ -50,8 +58,11 @@ void TestLoop::advance(std::chrono::milliseconds time) {
     if (next == timers_.end() || (*next)->at > until)
       break;
     now_ = (*next)->at;
-    auto const due = std::move((*next)->due); // called once; the call may end the watch
-    timers_.erase(next);
+    auto const isLast = (*next)->again.count() == 0;
+    auto const due = isLast ? std::move((*next)->due) : (*next)->due; // the call may end the watch
+    (*next)->at += (*next)->again;
+    if (isLast)
+      timers_.erase(next);
     due();
   }
   now_ = until;

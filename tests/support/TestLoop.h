@@ -11,6 +11,7 @@ public:
   [[nodiscard]] Handle readable(int descriptor, std::function<void()> ready) override;
   [[nodiscard]] Handle writable(int descriptor, std::function<void()> ready) override;
   [[nodiscard]] Handle after(std::chrono::milliseconds time, std::function<void()> due) override;
+  [[nodiscard]] Handle every(std::chrono::milliseconds time, std::function<void()> due) override;
 
   /// Moves the time and calls what falls due, in order of time.
   void advance(std::chrono::milliseconds time);

@@ -390,8 +390,8 @@ private:
   Bindings result_;
 };
 
-Bindings bound(Links const & links, Inputs const & inputs) {
-  Binding binding(links, inputs.explicitly);
+Bindings bound(LinkIndex const & index, Inputs const & inputs) {
+  Binding binding(index, inputs.explicitly);
   for (auto const & one : inputs.connections)
     binding.connectionIs(one);
   for (auto const & one : inputs.sas)
@@ -433,8 +433,9 @@ TEST_F(BindingProperty, IsWhatThePlainReadingOfTheRulesSays) {
   for (int round = 0; round != 1000; ++round) {
     auto const inputs = chance.inputs();
     Links links;
+    LinkIndex const index(links);
     makeLinks(links, inputs);
-    auto made = bound(links, inputs);
+    auto made = bound(index, inputs);
     made.reports.clear();
     auto const expected = Oracle(inputs).result();
     ASSERT_EQ(told(links, made), told(links, expected)) << "round " << round;
@@ -453,13 +454,14 @@ TEST_F(BindingProperty, DependsOnTheFinalInputsAlone) {
   for (int round = 0; round != 300; ++round) {
     auto inputs = chance.inputs();
     Links links;
+    LinkIndex const index(links);
     makeLinks(links, inputs);
-    auto const expected = bound(links, inputs);
+    auto const expected = bound(index, inputs);
     for (int again = 0; again != 3; ++again) {
       shuffle(inputs);
       Links others;
       makeLinks(others, inputs);
-      auto const made = bound(others, inputs);
+      auto const made = bound(LinkIndex(others), inputs);
       ASSERT_EQ(told(made.reports), told(expected.reports)) << "round " << round;
       ASSERT_EQ(made, expected) << "round " << round;
     }
@@ -470,8 +472,9 @@ TEST_F(BindingProperty, SaysOfEachReportItsLinkOrAReason) {
   for (int round = 0; round != 200; ++round) {
     auto const inputs = chance.inputs();
     Links links;
+    LinkIndex const index(links);
     makeLinks(links, inputs);
-    auto const made = bound(links, inputs);
+    auto const made = bound(index, inputs);
     for (auto const & report : made.reports) {
       ASSERT_FALSE(report.reason.empty());
       if (report.interface.empty())

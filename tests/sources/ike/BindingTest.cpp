@@ -4,6 +4,7 @@
 namespace Sources::Ike {
 namespace {
 
+using Plexa::IntfId;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -377,7 +378,7 @@ TEST_F(BindingTest, TakesTenThousandSasAndLinks) {
 TEST_F(BindingTest, PreparesItsResultInSmallParts) {
   for (std::uint32_t i = 1; i <= 1000; ++i)
     links.linkIs(xfrmLink(i, "x", i));
-  Binding binding(links, {});
+  Binding binding(index, {});
   for (std::uint32_t i = 1; i <= 1000; ++i)
     binding.saIs(sa("c" + std::to_string(i), {withIfId(routedChild(), i)}));
   int parts = 1;
@@ -386,6 +387,55 @@ TEST_F(BindingTest, PreparesItsResultInSmallParts) {
   EXPECT_GE(parts, 20);
   EXPECT_FALSE(binding.prepareNext());
   EXPECT_EQ(std::move(binding).result().interfaces.size(), 1000u);
+}
+
+TEST_F(BindingTest, BindsNothingToALinkThatHasGone) {
+  links.linkIs(xfrmLink(1, "x1", 7));
+  links.linkIs(xfrmLink(2, "x2", 8));
+  Binding binding(index, {});
+  binding.saIs(sa("a", {withIfId(routedChild(), 7)}));
+  binding.saIs(sa("b", {withIfId(routedChild(), 8)}));
+  links.linkDel(IntfId(1));
+  auto const bindings = std::move(binding).result();
+  EXPECT_THAT(told(links, bindings), ElementsAre("x2: b up if_id"));
+  EXPECT_THAT(told(bindings.reports),
+              ElementsAre("a/k up  (link 1 has gone)", "b/k up x2 (if_id)"));
+  EXPECT_EQ(bindings.boundSas, 1u);
+  EXPECT_EQ(bindings.unboundSas, 1u);
+}
+
+TEST_F(BindingTest, FindsALinkThatHasComeMeanwhile) {
+  Binding binding(index, {});
+  binding.saIs(sa("a", {withIfId(routedChild(), 7)}));
+  links.linkIs(xfrmLink(1, "x1", 7));
+  binding.saIs(sa("b", {withIfId(routedChild(), 7)}));
+  EXPECT_THAT(told(std::move(binding).result().reports),
+              ElementsAre("a/k up  (no link has if_id 7)", "b/k up x1 (if_id)"));
+}
+
+// Before, in each of the parts of the result, and after the last.
+TEST_F(BindingTest, TakesLinksThatChangeAtAnyMoment) {
+  constexpr std::uint32_t many = 100;
+  for (std::size_t moment = 0; moment != 12; ++moment) {
+    for (std::uint32_t i = 1; i <= many; ++i)
+      links.linkIs(xfrmLink(i, "x" + std::to_string(i), i));
+    Binding binding(index, {});
+    for (std::uint32_t i = 1; i <= many; ++i) {
+      binding.saIs(sa("c" + std::to_string(i), {withIfId(routedChild(), i)}));
+      binding.saIs(sa("all", {withIfId(routedChild(), i)}));
+    }
+    for (std::size_t part = 0; part != moment && binding.prepareNext(); ++part) {
+    }
+    for (std::uint32_t i = 1; i <= many; i += 2)
+      links.linkDel(IntfId(i));
+    links.linkIs(xfrmLink(many, "renamed", many + 1));
+    auto const bindings = std::move(binding).result();
+    EXPECT_EQ(bindings.reports.size(), 2 * many);
+    EXPECT_EQ(bindings.boundSas + bindings.unboundSas, 2 * many);
+    EXPECT_GE(bindings.interfaces.size(), many / 2);
+    for (auto const & report : bindings.reports)
+      EXPECT_NE(report.interface.empty(), report.reason == "if_id") << told(report);
+  }
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 
 #include "sources/Links.h"
 #include "sources/ike/Binding.h"
+#include "sources/ike/LinkIndex.h"
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -108,7 +109,7 @@ protected:
     std::vector<ExplicitBinding> bindings;
     for (auto const & text : explicitly)
       bindings.push_back(explicitBindingFromText(text));
-    Binding binding(links, bindings);
+    Binding binding(index, bindings);
     for (auto const & one : connections)
       binding.connectionIs(one);
     for (auto const & one : sas)
@@ -124,6 +125,7 @@ protected:
   }
 
   Links links;
+  LinkIndex const index{links};
   std::vector<std::string> explicitly;
   std::vector<Connection> connections;
   std::vector<IkeSa> sas;

@@ -67,9 +67,10 @@ TEST_F(ConfiguredTest, IsBoundExplicitlyBeforeAnySaExists) {
 }
 
 TEST_F(ConfiguredTest, SaysWhyNoLinkIsFound) {
-  Links const none;
+  Links none;
+  LinkIndex const empty(none);
   auto const why = [&](Connection const & one) {
-    Binding binding(none, {});
+    Binding binding(empty, {});
     binding.connectionIs(one);
     return told(std::move(binding).result().reports);
   };

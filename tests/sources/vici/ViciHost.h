@@ -25,6 +25,13 @@ protected:
         {.intfId = intfId, .name = fmt::format("xfrm{}", id), .kind = "xfrm", .ifId = ifId});
     tunnels.tunnelIs(intfId, static_cast<std::uint32_t>(id), {});
   }
+  /// A link 8, which no connection is for, comes or goes: by turns.
+  void comesOrGoes(int turn) {
+    if (turn % 2 == 0)
+      linkIs(8, 99);
+    else
+      links.linkDel(Plexa::IntfId(8));
+  }
   /// The daemon has a connection with one child, and SAs where there is a state of the child.
   void connectionIs(std::string const & name, std::optional<std::uint32_t> ifId,
                     std::string const & ikeState = "ESTABLISHED",

@@ -185,19 +185,60 @@ TEST_F(ViciSource, ListsNoMoreOftenThanEach50MillisecondsInAFloodOfLinks) {
   EXPECT_EQ(profile(7), "") << "its last interface id is another one";
 }
 
+TEST_F(ViciSource, FollowsTheDaemonWhileALinkComesAndGoesInEachListing) {
+  officeIsUp();
+  peer.listen();
+  int changes = 0;
+  peer.instead = [&](auto &, auto const & packet) {
+    if (packet.name == "list-conns" || packet.name == "list-sas")
+      comesOrGoes(changes++);
+    return false;
+  };
+  start();
+  EXPECT_EQ(state(7), "up");
+  saIs("office", 42, "CONNECTING");
+  peer.event("ike-updown");
+  pass(500ms);
+  EXPECT_EQ(state(7), "connecting");
+  EXPECT_LE(peer.listings, 12);
+  EXPECT_GE(peer.listings, 10) << "a link has changed in each of them";
+}
+
+TEST_F(ViciSource, FollowsTheDaemonWhileALinkComesAndGoesWithoutAPause) {
+  for (auto const yield : {Yield::never, Yield::always}) {
+    linkIs(7, 42);
+    peer.connections.clear();
+    connectionIs("office", 42);
+    peer.listen();
+    scheduler->yieldIs(yield);
+    start();
+    saIs("office", 42, "CONNECTING");
+    for (int changes = 0; changes != 2000; ++changes) {
+      comesOrGoes(changes);
+      if (!loop.runOnce() && !scheduler->runOne())
+        loop.advance(50ms);
+    }
+    EXPECT_EQ(state(7), "connecting");
+    EXPECT_LE(source->status().changes, 10u) << "nothing comes and goes but the link";
+    source.reset();
+    peer.end();
+  }
+}
+
 TEST_F(ViciSource, ListsAgainWhenALinkChangesDuringTheListing) {
   officeIsUp();
+  connectionIs("branch", 43);
   peer.listen();
   peer.instead = [this](auto &, auto const & packet) {
     if (packet.name == "list-sas" && peer.listings == 0)
       linkIs(8, 43);
     return false;
   };
-  connectionIs("branch", 43);
   start();
-  EXPECT_EQ(profile(7), "") << "the first listing is spoiled";
-  EXPECT_TRUE(source->status().isReading) << "the one that counts is to come";
+  EXPECT_EQ(state(7), "up") << "what was listed counts";
+  expectInSync();
   pass(50ms);
+  EXPECT_EQ(peer.listings, 2);
   EXPECT_EQ(state(7), "up");
   EXPECT_EQ(profile(8), "branch");
   expectInSync();
@@ -205,18 +246,38 @@ TEST_F(ViciSource, ListsAgainWhenALinkChangesDuringTheListing) {
 
 TEST_F(ViciSource, ListsAgainWhenALinkChangesWhileThingsAreBound) {
   officeIsUp();
+  connectionIs("branch", 43);
+  peer.listen();
+  source = std::make_unique<Sources::ViciSource>(":" + path, surroundings());
+  source->start();
+  while (loop.runOnce()) {
+  }
+  linkIs(8, 43);
+  links.linkDel(Plexa::IntfId(7));
+  settle();
+  EXPECT_EQ(profile(7), "") << "it has gone";
+  EXPECT_EQ(profile(8), "") << "it was not there when the SA was listed";
+  expectInSync();
+  pass(50ms);
+  EXPECT_EQ(profile(7), "");
+  EXPECT_EQ(state(8), "up");
+  expectInSync();
+}
+
+TEST_F(ViciSource, ReadsAgainWhatHasHappenedDuringTheListing) {
+  officeIsUp();
   peer.listen();
   source = std::make_unique<Sources::ViciSource>(":" + path, surroundings());
   source->start();
   while (loop.runOnce()) {
   }
   linkIs(7, 43);
-  settle();
-  EXPECT_EQ(profile(7), "");
-  EXPECT_TRUE(source->status().isReading);
-  linkIs(7, 42);
-  pass(50ms);
-  EXPECT_EQ(state(7), "up");
+  source->reread();
+  for (auto isBusy = true; isBusy && source->status().isReading;)
+    isBusy = loop.runOnce() || scheduler->runOne();
+  EXPECT_FALSE(source->status().isReading);
+  EXPECT_EQ(profile(7), "") << "and not after 50 ms";
+  EXPECT_EQ(peer.listings, 2);
 }
 
 TEST_F(ViciSource, TakesAwayWhatIsBoundNoMore) {

@@ -565,4 +565,36 @@ TEST_F(ViciTrouble, SurvivesAShortageOfMemory) {
   }
 }
 
+TEST_F(ViciTrouble, TriesAgainThoughMemoryIsShortWhenTheDaemonEnds) {
+  officeIsUp();
+  for (auto const fails : {FailingMemory::Fails::once, FailingMemory::Fails::always}) {
+    auto hasFailed = true;
+    for (long before = 0; hasFailed; ++before) {
+      SCOPED_TRACE(before);
+      peer.listen();
+      start();
+      expectUp();
+      peer.end();
+      {
+        FailingMemory const failing(before, fails);
+        try {
+          loop.runOnce();
+        } catch (std::bad_alloc const &) {
+          // The test's loop had none.
+        }
+      }
+      hasFailed = FailingMemory::hasFailed();
+      settle();
+      EXPECT_EQ(source->status().state, State::degraded);
+      EXPECT_FALSE(source->status().isReading);
+      pass(8s);
+      EXPECT_EQ(state(7), "unknown");
+      peer.listen();
+      pass(8s);
+      expectUp();
+      peer.end();
+    }
+  }
+}
+
 } // namespace
