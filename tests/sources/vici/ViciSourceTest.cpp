@@ -213,7 +213,7 @@ TEST_F(ViciSource, FollowsTheDaemonWhileALinkComesAndGoesWithoutAPause) {
     scheduler->yieldIs(yield);
     start();
     saIs("office", 42, "CONNECTING");
-    for (int changes = 0; changes != 2000; ++changes) {
+    for (int changes = 0; changes != 600; ++changes) {
       comesOrGoes(changes);
       if (!loop.runOnce() && !scheduler->runOne())
         loop.advance(50ms);
