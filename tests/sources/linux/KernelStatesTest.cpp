@@ -223,6 +223,17 @@ TEST_F(KernelStatesTest, TellThatOfAVtiLinkByItsKey) {
   EXPECT_EQ(state(3), "down") << "a policy that leaves its ends open";
 }
 
+TEST_F(KernelStatesTest, FollowTheEndpointsOfAVtiLink) {
+  auto const nine = attribute(mark, joined({native<std::uint32_t>(9), native(UINT32_MAX)}));
+  start({esp({.mode = 1, .source = "10.0.0.1", .destination = "10.0.0.2"}, nine)},
+        {stateOf({.mode = 1}, nine)});
+  EXPECT_EQ(state(3), "up");
+  auto link = *links.find(IntfId(3));
+  link.remote = *Plexa::IpGenAddr::fromString("10.0.0.7");
+  links.linkIs(link);
+  EXPECT_EQ(state(3), nullptr) << "at once, without a reading";
+}
+
 TEST_F(KernelStatesTest, KeepSilentAboutLinksOfWhichAnIkeDaemonSpeaks) {
   boundLinks.add(IntfId(1));
   start({esp()}, {stateOf({.reqid = 5})});
