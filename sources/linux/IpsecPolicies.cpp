@@ -47,10 +47,11 @@ bool mayUse(Link const & link, Policy const & policy) {
   });
 }
 
-/// Takes the endpoints of the first tunnel that the policy asks for into the claim.
+/// Takes the endpoints of the first tunnel that the policy asks for into the claim: of one that
+/// compresses too, since ESP is in transport mode behind it.
 StateDb::Claim<Status> withEndpoints(StateDb::Claim<Status> claim, Policy const & policy) {
   for (auto const & one : policy.templates) {
-    if (one.mode != XfrmMode::tunnel || !one.demandsIpsec())
+    if (one.mode != XfrmMode::tunnel || one.isOptional)
       continue;
     if (!one.source.isAddrZero())
       claim = claim.with<&Status::srcAddr>(one.source);

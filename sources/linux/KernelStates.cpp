@@ -212,14 +212,18 @@ std::optional<KernelStates::Entry> KernelStates::entryOf(Plexa::IntfId intfId) c
   return entry;
 }
 
-// The least of all the templates: packets need all of them.
+// The least of all the templates: packets need all of them. As in the kernel a template is for
+// packets as the one before leaves them: behind a tunnel of compression ESP is in transport mode.
 States::Progress KernelStates::progress(IpsecPolicies::OfLink const & one,
                                         std::vector<States::Place> & places) const {
   auto least = States::Progress::usable;
+  auto ends =
+      one.flow == nullptr ? States::Ends() : States::Ends{one.flow->local, one.flow->remote};
   for (auto const & asked : one.policy->templates) {
     if (!isNeeded(asked))
       continue;
-    auto const wanted = States::wanted(*one.policy, asked, one.flow);
+    ends = States::endsBehind(asked, ends);
+    auto const wanted = States::wanted(*one.policy, asked, ends);
     if (!wanted)
       return States::Progress::none;
     places.push_back(wanted->place);

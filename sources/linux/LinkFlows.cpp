@@ -11,8 +11,11 @@ LinkFlows::Entry entryOf(Link const & link) {
     return entry;
   if (link.kind == "xfrm" && link.ifId.value_or(0) != 0)
     entry.ifId = link.ifId;
-  if (link.kind == "vti" || link.kind == "vti6")
+  if ((link.kind == "vti" || link.kind == "vti6") && link.outputKey) {
     entry.mark = link.outputKey;
+    entry.local = link.local;
+    entry.remote = link.remote;
+  }
   return entry;
 }
 
@@ -103,9 +106,9 @@ void LinkFlows::findByFlow(Policy const & policy, absl::btree_set<Plexa::IntfId>
   for (auto next = set.lower_bound({keyOf(prefix), Plexa::IntfId()}); next != set.end(); ++next) {
     auto const & entry = entries_.find(next->second)->second;
     auto const & flow = entry.flows.front();
+    ++work_.links;
     if (maskedAddress(byRemote ? flow.remote : flow.local, length) != prefix)
       return;
-    ++work_.links;
     if (isAbout(policy, entry))
       links.insert(next->second);
   }

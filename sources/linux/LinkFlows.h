@@ -28,6 +28,9 @@ public:
     std::vector<Flow> flows;                ///< all between the same two addresses
     std::optional<std::uint32_t> ifId = {}; ///< of a link of kind xfrm
     std::optional<std::uint32_t> mark = {}; ///< of a link of kind vti or vti6
+    /// Of a link with a mark: its endpoints, between which the tunnels of its policies must be.
+    Plexa::IpGenAddr local{};
+    Plexa::IpGenAddr remote{};
     bool operator==(Entry const &) const = default;
   };
 
@@ -43,7 +46,7 @@ public:
   bool linkDel(Plexa::IntfId intfId);
 
   /// Puts into `links` those that the policy is about. Looks at those only that its longer prefix
-  /// covers, or that have its if_id or its mark.
+  /// covers, and at the one behind them, or that have its if_id or its mark.
   void findConcerned(Policy const & policy, absl::btree_set<Plexa::IntfId> & links) const;
 
   Work const & work() const { return work_; }

@@ -14,20 +14,21 @@ std::array<std::uint8_t, 16> octetsOf(Plexa::IpGenAddr const & address) {
 
 } // namespace
 
-// As the kernel looks for them: in transport mode by the addresses of the packets themselves.
+States::Ends States::endsBehind(PolicyTemplate const & one, Ends const & ends) {
+  return hasEndpoints(one.mode) ? Ends{one.source, one.destination} : ends;
+}
+
 std::optional<States::Wanted> States::wanted(Policy const & policy, PolicyTemplate const & one,
-                                             Flow const * flow) {
-  auto const hasItsOwn = hasEndpoints(one.mode);
-  if (!hasItsOwn && flow == nullptr)
+                                             Ends const & ends) {
+  if (ends.destination.isAddrZero())
     return std::nullopt;
-  auto const & destination = hasItsOwn ? one.destination : flow->remote;
-  return Wanted{.place = {.family = destination.family(),
-                          .destination = octetsOf(destination),
+  return Wanted{.place = {.family = ends.destination.family(),
+                          .destination = octetsOf(ends.destination),
                           .protocol = one.protocol,
                           .mode = one.mode,
                           .reqid = one.reqid,
                           .ifId = policy.ifId},
-                .source = hasItsOwn ? one.source : flow->local,
+                .source = ends.source,
                 .spi = one.spi,
                 .mark = policy.mark.value & policy.mark.mask};
 }

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "platform/Plexa.h"
-#include "sources/linux/Flow.h"
 #include "sources/linux/PolicyDecoder.h"
 #include "sources/linux/ReadMap.h"
 #include "sources/linux/StateDecoder.h"
@@ -29,12 +28,18 @@ public:
     std::uint32_t ifId = 0;
     auto operator<=>(Place const &) const = default;
   };
+  /// Where packets come from and go to; the empty address where that is not known.
+  struct Ends {
+    Plexa::IpGenAddr source{};
+    Plexa::IpGenAddr destination{};
+  };
   /// What a template of a policy asks for.
   struct Wanted {
     Place place;
     Plexa::IpGenAddr source{}; ///< the empty address: any
     std::uint32_t spi = 0;     ///< 0: any
     std::uint32_t mark = 0;    ///< that of the packets
+    bool operator==(Wanted const &) const = default;
   };
   /// The best that there is of it.
   enum class Progress : std::uint8_t { none, acquiring, usable };
@@ -43,10 +48,12 @@ public:
   States(States const &) = delete;
   States & operator=(States const &) = delete;
 
-  /// The outbound states that the template asks for when it is to transform packets of that flow,
-  /// or of no known one: a template of transport mode then asks for nothing.
+  /// The ends of packets that had these before the template transformed them: of a tunnel its own.
+  static Ends endsBehind(PolicyTemplate const & one, Ends const & ends);
+  /// The outbound states that the template asks for when it gives packets these ends; nothing when
+  /// nobody knows where they go.
   static std::optional<Wanted> wanted(Policy const & policy, PolicyTemplate const & one,
-                                      Flow const * flow);
+                                      Ends const & ends);
   static Place placeOf(StateId const & id);
 
   std::size_t size() const { return states_.size(); }

@@ -272,7 +272,7 @@ TEST(ConnectionsWriter, CutsManyReportsIntoPiecesWithoutLosingAny) {
   auto const rows = Json::parse(out);
   ASSERT_EQ(1001u, rows.size());
   for (int i = 0; i != 1001; ++i) {
-    EXPECT_EQ(std::to_string(i), rows[i]["connection"]);
+    EXPECT_EQ(std::to_string(i), rows[i]["connection"].get<std::string>());
     EXPECT_EQ(i < 400 ? "a" : "b", rows[i]["source"]);
   }
 }

@@ -38,6 +38,7 @@ TEST(Selector, IsAHost) {
 TEST(Selector, IsARange) {
   EXPECT_EQ(selectorFromText("10.0.0.1..10.0.0.9"), range("10.0.0.1", "10.0.0.9"));
   EXPECT_EQ(selectorFromText("2001:db8::1..2001:db8::ff"), range("2001:db8::1", "2001:db8::ff"));
+  EXPECT_EQ(selectorFromText("10.0.0.9..10.0.0.9"), range("10.0.0.9", "10.0.0.9"));
   EXPECT_EQ(selectorFromText("10.0.0.9..10.0.0.1"), std::nullopt);
   EXPECT_EQ(selectorFromText("10.0.0.9..2001:db8::1"), std::nullopt);
 }
@@ -49,9 +50,10 @@ TEST(Selector, IsDynamic) {
 
 TEST(Selector, HasAProtocolByNameOrNumber) {
   std::pair<char const *, int> const all[] = {
-      {"gre", 47},  {"GRE", 47}, {"47", 47},  {"ipencap", 4}, {"ipv4", 4}, {"4", 4},
-      {"ipv6", 41}, {"41", 41},  {"udp", 17}, {"tcp", 6},     {"icmp", 1}, {"ipv6-icmp", 58},
-      {"esp", 50},  {"ah", 51},  {"0", 0},    {"255", 255},   {"ipip", 94}};
+      {"gre", 47},  {"GRE", 47},       {"47", 47},  {"ipencap", 4},  {"ipv4", 4},
+      {"4", 4},     {"ipv6", 41},      {"41", 41},  {"udp", 17},     {"tcp", 6},
+      {"icmp", 1},  {"ipv6-icmp", 58}, {"esp", 50}, {"ah", 51},      {"0", 0},
+      {"255", 255}, {"ipip", 94},      {"ip", 0},   {"ip-encap", 4}, {"icmpv6", 58}};
   for (auto const & [name, number] : all) {
     auto const selector = selectorFromText("10.9.0.1/32[" + std::string(name) + "]");
     EXPECT_EQ(selector, range("10.9.0.1", "10.9.0.1", static_cast<std::uint8_t>(number))) << name;

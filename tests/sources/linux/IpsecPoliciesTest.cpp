@@ -143,6 +143,14 @@ TEST_F(PolicyLinks, AreNotProtectedByPoliciesForOthers) {
   EXPECT_EQ(detail("policies"), "2") << "the outbound ones";
 }
 
+TEST_F(PolicyLinks, AreNotProtectedByPoliciesForWhatComesIn) {
+  addVxlan("vx1");
+  ip(fmt::format("xfrm policy add {} dir in {}", hosts, esp));
+  start();
+  EXPECT_FALSE(isIpsec("vx1"));
+  EXPECT_EQ(detail("policies"), "0") << "by the dump";
+}
+
 TEST_F(PolicyLinks, AreReadAgainAfterAFlush) {
   addVxlan("vx1");
   policy("add", hosts, esp);
@@ -414,6 +422,32 @@ TEST_F(ScriptedPolicies, GiveAnXfrmLinkTheEndpointsOfItsTunnel) {
   settle();
   EXPECT_EQ(status("1")["srcAddr"], "");
   EXPECT_TRUE(status("1")["ipsec"]);
+}
+
+// In transport mode a template has no ends: one before or behind it has them.
+TEST_F(ScriptedPolicies, GiveAnXfrmLinkTheEndpointsOfTheTemplateThatMakesATunnel) {
+  using namespace XfrmBytes;
+  auto const tunnel = [](std::uint8_t protocol, std::uint8_t optional = 0) {
+    return templateOctets({.protocol = protocol,
+                           .mode = 1,
+                           .source = "192.0.2.1",
+                           .destination = "192.0.2.2",
+                           .optional = optional});
+  };
+  auto const policyOf = [](std::uint32_t id, Octets const & templates) {
+    return xfrmMessage(newPolicy, policyInfo({.index = id * 8 + 1}),
+                       joined({attribute(tmpl, templates), attribute(ifId, native(id))}));
+  };
+  for (std::uint32_t id = 1; id <= 3; ++id)
+    linkIs({.intfId = Plexa::IntfId(id), .name = "x", .kind = "xfrm", .ifId = id}, "xfrm");
+  auto const esp = templateOctets({.protocol = 50});
+  dumps.answerIs({policyOf(1, joined({tunnel(108), esp})),
+                  policyOf(2, joined({templateOctets({.protocol = 51}), tunnel(50)})),
+                  policyOf(3, joined({tunnel(108, 1), esp})), ScriptedDumps::done()});
+  startPolicies();
+  EXPECT_EQ(status("1")["dstAddr"], "192.0.2.2") << "compression makes it";
+  EXPECT_EQ(status("2")["dstAddr"], "192.0.2.2") << "after authentication";
+  EXPECT_EQ(status("3")["dstAddr"], "") << "it need not be made";
 }
 
 TEST_F(ScriptedPolicies, KeepWhatIsKnownOfOneThatCannotBeRead) {

@@ -40,6 +40,11 @@ protected:
                   .remote = remote});
   }
   void start(std::vector<Octets> policyMessages, std::vector<Octets> stateMessages) {
+    startPolicies(std::move(policyMessages), std::move(stateMessages));
+    states->start();
+  }
+  /// What the states are is not asked for yet.
+  void startPolicies(std::vector<Octets> policyMessages, std::vector<Octets> stateMessages) {
     answer(policyDumps, std::move(policyMessages));
     answer(stateDumps, std::move(stateMessages));
     IpsecPolicies::Options options;
@@ -54,7 +59,6 @@ protected:
     states.emplace(
         surroundings(), *policies, [] {}, [this] { return stateDumps.ask(); });
     policies->start();
-    states->start();
   }
   void statesAre(std::vector<Octets> messages) {
     answer(stateDumps, std::move(messages));
@@ -142,6 +146,59 @@ TEST_F(KernelStatesTest, NeedAStateForEachTemplate) {
   EXPECT_EQ(state(1), "up");
 }
 
+TEST_F(KernelStatesTest, NeedTheStateOfCompressionUnlessItIsOptional) {
+  auto const asked = [](std::uint8_t optional) {
+    return xfrmMessage(
+        newPolicy, policyInfo({}),
+        attribute(tmpl, joined({templateOctets({.protocol = 108, .optional = optional}),
+                                templateOctets({.protocol = 50})})));
+  };
+  auto const esp = stateOf({.protocol = 50});
+  start({asked(0)}, {esp});
+  EXPECT_EQ(state(1), "down") << "packets wait for it";
+  policiesAre({asked(1)});
+  EXPECT_EQ(state(1), "up");
+  policiesAre({asked(0)});
+  statesAre(
+      {esp, xfrmMessage(newState, stateInfo({.protocol = 108}), attribute(algComp, algorithm(0)))});
+  EXPECT_EQ(state(1), "up");
+}
+
+// The tunnel is made by compression then, and ESP protects what goes between its ends.
+TEST_F(KernelStatesTest, FollowATunnelOfCompressionToTheStateBehindIt) {
+  auto const id = attribute(ifId, native<std::uint32_t>(42));
+  auto const templates =
+      joined({templateOctets(
+                  {.protocol = 108, .mode = 1, .source = "192.0.2.1", .destination = "192.0.2.2"}),
+              templateOctets({.protocol = 50})});
+  auto const compression = xfrmMessage(
+      newState,
+      stateInfo({.source = "192.0.2.1", .destination = "192.0.2.2", .protocol = 108, .mode = 1}),
+      joined({attribute(algComp, algorithm(0)), id}));
+  start({xfrmMessage(newPolicy, policyInfo({}), joined({attribute(tmpl, templates), id}))},
+        {compression, stateOf({.source = "192.0.2.1", .destination = "192.0.2.2"}, id)});
+  EXPECT_EQ(state(2), "up");
+  statesAre({compression});
+  EXPECT_EQ(state(2), "down");
+}
+
+TEST_F(KernelStatesTest, ShowTheBestOfSeveralPolicies) {
+  auto const id = attribute(ifId, native<std::uint32_t>(42));
+  auto const tunnel = [&](char const * destination, std::uint32_t index) {
+    return esp({.mode = 1, .source = "192.0.2.1", .destination = destination}, id, index);
+  };
+  start({tunnel("192.0.2.2", 9), tunnel("192.0.2.3", 17)},
+        {stateOf({.source = "192.0.2.1", .destination = "192.0.2.3", .mode = 1}, id)});
+  EXPECT_EQ(state(2), "up");
+}
+
+TEST_F(KernelStatesTest, SayNothingBeforeTheStatesHaveBeenRead) {
+  startPolicies({esp()}, {stateOf({.reqid = 5})});
+  EXPECT_EQ(state(1), nullptr) << "down would be a guess";
+  states->start();
+  EXPECT_EQ(state(1), "up");
+}
+
 TEST_F(KernelStatesTest, TellThatOfAnXfrmLinkByItsIfId) {
   auto const id = attribute(ifId, native<std::uint32_t>(42));
   auto const tunnel = Template{.mode = 1, .source = "192.0.2.1", .destination = "192.0.2.2"};
@@ -160,6 +217,21 @@ TEST_F(KernelStatesTest, TellThatOfAVtiLinkByItsKey) {
   EXPECT_EQ(state(3), "up");
   policiesAre({esp({.mode = 1, .source = "10.0.0.1", .destination = "10.0.0.7"}, nine)});
   EXPECT_EQ(state(3), nullptr) << "the tunnel of another link of that key";
+  policiesAre({esp({.mode = 1, .source = "10.0.0.7", .destination = "10.0.0.2"}, nine)});
+  EXPECT_EQ(state(3), nullptr) << "that from another address";
+  policiesAre({esp({.mode = 1}, nine)});
+  EXPECT_EQ(state(3), "down") << "a policy that leaves its ends open";
+}
+
+TEST_F(KernelStatesTest, FollowTheEndpointsOfAVtiLink) {
+  auto const nine = attribute(mark, joined({native<std::uint32_t>(9), native(UINT32_MAX)}));
+  start({esp({.mode = 1, .source = "10.0.0.1", .destination = "10.0.0.2"}, nine)},
+        {stateOf({.mode = 1}, nine)});
+  EXPECT_EQ(state(3), "up");
+  auto link = *links.find(IntfId(3));
+  link.remote = *Plexa::IpGenAddr::fromString("10.0.0.7");
+  links.linkIs(link);
+  EXPECT_EQ(state(3), nullptr) << "at once, without a reading";
 }
 
 TEST_F(KernelStatesTest, KeepSilentAboutLinksOfWhichAnIkeDaemonSpeaks) {
@@ -192,6 +264,8 @@ TEST_F(KernelStatesTest, KeepWhatIsKnownWhenAStateCannotBeRead) {
                                  "KernelStates:0 says why");
   EXPECT_THAT(traces.texts(0), testing::Contains("message about a state is malformed: 7 is no "
                                                  "address family"));
+  statesAre({});
+  EXPECT_EQ(state(1), "down") << "this dump could be read";
 }
 
 // Keys
@@ -305,6 +379,17 @@ TEST_F(LinuxStates, TellThatAConnectionIsBeingMade) {
   ip("xfrm policy flush");
   settle();
   EXPECT_EQ(state(), nullptr);
+}
+
+TEST_F(LinuxStates, TellThatAConnectionCouldNotBeMade) {
+  if (!std::ofstream("/proc/sys/net/core/xfrm_acq_expires").put('1').flush())
+    GTEST_SKIP() << "the settings of the network namespace cannot be written here";
+  begin();
+  ip(acquired);
+  passReadPeriod();
+  EXPECT_EQ(state(), "connecting");
+  settle(std::chrono::seconds(5)); // of real time: the kernel's own timer
+  EXPECT_EQ(state(), "down") << "by the event";
 }
 
 TEST_F(LinuxStates, TellThatAConnectionIsUp) {

@@ -99,6 +99,17 @@ TEST(Policies, TakesTheFirstOfADumpForTheNewest) {
   EXPECT_THAT(order, ElementsAre(5, 1, 3, 7));
 }
 
+TEST(Policies, LetsTheOldestDecideAlsoWhileADumpComesIn) {
+  Policies policies;
+  policies.policyIs(withPrefixes(policyOf(2), 24, 24));
+  policies.policyIs(policyOf(1));
+  policies.beginReading();
+  policies.found(policyOf(1));
+  EXPECT_EQ(deciding(policies), 2u) << "which the dump has last";
+  policies.found(withPrefixes(policyOf(2), 24, 24));
+  EXPECT_EQ(deciding(policies), 2u);
+}
+
 /// A policy that is not for the flow although it is almost.
 struct NotForIt {
   char const * name;
@@ -133,6 +144,13 @@ INSTANTIATE_TEST_SUITE_P(
                              [](Policy & one) {
                                one.selector.destinationPort = 4790;
                                one.selector.destinationPortMask = 0xffff;
+                             }},
+                    NotForIt{"OfTheOtherFamily",
+                             [](Policy & one) {
+                               Plexa::IpGenAddr const any(Plexa::AddressFamily::ipv6);
+                               one.selector = {.family = Plexa::AddressFamily::ipv6,
+                                               .source = any,
+                                               .destination = any};
                              }},
                     NotForIt{"OfASourcePort", // which a vxlan link changes as it likes
                              [](Policy & one) { one.selector.sourcePortMask = 0xffff; }}),
@@ -174,6 +192,48 @@ TEST(Policies, FindsThoseOfAnInterfaceIdAndOfAMark) {
   policies.policyDel(2);
   EXPECT_THAT(indexes(policies.ofMark(9)), IsEmpty());
   EXPECT_THAT(indexes(policies.ofInterface(42)), ElementsAre(1));
+}
+
+TEST(Policies, LeavesOutBitsOfAMarkOutsideItsMask) {
+  Policies policies;
+  auto policy = policyOf(1);
+  policy.mark = {0x1ff, 0xff00};
+  policies.policyIs(policy);
+  EXPECT_EQ(policies.ofMark(0x100).size(), 1u);
+  EXPECT_TRUE(policies.policyDel(1).has_value());
+  EXPECT_THAT(policies.ofMark(0x100), IsEmpty());
+}
+
+// The halves of a gre link's key stand for its ports.
+TEST(Policies, TakeOfASourcePortWhatItsMaskLeaves) {
+  auto const flow = flowsOf({.intfId = IntfId(1),
+                             .name = "g",
+                             .kind = "gre",
+                             .outputKey = 0x01020003,
+                             .local = at("10.0.0.1"),
+                             .remote = at("10.0.0.2")})
+                        .front();
+  auto policy = policyOf(1);
+  policy.selector.sourcePort = 0x0100;
+  policy.selector.sourcePortMask = 0xff00;
+  Policies policies;
+  policies.policyIs(policy);
+  EXPECT_EQ(deciding(policies, flow), 1u);
+  EXPECT_TRUE(covers(policy, flow));
+  policy.selector.sourcePort = 0x0200;
+  policies.policyIs(policy);
+  EXPECT_EQ(deciding(policies, flow), 0u);
+  EXPECT_FALSE(covers(policy, flow));
+}
+
+TEST(Policies, CostNoLookForAShapeOfWhichNoneIsLeft) {
+  Policies policies;
+  policies.policyIs(policyOf(1));
+  policies.policyIs(withPrefixes(policyOf(2), 24, 24));
+  policies.policyDel(2);
+  auto const looks = policies.work().looks;
+  EXPECT_EQ(deciding(policies), 1u);
+  EXPECT_EQ(policies.work().looks, looks + 1);
 }
 
 TEST(Policies, TakesAwayWhatAReadingDidNotFind) {
@@ -337,7 +397,8 @@ TEST(Policies, CostNoMoreWhereThereAreManyAndManyTunnels) {
     flows.findConcerned(*before, concerned);
   flows.findConcerned(changed, concerned);
   EXPECT_THAT(concerned, ElementsAre(IntfId(17)));
-  EXPECT_EQ(flows.work().links, links + 2) << "that link, for what it was and for what it is";
+  EXPECT_EQ(flows.work().links, links + 4)
+      << "that link and the next, for what the policy was and for what it is";
   EXPECT_EQ(policies.effective(flows.find(IntfId(17))->flows.front())->index, 17u);
   EXPECT_EQ(policies.work().looks, looks + 3) << "one for each shape";
 }

@@ -77,12 +77,54 @@ TEST(PolicyDecoder, DropsWhatIsBehindAPrefixOrOutsideAMask) {
                                               .destination = "10.1.255.255",
                                               .sourceLength = 24,
                                               .destinationLength = 20,
+                                              .sourcePort = 0x5678,
+                                              .sourceMask = 0x0ff0,
                                               .destinationPort = 0x1234,
                                               .destinationMask = 0xff00}})
                             .selector;
   EXPECT_EQ(selector.source, at("10.0.0.0"));
   EXPECT_EQ(selector.destination, at("10.1.240.0"));
+  EXPECT_EQ(selector.sourcePort, 0x0670);
+  EXPECT_EQ(selector.sourcePortMask, 0x0ff0);
   EXPECT_EQ(selector.destinationPort, 0x1200);
+  EXPECT_EQ(selector.destinationPortMask, 0xff00);
+}
+
+TEST(PolicyDecoder, ReadsPrefixesOfIpv6OfAnyLength) {
+  auto const selector = decoded({.selector = {.source = "2001:db8:0:1::7",
+                                              .destination = "2001:db8::2",
+                                              .sourceLength = 64,
+                                              .destinationLength = 128,
+                                              .family = 10}})
+                            .selector;
+  EXPECT_EQ(selector.source, at("2001:db8:0:1::"));
+  EXPECT_EQ(selector.sourceLength, 64);
+  EXPECT_EQ(selector.destination, at("2001:db8::2"));
+  EXPECT_EQ(selector.destinationLength, 128);
+  EXPECT_TRUE(isMalformed(decode(
+      xfrmMessage(newPolicy, policyInfo({.selector = {.destinationLength = 129, .family = 10}})))));
+}
+
+TEST(PolicyDecoder, ReadsAsManyTemplatesAsTheKernelAllows) {
+  Octets templates;
+  for (std::uint32_t i = 0; i != 6; ++i)
+    templates = joined({templates, templateOctets({.reqid = i})});
+  auto const policy = decoded({}, attribute(tmpl, templates));
+  ASSERT_EQ(policy.templates.size(), 6u);
+  EXPECT_EQ(policy.templates[5].reqid, 5u);
+}
+
+TEST(PolicyDecoder, ReadsTheEndsOfATunnelInBeetModeAndOfNoneInTransportMode) {
+  auto const ofMode = [](std::uint8_t mode) {
+    return decoded({}, attribute(tmpl, templateOctets({.mode = mode,
+                                                       .source = "192.0.2.1",
+                                                       .destination = "192.0.2.2"})))
+        .templates.front();
+  };
+  EXPECT_EQ(ofMode(4).mode, XfrmMode::beet);
+  EXPECT_EQ(ofMode(4).source, at("192.0.2.1"));
+  EXPECT_EQ(ofMode(4).destination, at("192.0.2.2"));
+  EXPECT_EQ(ofMode(0).source, IpGenAddr());
 }
 
 TEST(PolicyDecoder, ReadsTemplatesMarkAndInterfaceId) {
@@ -175,6 +217,24 @@ TEST(PolicyDecoder, LeavesPoliciesOfSocketsAndOfTheSubTypeAlone) {
   EXPECT_TRUE(isOther(
       decode(xfrmMessage(newPolicy, policyInfo({}), attribute(policyType, {1, 0, 0, 0, 0, 0})))));
   EXPECT_TRUE(isOther(decode(xfrmMessage(newState, stateInfo({})))));
+}
+
+TEST(PolicyDecoder, LeavesTheEndsOfSuchAloneToo) {
+  auto const sub = attribute(policyType, {1, 0, 0, 0, 0, 0});
+  auto const id = joined({selector({}), native<std::uint32_t>(0), {1, 0, 0, 0}});
+  auto const deleted = [&](PolicyInfo const & info, Octets const & more) {
+    return decode(xfrmMessage(delPolicy, id, joined({attribute(policy, policyInfo(info)), more})));
+  };
+  EXPECT_TRUE(std::holds_alternative<PolicyGone>(deleted({}, {})));
+  EXPECT_TRUE(isOther(deleted({.direction = 4}, {})));
+  EXPECT_TRUE(isOther(deleted({}, sub)));
+  auto const expired = [](PolicyInfo const & info, Octets const & more) {
+    return decode(
+        xfrmMessage(polExpire, joined({policyInfo(info), {1, 0, 0, 0, 0, 0, 0, 0}}), more));
+  };
+  EXPECT_TRUE(std::holds_alternative<PolicyGone>(expired({}, {})));
+  EXPECT_TRUE(isOther(expired({.direction = 4}, {})));
+  EXPECT_TRUE(isOther(expired({}, sub)));
 }
 
 TEST(PolicyDecoder, FindsAMessageMalformedThatIsCutOffAnywhere) {

@@ -48,6 +48,9 @@ TEST(StateDecoder, TakesAStateForUsableThatHasANumberAndKeys) {
   EXPECT_TRUE(
       decoded({}, joined({attribute(algAuth, algorithm()), attribute(algCrypt, algorithm())}))
           .isUsable);
+  EXPECT_TRUE(decoded({.protocol = 51}, attribute(algAuthTrunc, algorithm())).isUsable);
+  EXPECT_TRUE(decoded({.protocol = 108}, attribute(algComp, algorithm(0))).isUsable)
+      << "compression has no key, but a number and a method";
   EXPECT_FALSE(decoded({}, {}).isUsable) << "its keys are being negotiated";
   EXPECT_FALSE(decoded({.spi = 0}, attribute(algAead, algorithm())).isUsable);
 }
@@ -58,6 +61,14 @@ TEST(StateDecoder, TakesAStateForUsedUpThatHasReachedALimit) {
   EXPECT_TRUE(decoded({.hardBytes = 1000, .bytes = 999}, keys).isUsable);
   EXPECT_FALSE(decoded({.hardPackets = 10, .packets = 11}, keys).isUsable);
   EXPECT_TRUE(decoded({.hardPackets = 0, .packets = 11}, keys).isUsable) << "no limit";
+}
+
+// A state that was being acquired gets its keys so.
+TEST(StateDecoder, TakesAnUpdateLikeANewOne) {
+  auto const message =
+      decode(xfrmMessage(updState, stateInfo({.reqid = 7}), attribute(algAead, algorithm())));
+  EXPECT_EQ(std::get<StateIs>(message).id.reqid, 7u);
+  EXPECT_TRUE(std::get<StateIs>(message).isUsable);
 }
 
 TEST(StateDecoder, FindsTheDeletedStateInTheAttribute) {
@@ -73,10 +84,13 @@ TEST(StateDecoder, FindsTheDeletedStateInTheAttribute) {
 }
 
 TEST(StateDecoder, SeesTheEndOfAStateWhoseTimeIsOver) {
-  auto const expired = [](std::uint8_t hard) {
-    return decode(xfrmMessage(expire, joined({stateInfo({}), {hard, 0, 0, 0, 0, 0, 0, 0}})));
+  auto const more =
+      joined({attribute(ifId, native<std::uint32_t>(42)),
+              attribute(mark, joined({native<std::uint32_t>(9), native(UINT32_MAX)}))});
+  auto const expired = [&](std::uint8_t hard) {
+    return decode(xfrmMessage(expire, joined({stateInfo({}), {hard, 0, 0, 0, 0, 0, 0, 0}}), more));
   };
-  EXPECT_EQ(std::get<StateGone>(expired(1)).id, decoded({}, {}).id);
+  EXPECT_EQ(std::get<StateGone>(expired(1)).id, decoded({}, more).id);
   EXPECT_TRUE(std::holds_alternative<OtherMessage>(expired(0))) << "which is a warning";
 }
 

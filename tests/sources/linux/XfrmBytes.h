@@ -25,11 +25,13 @@ inline constexpr std::uint16_t flushPolicies = 0x1d;
 /// Attributes.
 inline constexpr std::uint16_t algAuth = 1;
 inline constexpr std::uint16_t algCrypt = 2;
+inline constexpr std::uint16_t algComp = 3;
 inline constexpr std::uint16_t tmpl = 5;
 inline constexpr std::uint16_t sa = 6;
 inline constexpr std::uint16_t policy = 7;
 inline constexpr std::uint16_t policyType = 16;
 inline constexpr std::uint16_t algAead = 18;
+inline constexpr std::uint16_t algAuthTrunc = 20;
 inline constexpr std::uint16_t mark = 21;
 inline constexpr std::uint16_t ifId = 31;
 
