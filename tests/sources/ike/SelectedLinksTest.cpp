@@ -23,7 +23,7 @@ protected:
     auto const here = selectors(local);
     auto const there = selectors(remote);
     std::vector<std::string> names;
-    for (auto const * one : selectedLinks(LinkIndex(links), {Mode::transport, here, there}))
+    for (auto const * one : selectedLinks(index, {Mode::transport, here, there}))
       names.push_back(one->name);
     return names;
   }
@@ -31,10 +31,11 @@ protected:
                       std::vector<std::string> const & remote) const {
     auto const here = selectors(local);
     auto const there = selectors(remote);
-    return whyNoneSelected(LinkIndex(links), {Mode::transport, here, there});
+    return whyNoneSelected(index, {Mode::transport, here, there});
   }
 
   Links links;
+  LinkIndex const index{links};
 };
 
 TEST_F(SelectedLinksTest, ComeOnceHoweverManySelectorsAreForThem) {
