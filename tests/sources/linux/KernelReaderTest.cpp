@@ -74,4 +74,74 @@ TEST_F(LinkReader, LeavesTheThreadToOthersWhenItsUserIsSlow) {
   EXPECT_GE(user.events, links);
 }
 
+/// Policies and states that a test writes, over links that it makes up.
+class ManyPolicies : public KernelLinks {
+protected:
+  static constexpr std::uint32_t policyCount = 60;
+
+  void start(std::vector<Octets> policyMessages, std::vector<Octets> stateMessages) {
+    answer(policyDumps, std::move(policyMessages));
+    answer(stateDumps, std::move(stateMessages));
+    IpsecPolicies::Options options;
+    options.ask = [this] { return policyDumps.ask(); };
+    policies.emplace(
+        surroundings(), [] {},
+        [this](IntfId intfId) {
+          if (states)
+            states->lookAgain(intfId);
+        },
+        options);
+    states.emplace(
+        surroundings(), *policies, [] {}, [this] { return stateDumps.ask(); });
+    policies->start();
+    states->start();
+  }
+  static void answer(ScriptedDumps & dumps, std::vector<Octets> messages) {
+    messages.push_back(ScriptedDumps::done());
+    dumps.answerIs(messages);
+  }
+
+  ScriptedDumps policyDumps;
+  ScriptedDumps stateDumps;
+  std::optional<IpsecPolicies> policies;
+  std::optional<KernelStates> states;
+};
+
+Octets policyMessage(PolicyInfo const & info, Template const & asked, Octets const & more = {}) {
+  return xfrmMessage(newPolicy, policyInfo(info),
+                     joined({attribute(tmpl, templateOctets(asked)), more}));
+}
+Selector wide() {
+  return {.source = "", .destination = "", .sourceLength = 0, .destinationLength = 0};
+}
+Sources::Link greLink(std::uint32_t number) {
+  return {.intfId = IntfId(number),
+          .name = fmt::format("g{}", number),
+          .kind = "gre",
+          .local = *Plexa::IpGenAddr::fromString("10.0.0.1"),
+          .remote = *Plexa::IpGenAddr::fromString(fmt::format("10.0.1.{}", number))};
+}
+
+// As on a gateway that has one xfrm link for all who dial in.
+TEST_F(ManyPolicies, OfOneInterfaceAreNotAllLookedAtWhereTheFirstSays) {
+  links.linkIs({.intfId = IntfId(1), .name = "x1", .kind = "xfrm", .ifId = 42});
+  auto const id = attribute(ifId, native<std::uint32_t>(42));
+  std::vector<Octets> messages;
+  std::vector<Octets> stateMessages;
+  for (std::uint32_t i = 1; i <= policyCount; ++i) {
+    auto const peer = fmt::format("192.0.2.{}", i);
+    messages.push_back(policyMessage({.selector = wide(), .index = i},
+                                     {.mode = 1, .source = "198.51.100.1", .destination = peer},
+                                     id));
+    stateMessages.push_back(
+        xfrmMessage(newState, stateInfo({.source = "198.51.100.1", .destination = peer, .mode = 1}),
+                    joined({attribute(algAead, algorithm()), id})));
+  }
+  start(messages, stateMessages);
+  EXPECT_THAT(states->connections(), SizeIs(1));
+  auto const before = policies->policyWork().looks;
+  states->lookAgain(IntfId(1));
+  EXPECT_EQ(policies->policyWork().looks, before + 1);
+}
+
 } // namespace
