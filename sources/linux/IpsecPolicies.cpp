@@ -134,13 +134,13 @@ bool IpsecPolicies::found(Bytes bytes) {
     return false;
   }
   auto const * const is = std::get_if<PolicyIs>(&message);
-  if (is == nullptr || is->policy.direction != Policy::Direction::out)
-    return true;
-  if (auto const before = policies_.found(is->policy); before != is->policy)
-    concern(is->policy, before);
+  if (is != nullptr && is->policy.direction == Policy::Direction::out)
+    policies_.found(is->policy);
   return true;
 }
 
+// Which links the differences concern is not asked: for wide policies that would be all links for
+// each of them.
 void IpsecPolicies::dumpEnds(bool whole, KernelReader::Pace pace) {
   health_.isAnswered();
   isEnding_ = whole;
@@ -216,9 +216,7 @@ void IpsecPolicies::giveUp(std::exception const & reason) {
 
 bool IpsecPolicies::step() {
   if (isEnding_) {
-    auto const gone = policies_.takeUnseen();
-    isEnding_ = gone.has_value();
-    concern(gone);
+    isEnding_ = policies_.takeUnseen().has_value();
     return true;
   }
   if (!concerned_.empty()) {

@@ -122,6 +122,19 @@ Sources::Link greLink(std::uint32_t number) {
           .remote = *Plexa::IpGenAddr::fromString(fmt::format("10.0.1.{}", number))};
 }
 
+// Each of so many policies is for each of so many links.
+TEST_F(ManyPolicies, AreReadWithoutALookAtEachLinkForEachOfThem) {
+  for (std::uint32_t i = 1; i <= 50; ++i)
+    links.linkIs(greLink(i));
+  std::vector<Octets> messages;
+  for (std::uint32_t i = 1; i <= policyCount; ++i)
+    messages.push_back(policyMessage({.selector = wide(), .priority = i, .index = i}, {}));
+  start(messages, {});
+  EXPECT_EQ(policies->summary(), std::to_string(policyCount));
+  EXPECT_EQ(policies->publisher().counts().statusClaims, 50u);
+  EXPECT_EQ(policies->linkWork().links, 0u) << "all are looked at in the end";
+}
+
 // As on a gateway that has one xfrm link for all who dial in.
 TEST_F(ManyPolicies, OfOneInterfaceAreNotAllLookedAtWhereTheFirstSays) {
   links.linkIs({.intfId = IntfId(1), .name = "x1", .kind = "xfrm", .ifId = 42});
