@@ -157,4 +157,16 @@ TEST_F(ManyPolicies, OfOneInterfaceAreNotAllLookedAtWhereTheFirstSays) {
   EXPECT_EQ(policies->policyWork().looks, before + 1);
 }
 
+TEST(States, FromNoCertainAddressServeEachThatFits) {
+  Sources::Linux::States states;
+  Sources::Linux::Flow const flow{.local = *Plexa::IpGenAddr::fromString("10.0.0.1"),
+                                  .remote = *Plexa::IpGenAddr::fromString("10.0.0.2"),
+                                  .protocol = 47};
+  auto const wanted = Sources::Linux::States::wanted({}, {.protocol = 50}, &flow);
+  ASSERT_TRUE(wanted);
+  states.stateIs({.id = {.destination = flow.remote, .protocol = 50, .spi = 7}, .isUsable = true});
+  EXPECT_EQ(states.progress(*wanted), Sources::Linux::States::Progress::usable)
+      << "as the kernel looks for them";
+}
+
 } // namespace
