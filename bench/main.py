@@ -31,7 +31,7 @@ def measure(options):
                        options.quick)
         make = {"steps": work.steps, "waits": work.waits, "memory": work.memory,
                 "start": work.start, "changes": work.changes, "sources": work.sources,
-                "ike": work.ike}
+                "ike": work.ike, "policies": work.policies}
         for section in options.only or report.SECTIONS:
             results[section] = work.table(section) if section in TABLES else make[section]()
             options.binaries.with_name("results.json").write_text(json.dumps(results),

@@ -225,6 +225,18 @@ class Measure:
                 rounds.append(self._figures("benchIke", "vici", sas))
         return figures
 
+    def policies(self):
+        """{tunnels and policies: [figures of each round]}, none where they may not be made"""
+        figures = {count: [] for count in (10, 1000, 10000)}
+        if os.geteuid() != 0:
+            progress("policies: only as root")
+            return {}
+        for count, rounds in figures.items():
+            for _ in range(self.rounds):
+                progress(f"policies, {count}")
+                rounds.append(self._figures("benchPolicies", count))
+        return figures
+
     def _figures(self, program, *arguments):
         done = subprocess.run([self.workshop.program(program), *map(str, arguments)],
                               check=True, stdout=subprocess.PIPE, text=True)

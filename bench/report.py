@@ -197,6 +197,22 @@ def ike(figures):
     return table(["strongSwan", *(f"{sas:,} SAs" for sas in by_sas)], lines)
 
 
+def policies(figures):
+    if not figures:
+        return "Not measured: only root may make policies."
+    lines = []
+    for title, path, scale in (
+            ("a change of one until the tunnel shows it, µs", ("changeNs",), 1000),
+            ("looks at links for it", ("looksAtLinks",), 1),
+            ("looks for the policy that decides", ("looksAtPolicies",), 1),
+            ("all read at the start: CPU, ms", ("start", "cpuMs"), 1),
+            ("all read again, nothing new: CPU, ms", ("reread", "cpuMs"), 1),
+            ("the longest step, ms", ("reread", "longestStepMs"), 1)):
+        lines.append([title] + [reach([value / scale for value in column(runs, *path)])
+                                for runs in figures.values()])
+    return table(["", *(f"{count:,} tunnels and policies" for count in figures)], lines)
+
+
 SECTIONS = {
     "if": None, "inet": None, "ipsec": None,  # together, see text()
     "steps": ("Does the size matter?", steps),
@@ -205,6 +221,7 @@ SECTIONS = {
     "changes": ("One change", changes),
     "sources": ("What the sources cost", sources),
     "ike": ("What IKE daemons cost", ike),
+    "policies": ("What IPsec policies cost", policies),
     "memory": ("Memory", memory),
 }
 
@@ -247,6 +264,8 @@ NOTES = {
     "ike": "Of {turns} runs, the lowest and the highest in brackets, each a process of its own. The daemon is a thread beside it whose "
            "CPU is not in the figures; each of its connections is up, with one child, bound to an xfrm link by its if_id. An event is a hint: what "
            "follows it is a listing.",
+    "policies": "Of {turns} runs, the lowest and the highest in brackets, each a process of its own. The policies are the kernel's own, "
+                "one for each tunnel; what the kernel does to hand them over is in the figures. At the start all is read at once, later in steps.",
     "memory": "One run. Every allocation counted, with all the room that the daemon's `malloc` "
               "gives it.",
 }
@@ -258,7 +277,7 @@ def note(name, figures):
 
 def turns(figures):
     """How often each was measured."""
-    while isinstance(figures, dict):
+    while isinstance(figures, dict) and figures:
         figures = next(iter(figures.values()))
     return len(figures) if isinstance(figures, list) else 1
 

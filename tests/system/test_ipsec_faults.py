@@ -73,30 +73,34 @@ class IkeDaemonFaults(Site):
     def descriptors(self, daemon):
         return len(os.listdir(f"/proc/{daemon.child.pid}/fd"))
 
-    def latency_while(self, happening, seconds):
-        """That of SNMP requests, while it happens and after it, for so long in all."""
-        measuring = subprocess.Popen(
-            [*self.place, "/usr/bin/python3", ipsec_world.HERE / "snmp_latency.py", self.address,
-             f"{ipsec_world.TUNNEL_IF_SECURITY}.{self.if_index('vx')}", str(seconds)],
-            stdout=subprocess.PIPE, text=True)
-        self.assertEqual("begins\n", measuring.stdout.readline())
+    def latencies_while(self, happening, seconds, addresses):
+        """Those of SNMP requests to each agent, while it happens and after it, for so long in all."""
+        name = f"{ipsec_world.TUNNEL_IF_SECURITY}.{self.if_index('vx')}"
+        measuring = [subprocess.Popen(
+            [*self.place, "/usr/bin/python3", ipsec_world.HERE / "snmp_latency.py", address, name,
+             str(seconds)], stdout=subprocess.PIPE, text=True) for address in addresses]
+        for each in measuring:
+            self.assertEqual("begins\n", each.stdout.readline())
         happening()
-        answer, _ = measuring.communicate()
-        return json.loads(answer)
+        return [json.loads(each.communicate()[0]) for each in measuring]
 
     def test_managers_are_answered_as_ever_whatever_happens_to_the_daemon(self):
+        # As by an agent beside it, on the same machine at the same time, that asks no daemon.
+        control, self.control = self.control, self.path("idle.sock")
+        self.start("--source", "linux:kinds=+vxlan")
+        idle_address, self.control = self.address, control
         self.start_up()
-        idle = self.latency_while(lambda: None, 2)
         for name, happening, seconds in (
-                ("rekeyed", lambda: [self.a.rekey("child", "vx") for _ in range(5)], 2),
-                ("frozen", self.a.freeze, 9), ("thawed", self.a.thaw, 2), ("killed", self.a.kill, 4),
-                ("back", self.a.start, 3)):
-            latency = self.latency_while(happening, seconds)
+                ("rekeyed", lambda: [self.a.rekey("child", "vx") for _ in range(5)], 1),
+                ("frozen", self.a.freeze, 8), ("thawed", self.a.thaw, 1), ("killed", self.a.kill, 3),
+                ("back", self.a.start, 2)):
+            latency, idle = self.latencies_while(happening, seconds, (self.address, idle_address))
             print(f"p99 of SNMP while the daemon is {name}: {latency['p99'] * 1000:.2f} ms, idle "
                   f"{idle['p99'] * 1000:.2f} ms", file=sys.stderr)
             if not test_daemon.PATHS.slow:
-                self.assertLess(latency["p99"], 2 * idle["p99"] + 0.005, name)
-            self.assertLess(latency["longest"], 1, name)
+                self.assertLess(latency["p99"], 2 * idle["p99"] + 0.02, name)
+                # A step that waited for the daemon would be one long answer among many.
+                self.assertLess(latency["longest"], 2 * idle["longest"] + 0.2, name)
 
     def test_who_may_not_ask_the_daemon_is_told_which_group_may(self):
         self.pair.start()

@@ -61,7 +61,7 @@ class KernelPolicies(IpsecTest):
             self.namespace.ip("xfrm state add src 10.8.0.1 dst 10.8.0.2 proto esp spi 0x100 "
                               "mode transport enc cipher_null 0x")
         except AssertionError as reason:
-            self.skipTest(f"no ESP in this kernel: {str(reason).splitlines()[-1]}")
+            self.skipTest(f"no ESP in this kernel: {str(reason).rpartition('): ')[2].strip()}")
         self.namespace.ip("xfrm policy add " + self.POLICY + self.DEMAND)
         self.start("--source", "linux:kinds=+vxlan,ipsec=states")
         self.assert_comes(UP, lambda: self.conn_state("vx"))
