@@ -101,24 +101,22 @@ std::string IpsecPolicies::summary() const {
   return health_.refusal().empty() ? std::to_string(policies_.size()) : health_.refusal();
 }
 
-std::vector<IpsecPolicies::OfLink> IpsecPolicies::policiesOf(Plexa::IntfId intfId) const {
-  std::vector<OfLink> result;
+void IpsecPolicies::forEachPolicyOf(Plexa::IntfId intfId,
+                                    std::function<bool(OfLink const &)> const & take) const {
   auto const * const entry = links_.find(intfId);
-  if (entry == nullptr)
-    return result;
-  auto const take = [&](Policy const * policy, Flow const * flow) {
-    if (policy != nullptr && policy->demandsIpsec())
-      result.push_back({policy, flow});
+  auto const * const link = allLinks_.find(intfId);
+  if (entry == nullptr || link == nullptr)
+    return;
+  for (auto const & flow : entry->flows) {
+    auto const * const policy = policies_.effective(flow);
+    if (policy != nullptr && policy->demandsIpsec() && !take({policy, &flow}))
+      return;
+  }
+  auto const takeOwn = [&](Policy const & policy) {
+    return !policy.demandsIpsec() || !mayUse(*link, policy) || take({&policy, nullptr});
   };
-  for (auto const & flow : entry->flows)
-    take(policies_.effective(flow), &flow);
-  for (auto const * policy : policies_.ofInterface(entry->ifId.value_or(0)))
-    take(policy, nullptr);
-  if (auto const * link = allLinks_.find(intfId); entry->mark && link != nullptr)
-    for (auto const * policy : policies_.ofMark(*entry->mark))
-      if (mayUse(*link, *policy))
-        take(policy, nullptr);
-  return result;
+  if (policies_.forEachOfInterface(entry->ifId.value_or(0), takeOwn) && entry->mark)
+    policies_.forEachOfMark(*entry->mark, takeOwn);
 }
 
 void IpsecPolicies::dumpBegins() {
@@ -134,15 +132,13 @@ bool IpsecPolicies::found(Bytes bytes) {
     return false;
   }
   auto const * const is = std::get_if<PolicyIs>(&message);
-  if (is == nullptr || is->policy.direction != Policy::Direction::out)
-    return true;
-  if (auto const before = policies_.found(is->policy); before != is->policy) {
-    concern(before);
-    concern(is->policy);
-  }
+  if (is != nullptr && is->policy.direction == Policy::Direction::out)
+    policies_.found(is->policy);
   return true;
 }
 
+// Which links the differences concern is not asked: for wide policies that would be all links for
+// each of them.
 void IpsecPolicies::dumpEnds(bool whole, KernelReader::Pace pace) {
   health_.isAnswered();
   if (!whole)
@@ -179,9 +175,7 @@ std::chrono::milliseconds IpsecPolicies::retryAfter(std::exception const & reaso
 }
 
 bool IpsecPolicies::forgetOne() {
-  auto const gone = policies_.takeUnseen();
-  concern(gone);
-  return gone.has_value();
+  return policies_.takeUnseen().has_value();
 }
 
 void IpsecPolicies::look(Plexa::IntfId intfId) {
@@ -225,13 +219,14 @@ void IpsecPolicies::concern(std::optional<Policy> const & policy) {
 
 StateDb::Claim<Status> IpsecPolicies::claimOf(Plexa::IntfId intfId) const {
   StateDb::Claim<Status> claim;
-  for (auto const & [policy, flow] : policiesOf(intfId)) {
-    auto const isOfXfrm = policy->ifId != 0;
-    if (flow != nullptr)
-      return claim.with<&Status::ipsec>(true);
-    if (isOfXfrm && claim.fields() == 0)
-      claim = withEndpoints(claim, *policy);
-  }
+  forEachPolicyOf(intfId, [&claim](OfLink const & one) {
+    auto const isOfXfrm = one.policy->ifId != 0;
+    if (one.flow != nullptr)
+      claim = claim.with<&Status::ipsec>(true);
+    else if (isOfXfrm)
+      claim = withEndpoints(claim, *one.policy);
+    return isOfXfrm && claim.fields() == 0;
+  });
   return claim;
 }
 

@@ -20,7 +20,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace Sources::Linux {
 
@@ -58,13 +57,17 @@ public:
   StateDb::Publisher const & publisher() const { return publisher_; }
 
   /// Outbound policies that demand ESP or AH of what the link sends; those of an xfrm link by its
-  /// if_id, of a vti link by its key, of others by their outer packets. Good until policies change.
+  /// if_id, of a vti link by its key, of others by their outer packets. Good until policies or the
+  /// link change.
   struct OfLink {
     Policy const * policy;
     /// Whose outer packets it decides on; null for vti and xfrm links.
     Flow const * flow;
   };
-  std::vector<OfLink> policiesOf(Plexa::IntfId intfId) const;
+  /// Hands them over one by one until `take` says false: of an xfrm link, on which many may dial
+  /// in, there are as many as there are peers.
+  void forEachPolicyOf(Plexa::IntfId intfId,
+                       std::function<bool(OfLink const &)> const & take) const;
 
   /// The first link behind that one, or behind none, of which policies may speak.
   std::optional<Plexa::IntfId> nextLink(std::optional<Plexa::IntfId> behind) const override {

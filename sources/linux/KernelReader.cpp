@@ -16,8 +16,9 @@ constexpr int entry = 8;
 
 /// How often a dump is taken again at once when things come and go meanwhile.
 constexpr int dumpAttempts = 5;
-/// Receptions in a row before others on the thread have their turn.
-constexpr int receptionsPerTurn = 64;
+/// For how long events are received before others on the thread have their turn; as long as a task
+/// may run. One event may concern many tunnels.
+constexpr std::chrono::milliseconds shareOfATurn{2};
 
 Lumo::Counter overflows("linux-overflows");
 Lumo::Counter interruptedDumps("linux-dumps-interrupted");
@@ -200,7 +201,8 @@ void KernelReader::receiveEvents() {
 
 void KernelReader::receiveEventsOrRaise() {
   using Received = NetlinkEvents::Received;
-  for (int i = 0; i != receptionsPerTurn; ++i) {
+  auto const end = std::chrono::steady_clock::now() + shareOfATurn;
+  do {
     auto isUnderstood = true;
     auto const received = receiveOrUnsubscribe(
         [&](Bytes message) { isUnderstood = isUnderstood && user_.heard(message); });
@@ -212,7 +214,7 @@ void KernelReader::receiveEventsOrRaise() {
     }
     if (!isUnderstood)
       return recover("an event cannot be understood");
-  }
+  } while (std::chrono::steady_clock::now() < end);
 }
 
 void KernelReader::recover(std::string_view reason) {

@@ -201,14 +201,15 @@ void KernelStates::concern(StateId const & id) {
 }
 
 std::optional<KernelStates::Entry> KernelStates::entryOf(Plexa::IntfId intfId) const {
-  auto const policies = policies_.policiesOf(intfId);
-  if (policies.empty())
-    return std::nullopt;
   Entry entry;
-  auto best = States::Progress::none;
-  for (auto const & one : policies)
-    best = std::max(best, progress(one, entry.places));
-  entry.state = connState(best);
+  std::optional<States::Progress> best;
+  policies_.forEachPolicyOf(intfId, [&](IpsecPolicies::OfLink const & one) {
+    best = std::max(best, std::optional(progress(one, entry.places)));
+    return best != States::Progress::usable;
+  });
+  if (!best)
+    return std::nullopt;
+  entry.state = connState(*best);
   return entry;
 }
 

@@ -45,21 +45,17 @@ Policy const * Policies::effective(Flow const & flow) const {
   return best ? find(best->index) : nullptr;
 }
 
-std::vector<Policy const *> Policies::ofInterface(std::uint32_t ifId) const {
+bool Policies::forEachOfInterface(std::uint32_t ifId, Take const & take) const {
   auto const found = byIfId_.find(ifId);
-  return found == byIfId_.end() ? std::vector<Policy const *>() : inOrder(found->second);
+  return found == byIfId_.end() || forEach(found->second, take);
 }
 
-std::vector<Policy const *> Policies::ofMark(std::uint32_t mark) const {
-  std::vector<Policy const *> all;
-  for (auto const & [mask, rankings] : byMark_) {
+bool Policies::forEachOfMark(std::uint32_t mark, Take const & take) const {
+  return std::ranges::all_of(byMark_, [&](auto const & ofMask) {
+    auto const & [mask, rankings] = ofMask;
     auto const found = rankings.find(mark & mask);
-    if (found == rankings.end())
-      continue;
-    auto const some = inOrder(found->second);
-    all.insert(all.end(), some.begin(), some.end());
-  }
-  return all;
+    return found == rankings.end() || forEach(found->second, take);
+  });
 }
 
 std::optional<Policy> Policies::policyIs(Policy const & policy) {
@@ -180,12 +176,11 @@ void Policies::leave(Map & rankings, typename Map::key_type const & key, Rank co
     rankings.erase(found);
 }
 
-std::vector<Policy const *> Policies::inOrder(Ranking const & ranking) const {
-  std::vector<Policy const *> policies;
-  policies.reserve(ranking.size());
-  for (auto const & rank : ranking)
-    policies.push_back(find(rank.index));
-  return policies;
+bool Policies::forEach(Ranking const & ranking, Take const & take) const {
+  return std::ranges::all_of(ranking, [&](Rank const & rank) {
+    ++work_.looks;
+    return take(*find(rank.index));
+  });
 }
 
 } // namespace Sources::Linux

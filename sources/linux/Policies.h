@@ -15,9 +15,9 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
-#include <vector>
 
 namespace Sources::Linux {
 
@@ -28,7 +28,8 @@ namespace Sources::Linux {
 /// new, as for the kernel unless both are for the same two prefixes.
 class Policies {
 public:
-  /// How many looks into trees have been taken, for who wonders what finding costs.
+  /// How many looks into trees have been taken, and policies handed over, for who wonders what
+  /// finding costs.
   struct Work {
     std::uint64_t looks = 0;
   };
@@ -42,11 +43,14 @@ public:
   Policy const * find(std::uint32_t index) const;
   /// The one that decides on packets of that flow, or null.
   Policy const * effective(Flow const & flow) const;
-  /// Those of that if_id, that which decides first. None for 0.
-  std::vector<Policy const *> ofInterface(std::uint32_t ifId) const;
-  /// Those without an if_id whose mark is needed and covers `mark`, in the same order for each
-  /// mark.
-  std::vector<Policy const *> ofMark(std::uint32_t mark) const;
+  /// Is handed policies one by one, until it says false.
+  using Take = std::function<bool(Policy const &)>;
+  /// Hands over those of that if_id, that which decides first; none for 0. False if and only if
+  /// `take` has said so.
+  bool forEachOfInterface(std::uint32_t ifId, Take const & take) const;
+  /// The same of those without an if_id whose mark is needed and covers `mark`, in the same order
+  /// for each mark.
+  bool forEachOfMark(std::uint32_t mark, Take const & take) const;
 
   /// The newest policy is so; it takes the place of the one of its index. Gives what was there.
   std::optional<Policy> policyIs(Policy const & policy);
@@ -109,7 +113,7 @@ private:
   static void enter(Map & rankings, typename Map::key_type const & key, Rank const & rank);
   template <class Map>
   static void leave(Map & rankings, typename Map::key_type const & key, Rank const & rank);
-  std::vector<Policy const *> inOrder(Ranking const & ranking) const;
+  bool forEach(Ranking const & ranking, Take const & take) const;
 
   ReadMap<std::uint32_t, Entry> entries_;                      // by index
   std::map<Shape, absl::btree_map<Remains, Ranking>> byShape_; // those for flows

@@ -17,7 +17,7 @@ namespace Sources::Linux {
 /// By what the kernel tells states apart. Several that are being acquired have SPI 0 and differ in
 /// the rest.
 struct StateId {
-  Plexa::IpGenAddr source{}; ///< the empty address where there is none
+  Plexa::IpGenAddr source{}; ///< the empty address: any
   Plexa::IpGenAddr destination{};
   std::uint8_t protocol = 0; ///< the IP protocol: 50 ESP, 51 AH, 108 IPComp
   XfrmMode mode = XfrmMode::transport;

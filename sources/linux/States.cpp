@@ -49,7 +49,8 @@ States::Progress States::progress(Wanted const & wanted) const {
       return false;
     auto const & id = entry.id;
     auto const isOfOther = wanted.spi != 0 && id.spi != 0 && id.spi != wanted.spi;
-    auto const isFromOther = !wanted.source.isAddrZero() && id.source != wanted.source;
+    auto const isFromOther =
+        !wanted.source.isAddrZero() && !id.source.isAddrZero() && id.source != wanted.source;
     if (!isOfOther && !isFromOther && id.mark.covers(wanted.mark))
       best = std::max(best, entry.isUsable ? Progress::usable : Progress::acquiring);
     return best != Progress::usable;

@@ -434,16 +434,16 @@ TEST_F(ScriptedPolicies, GiveAnXfrmLinkTheEndpointsOfTheTemplateThatMakesATunnel
                            .destination = "192.0.2.2",
                            .optional = optional});
   };
-  auto const policyOfLink = [](std::uint32_t id, Octets const & templates) {
+  auto const policyOf = [](std::uint32_t id, Octets const & templates) {
     return xfrmMessage(newPolicy, policyInfo({.index = id * 8 + 1}),
                        joined({attribute(tmpl, templates), attribute(ifId, native(id))}));
   };
   for (std::uint32_t id = 1; id <= 3; ++id)
     linkIs({.intfId = Plexa::IntfId(id), .name = "x", .kind = "xfrm", .ifId = id}, "xfrm");
-  auto const esp = templateOctets({.protocol = 50});
-  dumps.answerIs({policyOfLink(1, joined({tunnel(108), esp})),
-                  policyOfLink(2, joined({templateOctets({.protocol = 51}), tunnel(50)})),
-                  policyOfLink(3, joined({tunnel(108, 1), esp})), ScriptedDumps::done()});
+  auto const plainEsp = templateOctets({.protocol = 50});
+  dumps.answerIs({policyOf(1, joined({tunnel(108), plainEsp})),
+                  policyOf(2, joined({templateOctets({.protocol = 51}), tunnel(50)})),
+                  policyOf(3, joined({tunnel(108, 1), plainEsp})), ScriptedDumps::done()});
   startPolicies();
   EXPECT_EQ(status("1")["dstAddr"], "192.0.2.2") << "compression makes it";
   EXPECT_EQ(status("2")["dstAddr"], "192.0.2.2") << "after authentication";
