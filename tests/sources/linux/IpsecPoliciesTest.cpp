@@ -490,6 +490,29 @@ TEST_F(ScriptedPolicies, DoNotEndAReadingInsideAnEvent) {
   EXPECT_EQ(policies->summary(), "1") << "the event is newer";
 }
 
+TEST_F(ScriptedPolicies, KeepOneThatAnInterruptedDumpDidNotShow) {
+  linkIs({.intfId = Plexa::IntfId(1),
+          .name = "g1",
+          .kind = "gre",
+          .local = *Plexa::IpGenAddr::fromString("10.0.0.1"),
+          .remote = *Plexa::IpGenAddr::fromString("10.0.0.2")},
+         "gre");
+  dumps.answerIs({policyMessage({}, {}), ScriptedDumps::done()});
+  startPolicies();
+  for (int i = 0; i != 5; ++i) // as often as one reading tries
+    dumps.answerIs({ScriptedDumps::interrupted(ScriptedDumps::done())});
+  policies->reread();
+  settle();
+  EXPECT_EQ(dumps.asked(), 6);
+  EXPECT_TRUE(status("1")["ipsec"]) << "it may be there";
+  EXPECT_EQ(policies->lastError(), "source linux: IPsec policies come and go too fast to read "
+                                   "them all: trying again");
+  dumps.answerIs({ScriptedDumps::done()});
+  loop.advance(Sources::Linux::KernelReader::retryPeriod);
+  settle();
+  EXPECT_FALSE(status("1")["ipsec"]);
+}
+
 // One policy for all: the links are looked at in runs.
 TEST_F(ScriptedPolicies, ReachManyLinksInRuns) {
   using namespace XfrmBytes;

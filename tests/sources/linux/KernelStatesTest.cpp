@@ -268,6 +268,16 @@ TEST_F(KernelStatesTest, KeepWhatIsKnownWhenAStateCannotBeRead) {
   EXPECT_EQ(state(1), "down") << "this dump could be read";
 }
 
+TEST_F(KernelStatesTest, KeepWhatAnInterruptedDumpDidNotShow) {
+  start({esp()}, {stateOf({.reqid = 5})});
+  for (int i = 0; i != 5; ++i) // as often as one reading tries
+    stateDumps.answerIs({ScriptedDumps::interrupted(ScriptedDumps::done())});
+  states->reread();
+  settle();
+  EXPECT_EQ(stateDumps.asked(), 6);
+  EXPECT_EQ(state(1), "up") << "it may be there";
+}
+
 // Keys
 
 TEST_F(KernelStatesTest, WipesTheKeysOfADumpAndOfAnEvent) {
