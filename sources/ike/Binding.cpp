@@ -360,7 +360,7 @@ std::map<Link const *, ConnState> Binding::State::configuredLinks(Known const & 
     if (!hasSaBetween(known, child == nullptr ? "" : child->name, own))
       add(configuredBetween(child, own), state);
   };
-  if (child != nullptr)
+  if (child != nullptr && !known.children.contains(child->name)) // an SA says itself whose it is
     add(selectedLinks(index, selectionOf(*child)), known.best);
   for (auto const & own : configuredEndpoints(connection))
     addBetween(own, ConnState::down);

@@ -11,8 +11,8 @@
 //   mark        mark_out is the output key of a vti link whose endpoints are the IKE_SA's
 //   selectors   neither if_id nor mark, which other links' packets do not have; transport mode, or
 //               host selectors: they cover the link's endpoints and demand its protocol, or any
-//   configured  no SA of it between those addresses: the selectors of the child as it is
-//               configured are for the link, or the link is a vti link between the connection's
+//   configured  no SA of it: the selectors of the child as it is configured are for the link; or no
+//               SA of it between those addresses: the link is a vti link between the connection's
 //               addresses, or those of its IKE_SA; of a connection without children, any link is
 //
 // One child may have several links, and one link several children. An explicit binding of a child

@@ -347,13 +347,22 @@ private:
         add(claim, Rule::explicitly, bestOf(sas));
       return;
     }
-    if (child != nullptr && isSelected(link, child->mode, child->local, child->remote, {}))
+    if (child != nullptr && !hasSa(sas, child->name) &&
+        isSelected(link, child->mode, child->local, child->remote, {}))
       add(claim, Rule::configured, bestOf(sas));
     for (auto const & local : connection.local)
       for (auto const & remote : connection.remote)
         claimBetween(claim, link, sas, child, {{local, remote}}, ConnState::down);
     for (auto const & sa : sas)
       claimBetween(claim, link, sas, child, {{sa.local, sa.remote}}, connectionState(sa.state));
+  }
+
+  static bool hasSa(std::vector<IkeSa> const & sas, std::string const & child) {
+    return std::ranges::any_of(sas, [&](IkeSa const & sa) {
+      return std::ranges::any_of(sa.children, [&](ChildSa const & one) {
+        return isThere(one.state) && one.name == child;
+      });
+    });
   }
 
   void claimBetween(Claim & claim, Link const & link, std::vector<IkeSa> const & sas,

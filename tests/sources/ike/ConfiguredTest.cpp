@@ -114,6 +114,18 @@ TEST_F(ConfiguredTest, IsIkeUpForTheChildThatHasNoSa) {
   EXPECT_THAT(told(links, bind()), ElementsAre("g1: c up selectors", "i1: c ikeUp configured"));
 }
 
+// A gre tunnel inside an xfrm link: its selectors are the gre link's endpoints.
+TEST_F(ConfiguredTest, ClaimsNothingBesideTheLinkThatItsSaNames) {
+  links.linkIs(xfrmLink(5, "x1", 42));
+  auto child = greConfig();
+  child.mode = Mode::tunnel;
+  child.local = selectors({"10.9.0.1/32"});
+  child.remote = selectors({"10.9.0.2/32"});
+  connections = {connection("c", {child})};
+  sas = {sa("c", {withIfId(routedChild(child.name), 42)})};
+  EXPECT_THAT(told(links, bind()), ElementsAre("x1: c up if_id"));
+}
+
 TEST_F(ConfiguredTest, IsDownForTheAddressThatHasNoSa) {
   connections = {connection("c", {greConfig()})};
   connections[0].remote.push_back(address("10.9.0.3"));
