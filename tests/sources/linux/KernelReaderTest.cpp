@@ -64,14 +64,14 @@ TEST_F(LinkReader, LeavesTheThreadToOthersWhenItsUserIsSlow) {
                       user);
   user.reader = &reader;
   reader.readNow();
-  constexpr int links = 20;
-  for (int i = 0; i != links; ++i)
+  constexpr int linkCount = 20;
+  for (int i = 0; i != linkCount; ++i)
     ip(fmt::format("link add vx{0} type vxlan id {0} dstport 4789", i + 1));
   loop.runOnce();
   EXPECT_GT(user.events, 0);
-  EXPECT_LT(user.events, links) << "the rest has its turn later";
+  EXPECT_LT(user.events, linkCount) << "the rest has its turn later";
   settle();
-  EXPECT_GE(user.events, links);
+  EXPECT_GE(user.events, linkCount);
 }
 
 /// Policies and states that a test writes, over links that it makes up.
