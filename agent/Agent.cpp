@@ -169,8 +169,14 @@ void Agent::requireTraceHandles() const {
 
 void Agent::startSources() {
   Sources::Surroundings const surroundings{
-      loop_, publishers_, links_, boundLinks_,
-      [this](Sources::Source const & source) { sourceHasChanged(source); }};
+      loop_,
+      publishers_,
+      links_,
+      boundLinks_,
+      [this](Sources::Source const & source) { sourceHasChanged(source); },
+      [](Sources::Source const & source, std::string_view text) {
+        report(fmt::format("{}: {}", source.name(), text));
+      }};
   rereads_.emplace(loop_, sources_, [this] { return rereadConfiguration(); });
   for (auto const & text : options_.sources) {
     try {

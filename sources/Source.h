@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -32,6 +33,9 @@ struct Surroundings {
   /// Called after a source has become degraded, or in sync again. May ask for its status; must not
   /// change it.
   std::function<void(Source const &)> stateChanged = {};
+  /// Called with one line for the operator: something that is no fault of the source's, and that
+  /// it does without.
+  std::function<void(Source const &, std::string_view)> noted = {};
 };
 
 /// How a source is doing. `lastError` is one line, empty when the last attempt went well.

@@ -52,6 +52,8 @@ public:
   /// What is wrong, one line; empty when nothing is. That reading policies is not permitted, or not
   /// supported, is nothing wrong.
   std::string const & lastError() const { return health_.lastError(); }
+  /// Why the kernel refuses, and what would help; empty when it does not.
+  std::string const & refusal() const { return health_.refusal(); }
   /// For people: how many policies there are, or why nobody knows.
   std::string summary() const;
   StateDb::Publisher const & publisher() const { return publisher_; }

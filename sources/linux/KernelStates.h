@@ -54,6 +54,7 @@ public:
   bool isReading() const { return reader_.isReading(); }
   /// As IpsecPolicies has it.
   std::string const & lastError() const { return health_.lastError(); }
+  std::string const & refusal() const { return health_.refusal(); }
   /// For people: how many states there are, or why nobody knows.
   std::string summary() const;
   std::vector<Ike::ConnectionReport> connections() const;

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <new>
 #include <utility>
 
 namespace Sources {
@@ -65,6 +66,7 @@ std::unique_ptr<Source> makeLinuxSource(std::string_view options,
 LinuxSource::LinuxSource(std::string_view options, Surroundings const & surroundings,
                          int receiveBuffer, std::function<Os::Descriptor()> ask)
     : options_(options),
+      noted_(surroundings.noted),
       health_([this, changed = surroundings.stateChanged] {
         if (changed)
           changed(*this);
@@ -202,6 +204,25 @@ void LinuxSource::tellHealth() {
     health_.degradedIs(*error);
   else if (reader_.fullReads() != 0)
     health_.inSyncIs();
+  noteRefusals();
+}
+
+// A line that cannot be told now is told after the next attempt.
+void LinuxSource::noteRefusals() {
+  try {
+    note(policiesRefusal_, "IPsec policies", policies_.refusal());
+    if (states_)
+      note(statesRefusal_, "IPsec states", states_->refusal());
+  } catch (std::bad_alloc const &) {
+  }
+}
+
+void LinuxSource::note(std::string & known, std::string_view things, std::string const & refusal) {
+  if (refusal == known)
+    return;
+  if (noted_ && !refusal.empty())
+    noted_(*this, fmt::format("{}: {}", things, refusal));
+  known = refusal;
 }
 
 } // namespace Sources

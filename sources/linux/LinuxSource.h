@@ -59,8 +59,13 @@ private:
   void isDegraded(std::string_view error) override;
   std::chrono::milliseconds retryAfter(std::exception const & reason) override;
   void tellHealth();
+  void noteRefusals();
+  void note(std::string & known, std::string_view things, std::string const & refusal);
 
   std::string const options_;
+  std::function<void(Source const &, std::string_view)> const noted_;
+  std::string policiesRefusal_; // as it was noted
+  std::string statesRefusal_;
   Health health_;
   Linux::LinkPublication publication_;
   Linux::DefaultHopLimits defaults_;

@@ -68,6 +68,8 @@ class Rights(DaemonTest):
         self.assertEqual(self.expected_if_indexes(), self.if_indexes())
         self.assertEqual(["inSync", "inSync"],
                          [source["state"] for source in self.ctl_json("status")["sources"]])
+        self.assertEqual(1, len(daemon.err), daemon.err)
+        self.assertRegex(daemon.err[0], "^tunnelsnmpd: linux: IPsec policies: not ")
 
     def test_another_user_cannot_use_the_control_socket(self):
         self.start_office()

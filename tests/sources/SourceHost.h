@@ -27,8 +27,12 @@ public:
   ~SourceHost() { Kiln::TaskSchedulerRoot::schedulerIs(nullptr); }
 
   Sources::Surroundings surroundings() {
-    return {loop, publishers, links, boundLinks,
-            [this](Sources::Source const & source) { told.push_back(source.status().state); }};
+    return {loop,
+            publishers,
+            links,
+            boundLinks,
+            [this](Sources::Source const & source) { told.push_back(source.status().state); },
+            [this](Sources::Source const &, std::string_view text) { notes.emplace_back(text); }};
   }
 
   /// Lets everything happen that has begun. Waits up to `patience` of real time for the first
@@ -58,4 +62,6 @@ public:
   Sources::Ike::BoundLinks boundLinks;
   /// The states that the sources have come to.
   std::vector<Sources::SourceStatus::State> told;
+  /// What the sources have said besides.
+  std::vector<std::string> notes;
 };

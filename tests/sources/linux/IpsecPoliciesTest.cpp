@@ -345,6 +345,8 @@ TEST_F(PolicyLinks, FollowTheirKindWhereReadingPoliciesIsNotPermitted) {
     passFullReadPeriod();
     reread();
     EXPECT_THAT(traces.texts(0), SizeIs(1)) << "said once";
+    EXPECT_THAT(notes, ElementsAre("IPsec policies: not permitted: give CAP_NET_ADMIN; until then "
+                                   "the ipsec flag follows the kind of the link"));
     EXPECT_FALSE(source->status().isReading);
   }
   passFullReadPeriod();
