@@ -1,8 +1,7 @@
 // What is told of a tunnel's connection by the kernel's states: real ones where they need no ESP,
 // and written ones; and what becomes of the keys in their messages.
 #include "sources/linux/KernelStates.h"
-#include "tests/sources/linux/KernelLinks.h"
-#include "tests/sources/linux/ScriptedDumps.h"
+#include "tests/sources/linux/ScriptedKernel.h"
 #include "tests/sources/linux/XfrmBytes.h"
 #include "tests/support/TraceRecorder.h"
 #include <algorithm>
@@ -23,7 +22,7 @@ using namespace XfrmBytes;
 
 /// A gre link from 10.0.0.1 to 10.0.0.2 with id 1, an xfrm link of if_id 42 with id 2, a vti link
 /// of key 9 from 10.0.0.1 to 10.0.0.2 with id 3; policies and states that the test writes.
-class KernelStatesTest : public KernelLinks {
+class KernelStatesTest : public ScriptedKernel {
 protected:
   void SetUp() override {
     KernelLinks::SetUp();
@@ -39,27 +38,6 @@ protected:
                   .local = local,
                   .remote = remote});
   }
-  void start(std::vector<Octets> policyMessages, std::vector<Octets> stateMessages) {
-    startPolicies(std::move(policyMessages), std::move(stateMessages));
-    states->start();
-  }
-  /// What the states are is not asked for yet.
-  void startPolicies(std::vector<Octets> policyMessages, std::vector<Octets> stateMessages) {
-    answer(policyDumps, std::move(policyMessages));
-    answer(stateDumps, std::move(stateMessages));
-    IpsecPolicies::Options options;
-    options.ask = [this] { return policyDumps.ask(); };
-    policies.emplace(
-        surroundings(), [] {},
-        [this](IntfId intfId) {
-          if (states)
-            states->lookAgain(intfId);
-        },
-        options);
-    states.emplace(
-        surroundings(), *policies, [] {}, [this] { return stateDumps.ask(); });
-    policies->start();
-  }
   void statesAre(std::vector<Octets> messages) {
     answer(stateDumps, std::move(messages));
     states->reread();
@@ -69,10 +47,6 @@ protected:
     answer(policyDumps, std::move(messages));
     policies->reread();
     settle();
-  }
-  static void answer(ScriptedDumps & dumps, std::vector<Octets> messages) {
-    messages.push_back(ScriptedDumps::done());
-    dumps.answerIs(messages);
   }
   /// "up" and so on; null when nothing is told.
   json state(int id) const {
@@ -92,11 +66,6 @@ protected:
     return xfrmMessage(newState, stateInfo(info), joined({attribute(algAead, algorithm()), more}));
   }
   static Octets larvalOf(StateInfo const & info) { return xfrmMessage(newState, stateInfo(info)); }
-
-  ScriptedDumps policyDumps;
-  ScriptedDumps stateDumps;
-  std::optional<IpsecPolicies> policies;
-  std::optional<KernelStates> states;
 };
 
 TEST_F(KernelStatesTest, TellTheConnectionOfATunnelInTransportMode) {

@@ -32,6 +32,14 @@ Progress progress(States const & states, PolicyTemplate const & one = tunnel, Ma
   return states.progress(*States::wanted(policy, one, States::endsBehind(one, {})));
 }
 
+TEST(States, FromNoCertainAddressServeEachThatFits) {
+  States states;
+  auto state = stateOf(0x100);
+  state.id.source = {};
+  states.stateIs(state);
+  EXPECT_EQ(progress(states), Progress::usable) << "as the kernel looks for them";
+}
+
 TEST(States, ComeFromAnyAddressWhereTheTemplateSaysNone) {
   States states;
   states.stateIs(stateOf(0x100));
