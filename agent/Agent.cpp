@@ -49,6 +49,7 @@ void writeTrace(Lumo::TraceMessage const & message) {
 Agent::Agent(Options options, EventLoop & loop)
     : options_(std::move(options)),
       loop_(loop),
+      serviceManager_(loop),
       scheduler_(Zel::makePtr<Kiln::TaskScheduler>(std::chrono::steady_clock::now, taskShare)),
       notifieeFailed_([](std::string_view pointer, std::exception const & exception) {
         reportFailure(notifieeExceptions, fmt::format("after the change of {}", pointer),
@@ -99,6 +100,7 @@ void Agent::restartMachines() {
 }
 
 void Agent::stop() {
+  serviceManager_.stopping();
   control_.reset(); // an answer under way holds rows
   patches_.reset();
   done("control socket closed");
@@ -177,7 +179,11 @@ void Agent::startSources() {
       [](Sources::Source const & source, std::string_view text) {
         report(fmt::format("{}: {}", source.name(), text));
       }};
-  rereads_.emplace(loop_, sources_, [this] { return rereadConfiguration(); });
+  rereads_.emplace(
+      loop_, sources_, [this] { return rereadConfiguration(); },
+      [this](bool isUnderWay) {
+        isUnderWay ? serviceManager_.reloading() : serviceManager_.reloaded();
+      });
   for (auto const & text : options_.sources) {
     try {
       sources_.push_back(Sources::makeSource(text, surroundings));
@@ -200,8 +206,10 @@ void Agent::startMachines() {
 
 void Agent::noticeReady() {
   ready_ = isReady(machinesStatus(*database_.lookup(rootPath)));
-  if (ready_)
-    done("ready");
+  if (!ready_)
+    return;
+  done("ready");
+  serviceManager_.ready(servedAt_);
 }
 
 void Agent::startSnmp() {

@@ -13,6 +13,7 @@
 #include "agent/Patches.h"
 #include "agent/Plugin.h"
 #include "agent/Rereads.h"
+#include "agent/ServiceManager.h"
 #include "agent/SnmpEngine.h"
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
@@ -69,6 +70,7 @@ private:
 
   Options const options_;
   EventLoop & loop_;
+  ServiceManager serviceManager_;
   Zel::Ptr<Kiln::TaskScheduler> const scheduler_;
   StateDb::StateDb database_;
   StateDb::NotifieeFailed const notifieeFailed_;

@@ -23,7 +23,7 @@ struct Options {
   std::vector<std::string> sources;  ///< in the order in which they start
   std::string configFile;            ///< empty: read-only community "public" from loopback
   std::vector<TraceOption> traces;
-  std::string controlPath = "/run/tunnelsnmpd.sock";
+  std::string controlPath = "/run/tunnelsnmpd/tunnelsnmpd.sock";
   std::string pluginFile;
   Iterator iterator = Iterator::host;
 };
