@@ -92,7 +92,7 @@ class Supervised(DaemonTest):
         self.variables["NOTIFY_SOCKET"] = self.path("nowhere")
         self.start("--source", "json:" + self.source)
         self.assertEqual(self.expected_if_indexes(), self.if_indexes())
-        self.wait_until(lambda: self.ctl_json("coverage").get(UNREACHED) == 2)
+        self.wait_until(lambda: self.ctl_json("show", "counters").get(UNREACHED) == 2)
 
 
 if __name__ == "__main__":
