@@ -82,7 +82,7 @@ class Supervised(DaemonTest):
         for _ in range(5):
             self.assertEqual([FEEDING], self.hear())
         os.kill(daemon.child.pid, signal.SIGSTOP)
-        while not self.silence(0):  # what it sent before
+        while not self.silence(WATCHDOG / 4):  # what it sent before
             pass
         self.assertTrue(self.silence(3 * WATCHDOG))
         os.kill(daemon.child.pid, signal.SIGCONT)
