@@ -61,7 +61,7 @@ class Installed(unittest.TestCase):
         """Starts an agent on a port of the test's own and asks for the one row that it has."""
         port = free_port()
         with subprocess.Popen([program, f'udp:127.0.0.1:{port}'], stdout=subprocess.PIPE,
-                              text=True, env=environment()) as agent:
+                              stderr=subprocess.DEVNULL, text=True, env=environment()) as agent:
             try:
                 self.assertEqual(f'serving on udp:127.0.0.1:{port}\n', agent.stdout.readline())
                 row = run('snmpget', '-v2c', '-c', 'public', '-Oqn', f'127.0.0.1:{port}', HOP_LIMIT)
@@ -72,7 +72,7 @@ class Installed(unittest.TestCase):
 
     def test_the_programs_run_from_where_they_are_installed(self):
         for program in ('sbin/tunnelsnmpd', 'bin/tunnelsnmpctl'):
-            self.assertRegex(run(self.prefix / program, '--version'), r'^tunnelsnmp\w+ \d')
+            self.assertIn(pathlib.Path(program).name, run(self.prefix / program, '--help'))
 
     def test_the_daemon_finds_the_installed_plug_in(self):
         text = re.sub(r'\s+', '', run(self.prefix / 'sbin/tunnelsnmpd', '--help'))
