@@ -41,7 +41,7 @@ void done(char const * step) {
 }
 
 void writeTrace(Lumo::TraceMessage const & message) {
-  errorStream().line(Os::printable(Lumo::traceLine(message)));
+  say(Os::printable(Lumo::traceLine(message)));
 }
 
 } // namespace
@@ -124,6 +124,7 @@ void Agent::stopPlugin() {
   database_.unmount(mibPath);
   Kiln::TaskSchedulerRoot::schedulerIs(nullptr);
   SnmpUtil::entityRootIs({});
+  SnmpUtil::snmpConfigIs(nullptr); // ours, and the platform may outlive our code
   plugin_.reset();
   done("plug-in unloaded");
 }
@@ -205,15 +206,20 @@ void Agent::noticeReady() {
 }
 
 void Agent::startSnmp() {
-  snmp_ = std::make_unique<SnmpEngine>(loop_, SnmpSettings{options_.configFile, options_.agentx});
+  if (options_.isGuest)
+    servedAt_ = "the program that it is a part of";
+  else
+    snmp_ = std::make_unique<SnmpEngine>(loop_, SnmpSettings{options_.configFile, options_.agentx});
   done("SNMP set up");
   plugin_->registerMibs();
   if (options_.iterator == Iterator::host)
-    installHostIterator();
+    installHostIterator([this](void const * code) { return plugin_->contains(code); });
   done("modules registered");
 }
 
 void Agent::startControl() {
+  if (options_.controlPath.empty())
+    return;
   patches_ = std::make_unique<Patches>(document_);
   CommandHost const host{document_,
                          database_.lookup(mibPath),
@@ -232,7 +238,8 @@ void Agent::startControl() {
 
 std::vector<std::string> Agent::rereadConfiguration() {
   try {
-    snmp_->reread();
+    if (snmp_)
+      snmp_->reread();
     return {};
   } catch (std::exception const & error) {
     return {error.what()};
@@ -266,7 +273,7 @@ nlohmann::ordered_json Agent::status() const {
            {"version", TUNNELSNMPD_VERSION},
            {"servedAt", servedAt_},
            {"enterprise", VELMORA_ENTERPRISE_NUMBER}};
-  if (auto const * master = snmp_->agentx())
+  if (auto const * master = snmp_ ? snmp_->agentx() : nullptr)
     out["agentx"] = masterStatus(*master);
   out["machines"] = std::move(machines);
   out["tasks"] = tasksSummary(*scheduler_);

@@ -38,6 +38,7 @@ public:
   ~Agent();
 
   /// Begins to serve SNMP. Returns where, as SnmpEngine::listen does, and raises what it raises.
+  /// Requires: it is no guest, which is served as soon as it is constructed.
   std::string listen();
   /// One piece of background work: runs the next task, if one is scheduled. True if and only if
   /// another one waits. An exception out of a task is reported and counted
@@ -76,7 +77,7 @@ private:
   StateDb::Publishers publishers_;
   Sources::Links links_;
   Sources::Ike::BoundLinks boundLinks_;
-  std::unique_ptr<SnmpEngine> snmp_;
+  std::unique_ptr<SnmpEngine> snmp_; // null for a guest: net-snmp is its host's
   std::unique_ptr<Plugin> plugin_;
   std::vector<std::unique_ptr<Sources::Source>> sources_;
   std::optional<Rereads> rereads_;
