@@ -41,9 +41,9 @@ class OneTunnel(CommandTest):
         self.assert_checked(OK, "hop limit 255", "check_tunnel_hop_limit", 2001, "255:255")
         self.assert_checked(WARNING, r"hop limit \*64\*", "check_tunnel_hop_limit", 2003, "255:255")
 
-    def test_a_daemon_that_is_gone_is_critical(self):
+    def test_a_daemon_that_is_gone_is_unknown(self):
         self.daemon.end()
-        self.assert_checked(CRITICAL, "timed out", "check_tunnel_ipsec", 2008)
+        self.assert_checked(UNKNOWN, "Timeout: No Response", "check_tunnel_ipsec", 2008)
 
     def test_the_page_shows_what_it_says(self):
         shown = examples("check_", self.address)
