@@ -41,7 +41,7 @@ void done(char const * step) {
 }
 
 void writeTrace(Lumo::TraceMessage const & message) {
-  errorStream().line(Os::printable(Lumo::traceLine(message)));
+  say(Os::printable(Lumo::traceLine(message)));
 }
 
 } // namespace
@@ -56,6 +56,8 @@ Agent::Agent(Options options, EventLoop & loop)
       }),
       document_(database_, notifieeFailed_),
       publishers_(database_, notifieeFailed_) {
+  if (!options_.isGuest)
+    serviceManager_.emplace(loop);
   try {
     startPlatform();
     startPlugin();
@@ -99,6 +101,8 @@ void Agent::restartMachines() {
 }
 
 void Agent::stop() {
+  if (serviceManager_)
+    serviceManager_->stopping();
   control_.reset(); // an answer under way holds rows
   patches_.reset();
   done("control socket closed");
@@ -124,6 +128,7 @@ void Agent::stopPlugin() {
   database_.unmount(mibPath);
   Kiln::TaskSchedulerRoot::schedulerIs(nullptr);
   SnmpUtil::entityRootIs({});
+  SnmpUtil::snmpConfigIs(nullptr); // ours, and the platform may outlive our code
   plugin_.reset();
   done("plug-in unloaded");
 }
@@ -177,7 +182,9 @@ void Agent::startSources() {
       [](Sources::Source const & source, std::string_view text) {
         report(fmt::format("{}: {}", source.name(), text));
       }};
-  rereads_.emplace(loop_, sources_, [this] { return rereadConfiguration(); });
+  rereads_.emplace(
+      loop_, sources_, [this] { return rereadConfiguration(); },
+      [this](bool isUnderWay) { rereadIsUnderWay(isUnderWay); });
   for (auto const & text : options_.sources) {
     try {
       sources_.push_back(Sources::makeSource(text, surroundings));
@@ -200,20 +207,28 @@ void Agent::startMachines() {
 
 void Agent::noticeReady() {
   ready_ = isReady(machinesStatus(*database_.lookup(rootPath)));
-  if (ready_)
-    done("ready");
+  if (!ready_)
+    return;
+  done("ready");
+  if (serviceManager_)
+    serviceManager_->ready(servedAt_);
 }
 
 void Agent::startSnmp() {
-  snmp_ = std::make_unique<SnmpEngine>(loop_, SnmpSettings{options_.configFile, options_.agentx});
+  if (options_.isGuest)
+    servedAt_ = "the program that it is a part of";
+  else
+    snmp_ = std::make_unique<SnmpEngine>(loop_, SnmpSettings{options_.configFile, options_.agentx});
   done("SNMP set up");
   plugin_->registerMibs();
   if (options_.iterator == Iterator::host)
-    installHostIterator();
+    installHostIterator([this](void const * code) { return plugin_->contains(code); });
   done("modules registered");
 }
 
 void Agent::startControl() {
+  if (options_.controlPath.empty())
+    return;
   patches_ = std::make_unique<Patches>(document_);
   CommandHost const host{document_,
                          database_.lookup(mibPath),
@@ -234,11 +249,17 @@ void Agent::startControl() {
 
 std::vector<std::string> Agent::rereadConfiguration() {
   try {
-    snmp_->reread();
+    if (snmp_)
+      snmp_->reread();
     return {};
   } catch (std::exception const & error) {
     return {error.what()};
   }
+}
+
+void Agent::rereadIsUnderWay(bool isUnderWay) {
+  if (serviceManager_)
+    isUnderWay ? serviceManager_->reloading() : serviceManager_->reloaded();
 }
 
 // What goes wrong while everything is read again is told when that is over.
@@ -269,7 +290,7 @@ nlohmann::ordered_json Agent::status() const {
            {"servedAt", servedAt_},
            {"enterprise", VELMORA_ENTERPRISE_NUMBER},
            {"configuration", options_.configFile}};
-  if (auto const * master = snmp_->agentx())
+  if (auto const * master = snmp_ ? snmp_->agentx() : nullptr)
     out["agentx"] = masterStatus(*master);
   out["machines"] = std::move(machines);
   out["tasks"] = tasksSummary(*scheduler_);

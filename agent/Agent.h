@@ -13,6 +13,7 @@
 #include "agent/Patches.h"
 #include "agent/Plugin.h"
 #include "agent/Rereads.h"
+#include "agent/ServiceManager.h"
 #include "agent/SnmpEngine.h"
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
@@ -38,6 +39,7 @@ public:
   ~Agent();
 
   /// Begins to serve SNMP. Returns where, as SnmpEngine::listen does, and raises what it raises.
+  /// Requires: it is no guest, which is served as soon as it is constructed.
   std::string listen();
   /// One piece of background work: runs the next task, if one is scheduled. True if and only if
   /// another one waits. An exception out of a task is reported and counted
@@ -62,6 +64,7 @@ private:
   void startSnmp();
   void startControl();
   std::vector<std::string> rereadConfiguration();
+  void rereadIsUnderWay(bool isUnderWay);
   void sourceHasChanged(Sources::Source const & source) const;
   bool isReady(nlohmann::ordered_json const & machines) const;
   nlohmann::ordered_json status() const;
@@ -69,6 +72,7 @@ private:
 
   Options const options_;
   EventLoop & loop_;
+  std::optional<ServiceManager> serviceManager_; // none for a guest: that of its host is not ours
   Zel::Ptr<Kiln::TaskScheduler> const scheduler_;
   StateDb::StateDb database_;
   StateDb::NotifieeFailed const notifieeFailed_;
@@ -76,7 +80,7 @@ private:
   StateDb::Publishers publishers_;
   Sources::Links links_;
   Sources::Ike::BoundLinks boundLinks_;
-  std::unique_ptr<SnmpEngine> snmp_;
+  std::unique_ptr<SnmpEngine> snmp_; // null for a guest: net-snmp is its host's
   std::unique_ptr<Plugin> plugin_;
   std::vector<std::unique_ptr<Sources::Source>> sources_;
   std::optional<Rereads> rereads_;

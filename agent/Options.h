@@ -23,9 +23,11 @@ struct Options {
   std::vector<std::string> sources;  ///< in the order in which they start
   std::string configFile;            ///< empty: read-only community "public" from loopback
   std::vector<TraceOption> traces;
-  std::string controlPath = "/run/tunnelsnmpd.sock";
+  /// Empty: none, which only a guest may be told.
+  std::string controlPath = "/run/tunnelsnmpd/tunnelsnmpd.sock";
   std::string pluginFile;
   Iterator iterator = Iterator::host;
+  bool isGuest = false; ///< of an agent that has net-snmp already, as dlmod/ is of snmpd
 };
 
 /// Either options, or the end of the process before it began: what to print and the exit status (0

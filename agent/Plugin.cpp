@@ -5,6 +5,7 @@
 #include "platform/Snmp.h"
 #include <dlfcn.h>
 #include <fmt/format.h>
+#include <link.h>
 #include <stdexcept>
 #include <string_view>
 
@@ -46,6 +47,15 @@ Plugin::Plugin(std::string file) : file_(std::move(file)), library_(load(file_))
 
 Plugin::~Plugin() {
   dlclose(library_);
+}
+
+bool Plugin::contains(void const * function) const {
+  link_map * ours = nullptr;
+  link_map * its = nullptr;
+  Dl_info information{};
+  return dlinfo(library_, RTLD_DI_LINKMAP, &ours) == 0 &&
+         dladdr1(function, &information, reinterpret_cast<void **>(&its), RTLD_DL_LINKMAP) != 0 &&
+         ours == its;
 }
 
 void Plugin::registerMibs() {

@@ -21,6 +21,8 @@ public:
   ~Plugin();
 
   std::string const & file() const { return file_; }
+  /// True if and only if the function at that address is the library's.
+  bool contains(void const * function) const;
   /// Has every enrolled module serve the default context. Requires: none is registered.
   void registerMibs();
   /// Undoes that for every announced module and context. A library that does not export a module's

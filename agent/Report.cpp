@@ -9,7 +9,8 @@ namespace Agent {
 
 namespace {
 
-constexpr std::string_view noMemory = "tunnelsnmpd: out of memory";
+Voice voice{"tunnelsnmpd", [](std::string_view text) noexcept { errorStream().line(text); }};
+std::string noMemory = "tunnelsnmpd: out of memory"; // there is none to make it of, then
 
 std::string & keptFailure() {
   static std::string text;
@@ -18,11 +19,20 @@ std::string & keptFailure() {
 
 } // namespace
 
+void voiceIs(Voice of) {
+  noMemory = fmt::format("{}: out of memory", of.name);
+  voice = of;
+}
+
+void say(std::string_view line) noexcept {
+  voice.line(line);
+}
+
 void report(std::string_view text) noexcept {
   try {
-    errorStream().line("tunnelsnmpd: " + Os::oneLine(text));
+    say(fmt::format("{}: {}", voice.name, Os::oneLine(text)));
   } catch (std::bad_alloc const &) {
-    errorStream().line(noMemory);
+    say(noMemory);
   }
 }
 
@@ -33,7 +43,7 @@ void reportFailure(Lumo::Counter & counter, std::string_view where,
     keptFailure() = Os::oneLine(fmt::format("{}: {}", where, what.what()));
     report(keptFailure());
   } catch (std::bad_alloc const &) {
-    errorStream().line(noMemory);
+    say(noMemory);
   }
 }
 

@@ -1,5 +1,6 @@
-// What the daemon says to its operator: one line each on the standard error stream, and a memory of
-// what went wrong since the start for the status. Counts of the rare events are Lumo's counters.
+// What the agent says to its operator: one line each on the standard error stream, or in the log of
+// the program that it is a part of, and a memory of what went wrong since the start for the status.
+// Counts of the rare events are Lumo's counters.
 #pragma once
 
 #include "platform/Lumo.h"
@@ -16,8 +17,18 @@ public:
   using std::runtime_error::runtime_error;
 };
 
-/// Says "tunnelsnmpd: TEXT" in one line (Os::oneLine). What cannot be written is lost and counted
-/// (agent/LineWriter.h); nothing waits for it.
+/// Who speaks, and where to.
+struct Voice {
+  std::string_view name;                        ///< lives as long as the program
+  void (*line)(std::string_view text) noexcept; ///< takes a line without its end
+};
+/// As the program begins: "tunnelsnmpd" on the standard error stream. What cannot be written there
+/// is lost and counted (agent/LineWriter.h); nothing waits for it.
+void voiceIs(Voice voice);
+
+/// Says a line as it is. Requires: no control character in it.
+void say(std::string_view line) noexcept;
+/// Says "NAME: TEXT" in one line (Os::oneLine).
 void report(std::string_view text) noexcept;
 
 /// A failure that the agent survives: counted, reported as "WHERE: WHAT", kept as the last one.

@@ -17,11 +17,15 @@ namespace {
 constexpr int failed = 1;
 constexpr int wronglyConfigured = 2;
 
-/// ../lib/libTunnelIntfSnmp.so beside the folder of this program.
+/// Where an installation has it, and else where the build tree would: both are beside the folder
+/// of this program.
 std::string defaultPlugin() {
+  constexpr char const * name = "libTunnelIntfSnmp.so";
   std::error_code error;
   auto const program = std::filesystem::read_symlink("/proc/self/exe", error);
-  return (program.parent_path().parent_path() / "lib" / "libTunnelIntfSnmp.so").string();
+  auto const prefix = program.parent_path().parent_path();
+  auto const installed = prefix / PRIVATE_LIBRARIES / name;
+  return (std::filesystem::exists(installed, error) ? installed : prefix / "lib" / name).string();
 }
 
 void serve(Agent::Options options) {

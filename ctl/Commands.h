@@ -13,7 +13,7 @@
 namespace Ctl {
 
 struct Arguments {
-  std::string control = "/run/tunnelsnmpd.sock";
+  std::string control = "/run/tunnelsnmpd/tunnelsnmpd.sock";
   bool json = false;
   std::string pointer;
   std::string patchFile;

@@ -37,17 +37,18 @@ using namespace TableIterator;
 
 constexpr char const * handlerName = "host_iterator";
 
-bool takeOver(netsnmp_handler_registration * registration);
+bool takeOver(netsnmp_handler_registration * registration,
+              std::function<bool(void const *)> const & isOurs);
 
 } // namespace
 
 // A context's registrations are a list of subtrees, each with those of lower priority beneath it.
-std::size_t installHostIterator() {
+std::size_t installHostIterator(std::function<bool(void const *)> const & isOurs) {
   std::size_t count = 0;
   for (auto * context = get_top_context_cache(); context != nullptr; context = context->next)
     for (auto * subtree = context->first_subtree; subtree != nullptr; subtree = subtree->next)
       for (auto * layer = subtree; layer != nullptr; layer = layer->children)
-        count += takeOver(layer->reginfo);
+        count += takeOver(layer->reginfo, isOurs);
   return count;
 }
 
@@ -101,12 +102,13 @@ netsnmp_mib_handler * makeHandler(netsnmp_iterator_info * info) {
   return handler;
 }
 
-bool takeOver(netsnmp_handler_registration * registration) {
+bool takeOver(netsnmp_handler_registration * registration,
+              std::function<bool(void const *)> const & isOurs) {
   if (registration == nullptr || !isStock(*registration))
     return false;
   auto * info =
       static_cast<netsnmp_iterator_info *>(iteratorBeneath(registration->handler)->myvoid);
-  return isServed(*info) &&
+  return isServed(*info) && isOurs(reinterpret_cast<void const *>(info->get_first_data_point)) &&
          netsnmp_inject_handler(registration, makeHandler(info)) == SNMPERR_SUCCESS;
 }
 

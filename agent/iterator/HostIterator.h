@@ -28,6 +28,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 namespace Agent {
 
@@ -35,6 +36,10 @@ namespace Agent {
 /// a serialize handler on top of it, is sorted, has loop contexts that live to the end, and has
 /// indexes of no fixed length. Those that are taken over already, and all others, stay as they are.
 /// It is undone when the module unregisters. Returns how many were taken over.
-std::size_t installHostIterator();
+///
+/// With `isOurs` only those whose callbacks, by the address of get_first_data_point, it says yes
+/// to: where other modules are that stay registered when this code has been unloaded.
+std::size_t installHostIterator(std::function<bool(void const * callback)> const & isOurs =
+                                    [](void const *) { return true; });
 
 } // namespace Agent

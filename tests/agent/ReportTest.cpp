@@ -21,4 +21,14 @@ TEST(Report, RemembersAndCountsTheLastFailure) {
   EXPECT_EQ(2u, counter.count());
 }
 
+TEST(Report, SpeaksWithAnothersVoice) {
+  static std::vector<std::string> lines;
+  Agent::voiceIs({"guest", [](std::string_view text) noexcept { lines.emplace_back(text); }});
+  Agent::report("one\nline");
+  Agent::say("a trace");
+  Agent::voiceIs({"tunnelsnmpd", [](std::string_view) noexcept {}});
+  Agent::report("not heard");
+  EXPECT_EQ((std::vector<std::string>{"guest: one line", "a trace"}), lines);
+}
+
 } // namespace
