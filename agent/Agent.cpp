@@ -237,7 +237,9 @@ void Agent::startControl() {
                          [this] { return status(); },
                          [this] { return reread(); },
                          [this] { restartMachines(); },
-                         [this] { return connections(); }};
+                         [this] { return connections(); },
+                         database_,
+                         links_};
   auto const commands = std::make_shared<Commands>(host);
   control_ = std::make_unique<ControlSocket>(
       loop_, options_.controlPath,
@@ -286,7 +288,8 @@ nlohmann::ordered_json Agent::status() const {
   Json out{{"ready", isReady(machines)},
            {"version", TUNNELSNMPD_VERSION},
            {"servedAt", servedAt_},
-           {"enterprise", VELMORA_ENTERPRISE_NUMBER}};
+           {"enterprise", VELMORA_ENTERPRISE_NUMBER},
+           {"configuration", options_.configFile}};
   if (auto const * master = snmp_ ? snmp_->agentx() : nullptr)
     out["agentx"] = masterStatus(*master);
   out["machines"] = std::move(machines);
