@@ -20,6 +20,9 @@ public:
 /// (agent/LineWriter.h); nothing waits for it.
 void report(std::string_view text) noexcept;
 
+/// What the process ends of.
+void reportEnd(std::exception const & what) noexcept;
+
 /// A failure that the agent survives: counted, reported as "WHERE: WHAT", kept as the last one.
 void reportFailure(Lumo::Counter & counter, std::string_view where,
                    std::exception const & what) noexcept;
