@@ -8,6 +8,7 @@
 #include "platform/Zel.h"
 #include <concepts>
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <type_traits>
 #include <variant>
@@ -67,14 +68,18 @@ ColumnValue columnValue(Zel::PtrInterface const & row) {
 } // namespace Detail
 
 /// A column that GET answers with what `Getter`, a const member function of the row, returns.
+/// `enumerators` says what its numbers mean, where they are an enumeration's.
 template <auto Getter, class As = Detail::AnsweredAs<decltype(Detail::valueOf(Getter))>>
 constexpr Column servedColumn(unsigned int number, char const * name, std::string_view attribute,
-                              SetSays setSays) {
+                              SetSays setSays, std::span<Zel::Enumerator const> enumerators = {}) {
   using Value = decltype(Detail::valueOf(Getter));
   return {number,
           name,
           setSays,
-          {attribute, typeNameOf<Value>(), Zel::getBy<Getter>},
+          {.name = attribute,
+           .typeName = typeNameOf<Value>(),
+           .get = Zel::getBy<Getter>,
+           .enumerators = enumerators},
           Detail::columnValue<Getter, As>};
 }
 

@@ -17,12 +17,17 @@ bool InputSm::initialScanDone() const {
 }
 
 std::span<Zel::Attribute const * const> InputSm::attributesOfInputSm() {
+  static constexpr Zel::Enumerator states[] = {
+      {0, "not begun"}, {1, "under way"}, {2, "complete"}, {3, "first pass complete"}};
   static Zel::Attribute const list[] = {
-      {"scanState", "U8",
-       [](Zel::PtrInterface const & child) {
-         auto const state = static_cast<InputSm const &>(child).scanState();
-         return Zel::toValue(static_cast<std::uint8_t>(state));
-       }},
+      {.name = "scanState",
+       .typeName = "U8",
+       .get =
+           [](Zel::PtrInterface const & child) {
+             auto const state = static_cast<InputSm const &>(child).scanState();
+             return Zel::toValue(static_cast<std::uint8_t>(state));
+           },
+       .enumerators = states},
       {"scanComplete", "bool", Zel::getBy<&InputSm::inputScanComplete>},
       {"scanned", "U64", Zel::getBy<&InputSm::scanned>},
       {"inputSize", "U64", Zel::getBy<&InputSm::inputSize>}};

@@ -9,9 +9,37 @@ namespace TunnelIntfSnmp {
 
 namespace {
 
+// What the numbers of columns mean, as far as a row can hold them.
+constexpr Zel::Enumerator tunnelTypes[] = { // IANAtunnelType
+    {1, "other"},
+    {2, "direct"},
+    {3, "gre"}};
+constexpr Zel::Enumerator securities[] = { // tunnelIfSecurity (RFC 4087)
+    {1, "none"},
+    {2, "ipsec"}};
+constexpr Zel::Enumerator addressTypes[] = { // InetAddressType (RFC 4001)
+    {0, "unknown"},
+    {1, "ipv4"},
+    {2, "ipv6"}};
+constexpr Zel::Enumerator rowStatuses[] = {{1, "active"}};    // RowStatus (RFC 2579)
+constexpr Zel::Enumerator storageTypes[] = {{5, "readOnly"}}; // StorageType (RFC 2579)
+constexpr Zel::Enumerator connStates[] = { // VelmoraIpsecConnState (mibs/VELMORA-TUNNEL-MIB.txt)
+    {0, "unknown"}, {1, "down"},     {2, "connecting"}, {3, "ikeUp"},
+    {4, "up"},      {5, "rekeying"}, {6, "closing"}};
+
 template <auto Member>
-Zel::Attribute attributeOf(std::string_view name, std::string_view typeName) {
-  return {name, typeName, Zel::getBy<Member>};
+Zel::Attribute attributeOf(std::string_view name, std::string_view typeName,
+                           std::span<Zel::Enumerator const> enumerators = {}) {
+  return {
+      .name = name, .typeName = typeName, .get = Zel::getBy<Member>, .enumerators = enumerators};
+}
+
+template <auto Table>
+Zel::Attribute tableOf(std::string_view name) {
+  return {.name = name,
+          .typeName = "Zel::RbTreeMap",
+          .get = Zel::getBy<Table>,
+          .walk = Zel::walkBy<Table>};
 }
 
 // The attributes of a row: its own, and behind them those that its columns show.
@@ -79,12 +107,14 @@ std::span<Column const> TunnelIfTableEntry::columns() {
   static constexpr Column list[] = {
       unservedColumn(1, "tunnelIfLocalAddress", invalidColumn),
       unservedColumn(2, "tunnelIfRemoteAddress", invalidColumn),
-      servedColumn<&Row::encapsMethod>(3, "tunnelIfEncapsMethod", "encapsMethod", invalidColumn),
+      servedColumn<&Row::encapsMethod>(3, "tunnelIfEncapsMethod", "encapsMethod", invalidColumn,
+                                       tunnelTypes),
       servedColumn<&Row::hopLimit>(4, "tunnelIfHopLimit", "hopLimit", notConfigured),
-      servedColumn<&Row::security>(5, "tunnelIfSecurity", "security", invalidColumn),
+      servedColumn<&Row::security>(5, "tunnelIfSecurity", "security", invalidColumn, securities),
       servedColumn<&Row::tos>(6, "tunnelIfTOS", "tos", notConfigured),
       unservedColumn(7, "tunnelIfFlowLabel", notConfigured),
-      servedColumn<&Row::addrType>(8, "tunnelIfAddressType", "addrType", notConfigured),
+      servedColumn<&Row::addrType>(8, "tunnelIfAddressType", "addrType", notConfigured,
+                                   addressTypes),
       servedColumn<&Row::localAddr>(9, "tunnelIfLocalInetAddress", "localAddr", notConfigured),
       servedColumn<&Row::remoteAddr>(10, "tunnelIfRemoteInetAddress", "remoteAddr", notConfigured),
       unservedColumn(11, "tunnelIfEncapsLimit", notConfigured)};
@@ -162,7 +192,7 @@ Zel::Type const & IpsecTunnelIfTableEntry::typeDescription() {
 std::span<Column const> IpsecTunnelIfTableEntry::columns() {
   using Row = IpsecTunnelIfTableEntry;
   static constexpr Column list[] = {servedColumn<&Row::connState>(
-      1, "velmoraIpsecTunnelIfConnState", "connState", SetSays::invalidColumn)};
+      1, "velmoraIpsecTunnelIfConnState", "connState", SetSays::invalidColumn, connStates)};
   return list;
 }
 
@@ -262,10 +292,10 @@ Zel::Type const & TunnelInetConfigTableEntry::typeDescription() {
   using Row = TunnelInetConfigTableEntry;
   static Zel::Attribute const own[] = {
       attributeOf<&Row::key>("key", TunnelInetConfigTableKey::typeName),
-      attributeOf<&Row::addrType>("addrType", "U32"),
+      attributeOf<&Row::addrType>("addrType", "U32", addressTypes),
       attributeOf<&Row::localAddr>("localAddr", "Snmp::Bytes"),
       attributeOf<&Row::remoteAddr>("remoteAddr", "Snmp::Bytes"),
-      attributeOf<&Row::encapsMethod>("encapsMethod", "U32"),
+      attributeOf<&Row::encapsMethod>("encapsMethod", "U32", tunnelTypes),
       attributeOf<&Row::configId>("configId", "U32")};
   static auto const attributes = attributesOf(own, columns());
   static Zel::Type const type{typeName, attributes};
@@ -280,9 +310,9 @@ std::span<Column const> TunnelInetConfigTableEntry::columns() {
       servedColumn<&Row::ifIndex, std::int32_t>(6, "tunnelInetConfigIfIndex", "ifIndex",
                                                 invalidColumn),
       servedColumn<&Row::rowStatus, std::int32_t>(7, "tunnelInetConfigStatus", "rowStatus",
-                                                  notConfigured),
+                                                  notConfigured, rowStatuses),
       servedColumn<&Row::storageType, std::int32_t>(8, "tunnelInetConfigStorageType", "storageType",
-                                                    notConfigured)};
+                                                    notConfigured, storageTypes)};
   return list;
 }
 
@@ -334,21 +364,23 @@ constexpr auto wholeIpsecTunnelIfTable =
 } // namespace
 
 Zel::Attribute const & TunnelMib::tunnelIfTableAttribute() {
-  static auto const attribute = attributeOf<wholeTunnelIfTable>("tunnelIfTable", "Zel::RbTreeMap");
+  static auto const attribute = tableOf<wholeTunnelIfTable>("tunnelIfTable");
   return attribute;
 }
 
 Zel::Attribute const & TunnelMib::tunnelInetConfigTableAttribute() {
-  static Zel::Attribute const attribute{
-      "tunnelInetConfigTable", "Zel::RbTreeMap", Zel::getBy<&TunnelMib::tunnelInetConfigTable>,
-      nullptr,
-      [](Zel::PtrInterface & mib) { static_cast<TunnelMib &>(mib).tunnelInetConfigTableDelAll(); }};
+  static auto const attribute = [] {
+    auto made = tableOf<&TunnelMib::tunnelInetConfigTable>("tunnelInetConfigTable");
+    made.del = [](Zel::PtrInterface & mib) {
+      static_cast<TunnelMib &>(mib).tunnelInetConfigTableDelAll();
+    };
+    return made;
+  }();
   return attribute;
 }
 
 Zel::Attribute const & TunnelMib::ipsecTunnelIfTableAttribute() {
-  static auto const attribute =
-      attributeOf<wholeIpsecTunnelIfTable>("ipsecTunnelIfTable", "Zel::RbTreeMap");
+  static auto const attribute = tableOf<wholeIpsecTunnelIfTable>("ipsecTunnelIfTable");
   return attribute;
 }
 

@@ -9,8 +9,10 @@
 #include "platform/Snmp.h"
 #include <algorithm>
 #include <array>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
+#include <utility>
 
 namespace Agent {
 
@@ -18,10 +20,14 @@ namespace {
 
 Lumo::Counter notifieeExceptions("agent-notifiee-exceptions");
 Lumo::Counter taskExceptions("agent-task-exceptions");
+Lumo::Counter machinesHealed("agent-machines-healed");
 
 /// How long a task works before it is asked to yield: about as long as half of all requests wait
 /// while there is much to do.
 constexpr std::chrono::milliseconds taskShare{2};
+
+/// How often it is looked whether the machines have missed a change.
+constexpr std::chrono::seconds healPeriod{1};
 
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
 constexpr char const * rootPath = "snmp/tunnelIntf/root";
@@ -50,13 +56,17 @@ Agent::Agent(Options options, EventLoop & loop)
     : options_(std::move(options)),
       loop_(loop),
       scheduler_(Zel::makePtr<Kiln::TaskScheduler>(std::chrono::steady_clock::now, taskShare)),
-      notifieeFailed_([](std::string_view pointer, std::exception const & exception) {
+      notifieeFailed_([this](std::string_view pointer, std::exception const & exception) {
+        noteShortage(exception);
         reportFailure(notifieeExceptions, fmt::format("after the change of {}", pointer),
                       exception);
       }),
       document_(database_, notifieeFailed_),
       publishers_(database_, notifieeFailed_) {
+  if (!options_.isGuest)
+    serviceManager_.emplace(loop);
   try {
+    healing_ = loop_.every(healPeriod, [this] { heal(); });
     startPlatform();
     startPlugin();
     startSources();
@@ -85,20 +95,29 @@ bool Agent::work() {
     if (scheduler_->scheduled() == 0 && !ready_)
       noticeReady();
   } catch (std::exception const & exception) {
+    noteShortage(exception);
     reportFailure(taskExceptions, "in a task", exception);
   }
   return scheduler_->scheduled() != 0;
 }
 
 void Agent::restartMachines() {
-  Zel::attributeDel(*database_.lookup(rootPath), "tunnelIntfSnmpAgent");
-  // Of this table no row is taken over: one that was left would keep its successor out, and then be
-  // reconciled away.
-  Zel::attributeDel(*database_.lookup(mibPath), "tunnelInetConfigTable");
-  startMachines();
+  try {
+    Zel::attributeDel(*database_.lookup(rootPath), "tunnelIntfSnmpAgent");
+    // Of this table no row is taken over: one that was left would keep its successor out, and then
+    // be reconciled away.
+    Zel::attributeDel(*database_.lookup(mibPath), "tunnelInetConfigTable");
+    startMachines();
+  } catch (...) {
+    hasMissedChanges_ = true; // there may be no machines now
+    throw;
+  }
 }
 
 void Agent::stop() {
+  if (serviceManager_)
+    serviceManager_->stopping();
+  healing_.reset();
   control_.reset(); // an answer under way holds rows
   patches_.reset();
   done("control socket closed");
@@ -131,7 +150,8 @@ void Agent::stopPlugin() {
 
 void Agent::startPlatform() {
   Lumo::traceSinkIs(writeTrace);
-  Zel::exceptionReporterIs([](std::string_view where, std::exception const & exception) {
+  Zel::exceptionReporterIs([this](std::string_view where, std::exception const & exception) {
+    noteShortage(exception);
     reportFailure(notifieeExceptions, where, exception);
   });
   for (auto const & trace : options_.traces)
@@ -178,7 +198,9 @@ void Agent::startSources() {
       [](Sources::Source const & source, std::string_view text) {
         report(fmt::format("{}: {}", source.name(), text));
       }};
-  rereads_.emplace(loop_, sources_, [this] { return rereadConfiguration(); });
+  rereads_.emplace(
+      loop_, sources_, [this] { return rereadConfiguration(); },
+      [this](bool isUnderWay) { rereadIsUnderWay(isUnderWay); });
   for (auto const & text : options_.sources) {
     try {
       sources_.push_back(Sources::makeSource(text, surroundings));
@@ -201,8 +223,25 @@ void Agent::startMachines() {
 
 void Agent::noticeReady() {
   ready_ = isReady(machinesStatus(*database_.lookup(rootPath)));
-  if (ready_)
-    done("ready");
+  if (!ready_)
+    return;
+  done("ready");
+  if (serviceManager_)
+    serviceManager_->ready(servedAt_);
+}
+
+// Whether it was a machine that raised it, nobody knows here.
+void Agent::noteShortage(std::exception const & what) {
+  if (dynamic_cast<std::bad_alloc const *>(&what) != nullptr)
+    hasMissedChanges_ = true;
+}
+
+void Agent::heal() {
+  if (!std::exchange(hasMissedChanges_, false))
+    return;
+  restartMachines();
+  machinesHealed.inc();
+  report("memory was short; the machines have been started anew, in case they missed a change");
 }
 
 void Agent::startSnmp() {
@@ -228,7 +267,9 @@ void Agent::startControl() {
                          [this] { return status(); },
                          [this] { return reread(); },
                          [this] { restartMachines(); },
-                         [this] { return connections(); }};
+                         [this] { return connections(); },
+                         database_,
+                         links_};
   auto const commands = std::make_shared<Commands>(host);
   control_ = std::make_unique<ControlSocket>(
       loop_, options_.controlPath,
@@ -244,6 +285,11 @@ std::vector<std::string> Agent::rereadConfiguration() {
   } catch (std::exception const & error) {
     return {error.what()};
   }
+}
+
+void Agent::rereadIsUnderWay(bool isUnderWay) {
+  if (serviceManager_)
+    isUnderWay ? serviceManager_->reloading() : serviceManager_->reloaded();
 }
 
 // What goes wrong while everything is read again is told when that is over.
@@ -272,7 +318,8 @@ nlohmann::ordered_json Agent::status() const {
   Json out{{"ready", isReady(machines)},
            {"version", TUNNELSNMPD_VERSION},
            {"servedAt", servedAt_},
-           {"enterprise", VELMORA_ENTERPRISE_NUMBER}};
+           {"enterprise", VELMORA_ENTERPRISE_NUMBER},
+           {"configuration", options_.configFile}};
   if (auto const * master = snmp_ ? snmp_->agentx() : nullptr)
     out["agentx"] = masterStatus(*master);
   out["machines"] = std::move(machines);

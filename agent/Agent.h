@@ -5,6 +5,9 @@
 // first scans find what there is; and SNMP comes after the machines, so that no request is answered
 // out of tables that nobody fills. At the end serving stops before anything goes that an answer may
 // hold.
+//
+// Where there is no memory for telling the machines of a change, a row may be missing or stay. What
+// a machine has not heard it cannot know of, so within a second the machines are started anew.
 #pragma once
 
 #include "agent/ControlSocket.h"
@@ -13,6 +16,7 @@
 #include "agent/Patches.h"
 #include "agent/Plugin.h"
 #include "agent/Rereads.h"
+#include "agent/ServiceManager.h"
 #include "agent/SnmpEngine.h"
 #include "platform/Kiln.h"
 #include "platform/Lumo.h"
@@ -60,9 +64,12 @@ private:
   void startSources();
   void startMachines();
   void noticeReady();
+  void noteShortage(std::exception const & what);
+  void heal();
   void startSnmp();
   void startControl();
   std::vector<std::string> rereadConfiguration();
+  void rereadIsUnderWay(bool isUnderWay);
   void sourceHasChanged(Sources::Source const & source) const;
   bool isReady(nlohmann::ordered_json const & machines) const;
   nlohmann::ordered_json status() const;
@@ -70,6 +77,7 @@ private:
 
   Options const options_;
   EventLoop & loop_;
+  std::optional<ServiceManager> serviceManager_; // none for a guest: that of its host is not ours
   Zel::Ptr<Kiln::TaskScheduler> const scheduler_;
   StateDb::StateDb database_;
   StateDb::NotifieeFailed const notifieeFailed_;
@@ -83,6 +91,8 @@ private:
   std::optional<Rereads> rereads_;
   std::unique_ptr<Patches> patches_;
   std::unique_ptr<ControlSocket> control_;
+  Os::Loop::Handle healing_; // made at the start: it is for when there is no memory
+  bool hasMissedChanges_ = false;
   std::string servedAt_;
   bool ready_ = false; // as last noticed, of the machines that there are
 };

@@ -4,6 +4,7 @@
 #include "agent/JsonText.h"
 #include "agent/Status.h"
 #include "agent/TraceHandles.h"
+#include "agent/Tunnels.h"
 #include "os/Text.h"
 #include "platform/Lumo.h"
 #include "json/Input.h"
@@ -62,10 +63,10 @@ Answer showStatus(CommandHost const & host, Json &) {
 }
 
 /// An answer whose result the writer writes piece by piece.
-template <class Writer, class From>
-Answer inPieces(From from) {
+template <class Writer, class... From>
+Answer inPieces(From &&... from) {
   // Shared: an Answer can be copied, a walk under way cannot.
-  auto const writer = std::make_shared<Writer>(std::move(from));
+  auto const writer = std::make_shared<Writer>(std::forward<From>(from)...);
   return [writer, begun = false](std::string & out) mutable {
     if (!std::exchange(begun, true))
       out += R"({"ok":true,"result":)";
@@ -78,6 +79,14 @@ Answer inPieces(From from) {
 
 Answer showTables(CommandHost const & host, Json &) {
   return inPieces<TablesWriter>(host.mib);
+}
+
+Answer showColumns(CommandHost const & host, Json &) {
+  return okAnswer(tableColumns(*host.mib));
+}
+
+Answer showTunnels(CommandHost const & host, Json &) {
+  return inPieces<TunnelsWriter>(host.database, host.links);
 }
 
 Answer showConnections(CommandHost const & host, Json &) {
@@ -163,6 +172,8 @@ std::vector<Commands::Command> const & Commands::table() {
       {"version", "", "the version of the daemon", showVersion},
       {"status", "", "readiness, scans, tasks, sources and failures", showStatus},
       {"tables/show", "", "the rows that are served", showTables},
+      {"tables/columns", "", "the columns of each table, and what their numbers mean", showColumns},
+      {"tunnels/show", "", "what is known of each tunnel", showTunnels},
       {"ike/show", "", "each IPsec connection, and which interface it protects", showConnections},
       {"tasks/show", "", "every task of the scheduler", showTasks},
       {"statedb/show", "pointer", "the input state below a JSON pointer", showState},

@@ -41,6 +41,8 @@ struct CommandHost {
   std::function<void()> restartMachines;
   /// What each source knows of IPsec connections.
   std::function<std::vector<SourceConnections>()> connections;
+  StateDb::StateDb const & database; ///< the one that the document shows
+  Sources::Links const & links;
 };
 
 class Commands {

@@ -16,6 +16,7 @@
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <optional>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -79,6 +80,8 @@ void removeStale(std::string const & path, Os::UnixAddress const & address) {
   auto const probe = newSocket(path);
   if (connect(probe.get(), address.get(), address.size()) == 0)
     throw refusal(path, "another daemon is listening there");
+  if (errno == ENOENT)
+    return; // it has gone meanwhile
   if (errno != ECONNREFUSED)
     throw refusal(path, std::strerror(errno));
   staleSockets.inc();
@@ -119,8 +122,17 @@ private:
   Os::Descriptor file_;
 };
 
+/// The system empties /run with each start, so that the default's folder is there only after the
+/// daemon or its supervisor made it.
+void makeFolder(std::string const & path) {
+  auto const folder = std::filesystem::path(path).parent_path();
+  if (!folder.empty() && mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST)
+    throw refusal(path, std::strerror(errno));
+}
+
 Os::Descriptor listenAt(std::string const & path) {
   auto const address = addressOf(path);
+  makeFolder(path);
   PathLock const lock(path);
   auto descriptor = newSocket(path);
   if (bindPrivately(descriptor.get(), address) != 0) {

@@ -30,8 +30,9 @@ class ControlSocket {
 public:
   using Handler = std::function<Answer(std::string_view request)>;
 
-  /// Listens at the path with mode 0600, in the place of what a dead daemon left behind. Raises
-  /// std::runtime_error, one line, when somebody listens there or the socket cannot be made.
+  /// Listens at the path with mode 0600, in the place of what a dead daemon left behind. The folder
+  /// is made, with mode 0755, when it is missing, and stays. Raises std::runtime_error, one line,
+  /// when somebody listens there or the socket cannot be made.
   ControlSocket(EventLoop & loop, std::string path, Handler handler, ControlLimits limits = {});
   ControlSocket(ControlSocket const &) = delete;
   ControlSocket & operator=(ControlSocket const &) = delete;

@@ -24,7 +24,7 @@ struct Options {
   std::string configFile;            ///< empty: read-only community "public" from loopback
   std::vector<TraceOption> traces;
   /// Empty: none, which only a guest may be told.
-  std::string controlPath = "/run/tunnelsnmpd.sock";
+  std::string controlPath = "/run/tunnelsnmpd/tunnelsnmpd.sock";
   std::string pluginFile;
   Iterator iterator = Iterator::host;
   bool isGuest = false; ///< of an agent that has net-snmp already, as dlmod/ is of snmpd

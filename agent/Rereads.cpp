@@ -20,10 +20,12 @@ bool isReading(std::unique_ptr<Sources::Source> const & source) {
 
 } // namespace
 
-Rereads::Rereads(Os::Loop & loop, Sources const & sources, ReadConfiguration readConfiguration)
+Rereads::Rereads(Os::Loop & loop, Sources const & sources, ReadConfiguration readConfiguration,
+                 Listener listener)
     : loop_(loop),
       sources_(sources),
-      readConfiguration_(std::move(readConfiguration)) {}
+      readConfiguration_(std::move(readConfiguration)),
+      listener_(std::move(listener)) {}
 
 // What is under way may have passed what the wish is about, so it is met by the one that follows.
 std::shared_ptr<RereadOutcome const> Rereads::wish() {
@@ -33,8 +35,10 @@ std::shared_ptr<RereadOutcome const> Rereads::wish() {
   if (isFirst)
     outcome = std::make_shared<RereadOutcome>();
   auto const answer = outcome;
-  if (isFirst && answer == current_)
+  if (isFirst && answer == current_) {
+    listener_(true);
     begin();
+  }
   return answer;
 }
 
@@ -67,6 +71,8 @@ void Rereads::end() {
   *std::exchange(current_, std::exchange(next_, nullptr)) = std::move(failures);
   if (current_)
     begin();
+  else
+    listener_(false);
 }
 
 std::vector<std::string> Rereads::sourceFailures() const {

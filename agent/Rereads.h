@@ -22,9 +22,12 @@ public:
   using Sources = std::vector<std::unique_ptr<::Sources::Source>>;
   /// Reads the configuration; returns a line for each failure.
   using ReadConfiguration = std::function<std::vector<std::string>()>;
+  /// Hears when readings begin (true), and when the last one that was wished is over (false).
+  using Listener = std::function<void(bool isUnderWay)>;
 
   /// `loop` and `sources` outlive it.
-  Rereads(Os::Loop & loop, Sources const & sources, ReadConfiguration readConfiguration);
+  Rereads(Os::Loop & loop, Sources const & sources, ReadConfiguration readConfiguration,
+          Listener listener);
   Rereads(Rereads const &) = delete;
   Rereads & operator=(Rereads const &) = delete;
 
@@ -43,6 +46,7 @@ private:
   Os::Loop & loop_;
   Sources const & sources_;
   ReadConfiguration const readConfiguration_;
+  Listener const listener_;
   std::shared_ptr<RereadOutcome> current_; // of the reading under way
   std::shared_ptr<RereadOutcome> next_;    // of the one that follows it; null: nobody wishes one
   std::vector<std::string> failures_;      // of the one under way, until now

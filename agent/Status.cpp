@@ -16,9 +16,16 @@ namespace {
 
 constexpr std::size_t rowsInPiece = 200;
 
-bool hasAttribute(Zel::PtrInterface const & object, std::string_view name) {
+/// The attribute of that name, or null.
+Zel::Attribute const * attributeOf(Zel::PtrInterface const & object, std::string_view name) {
   auto const attributes = object.type().attributes;
-  return std::ranges::any_of(attributes, [name](auto * one) { return one->name == name; });
+  auto const found =
+      std::ranges::find_if(attributes, [name](auto * one) { return one->name == name; });
+  return found == attributes.end() ? nullptr : *found;
+}
+
+bool hasAttribute(Zel::PtrInterface const & object, std::string_view name) {
+  return attributeOf(object, name) != nullptr;
 }
 
 /// A plain value as JSON; nothing for an object or a collection.
@@ -32,11 +39,20 @@ std::optional<Json> scalar(Zel::Value const & value) {
   return std::nullopt;
 }
 
+/// A number by the name that the attribute has for it, where it has one.
+Json named(Zel::Attribute const & attribute, Json value) {
+  for (auto const & [number, name] : attribute.enumerators)
+    if (value == number)
+      return name;
+  return value;
+}
+
 void putIfThere(Json & out, Zel::PtrInterface const & object, std::string_view name) {
-  if (!hasAttribute(object, name))
+  auto const * attribute = attributeOf(object, name);
+  if (attribute == nullptr || attribute->get == nullptr)
     return;
-  if (auto value = scalar(Zel::attribute(object, name)))
-    out[std::string(name)] = *std::move(value);
+  if (auto value = scalar(attribute->get(object)))
+    out[std::string(name)] = named(*attribute, *std::move(value));
 }
 
 /// What would be copied whole, however large it is.
@@ -139,20 +155,35 @@ Json registrationStatus(AgentX::RegionStatus const & one) {
           {"reason", hasReason ? AgentX::errorText(one.reason) : ""}};
 }
 
-/// The objects of a collection; nothing when it is no collection, or one of plain values.
-std::optional<std::vector<Object>> objectsOf(Zel::Value value) {
-  auto * const collection = std::get_if<Zel::Value::Collection>(&value.is);
-  if (collection == nullptr)
-    return std::nullopt;
-  std::vector<Object> objects;
-  objects.reserve(collection->size());
-  for (auto & [key, entry] : *collection) {
-    auto * const object = std::get_if<Object>(&entry.is);
-    if (object == nullptr)
-      return std::nullopt;
-    objects.push_back(std::move(*object));
-  }
-  return objects;
+Object objectOf(std::optional<Zel::Value> const & value) {
+  auto const * object = value ? std::get_if<Object>(&value->is) : nullptr;
+  return object == nullptr ? Object() : *object;
+}
+
+bool isTable(Zel::Attribute const & attribute, Zel::PtrInterface const & mib) {
+  if (attribute.walk == nullptr)
+    return false;
+  auto const first = attribute.walk(mib)();
+  return !first || objectOf(first);
+}
+
+/// The columns of a row with their values.
+template <class Take>
+void forEachColumn(Zel::PtrInterface const & row, Take take) {
+  for (auto const * column : row.type().attributes)
+    if (auto const value = column->get == nullptr ? std::nullopt : scalar(column->get(row)))
+      take(*column, *value);
+}
+
+Json columnsOf(Zel::PtrInterface const & row) {
+  auto columns = Json::array();
+  forEachColumn(row, [&](Zel::Attribute const & column, Json const &) {
+    Json one{{"name", column.name}, {"type", column.typeName}};
+    for (auto const & [number, name] : column.enumerators)
+      one["enumerators"][std::to_string(number)] = name;
+    columns.push_back(std::move(one));
+  });
+  return columns;
 }
 
 } // namespace
@@ -227,20 +258,32 @@ Json tasksSummary(Kiln::TaskScheduler const & scheduler) {
           {"workPending", pending}};
 }
 
+Json tableColumns(Zel::PtrInterface const & mib) {
+  auto tables = Json::object();
+  for (auto const * attribute : mib.type().attributes)
+    if (attribute->walk != nullptr)
+      if (auto const row = objectOf(attribute->walk(mib)()))
+        tables[std::string(attribute->name)] = columnsOf(*row);
+  return tables;
+}
+
 TablesWriter::TablesWriter(Object mib) : mib_(std::move(mib)) {}
 
 bool TablesWriter::next(std::string & out) {
-  if (!inTable_) {
+  if (!walk_) {
     beginTable(out);
-    return inTable_;
+    return walk_ != nullptr;
   }
-  for (std::size_t count = 0; count != rowsInPiece && row_ != rows_.size(); ++count)
-    writeRow(out);
-  if (row_ == rows_.size()) {
-    out += ']';
-    rows_.clear();
-    inTable_ = false;
-    ++attribute_;
+  for (std::size_t count = 0; count != rowsInPiece; ++count) {
+    auto const entry = walk_();
+    if (!entry) {
+      out += ']';
+      walk_ = nullptr;
+      ++attribute_;
+      return true;
+    }
+    if (auto const row = objectOf(entry))
+      writeRow(out, *row);
   }
   return true;
 }
@@ -248,36 +291,28 @@ bool TablesWriter::next(std::string & out) {
 // Finds the next table and opens it, or ends the whole.
 void TablesWriter::beginTable(std::string & out) {
   auto const attributes = mib_->type().attributes;
-  for (; attribute_ != attributes.size(); ++attribute_) {
-    auto const & attribute = *attributes[attribute_];
-    auto rows = attribute.get == nullptr ? std::nullopt : objectsOf(attribute.get(*mib_));
-    if (!rows)
-      continue;
-    rows_ = *std::move(rows);
-    row_ = 0;
-    inTable_ = true;
-    out += anyTable_ ? "," : "{";
-    anyTable_ = true;
-    out += jsonText(attribute.name);
-    out += ":[";
+  while (attribute_ != attributes.size() && !isTable(*attributes[attribute_], *mib_))
+    ++attribute_;
+  if (attribute_ == attributes.size()) {
+    out += anyTable_ ? "}" : "{}";
     return;
   }
-  out += anyTable_ ? "}" : "{}";
+  auto const & attribute = *attributes[attribute_];
+  walk_ = attribute.walk(*mib_);
+  anyRow_ = false;
+  out += std::exchange(anyTable_, true) ? "," : "{";
+  out += jsonText(attribute.name) + ":[";
 }
 
-void TablesWriter::writeRow(std::string & out) {
-  auto const row = std::exchange(rows_[row_], nullptr);
-  out += row_++ == 0 ? "{" : ",{";
+void TablesWriter::writeRow(std::string & out, Zel::PtrInterface const & row) {
+  out += std::exchange(anyRow_, true) ? ",{" : "{";
   auto first = true;
-  for (auto const * column : row->type().attributes) {
-    auto const value = column->get == nullptr ? std::nullopt : scalar(column->get(*row));
-    if (!value)
-      continue;
+  forEachColumn(row, [&](Zel::Attribute const & column, Json const & value) {
     out += std::exchange(first, false) ? "" : ",";
-    out += jsonText(column->name);
+    out += jsonText(column.name);
     out += ':';
-    out += jsonText(*value);
-  }
+    out += jsonText(value);
+  });
   out += '}';
 }
 

@@ -8,8 +8,10 @@
 //   inputs; each bool whose name ends in "OutputReconciling" says that a deletion scan is owed, and
 //   the attribute whose name ends in "OutputBookmark" how far it is; "rescanUnheard" counts how
 //   often an input went unheard;
-// - each attribute of the MIB entity that is a collection of objects is a table, and the columns of
-//   a row are its attributes that are no objects themselves.
+// - each attribute of the MIB entity that can be walked and holds objects is a table, and the
+// columns
+//   of a row are its attributes that are no objects themselves;
+// - a number of an attribute with enumerators has a name.
 #pragma once
 
 #include "agent/agentx/SessionStatus.h"
@@ -27,9 +29,9 @@
 namespace Agent {
 
 /// The machines in order, each {name, ready, idle, initialized, initialScanDone, synchronous,
-/// reconciling, reconciledTo while it is, rescanUnheard, inputs: [{name, scanState, scanComplete,
-/// scanned, inputSize}]}; what an object does not have is left out. Empty when the root has no
-/// agent.
+/// reconciling, reconciledTo while it is, rescanUnheard, inputs: [{name, scanState in words,
+/// scanComplete, scanned, inputSize}]}; what an object does not have is left out. Empty when the
+/// root has no agent.
 nlohmann::ordered_json machinesStatus(Zel::PtrInterface const & root);
 /// True if and only if there are machines and all of them are ready.
 bool allReady(nlohmann::ordered_json const & machines);
@@ -48,9 +50,13 @@ nlohmann::ordered_json tasksStatus(Kiln::TaskScheduler const & scheduler);
 /// The sums: {count, scheduled, runs, workPending}.
 nlohmann::ordered_json tasksSummary(Kiln::TaskScheduler const & scheduler);
 
+/// What the columns of each table that has a row are: {"TABLE": [{name, type, enumerators: {number:
+/// name} where it has any}, ...], ...}.
+nlohmann::ordered_json tableColumns(Zel::PtrInterface const & mib);
+
 /// Writes the tables of a MIB entity piece by piece, as {"TABLE": [{column: value, ...}, ...], ...}
-/// in JSON. Each table is written as it was when its first piece was: rows that come and go
-/// meanwhile change nothing. Holds the entity and the rows.
+/// in JSON, with numbers as they are. A row that is there all the while is written once; one that
+/// comes or goes meanwhile may be. Holds the entity.
 class TablesWriter {
 public:
   explicit TablesWriter(Zel::Ptr<Zel::PtrInterface const> mib);
@@ -60,14 +66,13 @@ public:
 
 private:
   void beginTable(std::string & out);
-  void writeRow(std::string & out);
+  void writeRow(std::string & out, Zel::PtrInterface const & row);
 
   Zel::Ptr<Zel::PtrInterface const> const mib_;
   std::size_t attribute_ = 0; // the attribute that is written now, or the next one
-  bool inTable_ = false;
   bool anyTable_ = false;
-  std::vector<Zel::Ptr<Zel::PtrInterface const>> rows_;
-  std::size_t row_ = 0;
+  Zel::Walk walk_; // over the table that is written now; null when none is
+  bool anyRow_ = false;
 };
 
 /// What one source knows of IPsec connections.

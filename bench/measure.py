@@ -6,8 +6,10 @@ import json
 import os
 import random
 import signal
+import socket
 import subprocess
 import sys
+import time
 
 from agents import MODES, OURS, PATIENCE, SUBAGENTS, network_namespace, within
 
@@ -140,7 +142,8 @@ class Measure:
 
     def _waits(self, mode, rows):
         figures = {"idle": [], "start": [], "scan and reconciliation": [], "restart-machines": [],
-                   "reread": [], "garbage": [], "links come and go": []}
+                   "reread": [], "garbage": [], "links come and go": [],
+                   "no strongSwan": [], "strongSwan hangs": [], "strongSwan lists SAs": []}
         *others, last = sorted(os.sched_getaffinity(0))
         # A manager on the busy daemon's core would wait for the kernel to give it a turn.
         with on(others or {last}):
@@ -155,6 +158,7 @@ class Measure:
                         self._wait_for(agent, rows, figures)
                     finally:
                         agent.end()
+                self._wait_for_strongswan(mode, rows, figures, last)
         return figures
 
     def _wait_for(self, agent, rows, figures):
@@ -173,8 +177,34 @@ class Measure:
         if agent.namespace:
             self._disturb(agent, rows, figures["links come and go"], "links")
 
+    def _wait_for_strongswan(self, mode, rows, figures, core):
+        path = self.workshop.path("charon.vici")
+
+        def ask(name):
+            with on({core}):
+                agent = self.workshop.daemon(mode, rows, sources=["vici:" + path])
+            try:
+                agent.control.wait_ready()
+                answer = self.workshop.ask(agent, "if", rows, "latency", "--seconds", 6)
+            finally:
+                agent.end()
+            figures[name].append(answer)
+
+        ask("no strongSwan")
+        with socket.socket(socket.AF_UNIX) as hangs:
+            hangs.bind(path)
+            hangs.listen()
+            ask("strongSwan hangs")
+        os.unlink(path)
+        with Disturbance("strongswan", path) as disturbance:
+            while not os.path.exists(path):
+                time.sleep(0.01)
+            ask("strongSwan lists SAs")
+        os.unlink(path)
+        figures["strongSwan lists SAs"][-1]["disturbances"] = disturbance.per_second
+
     def _disturb(self, agent, rows, figures, *what):
-        with Disturbance(agent, *what) as disturbance:
+        with Disturbance(*what, namespace=agent.namespace) as disturbance:
             answer = self.workshop.ask(agent, "if", rows, "latency", "--seconds", 3)
         figures.append({**answer, "disturbances": disturbance.per_second})
 
@@ -293,8 +323,8 @@ class Measure:
 class Disturbance:
     """bench/disturb.py works while the block runs. Then `per_second` says how hard."""
 
-    def __init__(self, agent, *what):
-        self.command = [*within(agent.namespace), sys.executable,
+    def __init__(self, *what, namespace=None):
+        self.command = [*within(namespace), sys.executable,
                         os.path.join(os.path.dirname(__file__), "disturb.py"), *what]
 
     def __enter__(self):

@@ -274,7 +274,7 @@ NOTES = {
     "waits": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
                "from when `tunnelsnmpctl restart-machines` has answered, or from just before it, "
-               "until the daemon is ready again; while the daemon reads its JSON file again; while another client sends it random datagrams, 64 and then a request, as soon as that is answered; while links come and go in its network namespace. The daemon has the largest number of tunnels that is measured.",
+               "until the daemon is ready again; while the daemon reads its JSON file again; while another client sends it random datagrams, 64 and then a request, as soon as that is answered; while links come and go in its network namespace; with `--source vici` and no strongSwan, with one that takes a connection and says nothing, and while one lists 10,000 SAs (so many a second) as soon as it has listed them. The daemon has the largest number of tunnels that is measured.",
     "start": "CPU time from the making of the machines until all of them are ready, in task mode "
              "with the real scheduler; of {turns} rounds. Each is the one start of a process of its own, "
              "as the maps are filled in one of their own, in the order of the machines' scans "

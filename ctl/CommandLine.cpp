@@ -1,5 +1,6 @@
 // The commands and options as CLI11 knows them, and what is said where it would say too little.
 #include "ctl/CommandLine.h"
+#include "ctl/doctor/Doctor.h"
 #include "os/CommandLine.h"
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -17,6 +18,9 @@ using Action = void (*)(Arguments const &);
 constexpr char const * examples = R"(Examples:
   tunnelsnmpctl status                       is it ready, and how are its sources?
   tunnelsnmpctl wait-ready --timeout 10      for scripts: 0 when ready, 1 when not in time
+  tunnelsnmpctl doctor                       why does my manager show nothing?
+  tunnelsnmpctl show tunnels                 one line a tunnel, and why it has no row in a table
+  tunnelsnmpctl watch                        the same, and then each change
   tunnelsnmpctl show tables                  the rows that managers see
   tunnelsnmpctl show state /ifMib            a part of the input state, as JSON
   tunnelsnmpctl show ike                     which IPsec connection protects which interface?
@@ -24,7 +28,8 @@ constexpr char const * examples = R"(Examples:
   echo '[{"op":"add","path":"/ifMib/ifIndexByIntfId/7","value":12}]' | tunnelsnmpctl patch -
 
 Exit status: 0 done, 1 refused, not ready or not in time, 2 wrong usage or no daemon there that
-answers, 3 the answer could not be written to the standard output (it was carried out).
+answers, 3 the answer could not be written to the standard output (it was carried out). Of doctor: 0
+all is right, 1 something is to be done, 2 it cannot be told.
 )";
 
 /// A number of seconds; "nan" is none, and neither is what overflows.
@@ -33,6 +38,16 @@ std::string whyNoTimeout(std::string const & text) {
   auto const isOne =
       CLI::detail::lexical_cast(text, seconds) && seconds >= 0 && seconds <= longestTimeoutSeconds;
   return isOne ? "" : fmt::format("give 0 to {:.0f} seconds", longestTimeoutSeconds);
+}
+
+/// The same for the time between two looks.
+std::string whyNoInterval(std::string const & text) {
+  double seconds = 0;
+  auto const isOne = CLI::detail::lexical_cast(text, seconds) &&
+                     seconds >= shortestIntervalSeconds && seconds <= longestTimeoutSeconds;
+  return isOne ? ""
+               : fmt::format("give {:g} to {:.0f} seconds", shortestIntervalSeconds,
+                             longestTimeoutSeconds);
 }
 
 class Parser {
@@ -48,6 +63,7 @@ public:
     addShow();
     addTrace();
     add(app_, "status", "Readiness, scans, sources, tasks and failures", status);
+    addDoctor();
     add(app_, "patch", "Change the input state by a JSON Patch (RFC 6902)", patch)
         ->add_option("FILE", arguments_.patchFile, "The patch; - reads the standard input")
         ->required();
@@ -58,6 +74,11 @@ public:
         ->add_option("--timeout", arguments_.timeoutSeconds, "How long to wait")
         ->type_name("SECONDS")
         ->check(CLI::Validator(whyNoTimeout, ""))
+        ->capture_default_str();
+    add(app_, "watch", "Show the tunnels, and then each change, until it is ended", watch)
+        ->add_option("--interval", arguments_.intervalSeconds, "How long until the next look")
+        ->type_name("SECONDS")
+        ->check(CLI::Validator(whyNoInterval, ""))
         ->capture_default_str();
     add(app_, "version", "The versions of this program and of the daemon", showVersion);
   }
@@ -79,12 +100,35 @@ private:
     auto * const show = app_.add_subcommand("show", "Show what the daemon holds");
     show->require_subcommand(1);
     add(*show, "tables", "The rows of the tables that are served", showTables);
+    add(*show, "tunnels",
+        "One line a tunnel: its interface, addresses, IPsec state, and why it has no row in a "
+        "table",
+        showTunnels);
     add(*show, "state", "The input state", showState)
         ->add_option("POINTER", arguments_.pointer, "A JSON pointer, for example /ifMib");
     add(*show, "ike", "Each IPsec connection: its state, which interface it protects, and why",
         showIke);
     add(*show, "tasks", "The scheduler's tasks", showTasks);
     add(*show, "counters", "The counts of rare events", showCounters);
+  }
+
+  void addDoctor() {
+    auto * const command = add(
+        app_, "doctor", "Why does my manager show nothing? What is right, and what to do", doctor);
+    command
+        ->add_option("--snmpd-config", arguments_.snmpdConfig,
+                     "The configuration of the master, snmpd")
+        ->type_name("FILE")
+        ->capture_default_str();
+    command
+        ->add_option(
+            "--address", arguments_.address,
+            "Where to ask as a manager does, as net-snmp writes addresses; without it as the "
+            "configuration says")
+        ->type_name("ADDRESS");
+    command->add_option("SNMP-ARGUMENT", arguments_.snmpArguments,
+                        "Behind --, as snmpget takes them before the host: -- -v2c -c COMMUNITY. "
+                        "Without any, a community of the configuration, or public");
   }
 
   void addTrace() {

@@ -1,7 +1,11 @@
-// One exchange each, but wait-ready, which asks again and again.
+// One exchange each, but wait-ready and watch, which ask again and again.
 #include "ctl/Commands.h"
 #include "ctl/Client.h"
 #include "ctl/Render.h"
+#include "ctl/Status.h"
+#include "ctl/Terminal.h"
+#include "ctl/Tunnels.h"
+#include "ctl/Watch.h"
 #include "os/Descriptor.h"
 #include "os/StandardStreams.h"
 #include "json/Input.h"
@@ -10,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -49,12 +54,29 @@ std::chrono::milliseconds toMilliseconds(double seconds) {
 
 void status(Arguments const & arguments) {
   auto const result = ask(arguments, "status");
-  printResult(arguments, result, statusText(result));
+  printResult(arguments, result,
+              statusText(result, std::chrono::system_clock::now(), showsColours()));
 }
 
 void showTables(Arguments const & arguments) {
   auto const result = ask(arguments, "tables/show");
-  printResult(arguments, result, tablesText(result));
+  if (arguments.json)
+    return printResult(arguments, result, "");
+  print(tablesText(result, ask(arguments, "tables/columns"), showsColours()));
+}
+
+namespace {
+
+Json tunnelsNow(Arguments const & arguments) {
+  auto tunnels = ask(arguments, "tunnels/show");
+  return withRemarks(std::move(tunnels), ask(arguments, "tables/show"));
+}
+
+} // namespace
+
+void showTunnels(Arguments const & arguments) {
+  auto const tunnels = tunnelsNow(arguments);
+  printResult(arguments, tunnels, tunnelsText(tunnels, showsColours()));
 }
 
 void showState(Arguments const & arguments) {
@@ -65,12 +87,12 @@ void showState(Arguments const & arguments) {
 
 void showIke(Arguments const & arguments) {
   auto const result = ask(arguments, "ike/show");
-  printResult(arguments, result, connectionsText(result));
+  printResult(arguments, result, connectionsText(result, showsColours()));
 }
 
 void showTasks(Arguments const & arguments) {
   auto const result = ask(arguments, "tasks/show");
-  printResult(arguments, result, result.empty() ? "no tasks\n" : tableText(result));
+  printResult(arguments, result, result.empty() ? "no tasks\n" : tableText(result, showsColours()));
 }
 
 void showCounters(Arguments const & arguments) {
@@ -128,6 +150,50 @@ void waitReady(Arguments const & arguments) {
         throw;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
+namespace {
+
+std::string timeNow(char const * format, bool isUtc) {
+  auto const now = std::time(nullptr);
+  std::tm parts{};
+  (isUtc ? gmtime_r : localtime_r)(&now, &parts);
+  std::array<char, 32> text{};
+  return {text.data(), std::strftime(text.data(), text.size(), format, &parts)};
+}
+
+void printChanges(Arguments const & arguments, Json const & changes) {
+  for (auto const & change : changes) {
+    Json line{{"time", timeNow("%Y-%m-%dT%H:%M:%SZ", true)}};
+    line.update(change);
+    printResult(arguments, line, changeText(timeNow("%H:%M:%S", false), change, showsColours()));
+  }
+}
+
+/// One line beside the changes; a program reads it as {time, daemon}.
+void printNews(Arguments const & arguments, std::string const & news) {
+  Json const line{{"time", timeNow("%Y-%m-%dT%H:%M:%SZ", true)}, {"daemon", news}};
+  printResult(arguments, line, fmt::format("{}  {}\n", timeNow("%H:%M:%S", false), news));
+}
+
+} // namespace
+
+void watch(Arguments const & arguments) {
+  auto known = tunnelsNow(arguments);
+  printResult(arguments, Json{{"tunnels", known}}, tunnelsText(known, showsColours()));
+  for (auto isThere = true;;) {
+    std::this_thread::sleep_for(toMilliseconds(arguments.intervalSeconds));
+    try {
+      auto now = tunnelsNow(arguments);
+      if (!std::exchange(isThere, true))
+        printNews(arguments, "the daemon is back");
+      printChanges(arguments, changesBetween(known, now));
+      known = std::move(now);
+    } catch (Unreachable const & error) {
+      if (std::exchange(isThere, false))
+        printNews(arguments, error.what());
+    }
   }
 }
 

@@ -32,6 +32,8 @@ int main(int argc, char ** argv) {
     return run(Ctl::parseCommandLine({argv + 1, argv + argc}));
   } catch (Ctl::UsageError const & error) {
     return complain(Ctl::unusable, error.what());
+  } catch (Ctl::Undecided const & error) {
+    return complain(Ctl::unusable, error.what());
   } catch (Ctl::Unreachable const & error) {
     return complain(Ctl::unusable, error.what());
   } catch (Ctl::Refused const & error) {

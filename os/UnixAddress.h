@@ -1,4 +1,4 @@
-// The address of a Unix socket in the file system.
+// The address of a Unix socket: a place in the file system, or a name without one.
 #pragma once
 
 #include <optional>
@@ -16,15 +16,19 @@ public:
 
   /// The address of that path; nothing when the path is longer than longestPath.
   static std::optional<UnixAddress> ofPath(std::string_view path);
+  /// The address of that name in the abstract namespace (unix(7)), where no file stands for it;
+  /// nothing when the name is longer than longestPath.
+  static std::optional<UnixAddress> ofAbstractName(std::string_view name);
 
   /// Lives as long as this.
   sockaddr const * get() const { return reinterpret_cast<sockaddr const *>(&address_); }
   /// In bytes.
-  socklen_t size() const { return sizeof address_; }
+  socklen_t size() const { return size_; }
 
 private:
   UnixAddress() = default;
   sockaddr_un address_{};
+  socklen_t size_ = sizeof(sockaddr_un);
 };
 
 } // namespace Os

@@ -3,7 +3,6 @@
 #include "platform/Lumo.h"
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 namespace Sources {
 
@@ -55,16 +54,18 @@ void Links::heardOf(Plexa::IntfId intfId) {
 
 void Links::store(Link const & link) {
   auto * const known = entry(link.intfId);
-  if (known != nullptr)
-    noteSeen(*known);
-  else
-    ++seen_;
   if (known != nullptr && known->link == link)
-    return;
-  if (known != nullptr && known->link.name != link.name)
-    byName_.erase({known->link.name, link.intfId});
+    return noteSeen(*known);
+  auto const wasSeen = known != nullptr && known->reading == reading_;
+  auto const nameBefore = known != nullptr ? known->link.name : link.name;
+  auto made = std::make_unique<Entry>(Entry{link, reading_});
   byName_.insert({link.name, link.intfId});
-  links_.insertOrReplace(link.intfId, std::make_unique<Entry>(Entry{link, reading_}));
+  links_.insertOrReplace(link.intfId, std::move(made));
+  // From here on nothing needs memory: what is stored is told.
+  if (nameBefore != link.name)
+    byName_.erase({nameBefore, link.intfId});
+  if (!wasSeen)
+    ++seen_;
   tell(link.intfId);
 }
 
@@ -82,13 +83,16 @@ void Links::remove(Entry const & entry) {
   tell(intfId);
 }
 
-// The list may grow and shrink inside a call: a new watch hears the next change.
+// The list may grow inside a call: a new watch hears the next change. It shrinks when nobody goes
+// through it.
 void Links::tell(Plexa::IntfId intfId) {
-  auto const told = std::vector(watches_.begin(), watches_.end());
-  for (auto const & one : told)
-    if (auto const watch = one.lock())
+  ++telling_;
+  auto next = watches_.begin();
+  for (auto left = watches_.size(); left != 0; --left, ++next)
+    if (auto const watch = next->lock())
       (*watch)(intfId);
-  watches_.remove_if([](auto const & one) { return one.expired(); });
+  if (--telling_ == 0)
+    watches_.remove_if([](auto const & one) { return one.expired(); });
 }
 
 Links::Writer::Writer(Links & links) : links_(links) {

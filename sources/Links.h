@@ -97,6 +97,7 @@ private:
   Map links_;
   absl::btree_set<std::pair<std::string, Plexa::IntfId>> byName_;
   std::list<std::weak_ptr<Watch const>> watches_;
+  int telling_ = 0; // calls of tell() that are under way
   bool isWritten_ = false;
   std::uint64_t reading_ = 0; // the number of the last one
   bool isReading_ = false;

@@ -20,7 +20,8 @@ std::unique_ptr<Source> makeSource(std::string_view text, Surroundings const & s
   if (kind == "vici" || text.starts_with("vici,"))
     return makeViciSource(text.substr(std::string_view("vici").size()), surroundings);
   throw std::invalid_argument(fmt::format("\"{}\" is no source; use json:FILE, linux, "
-                                          "linux:kinds=..., vici, or vici:SOCKET, like "
+                                          "linux:kinds=..., linux:ipsec=states, vici, or "
+                                          "vici:SOCKET, like "
                                           "json:/etc/tunnels.json",
                                           text));
 }

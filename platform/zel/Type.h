@@ -10,6 +10,8 @@
 #include "platform/zel/Strep.h"
 #include <array>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -27,6 +29,17 @@ struct Value {
       is;
 };
 
+/// Gives the entries of a collection one after the other, in its order: the value of each, or
+/// nothing behind the last one. It keeps a key and no position, so entries may come and go between
+/// two calls; one that is there all the while is given once. The object outlives it.
+using Walk = std::function<std::optional<Value>()>;
+
+/// What one number of an enumeration means.
+struct Enumerator {
+  std::uint64_t number;
+  std::string_view name;
+};
+
 /// One attribute of a type. Its address is its identity in notifications.
 struct Attribute {
   std::string_view name;
@@ -40,6 +53,10 @@ struct Attribute {
   /// Removes what the attribute holds: its object, or every entry of its collection; null if it
   /// cannot be removed by name.
   void (*del)(PtrInterface & object) = nullptr;
+  /// Begins a walk over the collection that the attribute holds; null if it cannot be walked.
+  Walk (*walk)(PtrInterface const & object) = nullptr;
+  /// What its numbers mean; empty where they are no enumeration's. Lives as long as the attribute.
+  std::span<Enumerator const> enumerators = {};
 };
 
 /// What the framework knows of a type.
@@ -72,7 +89,7 @@ std::array<Attribute const *, N> pointersTo(Attribute const (&list)[N]) {
 /// after which a plug-in that was built before would not fit any more: of a member, of a virtual
 /// function, of a collection's insides, of what an argument or a text means. What is only added
 /// beside the rest needs no new number.
-inline constexpr unsigned platformInterface = 1;
+inline constexpr unsigned platformInterface = 2;
 template <unsigned Number>
 struct PlatformInterface {};
 
@@ -172,6 +189,21 @@ template <auto Member>
 Value getBy(PtrInterface const & object) {
   using Class = typename Detail::MemberOf<decltype(Member)>::Class;
   return toValue((static_cast<Class const &>(object).*Member)());
+}
+
+/// The `walk` of an attribute that a const member function returns: an RbTreeMap.
+template <auto Member>
+Walk walkBy(PtrInterface const & object) {
+  using Class = typename Detail::MemberOf<decltype(Member)>::Class;
+  auto const & entries = (static_cast<Class const &>(object).*Member)();
+  using Key = std::remove_cvref_t<decltype(entries.begin()->first)>;
+  return [&entries, last = std::optional<Key>()]() mutable -> std::optional<Value> {
+    auto const next = last ? entries.findNext(*last) : entries.begin();
+    if (next == entries.end())
+      return std::nullopt;
+    last = next->first;
+    return toValue(next->second);
+  };
 }
 
 /// An argument as the type that an attribute's `is` needs. Raises GenericAccessError, naming the

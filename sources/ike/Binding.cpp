@@ -461,7 +461,8 @@ void Binding::State::report(std::string const & connection, Known const & known)
   };
   for (auto const & [intfId, claim] : known.claims)
     if (isOurs(intfId))
-      bindings.interfaces[intfId] = {connection, claim.state, claim.rule};
+      bindings.interfaces[intfId] = {connection, claim.state, claim.rule,
+                                     ownerOf(intfId)->isContested};
   for (auto const & [line, state] : known.lines) {
     bindings.reports.push_back(reportOf(connection, line));
     bindings.reports.back().state = state;

@@ -55,6 +55,7 @@ struct Bound {
   std::string profile; ///< the connection's name
   ::Ipsec::Ike::ConnState state = ::Ipsec::Ike::ConnState::down;
   Rule rule = Rule::configured;
+  bool isContested = false; ///< another connection claims the interface too
   bool operator==(Bound const &) const = default;
 };
 

@@ -1,5 +1,6 @@
 // What the kernel puts into the key of its own look-up, for each kind.
 #include "sources/linux/Flow.h"
+#include <algorithm>
 #include <netinet/in.h>
 #include <span>
 #include <string_view>
@@ -28,6 +29,10 @@ constexpr KindOfFlow kinds[] = {
     {"geneve", IPPROTO_UDP},
     {"ip6tnl", IPPROTO_IPIP, IPPROTO_IPV6},
 };
+
+bool isSentAs(KindOfFlow const & one, Link const & link) {
+  return one.kind == link.kind && (one.protocol != IPPROTO_UDP || link.port);
+}
 
 bool hasFlow(Link const & link) {
   return !link.isCarriedElsewhere && !link.local.isAddrZero() && !link.remote.isAddrZero() &&
@@ -62,13 +67,18 @@ std::vector<Flow> flowsOf(Link const & link) {
   if (!hasFlow(link))
     return flows;
   for (auto const & one : kinds) {
-    if (one.kind != link.kind || (one.protocol == IPPROTO_UDP && !link.port))
+    if (!isSentAs(one, link))
       continue;
     flows.push_back(flowOf(link, one.protocol));
     if (one.other != 0)
       flows.push_back(flowOf(link, one.other));
   }
   return flows;
+}
+
+bool isSentAsRouted(Link const & link) {
+  return !link.isCarriedElsewhere && link.local.isAddrZero() && !link.remote.isAddrZero() &&
+         std::ranges::any_of(kinds, [&](auto const & one) { return isSentAs(one, link); });
 }
 
 bool covers(Policy const & policy, Flow const & flow) {

@@ -30,10 +30,13 @@ struct Flow {
 ///   ip6tnl                                         4 and 41: it may carry either
 ///   vxlan geneve                                   17, to the link's port
 ///
-/// None for the other kinds, for a link without one of its endpoints (the kernel takes the address
-/// of a route then, which may change at any time), and for one that is carried in another
-/// namespace, whose policies are other ones.
+/// None for the other kinds, for a link without one of its endpoints, and for one that is carried
+/// in another namespace, whose policies are other ones.
 std::vector<Flow> flowsOf(Link const & link);
+
+/// True if and only if the link would have flows if it had a local address: the kernel takes that
+/// of the route to the remote one then.
+bool isSentAsRouted(Link const & link);
 
 /// True if and only if the policy is for packets of that flow: no interface of its own, no if_id,
 /// no mark that they would need.

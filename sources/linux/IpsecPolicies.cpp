@@ -141,6 +141,8 @@ bool IpsecPolicies::found(Bytes bytes) {
 // each of them.
 void IpsecPolicies::dumpEnds(bool whole, KernelReader::Pace pace) {
   health_.isAnswered();
+  if (!areLinksKnown_)
+    knowLinks();
   if (!whole)
     policies_.endReading();
   work_.readingEnds(whole, pace);
@@ -179,6 +181,7 @@ bool IpsecPolicies::forgetOne() {
 }
 
 void IpsecPolicies::look(Plexa::IntfId intfId) {
+  followRoute(intfId);
   auto const before = publisher_.changes();
   auto const claim = claimOf(intfId);
   if (claim.fields() == 0)
@@ -208,13 +211,27 @@ void IpsecPolicies::linkChanged(Plexa::IntfId intfId) {
     if (link != nullptr ? links_.linkIs(*link) : links_.linkDel(intfId))
       look(intfId);
   } catch (std::exception const & exception) {
+    areLinksKnown_ = false;
     workFailed(exception);
   }
 }
 
+void IpsecPolicies::knowLinks() {
+  links_ = LinkFlows();
+  allLinks_.forEach([this](Link const & link) { links_.linkIs(link); });
+  areLinksKnown_ = true;
+}
+
+void IpsecPolicies::followRoute(Plexa::IntfId intfId) {
+  auto const * const entry = links_.find(intfId);
+  auto const * const link = allLinks_.find(intfId);
+  if (entry != nullptr && entry->isRouted && link != nullptr)
+    links_.linkIs(*link);
+}
+
 void IpsecPolicies::concern(std::optional<Policy> const & policy) {
-  if (policy)
-    links_.findConcerned(*policy, work_.concerned());
+  if (policy && !links_.findConcerned(*policy, work_.concerned()))
+    work_.allAreConcerned();
 }
 
 StateDb::Claim<Status> IpsecPolicies::claimOf(Plexa::IntfId intfId) const {

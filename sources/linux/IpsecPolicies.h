@@ -94,6 +94,8 @@ private:
   void workFailed(std::exception const & reason) override;
 
   void linkChanged(Plexa::IntfId intfId);
+  void knowLinks();
+  void followRoute(Plexa::IntfId intfId);
   void concern(std::optional<Policy> const & policy);
   StateDb::Claim<StateDb::Publisher::Status> claimOf(Plexa::IntfId intfId) const;
   void noteElsewhere(Link const & link);
@@ -107,6 +109,7 @@ private:
   Policies policies_;
   LinkFlows links_;
   absl::btree_set<Plexa::IntfId> elsewhere_; // links that are carried there, which was traced
+  bool areLinksKnown_ = true;                // until there is no memory for a change of one
   LinkWork work_;
 
   ReceiveBuffer const buffer_{ReceiveBuffer::Contents::plain};

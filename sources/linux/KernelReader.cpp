@@ -27,6 +27,10 @@ Lumo::Counter resyncs("linux-resyncs");
 } // namespace
 
 void KernelReader::readNow() {
+  lastResort_ = settings_.loop.every(settings_.period, [this] {
+    if (!isReading_ && !nextFullRead_)
+      read();
+  });
   beginReading(Pace::atOnce);
   while (dump_) {
     waitForDump();
@@ -175,8 +179,12 @@ void KernelReader::tellHealth() {
     user_.isInSync();
 }
 
-void KernelReader::readIn(std::chrono::milliseconds time) {
-  nextFullRead_ = settings_.loop.after(time, [this] { read(); });
+void KernelReader::readIn(std::chrono::milliseconds time) noexcept {
+  try {
+    nextFullRead_ = settings_.loop.after(time, [this] { read(); });
+  } catch (std::bad_alloc const &) {
+    nextFullRead_.reset(); // the last resort comes then
+  }
 }
 
 void KernelReader::stopDump() {

@@ -70,6 +70,7 @@ public:
   KernelReader & operator=(KernelReader const &) = delete;
 
   /// Subscribes and reads everything before it returns, at the pace atOnce; raises what fails.
+  /// Readings follow from then on, whatever fails.
   void readNow();
   /// Begins to read everything. One that is under way ends first: it may have passed what is to be
   /// read. Raises nothing.
@@ -96,7 +97,7 @@ private:
   void waitForDump() const;
   void dumpIsOver(bool whole);
   void tellHealth();
-  void readIn(std::chrono::milliseconds time);
+  void readIn(std::chrono::milliseconds time) noexcept;
   void stopDump();
   NetlinkError noAnswer() const;
 
@@ -121,6 +122,7 @@ private:
   Os::Loop::Handle dumpReadable_;
   Os::Loop::Handle dumpIsLate_;
   Os::Loop::Handle nextFullRead_;
+  Os::Loop::Handle lastResort_; // a next read, where there was no memory for its own time
   std::uint64_t fullReads_ = 0;
 };
 

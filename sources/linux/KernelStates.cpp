@@ -48,6 +48,21 @@ bool isNeeded(PolicyTemplate const & one) {
   return !one.isOptional && (one.demandsIpsec() || one.protocol == IPPROTO_COMP);
 }
 
+/// The address, if the prefix is that of one host; else the empty one.
+Plexa::IpGenAddr hostOf(Plexa::IpGenAddr const & address, std::uint8_t length) {
+  constexpr std::size_t bitsOfAnOctet = 8;
+  return length == address.octets().size() * bitsOfAnOctet ? address : Plexa::IpGenAddr();
+}
+
+/// Those of the packets that the policy is for, as far as it or the link says.
+States::Ends endsOf(IpsecPolicies::OfLink const & one) {
+  if (one.flow != nullptr)
+    return {one.flow->local, one.flow->remote};
+  auto const & selector = one.policy->selector;
+  return {hostOf(selector.source, selector.sourceLength),
+          hostOf(selector.destination, selector.destinationLength)};
+}
+
 ConnState connState(States::Progress progress) {
   switch (progress) {
   case States::Progress::usable:
@@ -218,8 +233,7 @@ std::optional<KernelStates::Entry> KernelStates::entryOf(Plexa::IntfId intfId) c
 States::Progress KernelStates::progress(IpsecPolicies::OfLink const & one,
                                         std::vector<States::Place> & places) const {
   auto least = States::Progress::usable;
-  auto ends =
-      one.flow == nullptr ? States::Ends() : States::Ends{one.flow->local, one.flow->remote};
+  auto ends = endsOf(one);
   for (auto const & asked : one.policy->templates) {
     if (!isNeeded(asked))
       continue;

@@ -5,6 +5,7 @@
 #include "sources/Links.h"
 #include "sources/linux/Flow.h"
 #include "sources/linux/PolicyDecoder.h"
+#include "sources/linux/RouteSource.h"
 #include <absl/container/btree_map.h>
 #include <absl/container/btree_set.h>
 #include <array>
@@ -25,7 +26,9 @@ public:
   };
   /// What a policy may say something about.
   struct Entry {
-    std::vector<Flow> flows;                ///< all between the same two addresses
+    std::vector<Flow> flows; ///< all between the same two addresses
+    /// The routes give the local address, now or later: what it is may change unannounced.
+    bool isRouted = false;
     std::optional<std::uint32_t> ifId = {}; ///< of a link of kind xfrm
     std::optional<std::uint32_t> mark = {}; ///< of a link of kind vti or vti6
     /// Of a link with a mark: its endpoints, between which the tunnels of its policies must be.
@@ -34,20 +37,29 @@ public:
     bool operator==(Entry const &) const = default;
   };
 
+  /// `sourceOfRoute` is asked for the local address of each link that leaves it to the routes.
+  explicit LinkFlows(SourceOfRoute sourceOfRoute = sourceTowards)
+      : sourceOfRoute_(std::move(sourceOfRoute)) {}
+
   std::size_t size() const { return entries_.size(); }
   /// The entry of the link, or null. Good until the link changes.
   Entry const * find(Plexa::IntfId intfId) const;
   /// The first link behind that one, or behind none; nothing when there is none.
   std::optional<Plexa::IntfId> next(std::optional<Plexa::IntfId> behind) const;
 
-  /// The link is there and is so. True if and only if that is news.
+  /// The link is there and is so, and its route is as it is now. True if and only if that is news.
   bool linkIs(Link const & link);
   /// The link is gone. True if and only if it had an entry.
   bool linkDel(Plexa::IntfId intfId);
 
+  /// How many links are looked at for one policy: a quarter of a millisecond's work, about.
+  static constexpr std::uint64_t mostLooks = 1000;
+
   /// Puts into `links` those that the policy is about. Looks at those only that its longer prefix
-  /// covers, and at the one behind them, or that have its if_id or its mark.
-  void findConcerned(Policy const & policy, absl::btree_set<Plexa::IntfId> & links) const;
+  /// covers, and at the one behind them, or that have its if_id or its mark. False when those are
+  /// more than mostLooks, of which the rest was not looked at.
+  [[nodiscard]] bool findConcerned(Policy const & policy,
+                                   absl::btree_set<Plexa::IntfId> & links) const;
 
   Work const & work() const { return work_; }
 
@@ -57,11 +69,14 @@ private:
   using ByNumber = absl::btree_set<std::pair<std::uint32_t, Plexa::IntfId>>;
 
   static Address keyOf(Plexa::IpGenAddr const & address);
+  Entry entryOf(Link const & link) const;
+  Link asRouted(Link link) const;
   void enter(Plexa::IntfId intfId, Entry const & entry);
   void leave(Plexa::IntfId intfId, Entry const & entry);
-  void findByFlow(Policy const & policy, absl::btree_set<Plexa::IntfId> & links) const;
-  void findByMark(Mark const & mark, absl::btree_set<Plexa::IntfId> & links) const;
+  bool findByFlow(Policy const & policy, absl::btree_set<Plexa::IntfId> & links) const;
+  bool findByMark(Mark const & mark, absl::btree_set<Plexa::IntfId> & links) const;
 
+  SourceOfRoute sourceOfRoute_;
   absl::btree_map<Plexa::IntfId, Entry> entries_;
   ByAddress byLocal_;
   ByAddress byRemote_;

@@ -41,6 +41,7 @@ LinkPublication::LinkPublication(TunnelKindSet kinds, StateDb::Publishers & publ
       run_(Zel::makePtr<Run>(*this, &LinkPublication::run, task_.get())) {}
 
 bool LinkPublication::linkIs(LinkState const & state) {
+  noteSkipped(state);
   auto const before = publisher_.changes();
   Plexa::IntfId const intfId(state.index);
   if (wants(state)) {
@@ -54,12 +55,14 @@ bool LinkPublication::linkIs(LinkState const & state) {
 }
 
 void LinkPublication::beginReading() {
+  skipped_.beginReading();
   tunnelsRead_ = publisher_.beginFullRead();
   linksRead_.emplace(links_);
   isEnding_ = false;
 }
 
 void LinkPublication::found(LinkState const & state) {
+  noteSkipped(state);
   if (!wants(state))
     return;
   linksRead_->linkIs(linkOf(*state.tunnel));
@@ -73,6 +76,7 @@ void LinkPublication::foundUnreadable(std::uint32_t index) {
 }
 
 void LinkPublication::endReading(bool whole, Pace pace, std::function<void()> done, Failed failed) {
+  skipped_.endReading(whole);
   isEnding_ = true;
   done_ = std::move(done);
   failed_ = std::move(failed);
@@ -115,6 +119,11 @@ void LinkPublication::publish(Pace pace) {
 
 bool LinkPublication::wants(LinkState const & state) const {
   return state.tunnel && kinds_.has(state.tunnel->kind);
+}
+
+void LinkPublication::noteSkipped(LinkState const & state) {
+  auto const isSkipped = state.tunnel && !kinds_.has(state.tunnel->kind);
+  skipped_.linkIs(state.index, isSkipped ? std::optional(state.tunnel->kind) : std::nullopt);
 }
 
 } // namespace Sources::Linux

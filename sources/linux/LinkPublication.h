@@ -8,6 +8,7 @@
 #include "platform/Kiln.h"
 #include "sources/Links.h"
 #include "sources/linux/LinkDecoder.h"
+#include "sources/linux/SkippedLinks.h"
 #include "sources/linux/TunnelKind.h"
 #include "statedb/Publisher.h"
 #include <functional>
@@ -44,6 +45,7 @@ public:
   void endReading(bool whole, Pace pace, std::function<void()> done, Failed failed = {});
 
   StateDb::Publisher const & publisher() const { return publisher_; }
+  SkippedLinks const & skipped() const { return skipped_; }
 
 private:
   using Run = Flowa::Gen::InReactor<LinkPublication>;
@@ -52,11 +54,13 @@ private:
   void forgetLinks();
   void publish(Pace pace);
   bool wants(LinkState const & state) const;
+  void noteSkipped(LinkState const & state);
 
   TunnelKindSet const kinds_;
   Links & links_;
   Links::Writer const writer_;
   StateDb::Publisher publisher_;
+  SkippedLinks skipped_;
   std::optional<StateDb::FullRead> tunnelsRead_;
   std::optional<Links::Reading> linksRead_;
   bool isEnding_ = false; // what was not found goes, before the rest is published

@@ -18,6 +18,13 @@ LinkWork::LinkWork(std::string_view name, Owner & owner)
                                      name)),
       run_(Zel::makePtr<Run>(*this, &LinkWork::run, task_.get())) {}
 
+// A reading that makes this void looks at all links in its end.
+void LinkWork::allAreConcerned() {
+  isLookingAtAll_ = true;
+  lookedAt_.reset();
+  task_->scheduleTask();
+}
+
 // The end of a reading is none of this: it may begin another one, which must not happen while an
 // event is being received.
 void LinkWork::begin() {

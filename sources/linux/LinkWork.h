@@ -47,6 +47,9 @@ public:
 
   /// The links that are to be looked at, for who finds more.
   Concerned & concerned() { return concerned_; }
+  /// All links are to be looked at, in runs: for a change that concerns too many to be found at
+  /// once.
+  void allAreConcerned();
   /// Looks at them: so many now that nobody has to wait, and at the rest in runs. Raises what
   /// look() does.
   void begin();

@@ -1,6 +1,7 @@
 // The list of kinds has commas within: an item with '=' begins an option, one without continues it.
 #include "sources/linux/LinuxOptions.h"
 #include <fmt/format.h>
+#include <set>
 #include <stdexcept>
 
 namespace Sources::Linux {
@@ -19,6 +20,11 @@ std::size_t endOfFirst(std::string_view text) {
   return text.size();
 }
 
+/// What an option is about: its beginning, up to the '='.
+std::string_view nameOf(std::string_view option) {
+  return option.substr(0, option.find('='));
+}
+
 void apply(LinuxOptions & options, std::string_view option) {
   if (!option.starts_with(ipsecOption)) {
     options.kinds = TunnelKindSet::fromOptions(option);
@@ -34,9 +40,14 @@ void apply(LinuxOptions & options, std::string_view option) {
 
 LinuxOptions linuxOptionsFromText(std::string_view text) {
   LinuxOptions options;
+  std::set<std::string_view> names;
   while (!text.empty()) {
     auto const end = endOfFirst(text);
-    apply(options, text.substr(0, end));
+    auto const option = text.substr(0, end);
+    apply(options, option);
+    if (!names.insert(nameOf(option)).second)
+      throw std::invalid_argument(
+          fmt::format("source linux: \"{}\" is given twice: write it once", nameOf(option)));
     text.remove_prefix(end == text.size() ? end : end + 1);
   }
   return options;

@@ -129,6 +129,8 @@ SourceStatus LinuxSource::status() const {
     status.changes += states_->publisher().changes();
     status.details.emplace_back("states", states_->summary());
   }
+  if (auto skipped = publication_.skipped().summary(); !skipped.empty())
+    status.details.emplace_back("not published", std::move(skipped));
   return status;
 }
 

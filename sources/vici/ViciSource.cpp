@@ -232,7 +232,7 @@ void ViciSource::bind() {
 
 void ViciSource::publish(Ike::Bindings bindings) {
   if (bindings.conflicts != 0)
-    conflicts.inc();
+    noteConflicts(bindings);
   auto const done = [this, before = publication_.publisher().changes()] {
     if (auto const changes = publication_.publisher().changes() - before; changes != 0)
       LUMO_TRACE(traceHandler(), output, "published {} changes", changes);
@@ -243,6 +243,20 @@ void ViciSource::publish(Ike::Bindings bindings) {
   phase_ = Phase::publishing;
   lastListing_ = std::chrono::system_clock::now();
   isUnknown_ = false;
+}
+
+// What was so before has been traced before.
+void ViciSource::noteConflicts(Ike::Bindings const & bindings) const {
+  conflicts.inc();
+  auto const & known = publication_.bindings().interfaces;
+  for (auto const & [intfId, bound] : bindings.interfaces) {
+    auto const before = known.find(intfId);
+    auto const isNews = before == known.end() || !before->second.isContested ||
+                        before->second.profile != bound.profile;
+    if (bound.isContested && isNews)
+      LUMO_TRACE(traceHandler(), output, "link {}: several connections claim it, {} has it", intfId,
+                 bound.profile);
+  }
 }
 
 // The connections may have been lost meanwhile.

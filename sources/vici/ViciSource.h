@@ -86,6 +86,7 @@ private:
   void run(Zel::Attribute const &, Flowa::Gen::NoKey const &);
   void bind();
   void publish(Ike::Bindings bindings);
+  void noteConflicts(Ike::Bindings const & bindings) const;
   void publishingIsOver();
   void publishingFailed(std::exception const & reason);
   void restOrLose();

@@ -52,12 +52,13 @@ protected:
       std::make_shared<Agent::RereadOutcome>(std::vector<std::string>());
   int restarts_ = 0;
   std::vector<Agent::SourceConnections> connections_;
+  Sources::Links links_;
   Agent::Commands commands_{{document_, Zel::makePtr<EmptyMib>(), patches_, *scheduler_,
                              [] {
                                return nlohmann::ordered_json{{"ready", true}};
                              },
                              [this] { return rereadOutcome_; }, [this] { ++restarts_; },
-                             [this] { return connections_; }}};
+                             [this] { return connections_; }, database_, links_}};
 };
 
 TEST_F(Commands, ListsItselfAndEveryNameThatAnOperatorNeeds) {
@@ -65,9 +66,9 @@ TEST_F(Commands, ListsItselfAndEveryNameThatAnOperatorNeeds) {
   for (auto const & command : result("list-commands"))
     names.push_back(command.at("name"));
   EXPECT_THAT(names, testing::UnorderedElementsAre(
-                         "list-commands", "version", "status", "tables/show", "ike/show",
-                         "tasks/show", "statedb/show", "patch", "trace/list", "trace/set",
-                         "coverage/show", "reread", "restart-machines"));
+                         "list-commands", "version", "status", "tables/show", "tables/columns",
+                         "tunnels/show", "ike/show", "tasks/show", "statedb/show", "patch",
+                         "trace/list", "trace/set", "coverage/show", "reread", "restart-machines"));
 }
 
 TEST_F(Commands, RefuseWhatIsNoRequest) {

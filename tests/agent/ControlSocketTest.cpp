@@ -437,8 +437,19 @@ TEST_F(ControlSocket, RefusesAPathThatNoSocketCanHave) {
   EXPECT_THAT(whatStartingSays([&] { start(); }), HasSubstr("longer than"));
 }
 
-TEST_F(ControlSocket, RefusesAFolderThatIsNotThere) {
-  path_ = folder_ + "/none/sock";
+TEST_F(ControlSocket, MakesTheFolderThatIsMissing) {
+  path_ = folder_ + "/run/sock";
+  start();
+  EXPECT_TRUE(std::filesystem::is_socket(path_));
+  auto const others = std::filesystem::perms::group_write | std::filesystem::perms::others_write;
+  EXPECT_EQ(std::filesystem::perms::none,
+            std::filesystem::status(folder_ + "/run").permissions() & others);
+  server_.reset();
+  EXPECT_TRUE(std::filesystem::is_empty(folder_ + "/run"));
+}
+
+TEST_F(ControlSocket, RefusesAFolderWhoseFolderIsNotThere) {
+  path_ = folder_ + "/none/none/sock";
   EXPECT_THAT(whatStartingSays([&] { start(); }), HasSubstr("No such file"));
 }
 

@@ -50,7 +50,7 @@ TEST(Options, HaveDefaultsThatServeOnLoopbackOnly) {
   EXPECT_EQ("udp:127.0.0.1:1161", options.listen);
   EXPECT_FALSE(options.agentx);
   EXPECT_EQ("", options.configFile);
-  EXPECT_EQ("/run/tunnelsnmpd.sock", options.controlPath);
+  EXPECT_EQ("/run/tunnelsnmpd/tunnelsnmpd.sock", options.controlPath);
   EXPECT_EQ("/plug/in.so", options.pluginFile);
   EXPECT_TRUE(options.sources.empty());
 }

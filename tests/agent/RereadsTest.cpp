@@ -44,16 +44,19 @@ protected:
 
   TestLoop loop;
   int configurations = 0;
+  std::vector<bool> heard;
   std::vector<std::string> configurationFailures;
 
 private:
   Agent::Rereads::Sources sources_;
 
 protected:
-  Agent::Rereads rereads{loop, sources_, [this] {
+  Agent::Rereads rereads{loop, sources_,
+                         [this] {
                            ++configurations;
                            return configurationFailures;
-                         }};
+                         },
+                         [this](bool isUnderWay) { heard.push_back(isUnderWay); }};
 };
 
 TEST_F(Rereads, AnswerWhenEverySourceHasRead) {
@@ -118,6 +121,19 @@ TEST_F(Rereads, MakeOneFurtherReadingOfAllWishesThatComeMeanwhile) {
   EXPECT_EQ(source(0).wishes, 2);
 }
 
+TEST_F(Rereads, TellOnceWhenTheyBeginAndOnceWhenTheLastIsOver) {
+  rereads.wish();
+  rereads.wish();
+  EXPECT_THAT(heard, ElementsAre(true));
+  for (auto const reading : {1, 2}) {
+    EXPECT_THAT(heard, ElementsAre(true)) << reading;
+    source(0).done();
+    source(1).done();
+    look();
+  }
+  EXPECT_THAT(heard, ElementsAre(true, false));
+}
+
 TEST_F(Rereads, CountEachWish) {
   auto const before = Lumo::counter("agent-rereads");
   rereads.wish();
@@ -128,10 +144,14 @@ TEST_F(Rereads, CountEachWish) {
 TEST(RereadsWithoutSources, AnswerAtOnce) {
   TestLoop loop;
   Agent::Rereads::Sources const none;
-  Agent::Rereads rereads(loop, none, [] { return std::vector<std::string>(); });
+  std::vector<bool> heard;
+  Agent::Rereads rereads(
+      loop, none, [] { return std::vector<std::string>(); },
+      [&](bool isUnderWay) { heard.push_back(isUnderWay); });
   auto const answer = rereads.wish();
   ASSERT_NE(*answer, std::nullopt);
   EXPECT_FALSE(rereads.isUnderWay());
+  EXPECT_THAT(heard, ElementsAre(true, false));
 }
 
 } // namespace

@@ -51,6 +51,25 @@ constexpr char text[] = "text";
 constexpr char record[] = "record";
 constexpr char hidden[] = "hidden";
 
+/// Walks what the test gives as a collection.
+template <class Tag, char const * Name>
+Zel::Walk walkOf(Zel::PtrInterface const & object) {
+  return [&object, next = std::size_t{0}]() mutable -> std::optional<Zel::Value> {
+    auto const value = Scripted<Tag>::read(object, Name);
+    auto const * entries = std::get_if<Zel::Value::Collection>(&value.is);
+    if (entries == nullptr || next == entries->size())
+      return std::nullopt;
+    return (*entries)[next++].second;
+  };
+}
+
+template <class Tag, char const * Name>
+Zel::Attribute walkable() {
+  auto attribute = readable<Tag, Name>();
+  attribute.walk = walkOf<Tag, Name>;
+  return attribute;
+}
+
 template <class Tag, char const *... Names>
 Zel::Type const & typeOf(std::string_view name) {
   static Zel::Attribute const list[] = {readable<Tag, Names>()...};
@@ -77,14 +96,24 @@ struct InputTag {
   static Zel::Type const & type() { return typeOf<InputTag, scanState, scanned>("Input"); }
 };
 struct MibTag {
-  static Zel::Type const & type() { return typeOf<MibTag, notATable, tableA, tableB>("Mib"); }
+  static Zel::Type const & type() {
+    static Zel::Attribute const list[] = {walkable<MibTag, notATable>(), walkable<MibTag, tableA>(),
+                                          walkable<MibTag, tableB>()};
+    static auto const attributes = Zel::pointersTo(list);
+    static Zel::Type const type{"Mib", attributes};
+    return type;
+  }
 };
 struct RowTag {
   static Zel::Type const & type() {
-    static Zel::Attribute const list[] = {readable<RowTag, index>(),
-                                          readable<RowTag, text>(),
-                                          readable<RowTag, record>(),
-                                          {hidden, "test"}};
+    static constexpr Zel::Enumerator indexes[] = {{1, "first"}, {2, "second"}};
+    static auto const numbered = [] {
+      auto attribute = readable<RowTag, index>();
+      attribute.enumerators = indexes;
+      return attribute;
+    };
+    static Zel::Attribute const list[] = {
+        numbered(), readable<RowTag, text>(), readable<RowTag, record>(), {hidden, "test"}};
     static auto const attributes = Zel::pointersTo(list);
     static Zel::Type const type{"Row", attributes};
     return type;
@@ -177,9 +206,22 @@ TEST(TablesWriter, WritesTheScalarColumnsOfEveryTable) {
             Json::parse(written(writer)));
 }
 
-TEST(TablesWriter, WritesAnEmptyObjectForAMibWithoutTables) {
+TEST(TablesWriter, WritesTablesWithoutRowsAsEmpty) {
   Agent::TablesWriter writer(mibOf({}));
+  EXPECT_EQ(R"({"notATable":[],"tableA":[],"tableB":[]})", written(writer));
+}
+
+TEST(TablesWriter, WritesAnEmptyObjectForAMibWithoutTables) {
+  Agent::TablesWriter writer(Zel::makePtr<Scripted<RowTag>>());
   EXPECT_EQ("{}", written(writer));
+}
+
+TEST(TableColumns, SayWhatTheNumbersOfEachTableWithRowsMean) {
+  auto const mib = mibOf({{tableA, {Zel::Value::Collection{{"1", row(1, "")}}}}});
+  EXPECT_EQ(Json::parse(R"({"tableA": [{"name": "index", "type": "test",
+                                         "enumerators": {"1": "first", "2": "second"}},
+                                        {"name": "text", "type": "test"}]})"),
+            Agent::tableColumns(*mib));
 }
 
 TEST(TablesWriter, CutsALongTableIntoPiecesWithoutLosingARow) {

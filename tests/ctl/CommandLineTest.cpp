@@ -46,8 +46,10 @@ TEST(CommandLine, HelpIsThereForEachCommand) {
 
 TEST(CommandLine, AnUnknownCommandIsToldTheCommandsAndTheNearest) {
   constexpr auto * commands =
-      "the commands are show tables, show state, show ike, show tasks, show counters, trace list, "
-      "trace set, status, patch, reread, restart-machines, wait-ready, version";
+      "the commands are show tables, show tunnels, show state, show ike, show tasks, show "
+      "counters, "
+      "trace list, trace set, status, doctor, patch, reread, restart-machines, wait-ready, watch, "
+      "version";
   EXPECT_THAT(refusal({"statsu"}), AllOf(HasSubstr("\"statsu\" is no command (did you mean "
                                                    "\"status\"?)"),
                                          HasSubstr(commands)));

@@ -4,7 +4,11 @@ none, and with an output that takes nothing. Waits are bounded."""
 import argparse
 import json
 import os
+import pathlib
+import pty
+import re
 import resource
+import select
 import shutil
 import signal
 import socket
@@ -104,7 +108,8 @@ class BesideADaemonThatIsNone(CtlTest):
     def test_whatever_comes_as_a_result_ends_no_command_by_a_signal(self):
         for result in (b"7", b"[[7]]", b"[7]", b'{"a": [7]}', b"null", b'"x"', b"[]"):
             self.answer(b'{"ok": true, "result": ' + result + b"}\n")
-            for command in (["show", "tables"], ["show", "state"], ["show", "ike"],
+            for command in (["show", "tables"], ["show", "tunnels"], ["show", "state"], ["show", "ike"],
+                            ["watch"] if not isinstance(json.loads(result), list) else ["status"],
                             ["show", "tasks"], ["show", "counters"], ["trace", "list"],
                             ["trace", "set", "A=1"], ["reread"], ["restart-machines"]):
                 with self.subTest(result=result, command=command):
@@ -120,9 +125,10 @@ class Connections(CtlTest):
         rows = [{"connection": long, "child": long, "state": "up", "interface": long,
                  "reason": long, "source": "vici"}]
         self.answer(json.dumps({"ok": True, "result": rows}).encode() + b"\n")
-        header, line = self.run_ctl("show", "ike").stdout.splitlines()
-        self.assertRegex(header, r"\Aconnection +child +state +interface +rule or reason\Z")
+        header, line, cut = self.run_ctl("show", "ike").stdout.splitlines()
+        self.assertRegex(header, r"\ACONNECTION +CHILD +STATE +INTERFACE +RULE OR REASON\Z")
         self.assertEqual(100, len(line))
+        self.assertRegex(cut, r"\A\(cut to 100 columns: CONNECTION, .*; --json shows all\)\Z")
         self.assertEqual(rows, json.loads(self.run_ctl("--json", "show", "ike").stdout))
 
     def test_of_a_daemon_without_such_a_source_are_none_and_told_how_to_come_by(self):
@@ -131,6 +137,140 @@ class Connections(CtlTest):
         self.assertEqual(0, done.returncode, done)
         self.assertRegex(done.stdout, r"\Ano source tells of IPsec connections; .* --help.*\n\Z")
         self.assertEqual([], json.loads(self.run_ctl("--json", "show", "ike").stdout))
+
+
+TUNNEL = [{"op": "add", "path": "/ifMib/ifIndexByIntfId/7", "value": 12},
+          {"op": "add", "path": "/tunnelIntfStatusDir/intfStatus/7",
+           "value": {"srcAddr": "192.0.2.1", "dstAddr": "192.0.2.2", "mode": "gre", "hopLimit": 64}}]
+
+
+class Tunnels(CtlTest):
+    def patch(self, *operations):
+        done = self.run_ctl("patch", "-", input=json.dumps(operations))
+        self.assertEqual(0, done.returncode, done.stderr)
+        self.assertEqual(0, self.run_ctl("wait-ready").returncode)
+
+    def start_watch(self, *options):
+        watch = subprocess.Popen([PATHS.ctl, "--control", self.control, *options, "watch", "--interval",
+                                  "0.1"], stdout=subprocess.PIPE, text=True)
+        self.addCleanup(watch.stdout.close)
+        self.addCleanup(watch.wait)
+        self.addCleanup(watch.kill)
+        return watch
+
+    def assert_tells(self, watch, pattern):
+        """There may be lines before it: a look can come before the rows are written."""
+        lines = []
+        for line in watch.stdout:
+            lines.append(line)
+            if re.search(pattern, line):
+                return
+            self.assertLess(len(lines), 5, lines)
+
+    def test_are_a_line_each_and_what_is_missing_is_told_below(self):
+        self.start_daemon()
+        self.assertRegex(self.run_ctl("show", "tunnels").stdout, "^no tunnels: .*doctor")
+        self.patch(*TUNNEL, {"op": "replace", "path": TUNNEL[1]["path"] + "/dstAddr", "value": ""})
+        self.assertEqual(["IFINDEX  KIND  LOCAL      TTL  SECURITY  NOTE",
+                          "     12  gre   192.0.2.1   64  none      1",
+                          "1) no row in tunnelInetConfigTable: no remote address"],
+                         self.run_ctl("show", "tunnels").stdout.splitlines())
+        tunnel, = json.loads(self.run_ctl("--json", "show", "tunnels").stdout)
+        self.assertEqual((12, "192.0.2.1", ""), (tunnel["ifIndex"], tunnel["local"], tunnel["remote"]))
+        self.assertEqual({"tunnelInetConfigTable": "no remote address",
+                          "ipsecTunnelIfTable": "IPsec does not protect it"}, tunnel["missing"])
+
+    def test_of_the_same_addresses_are_told_who_has_the_row(self):
+        self.start_daemon()
+        second = [dict(one, path=one["path"][:-1] + "8") for one in TUNNEL]
+        second[0]["value"] = 13
+        self.patch(*TUNNEL, *second)
+        self.assertIn("1) no row in tunnelInetConfigTable: same addresses as ifIndex 12\n",
+                      self.run_ctl("show", "tunnels").stdout)
+
+    def test_show_names_in_tables_for_people_and_numbers_for_programs(self):
+        self.start_daemon()
+        self.patch(*TUNNEL)
+        self.assertRegex(self.run_ctl("show", "tables").stdout,
+                         r"(?m)^ipv4 +192\.0\.2\.1 +192\.0\.2\.2 +gre +1 +12 +active +read only$")
+        row, = json.loads(self.run_ctl("--json", "show", "tables").stdout)["tunnelInetConfigTable"]
+        self.assertEqual((1, 3, "'c0000201'"), (row["addrType"], row["encapsMethod"], row["localAddr"]))
+        self.assertIn("key", row)
+
+    def test_have_the_names_that_the_mib_has(self):
+        self.start_daemon()
+        self.patch(*TUNNEL, {"op": "replace", "path": TUNNEL[1]["path"] + "/ipsec", "value": True})
+        with socket.socket(socket.AF_UNIX) as client:
+            client.connect(self.control)
+            client.sendall(b'{"command": "tables/columns"}\n')
+            columns = json.loads(client.makefile().readline())["result"]
+        names = {column["name"]: column.get("enumerators") for table in columns.values()
+                 for column in table}
+        mib = (pathlib.Path(__file__).resolve().parents[2] / "mibs/VELMORA-TUNNEL-MIB.txt").read_text()
+        told = re.search(r"SYNTAX +INTEGER \{(.*?)\}", mib, re.DOTALL).group(1)
+        self.assertEqual({number: name for name, number in re.findall(r"(\w+)\((\d+)\)", told)},
+                         names["connState"])
+
+    def test_are_watched(self):
+        daemon = self.start_daemon()
+        watch = self.start_watch()
+        self.assert_tells(watch, "^no tunnels")
+        self.patch(*TUNNEL)
+        self.assert_tells(watch, r"^\d\d:\d\d:\d\d  added    ifIndex 12: gre from 192\.0\.2\.1 to 192\.0\.2\.2$")
+        self.patch({"op": "replace", "path": TUNNEL[1]["path"] + "/hopLimit", "value": 9})
+        self.assert_tells(watch, r"  changed  ifIndex 12: hop limit 64 -> 9$")
+        self.patch({"op": "remove", "path": TUNNEL[1]["path"]})
+        self.assert_tells(watch, r"  removed  ifIndex 12: ")
+        daemon.terminate()
+        daemon.wait(PATIENCE)
+        self.assert_tells(watch, r"  (lost|cannot reach) the daemon at .*")
+        self.start_daemon()
+        self.assert_tells(watch, r"  the daemon is back$")
+
+    def test_are_watched_by_programs(self):
+        self.start_daemon()
+        watch = self.start_watch("--json")
+        self.assertEqual({"tunnels": []}, json.loads(watch.stdout.readline()))
+        self.patch(*TUNNEL)
+        line = json.loads(watch.stdout.readline())
+        self.assertEqual(("added", 12), (line["change"], line["tunnel"]["ifIndex"]))
+        self.assertRegex(line["time"], r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
+
+    def test_are_not_watched_more_often_than_the_daemon_can_bear(self):
+        for interval in ("0", "0.01", "-1", "nan"):
+            self.assert_complains(UNUSABLE, "give 0.1 to 1000000 seconds",
+                                  self.run_ctl("watch", "--interval", interval))
+
+
+class Colours(CtlTest):
+    def run_on_a_terminal(self, **variables):
+        """What a terminal gets."""
+        reading, writing = pty.openpty()
+        self.addCleanup(os.close, reading)
+        own = {name: value for name, value in os.environ.items() if name != "NO_COLOR"}
+        own.update({"TERM": "xterm"} | variables)
+        subprocess.run([PATHS.ctl, "--control", self.control, "status"], stdout=writing, env=own,
+                       timeout=PATIENCE, check=True)
+        os.close(writing)
+        text = b""
+        while select.select([reading], [], [], 0)[0]:
+            try:
+                text += os.read(reading, 65536)
+            except OSError:  # all is read
+                break
+        return text
+
+    def test_are_shown_on_a_terminal_only(self):
+        self.start_daemon()
+        self.assertIn(b"\x1b[1mMachines\x1b[0m", self.run_on_a_terminal())
+        self.assertNotIn("\x1b", self.run_ctl("status").stdout)
+
+    def test_are_not_shown_where_they_are_not_wanted(self):
+        self.start_daemon()
+        for variables in ({"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": ""}):
+            text = self.run_on_a_terminal(**variables)
+            self.assertIn(b"Machines", text)
+            self.assertNotIn(b"\x1b", text)
 
 
 class Patches(CtlTest):

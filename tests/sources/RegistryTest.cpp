@@ -36,8 +36,8 @@ TEST_F(MakeSource, SaysWhatIsPossibleWhenItKnowsNoSuchSource) {
     } catch (std::invalid_argument const & error) {
       EXPECT_EQ(error.what(),
                 "\"" + std::string(text) +
-                    "\" is no source; use json:FILE, linux, linux:kinds=..., vici, or "
-                    "vici:SOCKET, like json:/etc/tunnels.json");
+                    "\" is no source; use json:FILE, linux, linux:kinds=..., "
+                    "linux:ipsec=states, vici, or vici:SOCKET, like json:/etc/tunnels.json");
     }
   }
 }

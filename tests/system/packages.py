@@ -22,10 +22,32 @@ def unpack(folder, *packages):
     with tempfile.TemporaryDirectory(prefix="packages-") as fetched:
         os.chmod(fetched, 0o777)  # apt fetches as a user of its own
         if _download(fetched, packages):  # the lists may be old, or not be there
-            subprocess.run(["apt-get", "update", "-qq"], capture_output=True, check=False)
+            _renew_lists()
             if reason := _download(fetched, packages):
                 raise Unavailable(f"cannot fetch {packages[0]} and more: {reason}")
         _place(folder, pathlib.Path(fetched).glob("*.deb"))
+
+
+def with_needed(*packages):
+    """The packages and all that they need, without those that are installed."""
+    lines = _simulated(packages)
+    if lines is None:  # the lists may be old, or not be there
+        _renew_lists()
+        lines = _simulated(packages)
+    if lines is None:
+        raise Unavailable(f"apt-get finds no way to have {packages[0]} and more")
+    return [line.split()[1] for line in lines if line.startswith("Inst ")]
+
+
+def _simulated(packages):
+    """What apt would do, or None where it cannot."""
+    done = subprocess.run(["apt-get", "install", "--simulate", "--no-install-recommends", *packages],
+                          capture_output=True, text=True, check=False)
+    return None if done.returncode else done.stdout.splitlines()
+
+
+def _renew_lists():
+    subprocess.run(["apt-get", "update", "-qq"], capture_output=True, check=False)
 
 
 def _download(folder, packages):

@@ -181,12 +181,14 @@ private:
         claims.push_back(std::move(claim));
     if (claims.empty())
       return;
-    result_.conflicts += claims.size() > 1 ? 1 : 0;
+    auto const isContested = claims.size() > 1;
+    result_.conflicts += isContested ? 1 : 0;
     keepIfAny(claims, [](Claim const & one) { return one.rules.contains(Rule::explicitly); });
     keepIfAny(claims, [](Claim const & one) { return one.hasSa; });
     keepIfAny(claims, [](Claim const & one) { return one.best() == ConnState::up; });
     auto const & owner = claims.front();
-    result_.interfaces[link.intfId] = {owner.connection, owner.best(), *owner.rules.begin()};
+    result_.interfaces[link.intfId] = {owner.connection, owner.best(), *owner.rules.begin(),
+                                       isContested};
   }
 
   template <class Is>

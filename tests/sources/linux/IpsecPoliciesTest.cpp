@@ -96,6 +96,24 @@ TEST_F(PolicyLinks, FollowAPolicyInPlaceWithinOneTurnOfTheLoop) {
   EXPECT_EQ(source->status().fullReads, fullReads);
 }
 
+// As every geneve link, and many others.
+TEST_F(PolicyLinks, ThatLeaveTheirAddressToTheRoutesFollowTheRoute) {
+  ipBatch("link set lo up\n"
+          "address add 10.0.0.1/24 dev lo\n"
+          "address add 10.0.0.9/24 dev lo\n"
+          "route add 10.0.0.2/32 dev lo src 10.0.0.1\n"
+          "link add vx1 type vxlan id 1 remote 10.0.0.2 dstport 4789\n");
+  policy("add", hosts, esp);
+  start();
+  EXPECT_TRUE(isIpsec("vx1"));
+  ip("route change 10.0.0.2/32 dev lo src 10.0.0.9");
+  passFullReadPeriod();
+  EXPECT_FALSE(isIpsec("vx1"));
+  policy("add", "src 10.0.0.9/32 dst 10.0.0.2/32", esp);
+  settle();
+  EXPECT_TRUE(isIpsec("vx1")) << "by the policy of the address that it has now";
+}
+
 TEST_F(PolicyLinks, AreProtectedFromTheirFirstRecordOn) {
   start();
   policy("add", hosts, esp);

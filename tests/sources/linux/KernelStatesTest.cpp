@@ -179,6 +179,19 @@ TEST_F(KernelStatesTest, TellThatOfAnXfrmLinkByItsIfId) {
   EXPECT_EQ(state(1), nullptr);
 }
 
+// Its policies say between which hosts; nothing else does.
+TEST_F(KernelStatesTest, TellThatOfAnXfrmLinkInTransportModeByItsPolicysHosts) {
+  auto const id = attribute(ifId, native<std::uint32_t>(42));
+  start({esp({.reqid = 5}, id)}, {stateOf({.reqid = 5}, id)});
+  EXPECT_EQ(state(2), "up");
+  statesAre({stateOf({.destination = "10.0.0.3", .reqid = 5}, id)});
+  EXPECT_EQ(state(2), "down");
+  policiesAre({xfrmMessage(newPolicy, policyInfo({.selector = {.destinationLength = 31}}),
+                           joined({attribute(tmpl, templateOctets({.reqid = 5})), id}))});
+  statesAre({stateOf({.reqid = 5}, id)});
+  EXPECT_EQ(state(2), "down") << "nobody knows to which host";
+}
+
 TEST_F(KernelStatesTest, TellThatOfAVtiLinkByItsKey) {
   auto const nine = attribute(mark, joined({native<std::uint32_t>(9), native(UINT32_MAX)}));
   auto const tunnel = Template{.mode = 1, .source = "10.0.0.1", .destination = "10.0.0.2"};

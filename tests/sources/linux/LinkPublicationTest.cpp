@@ -94,6 +94,32 @@ TEST_F(LinkPublicationTest, LeavesOutOtherKinds) {
   EXPECT_TRUE(isGone(6));
 }
 
+TEST_F(LinkPublicationTest, TellsHowManyLinksOfOtherKindsThereAre) {
+  auto const skipped = [this] { return publication.skipped().summary(); };
+  EXPECT_EQ(skipped(), "");
+  publication.linkIs(tunnel(4, 64));
+  publication.linkIs(tunnel(5, 64, TunnelKind::vxlan));
+  publication.linkIs(tunnel(5, 65, TunnelKind::vxlan));
+  publication.linkIs(tunnel(6, 64, TunnelKind::gretap));
+  EXPECT_EQ(skipped(), "1 gretap, 1 vxlan; --source linux:kinds=+gretap,+vxlan publishes them");
+  publication.linkIs(tunnel(5, 64, TunnelKind::gre));
+  publication.linkIs(gone(6));
+  EXPECT_EQ(skipped(), "");
+}
+
+TEST_F(LinkPublicationTest, CountsLinksOfOtherKindsAnewInEachWholeReading) {
+  publication.linkIs(tunnel(5, 64, TunnelKind::vxlan));
+  publication.linkIs(tunnel(6, 64, TunnelKind::vxlan));
+  publication.beginReading();
+  publication.found(tunnel(6, 64, TunnelKind::vxlan));
+  EXPECT_TRUE(end(false));
+  EXPECT_EQ(publication.skipped().summary().front(), '2') << "not all links were seen";
+  publication.beginReading();
+  publication.found(tunnel(6, 64, TunnelKind::vxlan));
+  EXPECT_TRUE(end(true));
+  EXPECT_EQ(publication.skipped().summary().front(), '1');
+}
+
 TEST_F(LinkPublicationTest, RemovesAndAddsALinkThatBecameAnotherKind) {
   publication.linkIs(tunnel(5, 64));
   Zel::Ptr<Zel::PtrInterface const> before(record(5));

@@ -43,6 +43,10 @@ TEST(LinuxOptions, SayWhatIsPossibleInsteadOfWhatTheyDoNotKnow) {
   EXPECT_THAT(errorOf("kinds=+vxlan,other=1"), HasSubstr("unknown option \"other=1\""));
   EXPECT_THAT(errorOf("ipsec=states,+vxlan"), HasSubstr("\"ipsec=states,+vxlan\""));
   EXPECT_THAT(errorOf("kinds=+vxlan,,ipsec=states"), HasSubstr("\"\""));
+  EXPECT_EQ(errorOf("kinds=+vxlan,kinds=-vti"),
+            "source linux: \"kinds\" is given twice: write it once");
+  EXPECT_EQ(errorOf("ipsec=states,ipsec=states"),
+            "source linux: \"ipsec\" is given twice: write it once");
 }
 
 } // namespace

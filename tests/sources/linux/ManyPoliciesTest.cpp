@@ -1,12 +1,16 @@
 // What readings of policies and states cost where one thing concerns many others.
 #include "tests/sources/linux/ScriptedKernel.h"
 #include "tests/sources/linux/XfrmBytes.h"
+#include "tests/support/FailingMemory.h"
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <new>
 
 namespace {
 
 using Plexa::IntfId;
+using Sources::Linux::IpsecPolicies;
+using Sources::Linux::KernelReader;
 using testing::SizeIs;
 using namespace XfrmBytes;
 
@@ -26,7 +30,8 @@ Sources::Link greLink(std::uint32_t number) {
           .name = fmt::format("g{}", number),
           .kind = "gre",
           .local = *Plexa::IpGenAddr::fromString("10.0.0.1"),
-          .remote = *Plexa::IpGenAddr::fromString(fmt::format("10.0.1.{}", number))};
+          .remote = *Plexa::IpGenAddr::fromString(
+              fmt::format("10.0.{}.{}", 1 + number / 256, number % 256))};
 }
 
 // Each of so many policies is for each of so many links.
@@ -40,6 +45,52 @@ TEST_F(ManyPolicies, AreReadWithoutALookAtEachLinkForEachOfThem) {
   EXPECT_EQ(policies->summary(), std::to_string(policyCount));
   EXPECT_EQ(policies->publisher().counts().statusClaims, 50u);
   EXPECT_EQ(policies->linkWork().links, 0u) << "all are looked at in the end";
+}
+
+// A policy for all packets comes or goes: its links are looked at in runs.
+TEST_F(ManyPolicies, ForAllLinksLeaveTheThreadToOthers) {
+  if (!ipSucceeds("xfrm policy >/dev/null"))
+    GTEST_SKIP() << "this kernel has no IPsec policies";
+  constexpr std::uint32_t many = 3 * Sources::Linux::LinkFlows::mostLooks;
+  for (std::uint32_t i = 1; i <= many; ++i)
+    links.linkIs(greLink(i));
+  start({}, {});
+  ip("xfrm policy add src 0.0.0.0/0 dst 0.0.0.0/0 dir out tmpl proto esp mode transport");
+  loop.runOnce();
+  EXPECT_LE(policies->linkWork().links, Sources::Linux::LinkFlows::mostLooks + 1);
+  EXPECT_LT(policies->publisher().counts().statusClaims, many);
+  settle();
+  EXPECT_EQ(policies->publisher().counts().statusClaims, many);
+  ip("xfrm policy delete src 0.0.0.0/0 dst 0.0.0.0/0 dir out");
+  settle();
+  EXPECT_EQ(policies->publisher().counts().statusClaims, 0u);
+}
+
+TEST_F(ManyPolicies, AreAppliedInTheEndToALinkForWhichThereWasNoMemory) {
+  auto hasFailed = true;
+  for (std::uint32_t before = 0; hasFailed && !HasFailure(); ++before) {
+    SCOPED_TRACE(fmt::format("allocation {}", before));
+    if (!policies)
+      start({policyMessage({.selector = wide()}, {})}, {});
+    {
+      FailingMemory const failing(before, FailingMemory::Fails::once);
+      try {
+        links.linkIs(greLink(before + 1));
+      } catch (std::bad_alloc const &) {
+      }
+    }
+    hasFailed = FailingMemory::hasFailed();
+    links.linkIs(greLink(before + 1)); // as who told of it does
+    answer(policyDumps, {policyMessage({.selector = wide()}, {})});
+    auto const asked = policyDumps.asked();
+    loop.advance(KernelReader::retryPeriod);
+    settle();
+    if (policyDumps.asked() == asked)
+      loop.advance(IpsecPolicies::fullReadPeriod - KernelReader::retryPeriod);
+    settle();
+    EXPECT_EQ(policies->publisher().counts().statusClaims, before + 1);
+    policyDumps.forgetAnswers();
+  }
 }
 
 // As on a gateway that has one xfrm link for all who dial in.

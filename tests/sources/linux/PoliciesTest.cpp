@@ -23,6 +23,7 @@ namespace {
 using Plexa::IntfId;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 Plexa::IpGenAddr at(std::string const & text) {
   return *Plexa::IpGenAddr::fromString(text);
@@ -376,7 +377,7 @@ TEST(LinkFlows, FindTheLinksThatAPolicyIsAboutAsAWalkWould) {
         expected.insert(number);
     }
     absl::btree_set<IntfId> found;
-    flows.findConcerned(policy, found);
+    ASSERT_TRUE(flows.findConcerned(policy, found));
     std::set<std::uint64_t> numbers;
     for (auto const intfId : found)
       numbers.insert(intfId.value());
@@ -409,9 +410,10 @@ TEST(Policies, CostNoMoreWhereThereAreManyAndManyTunnels) {
   changed.selector.destination = remote(17);
   changed.selector.protocol = 47; // a third one
   absl::btree_set<IntfId> concerned;
-  if (auto const before = policies.policyIs(changed))
-    flows.findConcerned(*before, concerned);
-  flows.findConcerned(changed, concerned);
+  auto const before = policies.policyIs(changed);
+  ASSERT_TRUE(before);
+  EXPECT_TRUE(flows.findConcerned(*before, concerned));
+  EXPECT_TRUE(flows.findConcerned(changed, concerned));
   EXPECT_THAT(concerned, ElementsAre(IntfId(17)));
   EXPECT_EQ(flows.work().links, links + 4)
       << "that link and the next, for what the policy was and for what it is";
@@ -446,6 +448,51 @@ TEST(Flow, IsWhatAKindSends) {
   EXPECT_THAT(flows("vxlan"), ElementsAre(vxlanFlow));
   EXPECT_EQ(flows("gre").front().localPort, 2) << "half of its key, as in the kernel";
   EXPECT_EQ(flows("gre").front().remotePort, 3);
+}
+
+TEST(LinkFlows, TakeTheAddressOfTheRouteWhereALinkHasNone) {
+  auto route = at("10.0.0.1");
+  LinkFlows flows([&](Plexa::IpGenAddr const & remote) {
+    EXPECT_EQ(remote, at("10.0.0.2"));
+    return route;
+  });
+  Link const link{
+      .intfId = IntfId(1), .name = "t", .kind = "geneve", .remote = at("10.0.0.2"), .port = 6081};
+  EXPECT_TRUE(flows.linkIs(link));
+  ASSERT_THAT(flows.find(IntfId(1))->flows, SizeIs(1));
+  EXPECT_EQ(flows.find(IntfId(1))->flows.front().local, at("10.0.0.1"));
+  EXPECT_FALSE(flows.linkIs(link)) << "the route is the same";
+  route = at("10.0.0.9");
+  EXPECT_TRUE(flows.linkIs(link));
+  EXPECT_EQ(flows.find(IntfId(1))->flows.front().local, at("10.0.0.9"));
+  absl::btree_set<IntfId> concerned;
+  auto policy = policyOf(1);
+  policy.selector.source = at("10.0.0.9");
+  policy.selector.sourceLength = 32;
+  EXPECT_TRUE(flows.findConcerned(policy, concerned));
+  EXPECT_THAT(concerned, ElementsAre(IntfId(1)));
+  route = Plexa::IpGenAddr(Plexa::AddressFamily::ipv4);
+  EXPECT_TRUE(flows.linkIs(link));
+  EXPECT_THAT(flows.find(IntfId(1))->flows, IsEmpty()) << "no route leads there now";
+  EXPECT_EQ(flows.next(std::nullopt), IntfId(1)) << "one may later";
+}
+
+TEST(Flow, IsSentAsRoutedWithoutALocalAddressOnly) {
+  Link const geneve{
+      .intfId = IntfId(1), .name = "t", .kind = "geneve", .remote = at("10.0.0.2"), .port = 6081};
+  EXPECT_TRUE(isSentAsRouted(geneve));
+  auto const with = [&](auto change) {
+    auto link = geneve;
+    change(link);
+    return isSentAsRouted(link);
+  };
+  EXPECT_TRUE(with([](Link & link) { link.kind = "gre"; }));
+  EXPECT_TRUE(with([](Link & link) { link.local = Plexa::IpGenAddr(Plexa::AddressFamily::ipv4); }));
+  EXPECT_FALSE(with([](Link & link) { link.local = at("10.0.0.1"); }));
+  EXPECT_FALSE(with([](Link & link) { link.remote = {}; }));
+  EXPECT_FALSE(with([](Link & link) { link.port.reset(); }));
+  EXPECT_FALSE(with([](Link & link) { link.kind = "wireguard"; }));
+  EXPECT_FALSE(with([](Link & link) { link.isCarriedElsewhere = true; }));
 }
 
 TEST(Flow, IsNoneWhereItCannotBeKnown) {

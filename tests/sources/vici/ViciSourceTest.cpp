@@ -374,10 +374,16 @@ TEST_F(ViciSource, CountsAndTellsOfInterfacesThatSeveralConnectionsClaim) {
   officeIsUp();
   connectionIs("another", 42);
   auto const before = Lumo::counter("vici-conflicts");
+  TraceRecorder const traces{{"ViciSource", "7"}};
   peer.listen();
   start();
-  EXPECT_EQ(profile(7), "another") << "both are up; it has the lower name";
   EXPECT_EQ(Lumo::counter("vici-conflicts"), before + 1);
+  source->reread();
+  settle();
+  EXPECT_THAT(traces.texts(7),
+              testing::Contains("link 7: several connections claim it, another has it").Times(1))
+      << "not with each listing";
+  EXPECT_EQ(profile(7), "another") << "both are up; it has the lower name";
   EXPECT_THAT(source->status().details, testing::Contains(Pair("contested interfaces", "1")));
 }
 
