@@ -99,7 +99,7 @@ class Measure:
                    for operation in ("bulk50", "bulk10", "get", "next")}
         with self.workshop.masters(SUBAGENTS, "if", rows) as masters:
             self.require_same_answers(masters, "if", rows)
-            for number in range(2 * self.rounds + 1):
+            for number in range(self.rounds + 1):
                 progress(f"AgentX, {rows} rows, round {number}")
                 for operation, by_mode in figures.items():
                     for mode in shuffled(SUBAGENTS, number):
