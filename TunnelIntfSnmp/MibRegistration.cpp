@@ -6,6 +6,7 @@
 #include "platform/Snmp.h"
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 namespace TunnelIntfSnmp {
 
@@ -63,10 +64,12 @@ void unregisterModule(MibModule & module, Zel::String const & context) {
 
 namespace {
 
+// A start without memory ends, which frees all.
 template <class T>
 T * zeroed() {
   auto * record = static_cast<T *>(std::calloc(1, sizeof(T))); // net-snmp frees it
-  LUMO_ASSERT(record != nullptr, "out of memory");
+  if (record == nullptr)
+    throw std::bad_alloc();
   return record;
 }
 

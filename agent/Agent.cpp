@@ -9,8 +9,10 @@
 #include "platform/Snmp.h"
 #include <algorithm>
 #include <array>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <unistd.h>
+#include <utility>
 
 namespace Agent {
 
@@ -18,10 +20,14 @@ namespace {
 
 Lumo::Counter notifieeExceptions("agent-notifiee-exceptions");
 Lumo::Counter taskExceptions("agent-task-exceptions");
+Lumo::Counter machinesHealed("agent-machines-healed");
 
 /// How long a task works before it is asked to yield: about as long as half of all requests wait
 /// while there is much to do.
 constexpr std::chrono::milliseconds taskShare{2};
+
+/// How often it is looked whether the machines have missed a change.
+constexpr std::chrono::seconds healPeriod{1};
 
 constexpr char const * mibPath = "snmp/tunnelIntf/tunnelMib";
 constexpr char const * rootPath = "snmp/tunnelIntf/root";
@@ -50,7 +56,8 @@ Agent::Agent(Options options, EventLoop & loop)
     : options_(std::move(options)),
       loop_(loop),
       scheduler_(Zel::makePtr<Kiln::TaskScheduler>(std::chrono::steady_clock::now, taskShare)),
-      notifieeFailed_([](std::string_view pointer, std::exception const & exception) {
+      notifieeFailed_([this](std::string_view pointer, std::exception const & exception) {
+        noteShortage(exception);
         reportFailure(notifieeExceptions, fmt::format("after the change of {}", pointer),
                       exception);
       }),
@@ -59,6 +66,7 @@ Agent::Agent(Options options, EventLoop & loop)
   if (!options_.isGuest)
     serviceManager_.emplace(loop);
   try {
+    healing_ = loop_.every(healPeriod, [this] { heal(); });
     startPlatform();
     startPlugin();
     startSources();
@@ -87,22 +95,29 @@ bool Agent::work() {
     if (scheduler_->scheduled() == 0 && !ready_)
       noticeReady();
   } catch (std::exception const & exception) {
+    noteShortage(exception);
     reportFailure(taskExceptions, "in a task", exception);
   }
   return scheduler_->scheduled() != 0;
 }
 
 void Agent::restartMachines() {
-  Zel::attributeDel(*database_.lookup(rootPath), "tunnelIntfSnmpAgent");
-  // Of this table no row is taken over: one that was left would keep its successor out, and then be
-  // reconciled away.
-  Zel::attributeDel(*database_.lookup(mibPath), "tunnelInetConfigTable");
-  startMachines();
+  try {
+    Zel::attributeDel(*database_.lookup(rootPath), "tunnelIntfSnmpAgent");
+    // Of this table no row is taken over: one that was left would keep its successor out, and then
+    // be reconciled away.
+    Zel::attributeDel(*database_.lookup(mibPath), "tunnelInetConfigTable");
+    startMachines();
+  } catch (...) {
+    hasMissedChanges_ = true; // there may be no machines now
+    throw;
+  }
 }
 
 void Agent::stop() {
   if (serviceManager_)
     serviceManager_->stopping();
+  healing_.reset();
   control_.reset(); // an answer under way holds rows
   patches_.reset();
   done("control socket closed");
@@ -135,7 +150,8 @@ void Agent::stopPlugin() {
 
 void Agent::startPlatform() {
   Lumo::traceSinkIs(writeTrace);
-  Zel::exceptionReporterIs([](std::string_view where, std::exception const & exception) {
+  Zel::exceptionReporterIs([this](std::string_view where, std::exception const & exception) {
+    noteShortage(exception);
     reportFailure(notifieeExceptions, where, exception);
   });
   for (auto const & trace : options_.traces)
@@ -212,6 +228,20 @@ void Agent::noticeReady() {
   done("ready");
   if (serviceManager_)
     serviceManager_->ready(servedAt_);
+}
+
+// Whether it was a machine that raised it, nobody knows here.
+void Agent::noteShortage(std::exception const & what) {
+  if (dynamic_cast<std::bad_alloc const *>(&what) != nullptr)
+    hasMissedChanges_ = true;
+}
+
+void Agent::heal() {
+  if (!std::exchange(hasMissedChanges_, false))
+    return;
+  restartMachines();
+  machinesHealed.inc();
+  report("memory was short; the machines have been started anew, in case they missed a change");
 }
 
 void Agent::startSnmp() {

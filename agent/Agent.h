@@ -5,6 +5,9 @@
 // first scans find what there is; and SNMP comes after the machines, so that no request is answered
 // out of tables that nobody fills. At the end serving stops before anything goes that an answer may
 // hold.
+//
+// Where there is no memory for telling the machines of a change, a row may be missing or stay. What
+// a machine has not heard it cannot know of, so within a second the machines are started anew.
 #pragma once
 
 #include "agent/ControlSocket.h"
@@ -61,6 +64,8 @@ private:
   void startSources();
   void startMachines();
   void noticeReady();
+  void noteShortage(std::exception const & what);
+  void heal();
   void startSnmp();
   void startControl();
   std::vector<std::string> rereadConfiguration();
@@ -86,6 +91,8 @@ private:
   std::optional<Rereads> rereads_;
   std::unique_ptr<Patches> patches_;
   std::unique_ptr<ControlSocket> control_;
+  Os::Loop::Handle healing_; // made at the start: it is for when there is no memory
+  bool hasMissedChanges_ = false;
   std::string servedAt_;
   bool ready_ = false; // as last noticed, of the machines that there are
 };

@@ -80,6 +80,8 @@ void removeStale(std::string const & path, Os::UnixAddress const & address) {
   auto const probe = newSocket(path);
   if (connect(probe.get(), address.get(), address.size()) == 0)
     throw refusal(path, "another daemon is listening there");
+  if (errno == ENOENT)
+    return; // it has gone meanwhile
   if (errno != ECONNREFUSED)
     throw refusal(path, std::strerror(errno));
   staleSockets.inc();

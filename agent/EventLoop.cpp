@@ -1,10 +1,15 @@
 // libevent's loop, one turn at a time. A watch is one libevent event; its callback may end the
 // watch that it belongs to, and no exception passes through libevent, which is C.
 #include "agent/EventLoop.h"
+#include "agent/EventMemory.h"
 #include "agent/Report.h"
 #include "os/Time.h"
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <event2/event.h>
+#include <fmt/format.h>
+#include <new>
 #include <stdexcept>
 
 namespace Agent {
@@ -12,6 +17,21 @@ namespace Agent {
 namespace {
 
 Lumo::Counter callbackExceptions("agent-callback-exceptions");
+Lumo::Counter libraryMessages("agent-libevent-messages");
+
+/// What fails is told by the one whose call it was, with the system's reason; but of an error
+/// libevent ends the process.
+void take(int severity, char const * message) {
+  libraryMessages.inc();
+  if (severity == EVENT_LOG_ERR)
+    report(fmt::format("cannot wait for events: {}", message));
+}
+
+/// libevent says no more than the system's last error.
+std::runtime_error cannotWatch(int error) {
+  return std::runtime_error(fmt::format("cannot watch a descriptor: {}",
+                                        error != 0 ? std::strerror(error) : "it is not open"));
+}
 
 /// One libevent event and whom to call.
 class EventWatch final : public Os::Loop::Watch {
@@ -20,7 +40,7 @@ public:
       : call_(std::make_shared<std::function<void()>>(std::move(call))),
         event_(event_new(base, descriptor, what, &EventWatch::happened, this)) {
     if (event_ == nullptr)
-      throw std::runtime_error("cannot watch a descriptor: out of memory");
+      throw std::bad_alloc();
   }
   EventWatch(EventWatch const &) = delete;
   EventWatch & operator=(EventWatch const &) = delete;
@@ -28,8 +48,9 @@ public:
 
   /// Requires: on a null `time`, an event for something else than the time.
   void begin(timeval const * time) {
+    errno = 0;
     if (event_add(event_, time) != 0)
-      throw std::runtime_error("cannot watch a descriptor: is it open?");
+      throw cannotWatch(errno);
   }
 
 private:
@@ -47,6 +68,12 @@ private:
   event * const event_;
 };
 
+event_base * newBase() {
+  keepMemoryForEvents();
+  event_set_log_callback(take);
+  return event_base_new();
+}
+
 Os::Loop::Handle begun(std::unique_ptr<EventWatch> watch, timeval const * time = nullptr) {
   watch->begin(time);
   return watch;
@@ -58,7 +85,7 @@ void EventLoop::BaseFree::operator()(event_base * base) const {
   event_base_free(base);
 }
 
-EventLoop::EventLoop() : base_(event_base_new()) {
+EventLoop::EventLoop() : base_(newBase()) {
   if (!base_)
     throw std::runtime_error("cannot make an event loop: out of descriptors or memory");
   std::signal(SIGPIPE, SIG_IGN); // libevent writes to connections that may have gone

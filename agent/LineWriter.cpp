@@ -3,6 +3,7 @@
 #include "platform/Lumo.h"
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <fcntl.h>
@@ -29,6 +30,15 @@ int openAnew(int descriptor) noexcept {
   std::array<char, 32> path{};
   std::snprintf(path.data(), path.size(), "/proc/self/fd/%d", descriptor);
   return open(path.data(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+
+/// A signal may come in between.
+ssize_t writeTo(int descriptor, std::string_view octets) noexcept {
+  ssize_t written = 0;
+  do
+    written = write(descriptor, octets.data(), octets.size());
+  while (written < 0 && errno == EINTR);
+  return written;
 }
 
 bool hasRoom(int descriptor) noexcept {
@@ -79,14 +89,14 @@ ssize_t LineWriter::writeNow(std::string_view octets) noexcept {
   if (S_ISSOCK(is.st_mode))
     return send(descriptor_, octets.data(), octets.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   if (S_ISREG(is.st_mode))
-    return write(descriptor_, octets.data(), octets.size());
+    return writeTo(descriptor_, octets);
   // It may have become another file since the last time.
   if (!isSame(is, opened_)) {
     opened_ = is;
     own_ = Os::Descriptor(openAnew(descriptor_));
   }
   auto const to = writable();
-  return to == Os::Descriptor::none ? -1 : write(to, octets.data(), octets.size());
+  return to == Os::Descriptor::none ? -1 : writeTo(to, octets);
 }
 
 int LineWriter::writable() noexcept {

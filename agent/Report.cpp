@@ -12,6 +12,11 @@ namespace {
 Voice voice{"tunnelsnmpd", [](std::string_view text) noexcept { errorStream().line(text); }};
 std::string noMemory = "tunnelsnmpd: out of memory"; // there is none to make it of, then
 
+/// In words for an operator, whoever raised it.
+char const * wordsFor(std::exception const & what) {
+  return dynamic_cast<std::bad_alloc const *>(&what) != nullptr ? "out of memory" : what.what();
+}
+
 std::string & keptFailure() {
   static std::string text;
   return text;
@@ -36,11 +41,15 @@ void report(std::string_view text) noexcept {
   }
 }
 
+void reportEnd(std::exception const & what) noexcept {
+  report(wordsFor(what));
+}
+
 void reportFailure(Lumo::Counter & counter, std::string_view where,
                    std::exception const & what) noexcept {
   counter.inc();
   try {
-    keptFailure() = Os::oneLine(fmt::format("{}: {}", where, what.what()));
+    keptFailure() = Os::oneLine(fmt::format("{}: {}", where, wordsFor(what)));
     report(keptFailure());
   } catch (std::bad_alloc const &) {
     say(noMemory);

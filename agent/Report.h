@@ -31,6 +31,9 @@ void say(std::string_view line) noexcept;
 /// Says "NAME: TEXT" in one line (Os::oneLine).
 void report(std::string_view text) noexcept;
 
+/// What the process ends of.
+void reportEnd(std::exception const & what) noexcept;
+
 /// A failure that the agent survives: counted, reported as "WHERE: WHAT", kept as the last one.
 void reportFailure(Lumo::Counter & counter, std::string_view where,
                    std::exception const & what) noexcept;

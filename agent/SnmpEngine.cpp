@@ -65,12 +65,12 @@ Os::Descriptor spareDescriptor() {
   return Os::Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
-/// The port that a socket is bound to, or 0 when it has none.
+/// The port that a socket is bound to, or 0 when it has none. Raises std::runtime_error.
 unsigned portOf(int descriptor) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
   if (getsockname(descriptor, reinterpret_cast<sockaddr *>(&address), &size) != 0)
-    return 0;
+    throw std::runtime_error(fmt::format("cannot tell the port: {}", std::strerror(errno)));
   // The port stands at the same place for both families.
   auto const internet = address.ss_family == AF_INET || address.ss_family == AF_INET6;
   return internet ? ntohs(reinterpret_cast<sockaddr_in const &>(address).sin_port) : 0;

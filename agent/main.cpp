@@ -18,14 +18,16 @@ constexpr int failed = 1;
 constexpr int wronglyConfigured = 2;
 
 /// Where an installation has it, and else where the build tree would: both are beside the folder
-/// of this program.
-std::string defaultPlugin() {
+/// of this program. Empty, and an error, where that cannot be found out.
+std::string defaultPlugin(std::error_code & error) {
   constexpr char const * name = "libTunnelIntfSnmp.so";
-  std::error_code error;
   auto const program = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error)
+    return {};
   auto const prefix = program.parent_path().parent_path();
   auto const installed = prefix / PRIVATE_LIBRARIES / name;
-  return (std::filesystem::exists(installed, error) ? installed : prefix / "lib" / name).string();
+  std::error_code missing;
+  return (std::filesystem::exists(installed, missing) ? installed : prefix / "lib" / name).string();
 }
 
 void serve(Agent::Options options) {
@@ -44,11 +46,16 @@ void serve(Agent::Options options) {
 
 int run(int argc, char ** argv) {
   Os::secureStandardStreams();
-  auto parsed = Agent::parseOptions({argv + 1, argv + argc}, defaultPlugin());
+  std::error_code noPlugin;
+  auto parsed = Agent::parseOptions({argv + 1, argv + argc}, defaultPlugin(noPlugin));
   if (!parsed.options) {
     auto const isWritten = Os::writeOut(parsed.exitStatus == 0 ? stdout : stderr, parsed.text);
     return isWritten ? parsed.exitStatus : std::max(parsed.exitStatus, failed);
   }
+  if (parsed.options->pluginFile.empty())
+    throw std::runtime_error(fmt::format("cannot find the plug-in: /proc/self/exe: {}; name the "
+                                         "file with --plugin",
+                                         noPlugin.message()));
   serve(*std::move(parsed.options));
   return 0;
 }
@@ -60,27 +67,32 @@ int run(int argc, char ** argv) {
     if (std::current_exception())
       std::rethrow_exception(std::current_exception());
   } catch (std::bad_alloc const & error) {
-    Agent::report(error.what());
+    Agent::reportEnd(error);
     _exit(failed);
   } catch (std::exception const & error) {
-    Agent::report(error.what());
+    Agent::reportEnd(error);
   } catch (...) {
     Agent::report("ended by an exception without a text");
   }
   std::abort();
 }
 
+// Static objects of the libraries are made before main() begins, and before those of this program.
+void beforeAll(int, char **, char **) {
+  std::set_terminate(endWithOneLine);
+}
+[[gnu::section(".preinit_array"), gnu::used]] auto * const callsBeforeAll = &beforeAll;
+
 } // namespace
 
 int main(int argc, char ** argv) {
-  std::set_terminate(endWithOneLine);
   try {
     return run(argc, argv);
   } catch (Agent::ConfigurationError const & error) {
-    Agent::report(error.what());
+    Agent::reportEnd(error);
     return wronglyConfigured;
   } catch (std::exception const & error) {
-    Agent::report(error.what());
+    Agent::reportEnd(error);
     return failed;
   }
 }

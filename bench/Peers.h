@@ -15,6 +15,8 @@ namespace Bench {
 void serveByArithmetic(Table const & table, std::uint32_t rows, bool wholeBulk);
 /// net-snmp's container_table over its sorted array.
 void serveFromContainer(Table const & table, std::uint32_t rows);
+/// net-snmp's table iterator over a sorted array, which it is given the place in by the hint.
+void serveFromIterator(Table const & table, std::uint32_t rows);
 /// net-snmp's tdata.
 void serveFromTdata(Table const & table, std::uint32_t rows);
 

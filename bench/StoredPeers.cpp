@@ -1,4 +1,5 @@
-// The two that keep their rows in net-snmp's own containers, as its manual tells to.
+// The three that keep their rows: in net-snmp's own containers, as its manual tells to, and in an
+// array that its table iterator goes through.
 #include <net-snmp/net-snmp-config.h>
 
 #include <net-snmp/net-snmp-includes.h>
@@ -110,6 +111,70 @@ void serveFromTdata(Table const & table, std::uint32_t rows) {
   }
   if (netsnmp_tdata_register(describeHandler(answer<tdataRow>), data, describeTable()) != 0)
     throw std::runtime_error("net-snmp refuses the tdata table");
+}
+
+namespace {
+
+/// Of the table iterator: the rows, by ifIndex.
+std::vector<std::uint32_t> iterated;
+
+/// Puts the row's index into the varbinds, and says which row comes next; null behind the last.
+netsnmp_variable_list * give(std::size_t row, void ** loopContext, void ** dataContext,
+                             netsnmp_variable_list * indexes) {
+  if (row >= iterated.size()) {
+    *loopContext = nullptr;
+    return nullptr;
+  }
+  long const ifIndex = iterated[row];
+  snmp_set_var_value(indexes, &ifIndex, sizeof ifIndex);
+  *loopContext = &iterated[row];
+  *dataContext = &iterated[row];
+  return indexes;
+}
+
+netsnmp_variable_list * firstRow(void ** loopContext, void ** dataContext,
+                                 netsnmp_variable_list * indexes, netsnmp_iterator_info *) {
+  auto const * hint = static_cast<netsnmp_table_request_info const *>(*loopContext);
+  auto const wanted =
+      hint != nullptr && hint->number_indexes == 1 ? *hint->indexes->val.integer : 0;
+  auto const found = std::ranges::lower_bound(
+      iterated, wanted, {}, [](auto ifIndex) { return static_cast<long>(ifIndex); });
+  return give(static_cast<std::size_t>(found - iterated.begin()), loopContext, dataContext,
+              indexes);
+}
+
+netsnmp_variable_list * nextRow(void ** loopContext, void ** dataContext,
+                                netsnmp_variable_list * indexes, netsnmp_iterator_info *) {
+  auto const * row = static_cast<std::uint32_t const *>(*loopContext);
+  return give(static_cast<std::size_t>(row - iterated.data()) + 1, loopContext, dataContext,
+              indexes);
+}
+
+std::uint32_t iteratedRow(netsnmp_request_info * request) {
+  auto const * row = static_cast<std::uint32_t *>(netsnmp_extract_iterator_context(request));
+  return row == nullptr ? 0 : *row;
+}
+
+} // namespace
+
+void serveFromIterator(Table const & table, std::uint32_t rows) {
+  if (table.indexLength != 1)
+    throw std::runtime_error("the iterator serves tables by ifIndex only");
+  served = &table;
+  iterated.resize(rows);
+  for (std::uint32_t ifIndex = 2; auto & row : iterated) {
+    row = ifIndex;
+    ifIndex += 2;
+  }
+  auto * const info = SNMP_MALLOC_TYPEDEF(netsnmp_iterator_info);
+  info->get_first_data_point = firstRow;
+  info->get_next_data_point = nextRow;
+  info->flags |= NETSNMP_ITERATOR_FLAG_SORTED;
+  info->table_reginfo = describeTable();
+  auto * const handler = describeHandler(answer<iteratedRow>);
+  if (netsnmp_register_table_iterator(handler, info) != 0 ||
+      netsnmp_inject_handler(handler, netsnmp_get_serialize_handler()) != 0)
+    throw std::runtime_error("net-snmp refuses the iterator's table");
 }
 
 namespace {

@@ -12,9 +12,10 @@ import time
 
 import tunnels
 
-PEERS = {"e": "arithmetic", "e2": "arithmetic-bulk", "c": "container", "d": "tdata"}
+SUBAGENTS = ("c", "i", "host")
+PEERS = {"i": "iterator", "e": "arithmetic", "e2": "arithmetic-bulk", "c": "container", "d": "tdata"}
 OURS = ("stock", "host")
-MODES = (*PEERS, *OURS)
+MODES = ("e", "e2", "c", "d", *OURS)
 PATIENCE = 600  # seconds; only a broken agent needs them
 
 
@@ -41,6 +42,7 @@ class Agent:
     """A running agent. `end()` it."""
 
     namespace = None
+    subagent = None  # the agent that it has the answers from
 
     def __init__(self, command, environment=None):
         self.child = subprocess.Popen(command, stdout=subprocess.PIPE, text=True, env=environment)
@@ -49,7 +51,7 @@ class Agent:
 
     def _address(self, command):
         for line in self.child.stdout:
-            if match := re.search(r"listening on udp:(\S+)", line):
+            if match := re.search(r"listening on (?:udp:)?(\S+)", line):
                 return match.group(1)
         raise SystemExit(f"bench: did not start: {' '.join(command)}")
 
@@ -59,6 +61,27 @@ class Agent:
             self.child.wait(PATIENCE)
         finally:
             self.child.kill()
+
+
+class Master(Agent):
+    """net-snmp's snmpd as an AgentX master on loopback. Ready when it is made."""
+
+    def __init__(self, path, config, folder):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            probe.bind(("127.0.0.1", 0))
+            self.port = probe.getsockname()[1]
+        with open(config, "w", encoding="utf-8") as file:
+            file.write(f"rocommunity public 127.0.0.1\nmaster agentx\nagentXSocket {path}\n")
+        super().__init__(["snmpd", "-f", "-Lo", "-C", "-c", config, "-I", "-smux",
+                          f"udp:127.0.0.1:{self.port}"],
+                         dict(os.environ, MIBS="", SNMP_PERSISTENT_DIR=folder,
+                              SNMPCONFPATH=folder))
+
+    def _address(self, command):
+        for line in self.child.stdout:
+            if line.startswith("NET-SNMP version"):
+                return f"127.0.0.1:{self.port}"
+        raise SystemExit(f"bench: did not start: {' '.join(command)}")
 
 
 class Control:
@@ -106,9 +129,9 @@ class Workshop:
             tunnels.write(path, rows)
         return path
 
-    def peer(self, mode, table, rows):
+    def peer(self, mode, table, rows, *options):
         return Agent([self.program("benchPeer"), "--table", table, "--rows", str(rows),
-                      "--mode", PEERS[mode]])
+                      "--mode", PEERS[mode], *options])
 
     def daemon(self, mode, rows, *, namespace=None, sources=()):
         """The daemon, listening; not yet ready. In a network namespace if one is named."""
@@ -138,9 +161,41 @@ class Workshop:
             for agent in running.values():
                 agent.end()
 
+    @contextlib.contextmanager
+    def masters(self, modes, table, rows):
+        """As agents(): each an snmpd of its own, with a subagent of that mode behind it."""
+        with contextlib.ExitStack() as running:
+            yield {mode: running.enter_context(self._master(mode, table, rows)) for mode in modes}
+
+    @contextlib.contextmanager
+    def _master(self, mode, table, rows):
+        path = "unix:" + self.path(f"master-{mode}")
+        master = Master(path, self.path(f"master-{mode}.conf"), self.folder)
+        try:
+            if mode in OURS:
+                master.subagent = self.subagent(mode, rows, path)
+            else:
+                master.subagent = self.peer(mode, table, rows, "--agentx", path)
+            yield master
+        finally:
+            if master.subagent:
+                master.subagent.end()
+            master.end()
+
+    def subagent(self, mode, rows, master):
+        control = self.path(f"{mode}-{rows}-agentx.sock")
+        agent = Agent([self.program("tunnelsnmpd"), "--agentx", master, "--control", control,
+                       "--iterator", mode, "--source", "json:" + self.document(rows)])
+        control = Control(control)
+        control.wait_ready()
+        while control.ask("status")["agentx"]["state"] != "serving":
+            time.sleep(0.005)
+        return agent
+
     def manager(self, agent, table, rows, operation, *arguments):
+        behind = ["--subagent", str(agent.subagent.child.pid)] if agent.subagent else []
         return [*within(agent.namespace), self.program("benchManager"), "--address", agent.address,
-                "--pid", str(agent.child.pid), "--table", table, "--rows", str(rows),
+                *behind, "--pid", str(agent.child.pid), "--table", table, "--rows", str(rows),
                 "--operation", operation, *map(str, arguments)]
 
     def ask(self, agent, table, rows, operation, *arguments):

@@ -29,7 +29,7 @@ def measure(options):
     with tempfile.TemporaryDirectory(prefix="bench-") as folder:
         work = Measure(Workshop(str(options.binaries), folder), 3 if options.quick else 5,
                        options.quick)
-        make = {"steps": work.steps, "waits": work.waits, "memory": work.memory,
+        make = {"steps": work.steps, "agentx": work.agentx, "waits": work.waits, "memory": work.memory,
                 "start": work.start, "changes": work.changes, "sources": work.sources,
                 "ike": work.ike, "policies": work.policies}
         for section in options.only or report.SECTIONS:

@@ -11,7 +11,7 @@ import subprocess
 import sys
 import time
 
-from agents import MODES, OURS, PATIENCE, network_namespace, within
+from agents import MODES, OURS, PATIENCE, SUBAGENTS, network_namespace, within
 
 TABLES = {"if": "tunnelIfTable", "inet": "tunnelInetConfigTable",
           "ipsec": "velmoraIpsecTunnelIfTable"}
@@ -48,7 +48,7 @@ class Measure:
     def varbinds(self, table, rows, mode, operation):
         """How many instances one turn asks for: enough for the clock, and not for minutes."""
         share = 4 if self.quick else 1
-        if operation == "bulk50":  # whole walks
+        if operation.startswith("bulk"):  # whole walks
             walk = rows * COLUMNS[table]
             return walk * max(1, 50000 // share // walk)
         if operation == "miss" and mode == "stock":  # looks at every row
@@ -85,9 +85,34 @@ class Measure:
         answers = {mode: self.workshop.ask(agent, table, rows, "check")
                    for mode, agent in agents.items()}
         for mode, answer in answers.items():
-            if answer != answers["e"]:
-                raise SystemExit(f"bench: {mode} and e differ in a walk of {TABLES[table]} with "
-                                 f"{rows} rows: {answer}, {answers['e']}")
+            if answer != answers["c"]:
+                raise SystemExit(f"bench: {mode} and c differ in a walk of {TABLES[table]} with "
+                                 f"{rows} rows: {answer}, {answers['c']}")
+
+    # Behind an AgentX master
+
+    @one_core()
+    def agentx(self):
+        """{operation: {mode: {"daemon": [ns of each turn], "master": [ns]}}} for a varbind"""
+        rows = 1000 if self.quick else 10000
+        figures = {operation: {mode: {"daemon": [], "master": []} for mode in SUBAGENTS}
+                   for operation in ("bulk50", "bulk10", "get", "next")}
+        with self.workshop.masters(SUBAGENTS, "if", rows) as masters:
+            self.require_same_answers(masters, "if", rows)
+            for number in range(2 * self.rounds + 1):
+                progress(f"AgentX, {rows} rows, round {number}")
+                for operation, by_mode in figures.items():
+                    for mode in shuffled(SUBAGENTS, number):
+                        daemon, master = self._agentx_turn(masters[mode], rows, operation, number)
+                        if number > 0:
+                            by_mode[mode]["daemon"].append(daemon)
+                            by_mode[mode]["master"].append(master)
+        return {"rows": rows, "operations": figures}
+
+    def _agentx_turn(self, master, rows, operation, seed):
+        answer = self.workshop.ask(master, "if", rows, operation, "--varbinds",
+                                   self.varbinds("if", rows, "host", operation), "--seed", seed)
+        return (answer["subagentNs"] / answer["varbinds"], answer["cpuNs"] / answer["varbinds"])
 
     def steps(self):
         """Bulk walks of the smallest and the largest size side by side:

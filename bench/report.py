@@ -72,6 +72,26 @@ def operation_table(operation, by_rows):
             + table(["", "rows", "µs per varbind", "of e", "of c"], lines))
 
 
+SUBAGENT_TITLES = {"c": "net-snmp's subagent, `container_table`",
+                   "i": "net-snmp's subagent, table iterator with hint", "host": "`tunnelsnmpd`"}
+AGENTX_TITLES = {**OPERATION_TITLES, "bulk10": "GETBULK walk, 10 repetitions"}
+
+
+def agentx(figures):
+    return "\n".join(f"{AGENTX_TITLES[operation]}:\n\n" + agentx_table(by_mode)
+                     for operation, by_mode in figures["operations"].items())
+
+
+def agentx_table(by_mode):
+    lines = []
+    for who in ("daemon", "master"):
+        for mode, values in by_mode.items():
+            lines.append([f"{SUBAGENT_TITLES[mode]}: {'subagent' if who == 'daemon' else who}",
+                          spread([value / 1000 for value in values[who]]),
+                          *(spread(ratios(values[who], by_mode[base][who])) for base in "ci")])
+    return table(["", "µs per varbind", "of container_table's", "of the iterator's"], lines)
+
+
 def steps(figures):
     lines = []
     for name, modes in figures.items():
@@ -216,6 +236,7 @@ def policies(figures):
 
 SECTIONS = {
     "if": None, "inet": None, "ipsec": None,  # together, see text()
+    "agentx": ("Behind an AgentX master", agentx),
     "steps": ("Does the size matter?", steps),
     "waits": ("How long a manager waits", waits),
     "start": ("From nothing to complete tables", start),
@@ -247,6 +268,8 @@ NOTES = {
                "because an answer that wakes a manager on another one costs what the machine takes "
                "for that. The rows of a table have every second number as their ifIndex, so that "
                "what is not there has neighbours.",
+    "agentx": "Three `snmpd`s side by side, each with one subagent, {rows:,} rows of tunnelIfTable, {turns} turns each, "
+              "on one core as above. The CPU time of the subagent and of its master is told apart.",
     "steps": "A small and a large agent side by side, {turns} turns each, on one core as above.",
     "waits": "{turns} repetitions, the lowest and the highest in brackets, the daemon on a core of its own. Single GETs of random instances of "
                "tunnelIfTable, each sent when the one before is answered: while nothing else goes on; from the start's \"listening\" until ready; "
@@ -273,6 +296,9 @@ NOTES = {
 
 
 def note(name, figures):
+    if name == "agentx":
+        rows, figures = figures["rows"], figures["operations"]
+        return NOTES[name].format(turns=turns(figures), rows=rows)
     return NOTES[name].format(turns=turns(figures))
 
 

@@ -1,6 +1,8 @@
-# What an installation holds, and where: the programs with what they need, and, as the component
-# "development", what somebody needs who loads the plug-in into an agent of their own.
+# What an installation holds, and where. Its three components are Debian's three packages: the
+# programs with what they need; "dlmod", the module that snmpd itself loads; and "development", what
+# somebody needs who loads the plug-in into an agent of their own.
 include(CMakePackageConfigHelpers)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME programs)
 
 install(TARGETS tunnelsnmpd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS tunnelsnmpctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -9,17 +11,15 @@ install(TARGETS TunnelIntfSnmpPlatform EXPORT TunnelIntfSnmpTargets
 install(TARGETS TunnelIntfSnmp LIBRARY DESTINATION ${PRIVATE_LIBRARIES})
 set_target_properties(tunnelsnmpd PROPERTIES INSTALL_RPATH "$ORIGIN/../${PRIVATE_LIBRARIES}")
 set_target_properties(TunnelIntfSnmp PROPERTIES INSTALL_RPATH "$ORIGIN")
-# The module that snmpd itself loads.
-if(TARGET tunnelIntf)
-  install(TARGETS tunnelIntf LIBRARY DESTINATION ${PRIVATE_LIBRARIES} COMPONENT dlmod)
-  set_target_properties(tunnelIntf PROPERTIES INSTALL_RPATH "$ORIGIN")
-endif()
+install(TARGETS tunnelIntf LIBRARY DESTINATION ${PRIVATE_LIBRARIES} COMPONENT dlmod)
+set_target_properties(tunnelIntf PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(FILES mibs/VELMORA-TUNNEL-MIB.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/snmp/mibs)
 foreach(section 1 5 8)
-  file(GLOB pages CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/man/*.${section})
+  file(GLOB pages CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/man/tunnelsnmp*.${section})
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
+install(FILES docs/man/tunnel-dlmod.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT dlmod)
 file(GLOB completions CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/completion/tunnelsnmp*)
 install(FILES ${completions} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 file(GLOB completions CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/completion/_tunnelsnmp*)

@@ -93,14 +93,14 @@ std::chrono::nanoseconds GuestLoop::untilNextTimer() {
   if (event_add(mark_.get(), &time) != 0 || event_pending(mark_.get(), EV_TIMEOUT, &end) == 0)
     throw std::runtime_error("out of memory for a timer");
   auto first = end;
-  auto const takeFirst = [](event_base const *, event const * one, void * earliest) {
+  auto const takeEarlier = [](event_base const *, event const * one, void * earliest) {
     timeval due{};
-    auto & first = *static_cast<timeval *>(earliest);
-    if (event_pending(one, EV_TIMEOUT, &due) != 0 && evutil_timercmp(&due, &first, <))
-      first = due;
+    auto & until = *static_cast<timeval *>(earliest);
+    if (event_pending(one, EV_TIMEOUT, &due) != 0 && evutil_timercmp(&due, &until, <))
+      until = due;
     return 0;
   };
-  event_base_foreach_event(loop_.base(), takeFirst, &first);
+  event_base_foreach_event(loop_.base(), takeEarlier, &first);
   return longestTime - between(first, end);
 }
 

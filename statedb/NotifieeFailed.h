@@ -2,6 +2,7 @@
 // which is reported as well. The change stands, and further changes follow.
 #pragma once
 
+#include "platform/Zel.h"
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -33,7 +34,7 @@ void makeChange(NotifieeFailed const & report, Change const & make, Pointer cons
   try {
     make();
   } catch (std::bad_alloc const & exception) {
-    notifieeFailed(report, pointer(), exception);
+    notifieeFailed(report, Zel::wordsOf(pointer), exception);
     throw;
   } catch (std::exception const & exception) {
     notifieeFailed(report, pointer(), exception);

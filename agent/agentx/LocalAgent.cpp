@@ -11,6 +11,7 @@
 #include <net-snmp/agent/net-snmp-agent-includes.h>
 
 #include "agent/agentx/LocalAgent.h"
+#include "agent/iterator/DirectQuestion.h"
 #include "platform/Lumo.h"
 #include <algorithm>
 #include <array>
@@ -48,9 +49,23 @@ private:
 
 VarBind toVarBind(netsnmp_variable_list const & from);
 
+/// As net-snmp counts sub-identifiers, each in a `long`.
+class LongOid {
+public:
+  explicit LongOid(Oid const & from) : size_(std::min(from.size(), subIds_.size())) {
+    std::copy_n(from.begin(), size_, subIds_.begin());
+  }
+  oid const * data() const { return subIds_.data(); }
+  std::size_t size() const { return size_; }
+
+private:
+  std::array<oid, longestOid> subIds_;
+  std::size_t const size_;
+};
+
 } // namespace
 
-LocalAgent::LocalAgent() {
+LocalAgent::LocalAgent() : direct_(std::make_unique<TableIterator::DirectQuestion>()) {
   netsnmp_session wanted;
   snmp_sess_init(&wanted);
   wanted.version = SNMP_VERSION_2c;
@@ -72,6 +87,7 @@ void LocalAgent::ask(Question question, std::string const & context, std::uint32
       snmp_pdu_create(commandOf(question)), &snmp_free_pdu);
   if (!pdu)
     throw std::bad_alloc();
+  wasAsked_ = true;
   auto const request = ++lastRequest_;
   pdu->version = SNMP_VERSION_2c;
   pdu->flags |= UCD_MSG_FLAG_ALWAYS_IN_VIEW;
@@ -88,6 +104,18 @@ void LocalAgent::ask(Question question, std::string const & context, std::uint32
     list.append(varBind);
   asked_[request].done = std::move(done);
   handle_snmp_packet(NETSNMP_CALLBACK_OP_RECEIVED_MESSAGE, session_, 0, pdu.get(), nullptr);
+}
+
+std::optional<VarBind> LocalAgent::answerAtOnce(Question question, Oid const & from) {
+  LongOid const name(from);
+  auto const * const found = question == Question::get
+                                 ? direct_->get({name.data(), name.size()})
+                                 : direct_->getNext({name.data(), name.size()});
+  try {
+    return found == nullptr ? std::nullopt : std::optional(toVarBind(*found));
+  } catch (std::runtime_error const &) {
+    return std::nullopt; // it fails again when the agent is asked, and is told as it should be
+  }
 }
 
 void LocalAgent::deliver() {
@@ -166,20 +194,6 @@ int commandOf(Question question) {
   }
   return SNMP_MSG_GET;
 }
-
-/// As net-snmp counts sub-identifiers, each in a `long`.
-class LongOid {
-public:
-  explicit LongOid(Oid const & from) : size_(std::min(from.size(), subIds_.size())) {
-    std::copy_n(from.begin(), size_, subIds_.begin());
-  }
-  oid const * data() const { return subIds_.data(); }
-  std::size_t size() const { return size_; }
-
-private:
-  std::array<oid, longestOid> subIds_;
-  std::size_t const size_;
-};
 
 Oid toOid(oid const * from, std::size_t length) {
   Oid result;

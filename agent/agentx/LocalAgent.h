@@ -11,11 +11,17 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct snmp_session;
 struct snmp_pdu;
+
+namespace Agent::TableIterator {
+class DirectQuestion;
+} // namespace Agent::TableIterator
 
 namespace Agent::AgentX {
 
@@ -40,6 +46,12 @@ public:
   /// access control applies: that is the master's. `done` is called by deliver(), once.
   void ask(Question question, std::string const & context, std::uint32_t transaction,
            std::vector<VarBind> const & varBinds, Done done);
+  /// The answer about one name in the default context, where it is there without net-snmp's agent
+  /// being asked: a cell of a table that the iterator has taken over. Nothing otherwise, and that
+  /// means nothing: ask(). Requires: get or getNext.
+  std::optional<VarBind> answerAtOnce(Question question, Oid const & name);
+  /// True if and only if net-snmp's agent was asked since the last time.
+  bool wasAsked() { return std::exchange(wasAsked_, false); }
   /// Hands out what was answered since: most answers are there when ask() returns, those of a
   /// handler that delegates come later. A `done` may ask again.
   void deliver();
@@ -55,7 +67,9 @@ private:
   static int takeAnswer(snmp_session * session, snmp_pdu * pdu, unsigned char * octets,
                         std::size_t * size);
 
+  std::unique_ptr<TableIterator::DirectQuestion> const direct_;
   snmp_session * session_;
+  bool wasAsked_ = false;
   long lastRequest_ = 0;
   std::map<long, Asked> asked_; // by net-snmp's request id
 };

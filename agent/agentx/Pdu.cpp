@@ -270,6 +270,7 @@ Oid Reader::oid(bool * include) {
   if (include != nullptr)
     *include = includes != 0;
   Oid oid;
+  oid.reserve(count + (prefix != 0 ? internet.size() + 1 : 0));
   if (prefix != 0) {
     oid.assign(internet.begin(), internet.end());
     oid.push_back(prefix);

@@ -69,7 +69,7 @@ void Requests::take(Header const & header, Body const & body) {
   else if (auto const * one = std::get_if<Get>(&body))
     get(header, *one);
   else if (auto const * next = std::get_if<GetNext>(&body))
-    walk(header, next->context, next->ranges, next->ranges.size(), 0);
+    getNext(header, *next);
   else if (auto const * bulk = std::get_if<GetBulk>(&body))
     walk(header, bulk->context, bulk->ranges, bulk->nonRepeaters, bulk->maxRepetitions);
   else if (auto const * set = std::get_if<TestSet>(&body))
@@ -93,8 +93,43 @@ void Requests::forget() {
 void Requests::get(Header const & header, Get const & get) {
   if (get.ranges.empty())
     answer(header, {});
-  else
+  else if (!answersAtOnce(header, Question::get, get.context, get.ranges))
     agent_.ask(Question::get, get.context, 0, namesOf(get.ranges), answering(header));
+}
+
+void Requests::getNext(Header const & header, GetNext const & next) {
+  if (!answersAtOnce(header, Question::getNext, next.context, next.ranges))
+    walk(header, next.context, next.ranges, next.ranges.size(), 0);
+}
+
+// Nearly all requests are about cells of our tables: for those the agent's preparations would take
+// most of the time. Where one name needs the agent, it is asked about all, and so about errors in
+// their order.
+bool Requests::answersAtOnce(Header const & header, Question question, std::string const & context,
+                             std::vector<SearchRange> const & ranges) {
+  if (!context.empty())
+    return false;
+  Response response;
+  response.varBinds.reserve(ranges.size());
+  for (auto const & range : ranges) {
+    auto found = answerAtOnce(question, range);
+    if (!found)
+      return false;
+    response.varBinds.push_back(*std::move(found));
+  }
+  answer(header, std::move(response));
+  return true;
+}
+
+std::optional<VarBind> Requests::answerAtOnce(Question question, SearchRange const & range) {
+  if (question == Question::getNext && range.includesStart)
+    if (auto start = agent_.answerAtOnce(Question::get, range.start);
+        !start || !isMissing(start->type))
+      return start;
+  auto found = agent_.answerAtOnce(question, range.start);
+  if (found && question == Question::getNext && !range.end.empty() && found->name >= range.end)
+    return VarBind{range.start, ValueType::endOfMibView, {}};
+  return found;
 }
 
 void Requests::walk(Header const & header, std::string context, std::vector<SearchRange> ranges,

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,11 @@ private:
     bool isCommitted = false;
   };
 
+  bool answersAtOnce(Header const & header, Question question, std::string const & context,
+                     std::vector<SearchRange> const & ranges);
+  std::optional<VarBind> answerAtOnce(Question question, SearchRange const & range);
   void get(Header const & header, Get const & get);
+  void getNext(Header const & header, GetNext const & next);
   void walk(Header const & header, std::string context, std::vector<SearchRange> ranges,
             std::size_t nonRepeaters, std::size_t repetitions);
   void test(Header const & header, TestSet const & set);

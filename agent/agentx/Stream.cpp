@@ -1,9 +1,11 @@
 // Two buffers and a socket.
 #include "agent/agentx/Stream.h"
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fmt/format.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace Agent::AgentX {
 
@@ -20,13 +22,13 @@ bool isForLater(int error) {
 } // namespace
 
 void Stream::receive() {
-  input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(taken_));
-  taken_ = 0;
-  auto const before = input_.size();
-  input_.resize(before + pieceSize);
-  auto const count = recv(socket_.get(), input_.data() + before, pieceSize, 0);
+  std::ranges::copy(arrived(), input_.begin());
+  arrived_ -= std::exchange(taken_, 0);
+  if (input_.size() < arrived_ + pieceSize)
+    input_.resize(arrived_ + pieceSize);
+  auto const count = recv(socket_.get(), input_.data() + arrived_, pieceSize, 0);
   auto const error = errno;
-  input_.resize(before + (count > 0 ? static_cast<std::size_t>(count) : 0));
+  arrived_ += count > 0 ? static_cast<std::size_t>(count) : 0;
   if (count == 0)
     throw StreamLost("it has closed the connection");
   if (count < 0 && !isForLater(error))

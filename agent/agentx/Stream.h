@@ -48,11 +48,14 @@ public:
   std::size_t unsent() const { return output_.size() - sent_; }
 
 private:
-  std::span<std::uint8_t const> arrived() const { return std::span(input_).subspan(taken_); }
+  std::span<std::uint8_t const> arrived() const {
+    return std::span(input_).subspan(taken_, arrived_ - taken_);
+  }
 
   Os::Descriptor socket_;
-  std::vector<std::uint8_t> input_; // at most one message and 64 KiB
-  std::size_t taken_ = 0;           // of the input
+  std::vector<std::uint8_t> input_; // room for at most one message and 64 KiB
+  std::size_t arrived_ = 0;         // of that room
+  std::size_t taken_ = 0;           // of what has arrived
   std::string output_;
   std::size_t sent_ = 0; // of the output
 };

@@ -47,6 +47,12 @@ Subagent::~Subagent() {
     snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, change, &Subagent::changedHere, this, 1);
 }
 
+// What nobody was asked about leaves nothing to look after.
+void Subagent::turnEnded() {
+  if (agent_.wasAsked() || agent_.pending() != 0)
+    served_();
+}
+
 void Subagent::changed(int what, register_parameters const & parameters) {
   if (parameters.namelen < 2)
     return;

@@ -36,7 +36,7 @@ public:
 
 private:
   void asked(Header const & header, Body body) override { requests_.take(header, body); }
-  void turnEnded() override { served_(); }
+  void turnEnded() override;
   void sessionLost() override { requests_.forget(); }
   void changed(int what, register_parameters const & parameters);
   static int changedHere(int, int what, void * parameters, void * self);

@@ -63,10 +63,11 @@ netsnmp_mib_handler * iteratorBeneath(netsnmp_mib_handler * handler) {
 }
 
 Call::Call(netsnmp_mib_handler * self, netsnmp_handler_registration * registration,
-           netsnmp_agent_request_info * agent)
+           netsnmp_agent_request_info * agent, Stock stock)
     : self_(self),
       registration_(registration),
       agent_(agent),
+      stock_(stock),
       table_(*static_cast<Table const *>(self->myvoid)),
       root_(registration->rootoid, registration->rootoid_len),
       module_(iteratorBeneath(self)->next) {
@@ -91,6 +92,8 @@ int Call::serveOne(netsnmp_request_info & request) {
 }
 
 int Call::leaveToStock(netsnmp_request_info & request) {
+  if (stock_ == Stock::isNotAsked)
+    return SNMP_ERR_GENERR;
   return netsnmp_call_next_handler(self_, registration_, agent_, &request);
 }
 

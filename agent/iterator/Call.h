@@ -19,8 +19,11 @@ netsnmp_mib_handler * iteratorBeneath(netsnmp_mib_handler * handler);
 /// One call of the handler: some requests of one PDU. Lives as long as the call.
 class Call {
 public:
+  /// Whether what this call does not answer goes on to net-snmp's handlers beneath, or fails.
+  enum class Stock : bool { isNotAsked, isAsked };
+
   Call(netsnmp_mib_handler * self, netsnmp_handler_registration * registration,
-       netsnmp_agent_request_info * agent);
+       netsnmp_agent_request_info * agent, Stock stock = Stock::isAsked);
 
   /// Serves the requests one by one, up to the first that fails. Returns an SNMP error status.
   int serve(netsnmp_request_info * requests);
@@ -48,6 +51,7 @@ private:
   netsnmp_mib_handler * const self_;
   netsnmp_handler_registration * const registration_;
   netsnmp_agent_request_info * const agent_;
+  Stock const stock_;
   Table const & table_;
   SubIds const root_;
   netsnmp_mib_handler * const module_;

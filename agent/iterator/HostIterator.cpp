@@ -37,6 +37,8 @@ using namespace TableIterator;
 
 constexpr char const * handlerName = "host_iterator";
 
+int handle(netsnmp_mib_handler * self, netsnmp_handler_registration * registration,
+           netsnmp_agent_request_info * agent, netsnmp_request_info * requests);
 bool takeOver(netsnmp_handler_registration * registration,
               std::function<bool(void const *)> const & isOurs);
 
@@ -50,6 +52,15 @@ std::size_t installHostIterator(std::function<bool(void const *)> const & isOurs
       for (auto * layer = subtree; layer != nullptr; layer = layer->children)
         count += takeOver(layer->reginfo, isOurs);
   return count;
+}
+
+bool answerAlone(netsnmp_handler_registration & registration, netsnmp_agent_request_info & agent,
+                 netsnmp_request_info & request) {
+  auto * const handler = registration.handler;
+  return handler != nullptr && handler->access_method == handle && handler->myvoid != nullptr &&
+         Call(handler, &registration, &agent, Call::Stock::isNotAsked).serve(&request) ==
+             SNMP_ERR_NOERROR &&
+         request.status == SNMP_ERR_NOERROR;
 }
 
 namespace {

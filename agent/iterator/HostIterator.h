@@ -30,6 +30,10 @@
 #include <cstddef>
 #include <functional>
 
+struct netsnmp_agent_request_info_s;
+struct netsnmp_handler_registration_s;
+struct netsnmp_request_info_s;
+
 namespace Agent {
 
 /// Takes over every registration in net-snmp's tree that consists of net-snmp's table iterator and
@@ -41,5 +45,11 @@ namespace Agent {
 /// to: where other modules are that stay registered when this code has been unloaded.
 std::size_t installHostIterator(std::function<bool(void const * callback)> const & isOurs =
                                     [](void const *) { return true; });
+
+/// Has a registration answer one request, a GET or a GETNEXT, without net-snmp's handlers beneath.
+/// False when it was not taken over, or the answer is theirs to give; the varbind may have changed
+/// then, and nothing else.
+bool answerAlone(netsnmp_handler_registration_s & registration,
+                 netsnmp_agent_request_info_s & agent, netsnmp_request_info_s & request);
 
 } // namespace Agent

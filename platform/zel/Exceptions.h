@@ -3,6 +3,7 @@
 
 #include <exception>
 #include <functional>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -90,14 +91,24 @@ ExceptionReporter exceptionReporterIs(ExceptionReporter reporter);
 /// Requires: it is called where that exception is caught.
 void reportContained(std::string_view where);
 
-/// Runs a step whose exception nobody waits for: it ends here, counted and reported. `where` is a
-/// function that makes the words, and is called only then.
+/// What the function gives; where there is no memory for that, a text that needs none.
+template <class Words>
+std::string wordsOf(Words words) {
+  try {
+    return words();
+  } catch (std::bad_alloc const &) {
+    return "(no memory)";
+  }
+}
+
+/// Runs a step whose exception nobody waits for: it ends here, counted and reported, also where
+/// there is no memory. `where` is a function that makes the words, and is called only then.
 template <class Step, class Where>
 void contained(Step step, Where where) {
   try {
     step();
   } catch (...) {
-    reportContained(where());
+    reportContained(wordsOf(where));
   }
 }
 

@@ -162,4 +162,16 @@ TEST(EventLoop, HearsASignalThatCameBeforeItRan) {
   EXPECT_TRUE(caught);
 }
 
+TEST(EventLoop, SaysWhyADescriptorCannotBeWatchedAndNothingElse) {
+  Agent::EventLoop loop;
+  testing::internal::CaptureStderr();
+  try {
+    auto const watch = loop.readable(open("/dev/null", O_RDONLY | O_CLOEXEC), [] {});
+    ADD_FAILURE() << "a file is watched";
+  } catch (std::runtime_error const & error) {
+    EXPECT_STREQ("cannot watch a descriptor: Operation not permitted", error.what());
+  }
+  EXPECT_EQ("", testing::internal::GetCapturedStderr());
+}
+
 } // namespace

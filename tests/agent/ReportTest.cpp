@@ -1,6 +1,7 @@
 // The lines that the daemon reports faults with.
 #include "agent/Report.h"
 #include <gtest/gtest.h>
+#include <new>
 
 namespace {
 
@@ -19,6 +20,17 @@ TEST(Report, RemembersAndCountsTheLastFailure) {
             testing::internal::GetCapturedStderr());
   EXPECT_EQ("in a test: two", Agent::lastFailure());
   EXPECT_EQ(2u, counter.count());
+}
+
+TEST(Report, SaysInWordsThatThereIsNoMemoryWhoeverRaisedIt) {
+  Lumo::Counter counter("report-test-shortages");
+  testing::internal::CaptureStderr();
+  Agent::reportFailure(counter, "in a test", std::bad_alloc());
+  Agent::reportEnd(std::bad_alloc());
+  Agent::reportEnd(std::runtime_error("no more"));
+  EXPECT_EQ("tunnelsnmpd: in a test: out of memory\ntunnelsnmpd: out of memory\n"
+            "tunnelsnmpd: no more\n",
+            testing::internal::GetCapturedStderr());
 }
 
 TEST(Report, SpeaksWithAnothersVoice) {

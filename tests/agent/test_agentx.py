@@ -1,6 +1,7 @@
-"""Runs the real daemon behind a real snmpd as its AgentX master, which comes late, dies, is stopped
-or cannot be reached. With --thorough each test of time takes longer, as in the promise that it is for;
-without, all together take some seconds. Times that were measured are printed."""
+"""Runs the real daemon behind a real snmpd as its AgentX master, which comes late, dies, is replaced, is
+stopped or cannot be reached. With --thorough each test of time takes longer, as in the promise that it is
+for; without, all together take some seconds. Times that were measured are printed. What no snmpd does is in
+test_agentx_masters.py, and what other subagents do in test_agentx_neighbours.py."""
 
 import os
 import shutil
@@ -23,6 +24,12 @@ def measured(what, seconds):
     print(f"{what}: {seconds * 1000:.0f} ms", file=sys.stderr)
 
 
+def queued(pid):
+    """Seconds that the process was ready to run and had no core: the machine's doing."""
+    with open(f"/proc/{pid}/schedstat", encoding="ascii") as counts:
+        return int(counts.read().split()[1]) / 1e9
+
+
 @unittest.skipUnless(shutil.which("snmpd"), "there is no snmpd to be the master")
 class BehindMaster(DaemonTest):
     def setUp(self):
@@ -39,11 +46,11 @@ class BehindMaster(DaemonTest):
             ["rocommunity public 127.0.0.1", "rwcommunity write 127.0.0.1", "master agentx",
              f"agentXSocket {self.master_socket}", "agentXTimeout 5", *lines, ""]))
 
-    def start_master(self):
+    def start_master(self, program="snmpd"):
         state = self.path("snmpd-state")
         os.makedirs(state, exist_ok=True)
         own = dict(environment(self.folder), SNMP_PERSISTENT_DIR=state)
-        master = Process(["snmpd", "-f", "-Lo", "-C", "-c", self.config, "-I", "-smux",
+        master = Process([program, "-f", "-Lo", "-C", "-c", self.config, "-I", "-smux",
                           "udp:" + self.master_address], own)
         self.addCleanup(master.kill)
         master.wait_for_line(master.out, "^NET-SNMP version")
@@ -69,21 +76,34 @@ class BehindMaster(DaemonTest):
         cell = self.first_cell()
         return "INTEGER" in self.snmp("snmpget", [cell], check=False)[0].get(cell, "")
 
-    def assert_answers_at_once(self, seconds):
-        """For so long, whatever the master does, the daemon's control socket answers."""
+    def assert_answers_at_once(self, daemon, seconds):
+        """For so long, whatever the master does, the daemon's control socket answers within 50 ms, not
+        counting those in which daemon or test waited for a core."""
         end = time.monotonic() + seconds
         longest = 0
         while time.monotonic() < end:
-            began = time.monotonic()
-            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
-                client.settimeout(PATIENCE)
-                client.connect(self.control)
-                client.sendall(b'{"command": "version"}\n')
-                self.assertNotEqual(b"", client.recv(1))
-            longest = max(longest, time.monotonic() - began)
+            longest = max(longest, self.answer_time(daemon))
             time.sleep(0.005)
         measured("longest answer of the control socket", longest)
-        self.assertLess(longest, limit(0.1))
+        self.assertLess(longest, limit(0.05))
+
+    def answer_time(self, daemon):
+        def now():
+            return time.monotonic() - queued(daemon.child.pid) - queued(os.getpid())
+        began = now()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as client:
+            client.settimeout(PATIENCE)
+            client.connect(self.control)
+            client.sendall(b'{"command": "version"}\n')
+            self.assertNotEqual(b"", client.recv(1))
+        return now() - began
+
+    def assert_back_within_a_second(self, began):
+        """Half a second lies between two tries, and a client takes some time to ask."""
+        self.wait_until(self.has_rows)
+        seconds = time.monotonic() - began
+        measured("rows were back after", seconds)
+        self.assertLess(seconds, limit(1))
 
     def assert_ends_within_a_second(self, daemon):
         status, seconds = daemon.end()
@@ -211,12 +231,100 @@ class Faults(BehindMaster):
             master.wait()
             time.sleep(0.1 * (time_ % 7))
             master = self.start_master()
-            began = time.monotonic()
-            self.wait_until(self.has_rows)
-            seconds = time.monotonic() - began
-            measured("rows were back after", seconds)
-            self.assertLess(seconds, limit(2))  # half a second between two tries, and the rest
+            self.assert_back_within_a_second(time.monotonic())
         self.assertEqual(self.expected_if_indexes(), self.if_indexes())
+
+    def test_comes_back_to_a_master_that_was_replaced_by_another_program(self):
+        old = self.start_master()
+        self.start_subagent()
+        self.wait_until_served()
+        old.child.kill()
+        old.wait()
+        os.unlink(self.path("master"))
+        self.start_master(shutil.copy(shutil.which("snmpd"), self.path("snmpd-upgraded")))
+        self.assert_back_within_a_second(time.monotonic())
+
+    def test_stays_with_its_master_until_that_goes_though_another_has_its_socket(self):
+        old = self.start_master()
+        self.start_subagent()
+        self.wait_until_served()
+        os.rename(self.path("master"), self.path("old-master"))
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            probe.bind(("127.0.0.1", 0))
+            old_address, self.master_address = (self.master_address,
+                                                f"127.0.0.1:{probe.getsockname()[1]}")
+        self.start_master()
+        self.address = old_address
+        self.assertTrue(self.has_rows())
+        self.assertEqual(1, self.master_status()["sessions"])
+        old.child.kill()
+        old.wait()
+        self.address = self.master_address
+        self.assert_back_within_a_second(time.monotonic())
+
+    def test_rows_are_back_within_a_second_of_each_hup_of_its_master(self):
+        master = self.start_master()
+        self.start_subagent()
+        self.wait_until_served()
+        for count in range(1, 100 if test_daemon.PATHS.thorough else 6):
+            master.child.send_signal(signal.SIGHUP)
+            self.wait_until(lambda: sum("restarted" in line for line in master.out) == count)
+            self.assert_back_within_a_second(time.monotonic())
+
+    def test_comes_back_itself_when_it_was_killed(self):
+        self.start_master()
+        daemon = self.start_subagent()
+        self.wait_until_served()
+        before = self.walk()
+        daemon.child.kill()
+        daemon.wait()
+        self.start_subagent()
+        self.wait_until(lambda: self.walk() == before)
+
+    def test_outlives_a_walk_whose_master_is_killed(self):
+        master = self.start_master()
+        daemon = self.start_subagent()
+        self.wait_until_served()
+        for _ in range(5):
+            walk = Process(["snmpbulkwalk", "-v2c", "-c", "public", "-t", "1", "-r", "0",
+                            self.address, ".1.3.6.1.2.1"], environment(self.folder))
+            self.addCleanup(walk.kill)
+            walk.wait_for_line(walk.out, "10.131|transmission")
+            master.child.kill()
+            master.wait()
+            master = self.start_master()
+            self.wait_until(self.has_rows)
+        self.assertEqual(6, self.master_status()["sessions"])
+        self.assert_ends_within_a_second(daemon)
+
+    def test_the_up_time_is_its_masters(self):
+        master = self.start_master()
+        daemon = self.start_subagent()
+        self.wait_until_served()
+        time.sleep(1)
+        master.end()
+        began = time.monotonic()
+        self.start_master()
+        self.wait_until(self.has_rows)
+        up_time = ".1.3.6.1.2.1.1.3.0"
+        values = self.snmp("snmpget", [up_time, self.first_cell()])[0]
+        self.assertIn("INTEGER", values[self.first_cell()])
+        ticks = int(values[up_time].split("(")[1].split(")")[0])
+        self.assertLessEqual(ticks / 100, time.monotonic() - began + 0.5)
+        self.assertEqual(0, daemon.end()[0], daemon.err)
+
+    def test_comes_back_after_answers_that_were_too_slow_for_its_master(self):
+        self.configure("agentXTimeout 1", "agentXRetries 0")
+        self.start_master()
+        daemon = self.start_subagent()
+        self.wait_until_served()
+        daemon.child.send_signal(signal.SIGSTOP)
+        try:
+            values, text = self.snmp("snmpget", [self.first_cell()], check=False)
+        finally:
+            daemon.child.send_signal(signal.SIGCONT)
+        self.assertNotIn("INTEGER", values.get(self.first_cell(), ""), text)
+        self.assert_back_within_a_second(time.monotonic())
 
     def test_answers_while_its_master_is_stopped_and_comes_back_with_it(self):
         master = self.start_master()
@@ -224,7 +332,7 @@ class Faults(BehindMaster):
         self.wait_until_served()
         master.child.send_signal(signal.SIGSTOP)
         try:
-            self.assert_answers_at_once(40 if test_daemon.PATHS.thorough else 0.5)
+            self.assert_answers_at_once(daemon, 40 if test_daemon.PATHS.thorough else 0.5)
         finally:
             master.child.send_signal(signal.SIGCONT)
         self.wait_until(self.has_rows)
@@ -243,7 +351,7 @@ class Faults(BehindMaster):
         self.addCleanup(master.child.send_signal, signal.SIGCONT)
         daemon = self.start_subagent()
         self.assertEqual("opening", self.master_status()["state"])
-        self.assert_answers_at_once(0.2)
+        self.assert_answers_at_once(daemon, 0.2)
         self.assert_ends_within_a_second(daemon)
 
     def test_waits_for_a_stopped_master_that_takes_no_more_connections(self):
@@ -263,7 +371,7 @@ class Faults(BehindMaster):
         status = self.master_status()
         self.assertIn(status["state"], ("waiting to try again", "connecting"))
         self.assertIn("takes no more connections", status["lastError"])
-        self.assert_answers_at_once(0.5)
+        self.assert_answers_at_once(daemon, 0.5)
         master.child.send_signal(signal.SIGCONT)
         self.wait_until(self.has_rows)
         self.assert_ends_within_a_second(daemon)
@@ -275,7 +383,7 @@ class Faults(BehindMaster):
                 self.master_socket = f"tcp:127.0.0.1:{port}"
                 daemon = self.start_subagent()
                 self.assertEqual("connecting", self.master_status()["state"])
-                self.assert_answers_at_once(10 if test_daemon.PATHS.thorough else 0.5)
+                self.assert_answers_at_once(daemon, 10 if test_daemon.PATHS.thorough else 0.5)
                 self.assert_ends_within_a_second(daemon)
 
     def test_takes_over_from_another_subagent_with_its_tables(self):

@@ -6,6 +6,7 @@ import resource
 import socket
 import time
 
+import ber
 import snmpv3
 import test_daemon
 from test_daemon import TUNNEL_IF_TABLE, V3_CONFIG, DaemonTest
@@ -30,7 +31,7 @@ class Strangers(DaemonTest):
 
     def assert_still_there(self, manager):
         began = time.monotonic()
-        answer = manager.ask(snmpv3.pdu(snmpv3.GET, [f"{CELL}.4.2001"], request_id=77))
+        answer = manager.ask(ber.pdu(ber.GET, [f"{CELL}.4.2001"], request_id=77))
         self.assertEqual((77, 0, 1), (answer.request_id, answer.error_status,
                                       len(answer.varbinds)))
         self.assertLess(time.monotonic() - began, test_daemon.PATIENCE if self.is_slow() else 1)
@@ -45,11 +46,11 @@ class SmallAnswers(Strangers):
 
     def requests(self):
         cells = [f"{CELL}.4.{2001 + number % 14}" for number in range(40)]
-        return {"get": snmpv3.pdu(snmpv3.GET, cells),
-                "getnext": snmpv3.pdu(snmpv3.GETNEXT, cells),
-                "getbulk": snmpv3.pdu(snmpv3.GETBULK, [f"{CELL}.3"], third=90),
-                "getbulk of many": snmpv3.pdu(snmpv3.GETBULK, cells[:25], second=3, third=4),
-                "set": snmpv3.pdu(snmpv3.SET, cells, value=snmpv3.integer(1))}
+        return {"get": ber.pdu(ber.GET, cells),
+                "getnext": ber.pdu(ber.GETNEXT, cells),
+                "getbulk": ber.pdu(ber.GETBULK, [f"{CELL}.3"], third=90),
+                "getbulk of many": ber.pdu(ber.GETBULK, cells[:25], second=3, third=4),
+                "set": ber.pdu(ber.SET, cells, value=ber.integer(1))}
 
     def assert_answers_fit(self, manager, sizes):
         for name, request in self.requests().items():
@@ -67,7 +68,7 @@ class SmallAnswers(Strangers):
                     self.assertEqual(0, answer.error_status, where)
                     self.assertGreater(len(answer.varbinds), 0, where)
                 elif name != "getbulk of many" or answer.error_status != 0:
-                    self.assertEqual((snmpv3.TOO_BIG, 0, 0),
+                    self.assertEqual((ber.TOO_BIG, 0, 0),
                                      (answer.error_status, answer.error_index,
                                       len(answer.varbinds)), where)
         self.assert_still_there(manager)
@@ -90,14 +91,14 @@ class SmallAnswers(Strangers):
         def names(announced):
             seen, last = [], CELL
             while True:
-                answer = manager.ask(snmpv3.pdu(snmpv3.GETBULK, [last], third=50), announced)
+                answer = manager.ask(ber.pdu(ber.GETBULK, [last], third=50), announced)
                 for bind in answer.varbinds:
                     oid, value = bind.children()
                     if value.tag == 0x82 or not oid.content.startswith(
-                            snmpv3.Element(snmpv3.oid(CELL)).content):
+                            ber.Element(ber.oid(CELL)).content):
                         return seen
                     seen.append(oid.content)
-                    last = snmpv3.oid_text(oid.content)
+                    last = ber.oid_text(oid.content)
         whole = names(snmpv3.LARGEST)
         self.assertGreater(len(whole), 100)
         self.assertEqual(whole, names(LEAST))
@@ -106,7 +107,7 @@ class SmallAnswers(Strangers):
         self.start_with_users()
         manager = self.manager()
         manager.socket.settimeout(0.2)
-        request = snmpv3.pdu(snmpv3.GET, [f"{CELL}.4.2001"])
+        request = ber.pdu(ber.GET, [f"{CELL}.4.2001"])
         for size in (-HIGH, -1, 0, 1, LEAST - 1):
             self.assertIsNone(manager.ask(request, size), size)
         manager.socket.settimeout(test_daemon.PATIENCE)
@@ -116,15 +117,15 @@ class SmallAnswers(Strangers):
         self.start_with_users()
         manager = self.manager()
         for version_3 in (True, False):
-            request = snmpv3.pdu(snmpv3.GET, [f"{CELL}.9.2003"] * 2400)
+            request = ber.pdu(ber.GET, [f"{CELL}.9.2003"] * 2400)
             answer = manager.ask(request) if version_3 else manager.ask_version_2(request)
-            self.assertEqual((snmpv3.TOO_BIG, 0), (answer.error_status, len(answer.varbinds)))
+            self.assertEqual((ber.TOO_BIG, 0), (answer.error_status, len(answer.varbinds)))
         self.assert_still_there(manager)
 
     def test_names_that_come_back_in_every_answer_may_be_long(self):
         self.start_with_users()
         manager = self.manager()
-        bulk = snmpv3.pdu(snmpv3.GETBULK, [f"{CELL}.3"], third=90)
+        bulk = ber.pdu(ber.GETBULK, [f"{CELL}.3"], third=90)
         for length in (100, 400, 480, 600, 5000):
             for announced in (LEAST, 600, snmpv3.LARGEST):
                 for name in ({"context": b"c" * length}, {"user": "u" * length}):
@@ -138,7 +139,7 @@ class Lines(Strangers):
         manager = self.manager()
         began = time.monotonic()
         for number in range(2000):
-            request = snmpv3.pdu(snmpv3.GET, [f"{CELL}.4.{number}"])
+            request = ber.pdu(ber.GET, [f"{CELL}.4.{number}"])
             manager.socket.send(manager.message(request, number % LEAST, message_id=-1 - number % 2))
             manager.socket.send(manager.message(request, number % LEAST))
             if number % 50 == 0:  # else the daemon's socket runs over
@@ -157,7 +158,7 @@ class Lines(Strangers):
         daemon = self.start_with_users()
         manager = self.manager()
         for number in range(100):
-            manager.socket.send(manager.message(snmpv3.pdu(snmpv3.GET, []), number))
+            manager.socket.send(manager.message(ber.pdu(ber.GET, []), number))
         self.assert_still_there(self.manager())
         self.write("tunnels.json", "{")
         self.ctl("reread", status=1)
@@ -182,8 +183,8 @@ class Connections(Strangers):
 
     @staticmethod
     def bulk():
-        request = snmpv3.pdu(snmpv3.GETBULK, [f"{CELL}.3"], third=90)
-        return snmpv3.tlv(snmpv3.SEQUENCE, snmpv3.integer(1) + snmpv3.tlv(snmpv3.OCTETS, b"public")
+        request = ber.pdu(ber.GETBULK, [f"{CELL}.3"], third=90)
+        return ber.tlv(ber.SEQUENCE, ber.integer(1) + ber.tlv(ber.OCTETS, b"public")
                           + request)
 
     def test_a_manager_that_reads_is_answered_all_it_asks_for(self):
@@ -192,11 +193,11 @@ class Connections(Strangers):
         connection.sendall(self.bulk() * 50)
         got = b""
         for _ in range(50):
-            while len(got) < 4 or len(got) < snmpv3.Element(got[:4] + bytes(70000)).end:
+            while len(got) < 4 or len(got) < ber.Element(got[:4] + bytes(70000)).end:
                 part = connection.recv(65536)
                 self.assertNotEqual(b"", part)
                 got += part
-            got = got[snmpv3.Element(got).end:]
+            got = got[ber.Element(got).end:]
 
     def test_a_manager_that_does_not_read_is_hung_up_on_and_nobody_waits(self):
         self.start_tcp()
@@ -224,12 +225,12 @@ class Connections(Strangers):
 
     def test_a_request_of_very_many_names_is_too_big_and_soon_refused(self):
         self.start_tcp()
-        request = snmpv3.pdu(snmpv3.GET, [f"{CELL}.3"] * 100_000)
+        request = ber.pdu(ber.GET, [f"{CELL}.3"] * 100_000)
         manager = self.connect()
-        manager.sendall(snmpv3.tlv(snmpv3.SEQUENCE, snmpv3.integer(1) +
-                                   snmpv3.tlv(snmpv3.OCTETS, b"public") + request))
+        manager.sendall(ber.tlv(ber.SEQUENCE, ber.integer(1) +
+                                ber.tlv(ber.OCTETS, b"public") + request))
         answer = manager.recv(65536)
-        too_big = snmpv3.integer(1) + snmpv3.integer(0) + snmpv3.tlv(snmpv3.SEQUENCE, b"")
+        too_big = ber.integer(1) + ber.integer(0) + ber.tlv(ber.SEQUENCE, b"")
         self.assertTrue(answer.endswith(too_big), answer)
 
     def test_connections_without_a_descriptor_wait_for_one(self):

@@ -6,6 +6,7 @@ import argparse
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import socket
@@ -44,17 +45,17 @@ class InSnmpd(DaemonTest):
             ["rocommunity public 127.0.0.1", "rwcommunity write 127.0.0.1", "master agentx",
              f"agentXSocket unix:{self.path('master')}", *own, ""]))
 
-    def launch_snmpd(self, *options):
+    def launch_snmpd(self, *options, through=()):
         state = self.path("snmpd-state")
         os.makedirs(state, exist_ok=True)
         own = dict(environment(self.folder), SNMP_PERSISTENT_DIR=state)
         if OPTIONS.preload:  # what snmpd leaves behind itself is no concern of ours
             own.update(LD_PRELOAD=OPTIONS.preload, ASAN_OPTIONS="detect_leaks=0:abort_on_error=1")
-        return Process(["snmpd", "-Lo", "-C", "-c", self.config, "-I", "-smux", *options,
+        return Process([*through, "snmpd", "-Lo", "-C", "-c", self.config, "-I", "-smux", *options,
                         "udp:" + self.address], own)
 
-    def start_snmpd(self):
-        snmpd = self.launch_snmpd("-f")
+    def start_snmpd(self, **how):
+        snmpd = self.launch_snmpd("-f", **how)
         self.addCleanup(self.assert_ends, snmpd)
         snmpd.wait_for_line(snmpd.out, "^NET-SNMP version")
         return snmpd
@@ -251,6 +252,35 @@ class LoadingAgain(InSnmpd):
             self.hang_up(snmpd)
         self.wait_ready()
         self.assertRegex(self.first_cell(), "INTEGER")
+
+
+@unittest.skipUnless(shutil.which("valgrind"), "there is no valgrind")
+class Memory(InSnmpd):
+    def test_nothing_is_used_that_has_gone(self):
+        if OPTIONS.preload:
+            self.skipTest("the sanitizers watch this build")
+        log = self.path("valgrind.log")
+        # How much of snmpd's own is left behind is no concern of ours.
+        snmpd = self.start_snmpd(through=("valgrind", "--leak-check=no", "--num-callers=30",
+                                          "--keep-debuginfo=yes", "--log-file=" + log))
+        self.wait_ready()
+        before = self.walk()
+        self.set_status(UNLOAD)
+        self.assertEqual({}, self.rows())
+        self.set_status(LOAD)
+        self.wait_ready()
+        self.hang_up(snmpd)
+        self.wait_ready()
+        self.assertEqual(before, self.walk())
+        self.assert_ends(snmpd)
+        with open(log, encoding="utf-8") as file:
+            text = file.read()
+        self.assertIn("ERROR SUMMARY", text)
+        ours = re.compile("tunnelIntf|TunnelIntfSnmp|Dlmod::|StateDb|Sources::|Agent::|Zel::|Kiln::")
+        wrong = [block for block in re.split(r"\n==\d+== \n", text)
+                 if re.search("Invalid|ninitialised|Jump to the invalid", block)
+                 and ours.search(block)]
+        self.assertEqual([], wrong)
 
 
 class Wrong(InSnmpd):

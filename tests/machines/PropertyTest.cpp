@@ -1,5 +1,6 @@
 // Random sequences of patches, in every way that a machine can run, against a plain function from
-// the inputs to the tables that they allow. TEST_SEED repeats a failed run.
+// the inputs to the tables that they allow. TEST_SEED repeats a failed run, TEST_EVENTS=1000000
+// makes one longer.
 #include "TunnelIntfSnmp/TunnelIfTableSm.h"
 #include "statedb/StateDocument.h"
 #include "tests/machines/InetConfigWorld.h"
@@ -91,6 +92,9 @@ void expectNoClaimIsForgotten(TunnelInetConfigTableSm const & machine, Claims co
     for (auto const ifIndex : ifIndexes)
       EXPECT_TRUE(table[key] || store.find(ifIndex) != nullptr) << key << " of " << ifIndex;
 }
+
+/// Each takes some 60 events.
+auto const rounds = testEvents(3'600) / 60;
 
 class Patches {
 public:
@@ -203,7 +207,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, Property, ::testing::ValuesIn(runModes),
                          [](auto const & mode) { return mode.param.name; });
 
 TEST_P(Property, OrderlyInputsAndTheTableAgreeWheneverItIsQuiet) {
-  for (std::uint32_t round = 0; round != 60; ++round) {
+  for (std::uint32_t round = 0; round != rounds; ++round) {
     Patches patches(testSeed() + round);
     patch(patches, patches.below(20), true);
     auto const sm = machine();
@@ -219,7 +223,7 @@ TEST_P(Property, OrderlyInputsAndTheTableAgreeWheneverItIsQuiet) {
 }
 
 TEST_P(Property, AStartReconcilesWhateverWasLeftBehind) {
-  for (std::uint32_t round = 0; round != 60; ++round) {
+  for (std::uint32_t round = 0; round != rounds; ++round) {
     Patches patches(testSeed() + round);
     {
       auto const sm = machine();
@@ -236,7 +240,7 @@ TEST_P(Property, AStartReconcilesWhateverWasLeftBehind) {
 }
 
 TEST_P(Property, EveryClaimedKeyHasOneRowAfterEveryPatchOfOrderlyInputs) {
-  for (std::uint32_t round = 0; round != 60; ++round) {
+  for (std::uint32_t round = 0; round != rounds; ++round) {
     Patches patches(testSeed() + round);
     patch(patches, patches.below(20), true);
     auto const sm = inetConfigMachine();
@@ -257,7 +261,7 @@ TEST_P(Property, EveryClaimedKeyHasOneRowAfterEveryPatchOfOrderlyInputs) {
 }
 
 TEST_P(Property, EverySlotHasItsRowWhateverTheInputsDoAndAStartOverAnEmptiedTableForgetsNoClaim) {
-  for (std::uint32_t round = 0; round != 60; ++round) {
+  for (std::uint32_t round = 0; round != rounds; ++round) {
     Patches patches(testSeed() + round);
     {
       auto const sm = inetConfigMachine();
@@ -280,7 +284,7 @@ TEST_P(Property, EverySlotHasItsRowWhateverTheInputsDoAndAStartOverAnEmptiedTabl
 }
 
 TEST_P(Property, AStartOverTheRowsOfTheSameInputsRemovesThemUntilTheNextEvent) {
-  for (std::uint32_t round = 0; round != 60; ++round) {
+  for (std::uint32_t round = 0; round != rounds; ++round) {
     Patches patches(testSeed() + round);
     {
       auto const sm = inetConfigMachine();

@@ -14,11 +14,11 @@ namespace {
 
 // In each of four modes: together a million events.
 #ifdef SANITIZED
-constexpr int events = 12'500;
+auto const events = testEvents(12'500);
 #else
-constexpr int events = 125'000;
+auto const events = testEvents(125'000);
 #endif
-constexpr int hostileEvents = events;
+auto const hostileEvents = events;
 constexpr std::uint64_t tunnels = 14;
 
 constexpr char const * walkHandler = "rescans that walk";
@@ -306,7 +306,7 @@ protected:
     event(tries_);
   }
   // Asked with a condition, as it is asked so often.
-  void expectSame(int number) {
+  void expectSame(std::uint64_t number) {
     if (walks_.heard() != tries_.heard()) {
       ASSERT_EQ(walks_.heard(), tries_.heard()) << "event " << number;
     }
@@ -323,9 +323,9 @@ protected:
       ASSERT_EQ(walks_.store(), tries_.store()) << "event " << number;
     }
   }
-  void expectSameThrough(int count, std::uint32_t seed) {
+  void expectSameThrough(std::uint64_t count, std::uint32_t seed) {
     Events source(seed);
-    for (int number = 1; number <= count; ++number) {
+    for (std::uint64_t number = 1; number <= count; ++number) {
       happens(source.next());
       expectSame(number);
       if (HasFatalFailure())
@@ -358,7 +358,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, RescanProperty, ::testing::ValuesIn(runModes),
 TEST_P(RescanProperty, TriesWhatTheWalkWouldAddInTheSameOrder) {
   std::uint64_t tried = 0, walked = 0;
   Events source(testSeed());
-  for (int number = 1; number <= events; ++number) {
+  for (std::uint64_t number = 1; number <= events; ++number) {
     auto const event = source.next();
     auto const triedBefore = tries_.visits(), walkedBefore = walks_.visits();
     happens(event);
@@ -370,7 +370,7 @@ TEST_P(RescanProperty, TriesWhatTheWalkWouldAddInTheSameOrder) {
     if (HasFatalFailure())
       return;
   }
-  EXPECT_GT(walked, static_cast<std::uint64_t>(events / 2)) << "the oracle walks";
+  EXPECT_GT(walked, events / 2) << "the oracle walks";
   EXPECT_LT(tried, walked / 2) << "the short way is taken";
 }
 
@@ -387,7 +387,7 @@ TEST_P(RescanProperty, MayBeReleasedInAnyNotification) {
     return one.hostile();
   });
   Events source(testSeed() + 2);
-  for (int number = 1; number <= hostileEvents / 20; ++number) {
+  for (std::uint64_t number = 1; number <= hostileEvents / 20; ++number) {
     for (auto * side : {&walks_, &tries_})
       if (!side->machine())
         side->start();
@@ -404,7 +404,7 @@ TEST_P(RescanProperty, MayBeReleasedInAnyNotification) {
 TEST_P(RescanProperty, KeepsStoreAndTableInStepWhateverListenersChange) {
   listenersAnswer(3, [](Events & one) { return one.inputOfItsOwn(); });
   Events source(testSeed() + 5);
-  for (int number = 1; number <= hostileEvents / 20; ++number) {
+  for (std::uint64_t number = 1; number <= hostileEvents / 20; ++number) {
     happens(source.inputOfItsOwn());
     if (number % 50 == 0) // rows under an ifIndex that its tunnel has no more go, too
       happens([](Side & side) {

@@ -73,11 +73,11 @@ def examples(program, address):
     the page has 127.0.0.1:1161, as ./run starts it."""
     host, port = address.rsplit(":", 1)
     page = (MANAGERS / "README.md").read_text(encoding="utf-8")
-    found = [pair for session in re.findall(r"(?ms)^```\n(.*?)^```$", page)
+    pairs = [pair for session in re.findall(r"(?ms)^```\n(.*?)^```$", page)
              for pair in re.findall(r"(?m)^\$ (.*)\n((?:(?!\$ ).*\n)*)", session)]
     return [(command.replace("127.0.0.1:1161", address).replace("127.0.0.1 -p 1161", f"{host} -p {port}"),
              lines.replace("127.0.0.1:1161", address).strip("\n").splitlines())
-            for command, lines in found if pathlib.Path(command.split()[0]).name.startswith(program)]
+            for command, lines in pairs if pathlib.Path(command.split()[0]).name.startswith(program)]
 
 
 class ManagerTest(test_daemon.DaemonTest):

@@ -9,6 +9,7 @@ import shutil
 import subprocess
 import tempfile
 import time
+import unittest
 import urllib.request
 
 from manager_test import NOBODY, PATIENCE, found, free_port, libraries, unpacked
@@ -66,6 +67,7 @@ class ZabbixServer:
             os.chown(self.folder, NOBODY, NOBODY)
         os.chmod(self.folder, 0o755)
         try:
+            self._probe()
             self._start_database()
             self._start_server()
             self._start_frontend()
@@ -75,12 +77,9 @@ class ZabbixServer:
 
     def end(self):
         for child in reversed(self.children):
-            child.terminate()
-            try:
-                child.wait(PATIENCE)
-            except subprocess.TimeoutExpired:
-                child.kill()
-                child.wait()
+            child.stdin.close()
+            child.wait()
+            self._until(lambda group=child.pid: not _is_there(group), "the end of all programs")
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def log(self):
@@ -125,13 +124,14 @@ class ZabbixServer:
 
     # The programs
 
-    def _spawn(self, name, *command, **options):
+    def _spawn(self, name, ending, *command):
+        """Starts a program and a shell, which sends the program and its children the signal once we close
+        the shell's input, or die."""
         with open(self.folder / (name + ".out"), "wb") as log:
-            child = subprocess.Popen(
-                [*self.as_nobody, "setpriv", "--pdeathsig", "KILL", "--", *map(str, command)],
-                stdin=subprocess.DEVNULL, stdout=log, stderr=log,
-                env=options.pop("env", self.environment), cwd=self.folder, **options)
-        self.children.append(child)
+            self.children.append(subprocess.Popen(
+                ["setsid", *self.as_nobody, "sh", "-c", '"$@" & cat >/dev/null; kill -"$0" 0', ending,
+                 *map(str, command)],
+                stdin=subprocess.PIPE, stdout=log, stderr=log, env=self.environment, cwd=self.folder))
 
     def _run(self, *command, **options):
         done = subprocess.run([*self.as_nobody, *map(str, command)], capture_output=True, check=False,
@@ -151,12 +151,18 @@ class ZabbixServer:
     def found(self, pattern):
         return found(self.debian, pattern)
 
+    def _probe(self):
+        """PostgreSQL refuses to run as root; what it is run as instead may read less."""
+        binary = self.found("usr/lib/postgresql/15/bin/postgres")
+        if subprocess.run([*self.as_nobody, "test", "-x", binary], check=False).returncode != 0:
+            raise unittest.SkipTest(f"the user nobody may not run {binary}")
+
     def _start_database(self):
         binaries = self.found("usr/lib/postgresql/15/bin/postgres").parent
         data = self.folder / "data"
         self._run(binaries / "initdb", "-D", data, "-U", "zabbix", "-A", "trust", "-E", "UTF8",
                   "--locale=C.UTF-8", "--no-sync")
-        self._spawn("database", binaries / "postgres", "-D", data, "-k", self.folder, "-c",
+        self._spawn("database", "INT", binaries / "postgres", "-D", data, "-k", self.folder, "-c",
                     "listen_addresses=", "-c", "fsync=off")
         psql = binaries / "psql", "-q", "-h", self.folder, "-U", "zabbix", "-v", "ON_ERROR_STOP=1"
         self._until(lambda: subprocess.run(
@@ -171,7 +177,7 @@ class ZabbixServer:
     def _start_server(self):
         conf = self.folder / "server.conf"
         conf.write_text(SERVER_CONF.format(folder=self.folder, port=self.port), encoding="utf-8")
-        self._spawn("server", self.found("usr/sbin/zabbix_server*"), "-f", "-c", conf)
+        self._spawn("server", "KILL", self.found("usr/sbin/zabbix_server*"), "-f", "-c", conf)
 
     def _start_frontend(self):
         pages = self.folder / "pages"
@@ -184,7 +190,7 @@ class ZabbixServer:
             "'/etc/zabbix/zabbix.conf.php'", f"'{conf}'"), encoding="utf-8")
         extensions = [option for name in EXTENSIONS for option in
                       ("-d", f"extension={self.found(f'usr/lib/php/*/{name}.so')}")]
-        self._spawn("frontend", self.found("usr/bin/php8.2"), "-n", *extensions, "-d",
+        self._spawn("frontend", "KILL", self.found("usr/bin/php8.2"), "-n", *extensions, "-d",
                     "date.timezone=UTC", "-d", "memory_limit=256M", "-d", "max_execution_time=300",
                     "-S", f"127.0.0.1:{self.web_port}", "-t", pages)
         self._until(self._answers, "the frontend's start")
@@ -195,3 +201,12 @@ class ZabbixServer:
             return bool(self.call("apiinfo.version"))
         except OSError:
             return False
+
+
+def _is_there(group):
+    """Whether a process of the group is."""
+    try:
+        os.killpg(group, 0)
+        return True
+    except ProcessLookupError:
+        return False

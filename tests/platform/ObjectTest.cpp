@@ -336,6 +336,18 @@ TEST(Notification, ThatIsContainedTellsEverybodyAndReportsEachException) {
   EXPECT_EQ(Lumo::counter("zel-exceptions-contained"), contained + 6) << "without a reporter, too";
 }
 
+TEST(Exceptions, AreContainedAlsoWhereThereIsNoMemoryForWords) {
+  std::string told;
+  auto const before =
+      Zel::exceptionReporterIs([&](std::string_view where, std::exception const & what) {
+        told = std::string(where) + ": " + what.what();
+      });
+  Zel::contained([] { throw Zel::Exception("a fault"); },
+                 []() -> std::string { throw std::bad_alloc(); });
+  Zel::exceptionReporterIs(before);
+  EXPECT_EQ("(no memory): a fault", told);
+}
+
 TEST(Notification, ThatIsContainedIsSilentWhileNotificationIsOff) {
   auto const thing = Zel::makePtr<Thing>();
   int heard = 0;

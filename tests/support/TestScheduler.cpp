@@ -27,6 +27,11 @@ Kiln::Task * TestScheduler::takeNext(std::deque<Kiln::Task *> & equals) {
   return TaskScheduler::takeNext(equals);
 }
 
+std::uint64_t testEvents(std::uint64_t otherwise) {
+  auto const * given = std::getenv("TEST_EVENTS");
+  return given != nullptr ? std::stoull(given) : otherwise;
+}
+
 std::uint32_t testSeed() {
   static std::uint32_t const seed = [] {
     auto const * given = std::getenv("TEST_SEED");

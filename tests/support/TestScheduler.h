@@ -48,3 +48,5 @@ inline void PrintTo(RunMode const & mode, std::ostream * out) {
 /// The number that random choices begin with: TEST_SEED from the environment, else one drawn now.
 /// Printed on first use, so that a failure can be repeated.
 std::uint32_t testSeed();
+/// How many random events a test is to draw: TEST_EVENTS, where that is set.
+std::uint64_t testEvents(std::uint64_t otherwise);

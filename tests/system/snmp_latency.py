@@ -13,7 +13,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "agent"))
 
-import snmpv3  # pylint: disable=wrong-import-position
+import ber  # pylint: disable=wrong-import-position
 
 PERIOD = 0.002
 PATIENCE = 10
@@ -22,9 +22,9 @@ VERSION_2C = 1
 
 def main(address, name, seconds):
     host, port = address.rsplit(":", 1)
-    message = snmpv3.tlv(snmpv3.SEQUENCE, snmpv3.integer(VERSION_2C)
-                         + snmpv3.tlv(snmpv3.OCTETS, b"public")
-                         + snmpv3.pdu(snmpv3.GET, [name]))
+    message = ber.tlv(ber.SEQUENCE, ber.integer(VERSION_2C)
+                      + ber.tlv(ber.OCTETS, b"public")
+                      + ber.pdu(ber.GET, [name]))
     took = []
     print("begins", flush=True)
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as agent:
