@@ -319,7 +319,8 @@ nlohmann::ordered_json Agent::status() const {
            {"version", TUNNELSNMPD_VERSION},
            {"servedAt", servedAt_},
            {"enterprise", VELMORA_ENTERPRISE_NUMBER},
-           {"configuration", options_.configFile}};
+           {"configuration", options_.configFile},
+           {"guest", options_.isGuest}};
   if (auto const * master = snmp_ ? snmp_->agentx() : nullptr)
     out["agentx"] = masterStatus(*master);
   out["machines"] = std::move(machines);

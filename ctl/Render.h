@@ -5,6 +5,7 @@
 #include "ctl/Table.h"
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 
 namespace Ctl {
 

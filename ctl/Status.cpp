@@ -31,8 +31,8 @@ std::string masterText(Json const & master, std::chrono::system_clock::time_poin
       "state", Cell{since.empty() ? state : fmt::format("{} for {}", state, ageText(since, now))});
   if (master.contains("session"))
     pairs.emplace_back("session", Cell{fmt::format("number {}", master["session"].dump())});
-  if (master.contains("sessions"))
-    pairs.emplace_back("opened", Cell{fmt::format("{} times", master["sessions"].dump())});
+  if (auto const opened = master.value("sessions", 0U); opened != 0)
+    pairs.emplace_back("opened", Cell{opened == 1 ? "once" : fmt::format("{} times", opened)});
   if (auto const error = master.value("lastError", ""); !error.empty())
     pairs.emplace_back("last error", Cell{error});
   return layOutPairs(pairs);

@@ -21,9 +21,8 @@ Finding masterFinding(Facts const & facts) {
       facts.status.value("agentx", Json::object()).value("state", "") == "serving";
   if (facts.config->isMaster || isServing)
     return {.check = "configuration",
-            .what = facts.config->isMaster
-                        ? fmt::format("{} has \"master agentx\"", facts.configFile)
-                        : "the master was not made one by " + facts.configFile};
+            .what = fmt::format("{}{} \"master agentx\"", facts.configFile,
+                                facts.config->isMaster ? " has" : ": snmpd is a master without")};
   return {"configuration", Verdict::todo,
           fmt::format("{} has no \"master agentx\"", facts.configFile),
           "add the line \"master agentx\", and systemctl restart snmpd"};

@@ -4,6 +4,7 @@
 
 #include "ctl/doctor/SnmpdConfig.h"
 #include <cstdint>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -80,7 +81,8 @@ struct Facts {
   nlohmann::ordered_json tables = {};
 
   std::optional<MasterFacts> master = {}; ///< behind an AgentX master
-  /// Of snmpd, or stand-alone of the daemon itself; nothing when the daemon has its default.
+  bool isInsideSnmpd = false;             ///< the daemon is a module of snmpd
+  /// Of snmpd, or of a daemon that listens by itself; nothing when that has its default.
   std::optional<SnmpdConfig> config = {};
   std::string configFile = {};
   std::string askedAt = {};   ///< the address

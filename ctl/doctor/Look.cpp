@@ -137,7 +137,8 @@ void lookAtMaster(Facts & facts) {
 }
 
 void readConfiguration(Facts & facts, std::string const & ofSnmpd) {
-  facts.configFile = facts.master ? ofSnmpd : facts.status.value("configuration", "");
+  auto const isSnmpds = facts.master || facts.isInsideSnmpd;
+  facts.configFile = isSnmpds ? ofSnmpd : facts.status.value("configuration", "");
   if (!facts.configFile.empty())
     facts.config = readSnmpdConfig(facts.configFile, realConfigFiles());
 }
@@ -202,8 +203,8 @@ void lookForOwners(Facts & facts, Manager & manager) {
 }
 
 void askAsManager(Facts & facts, Arguments const & arguments) {
-  auto const listeners = facts.master
-                             ? (facts.config ? facts.config->listeners : std::vector<std::string>())
+  auto const listeners = facts.master || facts.isInsideSnmpd
+                             ? facts.config->listeners
                              : std::vector{facts.status.value("servedAt", "")};
   facts.askedAt = arguments.address.empty() ? addressFromHere(listeners) : arguments.address;
   auto const who = credentials(facts, arguments.snmpArguments);
@@ -242,6 +243,7 @@ Facts lookAround(Arguments const & arguments) {
   facts.mib.module = "VELMORA-TUNNEL-MIB";
   lookAtDaemon(facts);
   if (!facts.status.is_null()) {
+    facts.isInsideSnmpd = facts.status.value("guest", false);
     lookAtMaster(facts);
     readConfiguration(facts, arguments.snmpdConfig);
     chooseSubtrees(facts);

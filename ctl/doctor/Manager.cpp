@@ -64,7 +64,7 @@ Answer answerOf(snmp_pdu const * response) {
 } // namespace
 
 struct Manager::Session {
-  explicit Session(ArgumentList arguments) : arguments(std::move(arguments)) {}
+  explicit Session(ArgumentList given) : arguments(std::move(given)) {}
   ~Session() {
     if (opened != nullptr)
       snmp_close(opened);

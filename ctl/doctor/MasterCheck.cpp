@@ -37,7 +37,7 @@ Finding closedTo(PathPart const & part, Credentials const & who) {
           fmt::format("the daemon, user {}, may not {} {} (mode {:04o}, owner {}, group {})",
                       who.user, part.isSocket ? "connect to" : "go through", part.path,
                       part.mode & 07777U, part.owner, part.group),
-          "open it to the daemon's group in /etc/snmp/snmpd.conf: agentXPerms 0660 0750 root "
+          "open it to the daemon's group in /etc/snmp/snmpd.conf: agentXPerms 0660 0711 root "
           "_tunnelsnmpd; then systemctl restart snmpd"};
 }
 

@@ -1,6 +1,8 @@
 // Have tunnels become rows?
 #include "ctl/doctor/Checks.h"
+#include <algorithm>
 #include <fmt/format.h>
+#include <map>
 
 namespace Ctl::Doctor {
 
@@ -20,11 +22,28 @@ bool hasRows(Json const & tables) {
   return std::any_of(tables.begin(), tables.end(), [](Json const & rows) { return !rows.empty(); });
 }
 
-std::size_t remarkable(Json const & tunnels) {
-  return static_cast<std::size_t>(
-      std::count_if(tunnels.begin(), tunnels.end(), [](Json const & tunnel) {
-        return !tunnel.value("remarks", Json::array()).empty();
-      }));
+/// How many tunnels have remarks, and which: "2 of 15 tunnels: no IPsec profile (2)".
+std::string remarksOf(Json const & tunnels) {
+  constexpr std::size_t most = 4;
+  std::map<std::string, std::size_t> counts;
+  std::size_t remarkable = 0;
+  for (auto const & tunnel : tunnels) {
+    auto const remarks = tunnel.value("remarks", Json::array());
+    remarkable += remarks.empty() ? 0 : 1;
+    for (auto const & remark : remarks)
+      ++counts[remark.get<std::string>()];
+  }
+  std::vector<std::string> told;
+  for (auto const & [remark, count] : counts)
+    told.push_back(fmt::format("{} ({})", remark, count));
+  if (told.size() > most) {
+    told.resize(most);
+    told.emplace_back("...");
+  }
+  return remarkable == 0
+             ? ""
+             : fmt::format("{} of {} tunnels: {}; tunnelsnmpctl show tunnels says which",
+                           remarkable, tunnels.size(), fmt::join(told, "; "));
 }
 
 Finding rowsFinding(Facts const & facts) {
@@ -48,11 +67,8 @@ Findings checkRows(Facts const & facts) {
   if (facts.status.is_null())
     return {};
   Findings findings{rowsFinding(facts)};
-  if (auto const count = remarkable(facts.tunnels); count != 0 && hasRows(facts.tables))
-    findings.push_back({.check = "rows",
-                        .what = fmt::format("{} of {} tunnels lack a row or an IPsec connection; "
-                                            "tunnelsnmpctl show tunnels says which and why",
-                                            count, facts.tunnels.size())});
+  if (auto remarks = remarksOf(facts.tunnels); !remarks.empty() && hasRows(facts.tables))
+    findings.push_back({.check = "rows", .what = std::move(remarks)});
   return findings;
 }
 

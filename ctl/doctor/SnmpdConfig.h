@@ -3,6 +3,7 @@
 #pragma once
 
 #include "ctl/doctor/Oid.h"
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
