@@ -53,10 +53,13 @@ bool Patches::goOn(MayGoOn mayGoOn) {
       while (patch.step())
         if (!mayGoOn())
           return true;
-      *outcome = "";
     } catch (std::exception const & reason) {
       *outcome = reason.what();
+      patch.giveUp(); // to destroy a long one at once would take as long as to make it
+      continue;
     }
+    if (!*outcome)
+      *outcome = "";
     waiting_.pop_front();
   }
   return false;

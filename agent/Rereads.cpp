@@ -2,6 +2,7 @@
 #include "agent/Rereads.h"
 #include "agent/Report.h"
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace Agent {
@@ -43,12 +44,15 @@ std::shared_ptr<RereadOutcome const> Rereads::wish() {
 }
 
 void Rereads::begin() {
-  failures_ = readConfiguration_();
   try {
+    failures_ = readConfiguration_();
     for (auto const & source : sources_)
       source->reread();
     patienceEnds_ = loop_.after(patience, [this] { end(); });
     look();
+  } catch (std::bad_alloc const & shortage) {
+    reportEnd(shortage);
+    end();
   } catch (std::exception const & error) { // else nobody would ever end it
     failures_.emplace_back(error.what());
     end();
@@ -65,7 +69,11 @@ void Rereads::end() {
   nextLook_.reset();
   patienceEnds_.reset();
   auto failures = std::exchange(failures_, {});
-  std::ranges::move(sourceFailures(), std::back_inserter(failures));
+  try {
+    std::ranges::move(sourceFailures(), std::back_inserter(failures));
+  } catch (std::bad_alloc const &) {
+    // Those who wait are answered all the same.
+  }
   for (auto const & failure : failures)
     report(failure);
   *std::exchange(current_, std::exchange(next_, nullptr)) = std::move(failures);

@@ -38,6 +38,8 @@ public:
   /// False when all is done. Raises DocumentError, with nothing changed, when the operation is
   /// unusable; the run is over then. Notifiees may not call it.
   bool step();
+  /// Of a run that is over because step() has raised: the steps that follow only give back.
+  void giveUp() noexcept;
 
 private:
   struct State;

@@ -231,8 +231,9 @@ void VarBindList::append(VarBind const & varBind) {
     snmp_varlist_add_variable(end_, name.data(), name.size(), static_cast<u_char>(varBind.type),
                               octets, size);
   });
-  if (*end_ != nullptr)
-    end_ = &(*end_)->next_variable;
+  if (*end_ == nullptr)
+    throw std::bad_alloc();
+  end_ = &(*end_)->next_variable;
 }
 
 decltype(VarBind::value) toValue(netsnmp_variable_list const & from) {

@@ -187,13 +187,21 @@ void Requests::Walk::take(SearchRange const & range, std::optional<VarBind> & fo
     found = std::move(answer);
 }
 
+// A value is moved, never copied: when there is no memory for the copy of a string in a variant,
+// libstdc++ 12 destroys what is not there. An end of a range has none, and comes in each round
+// again.
 void Requests::Walk::endRound() {
   auto isOver = true;
   for (auto i = first_; i != end_; ++i) {
-    response_.varBinds.push_back(*found_[i]);
-    ranges_[i].start = found_[i]->name;
+    auto & found = *found_[i];
+    auto const isEnd = isMissing(found.type);
+    ranges_[i].start = found.name;
     ranges_[i].includesStart = false;
-    isOver = isOver && (i < nonRepeaters_ || isMissing(found_[i]->type));
+    isOver = isOver && (i < nonRepeaters_ || isEnd);
+    if (isEnd)
+      response_.varBinds.push_back({found.name, found.type, {}});
+    else
+      response_.varBinds.push_back(std::move(found));
   }
   if (roundsLeft_ > 1 && !isOver && response_.varBinds.size() < mostBulkAnswers) {
     --roundsLeft_;

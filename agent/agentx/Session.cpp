@@ -1,6 +1,7 @@
 // The session's life in the order of its states, then what arrives, then what is sent.
 #include "agent/agentx/Session.h"
 #include "agent/Report.h"
+#include "platform/zel/Exceptions.h"
 #include <algorithm>
 #include <cstring>
 #include <fmt/format.h>
@@ -83,6 +84,7 @@ void Session::removeRegion(Region const & region) {
 }
 
 void Session::start() {
+  lastResort_ = loop_.every(lastResortPeriod, [this] { tryWhenStuck(); });
   pause_ = shortestPause;
   connect();
 }
@@ -97,16 +99,15 @@ void Session::close() {
     }
   }
   disconnect();
+  lastResort_.reset();
   stateIs(State::closed);
 }
 
 void Session::answer(Header const & request, Response response) {
   if (!isOpen())
     return;
-  if (!stream_->put(request, response)) {
-    response = {.error = Error::generic, .varBinds = {}};
-    (void)stream_->put(request, response); // this one is small
-  }
+  if (!stream_->put(request, std::move(response)))
+    (void)stream_->put(request, Response{.error = Error::generic, .varBinds = {}}); // it is small
   if (!inTurn_)
     send();
 }
@@ -123,7 +124,9 @@ void Session::connect() {
 }
 
 void Session::failToConnect(std::string_view reason) {
-  lose(fmt::format("Failed to connect to the agentx master at {}: {}", address(), reason));
+  lose([&] {
+    return fmt::format("Failed to connect to the agentx master at {}: {}", address(), reason);
+  });
 }
 
 void Session::connected() {
@@ -261,15 +264,25 @@ void Session::tryRefusedLater() {
     return;
   refusalTimer_ = loop_.after(refusalPause_, [this] {
     refusalTimer_.reset();
-    for (auto & one : status_.regions)
-      if (one.state == RegionStatus::State::refused)
-        one.state = RegionStatus::State::unasked;
-    guarded([this] {
-      registerRegions();
-      send();
-    });
+    tryRefused();
   });
   refusalPause_ = std::min(2 * refusalPause_, longestRefusalPause);
+}
+
+void Session::tryRefused() {
+  for (auto & one : status_.regions)
+    if (one.state == RegionStatus::State::refused)
+      one.state = RegionStatus::State::unasked;
+  guarded([this] {
+    registerRegions();
+    send();
+  });
+}
+
+bool Session::hasRefused() const {
+  return std::ranges::any_of(status_.regions, [](RegionStatus const & one) {
+    return one.state == RegionStatus::State::refused;
+  });
 }
 
 void Session::lookAtRegions() {
@@ -333,7 +346,7 @@ void Session::guarded(Call call) {
   try {
     call();
   } catch (std::exception const & error) {
-    lose(fmt::format("the AgentX master at {}: {}", address(), error.what()));
+    lose([&] { return fmt::format("the AgentX master at {}: {}", address(), error.what()); });
   }
 }
 
@@ -343,16 +356,30 @@ void Session::hangUp(CloseReason reason, std::string_view why) {
     guarded([this] { stream_->flush(); });
   }
   if (stream_)
-    lose(fmt::format("the AgentX master at {}: {}", address(), why));
+    lose([&] { return fmt::format("the AgentX master at {}: {}", address(), why); });
 }
 
-void Session::lose(std::string text) {
+// Works without memory, too: nobody else would try again.
+template <class Words>
+void Session::lose(Words words) {
   sessionsLost.inc();
+  auto text = Zel::wordsOf(words);
   disconnect();
   stateIs(State::waiting);
-  complain(std::move(text));
-  timer_ = loop_.after(pause_, [this] { connect(); });
-  pause_ = std::min(2 * pause_, longestPause);
+  try {
+    timer_ = loop_.after(pause_, [this] { connect(); });
+    pause_ = std::min(2 * pause_, longestPause);
+    complain(std::move(text));
+  } catch (std::exception const &) {
+    isStuck_ = !timer_;
+  }
+}
+
+void Session::tryWhenStuck() {
+  if (std::exchange(isStuck_, false) && status_.state == State::waiting && !timer_)
+    connect();
+  if (isOpen() && !refusalTimer_ && hasRefused())
+    tryRefused();
 }
 
 void Session::disconnect() {

@@ -41,6 +41,8 @@ inline constexpr std::chrono::milliseconds longestPause{500};
 /// The same for registrations that were refused. A master may write a line about each.
 inline constexpr std::chrono::milliseconds shortestRefusalPause{100};
 inline constexpr std::chrono::milliseconds longestRefusalPause{60000};
+/// When there was no memory for the timer of a try.
+inline constexpr std::chrono::milliseconds lastResortPeriod{2000};
 inline constexpr std::chrono::milliseconds connectPatience{3000};
 /// For the answer to an Open, a registration or a ping: a master may be busy, or stopped for a
 /// while.
@@ -76,7 +78,8 @@ public:
   /// Nothing happens when there is no such region.
   void removeRegion(Region const & region);
 
-  /// Tries to connect from now on. Requires: closed.
+  /// Tries to connect from now on, whether there is memory or not. Requires: closed. Raises
+  /// std::bad_alloc when there is none at first.
   void start();
   /// Says farewell, if that can be sent at once, and hangs up.
   void close();
@@ -112,6 +115,8 @@ private:
   void registerRegions();
   void registered(Region const & region, Error error);
   void tryRefusedLater();
+  void tryRefused();
+  bool hasRefused() const;
   void lookAtRegions();
   void ping();
 
@@ -122,7 +127,9 @@ private:
   void guarded(Call call);
 
   void hangUp(CloseReason reason, std::string_view why);
-  void lose(std::string text);
+  template <class Words>
+  void lose(Words words);
+  void tryWhenStuck();
   void disconnect();
   void stateIs(State state);
   void complain(std::string text);
@@ -147,6 +154,9 @@ private:
   Os::Loop::Handle timer_;    // of the state: the next try, the end of connecting, the next ping
   std::chrono::milliseconds pause_ = shortestPause;
   Os::Loop::Handle refusalTimer_;
+  // Made at the start, for when there is no memory for a timer.
+  Os::Loop::Handle lastResort_;
+  bool isStuck_ = false;
   std::chrono::milliseconds refusalPause_ = shortestRefusalPause;
 };
 

@@ -10,6 +10,7 @@
 #include "agent/Report.h"
 #include "agent/agentx/Subagent.h"
 #include <array>
+#include <new>
 
 namespace Agent::AgentX {
 
@@ -47,6 +48,12 @@ Subagent::~Subagent() {
     snmp_unregister_callback(SNMP_CALLBACK_APPLICATION, change, &Subagent::changedHere, this, 1);
 }
 
+void Subagent::start() {
+  if (hasUnheard_)
+    throw std::bad_alloc();
+  session_.start();
+}
+
 // What nobody was asked about leaves nothing to look after.
 void Subagent::turnEnded() {
   if (agent_.wasAsked() || agent_.pending() != 0)
@@ -63,13 +70,21 @@ void Subagent::changed(int what, register_parameters const & parameters) {
     session_.removeRegion(region);
 }
 
+// Before the start, the start tells.
+void Subagent::unheard(std::exception const & reason) {
+  if (status().state != SessionStatus::State::closed)
+    return reportFailure(regionsUnheard, "at a change of what is registered", reason);
+  regionsUnheard.inc();
+  hasUnheard_ = true;
+}
+
 // Called from C: nothing may be raised.
 int Subagent::changedHere(int, int what, void * parameters, void * self) {
+  auto & subagent = *static_cast<Subagent *>(self);
   try {
-    static_cast<Subagent *>(self)->changed(what,
-                                           *static_cast<register_parameters const *>(parameters));
+    subagent.changed(what, *static_cast<register_parameters const *>(parameters));
   } catch (std::exception const & error) {
-    reportFailure(regionsUnheard, "at a change of what is registered", error);
+    subagent.unheard(error);
   }
   return SNMP_ERR_NOERROR;
 }

@@ -9,6 +9,7 @@
 #include "agent/agentx/LocalAgent.h"
 #include "agent/agentx/Requests.h"
 #include "agent/agentx/Session.h"
+#include <exception>
 #include <functional>
 
 struct register_parameters;
@@ -25,8 +26,9 @@ public:
   Subagent & operator=(Subagent const &) = delete;
   ~Subagent() override;
 
-  /// Seeks the master from now on.
-  void start() { session_.start(); }
+  /// Seeks the master from now on. Raises std::bad_alloc when there was no memory for a region that
+  /// was registered until now: it would not be served.
+  void start();
   /// Leaves the master, at once.
   void close() { session_.close(); }
   /// Passes on what handlers that delegate have answered since.
@@ -39,11 +41,13 @@ private:
   void turnEnded() override;
   void sessionLost() override { requests_.forget(); }
   void changed(int what, register_parameters const & parameters);
+  void unheard(std::exception const & reason);
   static int changedHere(int, int what, void * parameters, void * self);
 
   std::function<void()> const served_;
   LocalAgent agent_;
   Requests requests_;
+  bool hasUnheard_ = false;
   Session session_; // last: it takes its leave while the others are still there
 };
 

@@ -63,6 +63,7 @@ private:
   void readingIsOver();
   void reject(std::exception const & reason);
   void giveUp(std::string_view error);
+  void tryWhenStuck();
   void readAgainIfWished();
   void watch();
 
@@ -75,6 +76,8 @@ private:
   Zel::Ptr<Run> const run_;
   std::unique_ptr<FolderWatch> watch_;
   Os::Loop::Handle retry_;
+  Os::Loop::Handle const lastResort_; // made at the start: for when there is no memory for retry_
+  bool isStuck_ = false;
   bool isReading_ = false;                     // until what was read is published
   bool readAgain_ = false;                     // when that is done
   std::optional<Clock::time_point> startEnds_; // while the start waits
@@ -96,7 +99,8 @@ JsonSource::JsonSource(std::string path, Surroundings const & surroundings,
       publisher_(surroundings.publishers),
       task_(Zel::makePtr<Kiln::Task>(Kiln::TaskSchedulerRoot::findOrCreateScheduler(),
                                      readingPriority, name())),
-      run_(Zel::makePtr<Run>(*this, &JsonSource::run, task_.get())) {}
+      run_(Zel::makePtr<Run>(*this, &JsonSource::run, task_.get())),
+      lastResort_(loop_.every(jsonRetryPeriod, [this] { tryWhenStuck(); })) {}
 
 // As far as it can be read while somebody waits: then the machines find all of it.
 void JsonSource::start() {
@@ -208,10 +212,16 @@ void JsonSource::reject(std::exception const & reason) {
                             : fmt::format("{}: cannot be read: {}", path_, reasonOf(reason)));
     if (!isOfTheText)
       retry_ = loop_.after(jsonRetryPeriod, [this] { reread(); });
-  } catch (std::bad_alloc const & shortage) {
+  } catch (std::exception const & shortage) {
     giveUp(reasonOf(shortage));
+    isStuck_ = !isOfTheText;
   }
   readAgainIfWished();
+}
+
+void JsonSource::tryWhenStuck() {
+  if (std::exchange(isStuck_, false) && !isReading_ && !retry_)
+    reread();
 }
 
 void JsonSource::giveUp(std::string_view error) {

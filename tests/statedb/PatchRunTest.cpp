@@ -88,6 +88,9 @@ TEST_F(PatchRuns, RefuseWithNothingChangedWhateverWasChecked) {
     EXPECT_THAT(error.what(), HasSubstr("the test failed"));
   }
   EXPECT_EQ(0u, size());
+  run.giveUp();
+  EXPECT_EQ(11u, finish(run)) << "given back operation by operation";
+  EXPECT_EQ(0u, size());
   EXPECT_THROW(document_.begin(json::object()), DocumentError);
 }
 

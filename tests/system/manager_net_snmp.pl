@@ -3,11 +3,15 @@
 # usage: manager_net_snmp.pl PORT next ROOT        a walk by GETNEXT
 #        manager_net_snmp.pl PORT bulk N ROOT      a walk by GETBULK of N repetitions
 #        manager_net_snmp.pl PORT get OID...       one GET for all
+#        manager_net_snmp.pl PORT walks COUNT N ROOT...
+#            so many walks, of each root in turn, by GETBULK of N repetitions: before each a line
+#            "walk BEGIN ROOT", behind it "end END", in seconds of CLOCK_MONOTONIC
 #
 # A line is "OID INTEGER NUMBER" or "OID OCTETS HEX" (HEX may be empty).
 use strict;
 use warnings;
 use Net::SNMP qw(:asn1 oid_base_match);
+use Time::HiRes qw(clock_gettime CLOCK_MONOTONIC);
 
 my ($port, $command, @arguments) = @ARGV;
 my ($session, $error) = Net::SNMP->session(
@@ -42,7 +46,19 @@ sub walk {
   }
 }
 
-if ($command eq 'next') {
+sub walks {
+  my ($count, $repetitions, @roots) = @_;
+  for my $number (0 .. $count - 1) {
+    my $root = $roots[$number % @roots];
+    printf "walk %.6f %s\n", clock_gettime(CLOCK_MONOTONIC), $root;
+    walk($root, 'get_bulk_request', -maxrepetitions => $repetitions);
+    printf "end %.6f\n", clock_gettime(CLOCK_MONOTONIC);
+  }
+}
+
+if ($command eq 'walks') {
+  walks(@arguments);
+} elsif ($command eq 'next') {
   walk($arguments[0], 'get_next_request');
 } elsif ($command eq 'bulk') {
   walk($arguments[1], 'get_bulk_request', -maxrepetitions => $arguments[0]);

@@ -2,6 +2,7 @@
 // each of the session's states.
 #include "platform/Lumo.h"
 #include "tests/agent/agentx/SessionFixture.h"
+#include "tests/support/FailingMemory.h"
 
 namespace Agent::AgentX {
 
@@ -22,6 +23,21 @@ TEST_F(AgentXSession, LeavesAMasterThatDoesNotOpenTheSession) {
   pass(milliseconds(10));
   EXPECT_THAT(lastError(), HasSubstr("it does not answer"));
   EXPECT_TRUE(master->hasEnded());
+  comeBack();
+}
+
+TEST_F(AgentXSession, TriesAgainThoughThereWasNoMemoryForATimer) {
+  session.start();
+  turn();
+  ASSERT_TRUE(master->accept());
+  expect<Open>();
+  {
+    FailingMemory const none(0, FailingMemory::Fails::always);
+    loop.advance(exchangePatience);
+  }
+  EXPECT_TRUE(FailingMemory::hasFailed());
+  EXPECT_EQ(State::waiting, state());
+  pass(lastResortPeriod);
   comeBack();
 }
 

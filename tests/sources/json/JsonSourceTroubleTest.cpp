@@ -282,11 +282,14 @@ TEST_F(JsonSourceWithoutMemory, GivesAReadingUpAndTriesAgainByItself) {
   EXPECT_EQ(source->status().state, State::inSync);
 }
 
-TEST_F(JsonSourceWithoutMemory, GivesAReadingUpWhileThereIsNone) {
+TEST_F(JsonSourceWithoutMemory, GivesAReadingUpWhileThereIsNoneAndTriesAgainWhenThereIs) {
   prepare();
   for (long before = 0; readFails(before, FailingMemory::Fails::always); ++before) {
     SCOPED_TRACE(fmt::format("from allocation {} on", before));
     expectLastGoodState();
+    loop.advance(Sources::jsonRetryPeriod); // there was no memory for a timer either
+    scheduler->runUntilQuiet();
+    expectAll(2);
     if (HasFailure())
       return;
     beginAnew();
