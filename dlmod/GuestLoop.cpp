@@ -80,10 +80,11 @@ void GuestLoop::turn() {
   }
 }
 
-/// True if and only if there is more to do at once.
+/// True if and only if there is more to do at once. The work comes last: events schedule tasks, of
+/// which nothing else would tell.
 bool GuestLoop::takeTurn() {
-  auto const more = work_();
   event_base_loop(loop_.base(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+  auto const more = work_();
   return more || event_base_get_num_events(loop_.base(), EVENT_BASE_COUNT_ACTIVE) != 0;
 }
 

@@ -21,8 +21,8 @@ namespace Dlmod {
 /// and becomes another process: what is waited for goes along.
 class GuestLoop {
 public:
-  /// From now on `work` is called in each turn, as EventLoop::run() calls it; the first turn comes
-  /// when snmpd's loop runs. An exception out of it is reported and counted
+  /// From now on `work` is called in each turn, behind its events, as EventLoop::run() calls it;
+  /// the first turn comes when snmpd's loop runs. An exception out of it is reported and counted
   /// ("dlmod-turn-exceptions"), and the turns go on. Raises std::runtime_error, one line, when the
   /// system or snmpd has no descriptor left.
   explicit GuestLoop(std::function<bool()> work);

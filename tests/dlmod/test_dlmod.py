@@ -123,13 +123,20 @@ class Serving(InSnmpd):
         text = self.snmp("snmpset", [cell, "i", "7"], WRITE, check=False)[1]
         self.assertIn("notWritable", text)
 
-    def test_shows_a_source_that_changes(self):
+    def test_shows_each_change_of_a_source(self):
+        """Nothing else happens meanwhile that the module would be called for."""
         self.start_ready()
-        del self.document["tunnelIntfStatusDir"]["intfStatus"]["50331649"]
-        self.write("new.json", json.dumps(self.document))
-        os.replace(self.path("new.json"), self.source)
-        self.wait_until(lambda: "No Such" in self.snmp(
-            "snmpget", [f"{TUNNEL_IF_TABLE}.1.4.2001"])[0][f"{TUNNEL_IF_TABLE}.1.4.2001"])
+        cell = f"{TUNNEL_IF_TABLE}.1.4.2001"
+        statuses = self.document["tunnelIntfStatusDir"]["intfStatus"]
+        status = statuses.pop("50331649")
+        for _ in range(5):
+            for there in (False, True):
+                statuses.update({"50331649": status} if there else {})
+                self.write("new.json", json.dumps(self.document))
+                os.replace(self.path("new.json"), self.source)
+                self.wait_until(lambda: there == (
+                    "No Such" not in self.snmp("snmpget", [cell])[0][cell]))
+                statuses.pop("50331649", None)
 
     def test_answers_the_tool(self):
         self.start_ready()
@@ -248,6 +255,7 @@ class LoadingAgain(InSnmpd):
 
     def test_hup_in_the_middle_of_the_start(self):
         snmpd = self.start_snmpd()
+        self.assertTrue(self.is_answering())  # before that snmpd itself may not heed it
         for _ in range(5):
             self.hang_up(snmpd)
         self.wait_ready()
