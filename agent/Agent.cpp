@@ -337,6 +337,7 @@ nlohmann::ordered_json Agent::status() const {
 
 std::vector<SourceConnections> Agent::connections() const {
   std::vector<SourceConnections> all;
+  all.reserve(sources_.size());
   for (auto const & source : sources_)
     all.push_back({source->name(), source->connections()});
   return all;
