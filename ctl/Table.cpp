@@ -32,6 +32,7 @@ std::size_t widthOf(std::string_view text) {
 
 std::vector<Column> columnsOf(Table const & table) {
   std::vector<Column> columns;
+  columns.reserve(table.headings.size());
   for (auto const & name : table.headings)
     columns.push_back({.heading = name, .width = widthOf(name), .isNumbers = true});
   for (auto const & row : table.rows)
@@ -63,7 +64,7 @@ void fit(std::vector<Column> & columns, std::size_t least) {
   }
 }
 
-std::string padded(std::string text, Column const & column) {
+std::string padded(std::string const & text, Column const & column) {
   std::string const blanks(column.width - std::min(column.width, widthOf(text)), ' ');
   return column.isNumbers ? blanks + text : text + blanks;
 }
@@ -112,6 +113,7 @@ std::string layOut(Table const & table, bool hasColours) {
   for (auto const least : narrowest)
     fit(columns, least);
   std::vector<Cell> headings;
+  headings.reserve(table.headings.size());
   for (auto const & name : table.headings)
     headings.push_back({name, Tone::heading});
   auto out = lineOf(headings, columns, hasColours);

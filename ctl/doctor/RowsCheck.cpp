@@ -34,6 +34,7 @@ std::string remarksOf(Json const & tunnels) {
       ++counts[remark.get<std::string>()];
   }
   std::vector<std::string> told;
+  told.reserve(counts.size());
   for (auto const & [remark, count] : counts)
     told.push_back(fmt::format("{} ({})", remark, count));
   if (told.size() > most) {
