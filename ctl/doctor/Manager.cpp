@@ -82,6 +82,8 @@ Manager::Manager(std::vector<std::string> const & arguments, std::string const &
   snmp_session wanted{};
   auto const used = netsnmp_parse_args(session_->arguments.count(), session_->arguments.list(),
                                        &wanted, "", nullptr, NETSNMP_PARSE_ARGS_NOLOGGING);
+  // The library's own copy, which it leaves to us; the session gets another.
+  std::unique_ptr<unsigned char, decltype(&std::free)> const community(wanted.community, std::free);
   if (used < 0)
     throw std::invalid_argument("what stands behind -- is not what snmpget takes before the host");
   session_->opened = snmp_open(&wanted);
